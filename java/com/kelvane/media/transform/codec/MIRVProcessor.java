@@ -1,0 +1,156 @@
+package com.kelvane.media.transform.codec;
+
+import com.kelvane.media.NativeLibrary;
+
+/**
+ * The multi-rendition transcoder: decodes one H.264 stream once and encodes every picture again into a fixed number of
+ * renditions, each with its own size, frame rate, bit rate and encoder settings.
+ *
+ * <p>{@code open} fixes the number of renditions, {@code apply} configures them one setting at a time, {@code start}
+ * opens their encoders, {@code write} takes one access unit after the other, {@code close} ends everything. Results are
+ * delivered during {@code write} to a listener, any object with the instance method
+ * <pre>{@code
+ * void receiveVideo(int index, int timestamp, java.nio.ByteBuffer data)
+ * }</pre>
+ *
+ * <p>A transcoder with two renditions:
+ * <pre>{@code
+ * class Renditions {
+ *     void receiveVideo(int index, int timestamp, ByteBuffer data) {
+ *         if (data != null) {
+ *             byte[] accessUnit = new byte[data.remaining()];
+ *             data.get(accessUnit);                  // the buffer dies with this callback
+ *             send(index, Integer.toUnsignedLong(timestamp), accessUnit);
+ *         }
+ *     }
+ * }
+ *
+ * long transcoder = MIRVProcessor.open(2);
+ * MIRVProcessor.apply(1, "videoWidth", "1280", transcoder);
+ * MIRVProcessor.apply(1, "videoHeight", "720", transcoder);
+ * MIRVProcessor.apply(1, "videoBR", "2500000", transcoder);
+ * MIRVProcessor.apply(1, "videoFPS", "30", transcoder);
+ * MIRVProcessor.apply(2, "videoWidth", "640", transcoder);
+ * MIRVProcessor.apply(2, "videoHeight", "360", transcoder);
+ * MIRVProcessor.apply(2, "videoBR", "800000", transcoder);
+ * MIRVProcessor.apply(2, "videoFPS", "30", transcoder);
+ * MIRVProcessor.start(transcoder);
+ * Renditions renditions = new Renditions();
+ * MIRVProcessor.write(renditions, milliseconds, accessUnit, transcoder);      // for every access unit
+ * MIRVProcessor.close(transcoder);
+ * }</pre>
+ *
+ * <h2>The callback</h2>
+ *
+ * <p>Every {@code write} that gets as far as decoding calls {@code receiveVideo} once for each rendition, on the
+ * calling thread, in the order in which the renditions were first configured:
+ * <ul>
+ * <li>{@code index}: the rendition's id, 0 for one that was never configured;
+ * <li>{@code timestamp}: the low 32 bits of the timestamp given to this {@code write}. In a stream that reorders
+ *     pictures, the picture in {@code data} may belong to an earlier one;
+ * <li>{@code data}: a direct buffer from 0 to its capacity over the rendition's access unit; null when there is none,
+ *     because no picture was decoded, the encoder skipped it or the rendition failed.
+ * </ul>
+ *
+ * <p><strong>The buffer does not own its memory.</strong> The encoder releases it at the rendition's next picture and
+ * at {@code close}; reading the buffer after that may crash the virtual machine. A listener copies what it keeps before
+ * it returns, and hands the buffer to nobody. It must not call this class with the handle it is being called for.
+ *
+ * <p>The method is looked up by its name and signature, whatever its visibility, on the class of the first listener,
+ * and kept: every later listener of the same handle must be an instance of that class. Without such a method no
+ * callback is made, and the look-up is repeated. An exception thrown by the listener does not stop the call: the
+ * remaining renditions are still delivered, and the first exception is thrown by {@code write} when it is done.
+ *
+ * <h2>Settings</h2>
+ *
+ * <table class="striped">
+ * <caption>Keys of {@code apply}, case-sensitive; every setting begins as 0</caption>
+ * <thead>
+ * <tr><th scope="col">Key<th scope="col">Unit<th scope="col">Values
+ * </thead>
+ * <tbody>
+ * <tr><th scope="row">{@code videoWidth}<td>pixels<td>even, 16 or more; when it or the height is 0, the rendition takes
+ *     both from its first picture
+ * <tr><th scope="row">{@code videoHeight}<td>pixels<td>as the width
+ * <tr><th scope="row">{@code videoBR}<td>bits per second<td>above 0; target and maximum
+ * <tr><th scope="row">{@code videoFPS}<td>pictures per second<td>1 to 60, any other value counts as 30; guides rate
+ *     control and the default key-frame period, no picture is dropped or repeated
+ * <tr><th scope="row">{@code videoKey}<td>pictures<td>key-frame period, 1 to 480; 0 counts as 4, any other value as 8
+ *     seconds of pictures
+ * <tr><th scope="row">{@code videoEncMode}<td>none<td>rate control: 0 by bit rate, any other value by quality
+ * <tr><th scope="row">{@code videoBRMax}<td>bits per second<td>kept, without effect
+ * <tr><th scope="row">{@code videoQPMax}<td>quantiser<td>largest, 1 to 51; 0 for the encoder's default
+ * <tr><th scope="row">{@code videoQPMin}<td>quantiser<td>smallest, 1 to 51; 0 for the encoder's default
+ * <tr><th scope="row">{@code videoEncProfile}<td>none<td>entropy coding: 0 CAVLC, 1 CABAC
+ * <tr><th scope="row">{@code debug}<td>none<td>any value but 0 turns on the encoder's diagnostic lines
+ * </tbody>
+ * </table>
+ *
+ * <p>Settings reach a rendition until its encoder is opened: by {@code start} when it has a width and a height,
+ * otherwise at its next picture. A rendition whose encoder refuses its settings stays open and delivers null.
+ *
+ * <p>Handles, threads and where the OpenH264 library must lie: see the
+ * {@linkplain com.kelvane.media.transform.codec package}.
+ */
+public final class MIRVProcessor {
+    static {
+        NativeLibrary.load();
+    }
+
+    private MIRVProcessor() {
+    }
+
+    /**
+     * Makes a transcoder with its decoder and its renditions, all still without settings. A rendition that is never
+     * configured takes part all the same, at the size of the input.
+     *
+     * @param outputs number of renditions, 0 to 65536
+     * @return the handle; 0 for any other number or when there is no memory
+     */
+    public static native long open(int outputs);
+
+    /**
+     * Gives one setting of one rendition. The first use of an id claims the next free rendition for it, whatever the
+     * key; an id for which none is left is refused with a line on standard output.
+     *
+     * @param index the rendition's id, any number but 0; it comes back in {@code receiveVideo}
+     * @param key a key of the table above; any other changes no setting
+     * @param value a decimal integer as text; text that is not a number gives 0
+     * @param handle the transcoder, or 0
+     * @return 0 in every case, a handle of 0 and a null string among them
+     */
+    public static native int apply(int index, String key, String value, long handle);
+
+    /**
+     * Opens the encoder of every rendition that has a width and a height. To be called once, after the settings;
+     * without it, encoders open at the first picture.
+     *
+     * @param handle the transcoder, or 0
+     * @return 1 in every case
+     */
+    public static native int start(long handle);
+
+    /**
+     * Decodes one access unit, encodes the picture that comes out into every rendition and calls the listener once for
+     * each.
+     *
+     * @param listener receives the access units, see above; null decodes without any callback
+     * @param timestamp time of the access unit in milliseconds, unsigned; its low 32 bits are used
+     * @param data one access unit, beginning with 00 00 00 01
+     * @param handle the transcoder, or 0
+     * @return 1 when a picture was decoded; 0 when there was none, the callbacks then carrying null; -1 when
+     *         {@code data} is shorter than 4 bytes or does not begin with 00 00 00 01, the callbacks then carrying
+     *         null; 0 without any callback for a null or empty {@code data}, for a handle of 0 or when there is no
+     *         memory
+     */
+    public static native int write(Object listener, long timestamp, byte[] data, long handle);
+
+    /**
+     * Frees the transcoder with its decoder and its renditions. The handle is dead afterwards, and so is every buffer
+     * that a listener was given.
+     *
+     * @param handle the transcoder, or 0 for no effect
+     * @return 0 in every case
+     */
+    public static native int close(long handle);
+}

@@ -1,0 +1,68 @@
+package com.kelvane.media.transform.codec;
+
+import com.kelvane.media.NativeLibrary;
+
+/**
+ * Encodes packed I420 pictures to H.264 access units through FFmpeg's OpenH264 encoder: low delay, no B-frames, a key
+ * frame every two seconds of pictures.
+ *
+ * <p>{@code open}, {@code encode} once for each picture, {@code close}. The access unit comes back in the array that
+ * held the picture:
+ * <pre>{@code
+ * byte[] info = new byte[7];
+ * byte[] data = new byte[640 * 480 * 12 / 8];
+ * long encoder = OpenH264Encoder.open(640, 480, 30, 1000000, 0);
+ * nextPicture(data);
+ * if (OpenH264Encoder.encode(data, info, encoder) == 1) {
+ *     send(data, ByteBuffer.wrap(info).getInt(1));
+ * }
+ * OpenH264Encoder.close(encoder);
+ * }</pre>
+ *
+ * <p>Handles, threads, arrays and exceptions: see the {@linkplain com.kelvane.media.transform.codec package}.
+ */
+public final class OpenH264Encoder {
+    static {
+        NativeLibrary.load();
+    }
+
+    private OpenH264Encoder() {
+    }
+
+    /**
+     * Makes an encoder. Another size or rate needs another encoder.
+     *
+     * @param width picture width in pixels, 16 or more
+     * @param height picture height in pixels, 16 or more
+     * @param frameRate pictures per second, 1 to 30; less counts as 15, more as 30
+     * @param bitRate target in bits per second; less than 256000 counts as 256000
+     * @param reserved ignored
+     * @return the handle; 0 when FFmpeg has no OpenH264 encoder; -1 when there is no memory. An encoder that does not
+     *         open, because of its size for instance, has a handle too: its {@code encode} always returns 0
+     */
+    public static native long open(int width, int height, int frameRate, int bitRate, int reserved);
+
+    /**
+     * Encodes one picture and writes its access unit over it.
+     *
+     * @param data a packed I420 picture of the encoder's size, at least
+     *        {@code width * height + 2 * (width / 2) * (height / 2)} bytes; after a result of 1 it begins with the
+     *        access unit, and the bytes behind that are unchanged
+     * @param info 7 bytes or more; after a result of 1 it holds 1 (whether or not the picture is a key frame), the
+     *        bytes of the access unit (4 bytes), 1, 0
+     * @param handle the encoder, or 0
+     * @return 1 when {@code data} begins with an access unit; 0 when the picture yielded none, when {@code data} is
+     *         shorter than the picture or than the access unit (which is then lost), for a handle of 0 or for a null
+     *         array
+     * @throws ArrayIndexOutOfBoundsException if {@code info} is shorter than 7 bytes; {@code data} then holds the
+     *         access unit
+     */
+    public static native int encode(byte[] data, byte[] info, long handle);
+
+    /**
+     * Frees the encoder. The handle is dead afterwards.
+     *
+     * @param handle the encoder, or 0 for no effect
+     */
+    public static native void close(long handle);
+}

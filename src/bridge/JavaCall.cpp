@@ -1,0 +1,34 @@
+#include "bridge/JavaCall.h"
+
+#include <cstring>
+
+JavaCall::~JavaCall() {
+    if (deferred) env->Throw(deferred);
+}
+
+ArrayCopy JavaCall::copyIn(jbyteArray array, size_t padding) const {
+    ArrayCopy copy;
+    copy.size = env->GetArrayLength(array);
+    const auto length = static_cast<size_t>(copy.size);
+    copy.bytes = mallocBuffer(length + padding);
+    if (copy) {
+        env->GetByteArrayRegion(array, 0, copy.size, copy.as<jbyte>());
+        std::memset(copy.bytes.get() + length, 0, padding);
+    }
+    return copy;
+}
+
+void JavaCall::copyOut(jbyteArray array, const void* bytes, jsize size) {
+    env->SetByteArrayRegion(array, 0, size, static_cast<const jbyte*>(bytes));
+    deferException();
+}
+
+void JavaCall::deferException() {
+    jthrowable raised = env->ExceptionOccurred();
+    if (!raised) return;
+    env->ExceptionClear();
+    if (deferred)
+        env->DeleteLocalRef(raised);
+    else
+        deferred = raised;
+}

@@ -1,0 +1,55 @@
+#pragma once
+
+// One typed owner for each kind of resource that the engines hold.
+
+extern "C" {
+#include <libavcodec/avcodec.h>
+#include <libavutil/frame.h>
+#include <libavutil/mem.h>
+#include <libswscale/swscale.h>
+}
+
+#include <dlfcn.h>
+
+#include <cstdint>
+#include <cstdlib>
+#include <memory>
+
+struct FreeDeleter {
+    void operator()(void* memory) const { std::free(memory); }
+};
+using MallocBuffer = std::unique_ptr<uint8_t[], FreeDeleter>;
+
+// At least one byte, so that null always means that there is no memory.
+inline MallocBuffer mallocBuffer(size_t size) {
+    return MallocBuffer(static_cast<uint8_t*>(std::malloc(size ? size : 1)));
+}
+
+struct CodecContextDeleter {
+    void operator()(AVCodecContext* context) const { avcodec_free_context(&context); }
+};
+using CodecContextOwner = std::unique_ptr<AVCodecContext, CodecContextDeleter>;
+
+struct FrameDeleter {
+    void operator()(AVFrame* frame) const { av_frame_free(&frame); }
+};
+using FrameOwner = std::unique_ptr<AVFrame, FrameDeleter>;
+
+// A frame whose planes were made by av_image_alloc: one block, which av_frame_free knows nothing of.
+struct ImageFrameDeleter {
+    void operator()(AVFrame* frame) const {
+        av_freep(&frame->data[0]);
+        av_frame_free(&frame);
+    }
+};
+using ImageFrameOwner = std::unique_ptr<AVFrame, ImageFrameDeleter>;
+
+struct ScalerDeleter {
+    void operator()(SwsContext* scaler) const { sws_freeContext(scaler); }
+};
+using ScalerOwner = std::unique_ptr<SwsContext, ScalerDeleter>;
+
+struct LibraryDeleter {
+    void operator()(void* library) const { dlclose(library); }
+};
+using LibraryOwner = std::unique_ptr<void, LibraryDeleter>;

@@ -1,0 +1,110 @@
+#include "transcoder/CoderOut.h"
+
+#include "video/I420.h"
+
+extern "C" {
+#include <libavutil/imgutils.h>
+}
+
+#include <cstdio>
+#include <cstring>
+
+void CoderOut::open() {
+    std::printf("CoderOut::open index %d  w %d, h %d\n", index, width, height);
+    // A scaler of an earlier open() would write pictures of another size into the new frame.
+    scaler.reset();
+    coder.reset(avc_opn_enc_ctx.NewCodec());
+    if (!coder) return;
+    coder->width = static_cast<uint32_t>(width);
+    coder->height = static_cast<uint32_t>(height);
+    coder->fps = static_cast<uint32_t>(fps);
+    coder->keyInterval = static_cast<uint32_t>(keyInterval);
+    coder->bitrate = bitrate;
+    coder->maxBitrate = maxBitrate;
+    coder->encMode = encMode;
+    coder->profile = profile;
+    coder->maxQp = maxQp;
+    coder->minQp = minQp;
+    coder->debug = debug;
+    coder->open();
+    if (coder->debug) std::printf("opened %d\n", coder->status);
+
+    int allocated = -1;
+    frame.reset(av_frame_alloc());
+    if (frame) {
+        frame->format = AV_PIX_FMT_YUV420P;
+        frame->width = width;
+        frame->height = height;
+        allocated = av_image_alloc(frame->data, frame->linesize, width, height, AV_PIX_FMT_YUV420P, 32);
+        if (allocated < 0) frame.reset();
+    }
+    if (coder->debug) std::printf("coder opened, error=%d  %d\n", coder->status, allocated);
+}
+
+void CoderOut::makeScaler(const AVFrame& in) {
+    srcWidth = in.width;
+    srcHeight = in.height;
+    // The size is that of the picture scaled into: `width` and `height` may have been set anew since open().
+    scaler.reset(frame ? sws_getContext(in.width, in.height, AV_PIX_FMT_YUV420P, frame->width, frame->height,
+                                        AV_PIX_FMT_YUV420P, 0, nullptr, nullptr, nullptr)
+                       : nullptr);
+}
+
+int CoderOut::write(AVFrame* in, AVPacket* packet) {
+    if (in->width != 0 && in->height != 0) {
+        if (!scaler) {
+            if (width == 0 || height == 0) {
+                width = in->width;
+                height = in->height;
+            }
+            if (!coder) open();
+            std::printf("sws_context init %d  %d \n", in->width, in->height);
+            makeScaler(*in);
+        } else if (in->width != srcWidth || in->height != srcHeight) {
+            std::puts("sws_context reinit ");
+            makeScaler(*in);
+        }
+    }
+    if (!coder) return 0;
+    const bool debugging = coder->debug != 0;
+    if (!scaler || coder->status != 0) {
+        if (debugging) std::printf("fail2context %d \n", coder->status);
+        return 0;
+    }
+    if (sws_scale(scaler.get(), in->data, in->linesize, 0, in->height, frame->data, frame->linesize) !=
+        frame->height) {
+        if (debugging) std::puts("fail2sws_scale ");
+        return 0;
+    }
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wdeprecated-declarations"
+    frame->pts = in->pkt_pts / 1000;
+#pragma GCC diagnostic pop
+    MallocBuffer packed = packPicture(*frame);
+    if (!packed) {
+        if (debugging) std::puts("could not alloc frame buffer ");
+        return 0;
+    }
+    const int encoded = coder->encode(packed.get(), packedPictureSize(frame->width, frame->height),
+                                      static_cast<uint32_t>(frame->pts));
+    packed.reset();
+    if (encoded == 1 && coder->outputSize != 0) {
+        const auto size = static_cast<size_t>(coder->outputSize);
+        if (MallocBuffer copy = mallocBuffer(size)) {
+            std::memcpy(copy.get(), coder->output.get(), size);
+            packet->data = copy.release();
+            packet->size = coder->outputSize;
+            return 1;
+        }
+    }
+    packet->size = 0;
+    if (debugging) std::printf("fail2 code %d \n", encoded);
+    return 0;
+}
+
+void CoderOut::close() {
+    std::printf("CoderOut::close index %d  w %d, h %d\n", index, width, height);
+    frame.reset();
+    scaler.reset();
+    coder.reset();
+}

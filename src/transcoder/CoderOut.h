@@ -1,0 +1,40 @@
+#pragma once
+
+#include "bridge/Registries.h"
+#include "video/AVCEncoder.h"
+
+#include <cstdint>
+
+// One rendition: scales every decoded picture to its own size, packs it and encodes it. The settings `width`
+// to `debug` are those of the encoder; they take effect at open().
+class CoderOut {
+public:
+    int32_t index = 0;    // the caller's id; 0 while no caller has claimed this output
+    int32_t srcWidth = 0; // size of the pictures that the scaler was made for
+    int32_t srcHeight = 0;
+    int32_t width = 0; // of the rendition; with either at 0, both become the input's
+    int32_t height = 0;
+    int32_t bitrate = 0;
+    int32_t fps = 0;
+    int32_t keyInterval = 0;
+    int32_t encMode = 0;
+    int32_t maxBitrate = 0;
+    int32_t profile = 0;
+    int32_t maxQp = 0;
+    int32_t minQp = 0;
+    int32_t debug = 0;
+    OwnedEngine<NativeOpenH264Encoder> coder;
+    ImageFrameOwner frame; // the scaled picture
+    ScalerOwner scaler;
+
+    void open();
+
+    // `in`: a decoded picture with its pkt_pts. Returns 1 when it gave an access unit, which then lies in the
+    // encoder's `output`, and a copy of it, for the caller to free(), in the empty `packet`; otherwise 0.
+    int write(AVFrame* in, AVPacket* packet);
+
+    void close();
+
+private:
+    void makeScaler(const AVFrame& in);
+};

@@ -1,0 +1,178 @@
+#include "video/AVCDecoder.h"
+
+#include "bridge/JavaCall.h"
+#include "bridge/Registries.h"
+#include "com_kelvane_media_transform_codec_AVCDecoder.h"
+#include "video/I420.h"
+
+extern "C" {
+#include <libavformat/avformat.h>
+#include <libavutil/imgutils.h>
+}
+
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+
+// The decoding calls of FFmpeg 4 that are meant here are deprecated there.
+#pragma GCC diagnostic ignored "-Wdeprecated-declarations"
+
+void VideoDecoder::open() {
+    codec = avcodec_find_decoder(AV_CODEC_ID_H264);
+    context.reset(avcodec_alloc_context3(codec));
+    if (context) {
+        context->flags2 |= AV_CODEC_FLAG2_CHUNKS;
+        context->flags |= AV_CODEC_FLAG_TRUNCATED;
+        context->refcounted_frames = 0;
+    }
+    frame.reset(av_frame_alloc());
+    if (!context || avcodec_open2(context.get(), codec, nullptr) < 0) {
+        std::puts("AVC decoder codec not opened");
+    } else if (context->codec) {
+        std::printf("AVC decoder codec opened %d\n", context->refcounted_frames);
+    } else {
+        std::puts("AVC decoder setting codec");
+        context->codec = codec;
+    }
+}
+
+namespace {
+
+bool hasIdrSlice(const signed char* data, int size) {
+    for (int i = 0; i + 3 < size; ++i)
+        if (data[i] == 0 && data[i + 1] == 0 && data[i + 2] == 1 && (data[i + 3] & 31) == 5) return true;
+    return false;
+}
+
+} // namespace
+
+// Taking pictures in chunks, FFmpeg's decoder waits for the rest of a picture whose end was lost and refuses
+// every later one, without an error. What gives that away is silence: in good order, pictures are withheld
+// for reordering only. An IDR picture needs nothing of what came before it, so it is the place to start
+// afresh; a stream without IDR pictures gets a fresh start once the silence is longer than any reordering.
+bool VideoDecoder::isStuck(const signed char* data, int size) const {
+    constexpr int mostWithheldFields = 32;
+    return callsWithoutPicture > mostWithheldFields ||
+           (callsWithoutPicture > context->has_b_frames && hasIdrSlice(data, size));
+}
+
+int VideoDecoder::decode(signed char* data, int size, unsigned int time) {
+    constexpr signed char startCode[] = {0, 0, 0, 1};
+    pictureReady = 0;
+    if (size < 4 || std::memcmp(data, startCode, sizeof startCode) != 0) {
+        signed char first[4] = {};
+        std::copy_n(data, std::clamp(size, 0, 4), first);
+        std::printf("bad input to decoder %d  %d  %d  %d  %d\n   ", size, first[0], first[1], first[2],
+                    first[3]);
+        return -1;
+    }
+    // FFmpeg reads through null in a context that failed to open.
+    if (!frame || !context || !avcodec_is_open(context.get())) return 0;
+    // av_new_packet makes the private, padded copy; reference-counted, so that FFmpeg takes no second one.
+    if (av_new_packet(&packet, size) < 0) return 0;
+    packet.pts = int64_t{time} * 1000;
+    std::memcpy(packet.data, data, static_cast<size_t>(size));
+    int got = 0;
+    avcodec_decode_video2(context.get(), frame.get(), &got, &packet);
+    if (got <= 0 && isStuck(data, size)) {
+        avcodec_flush_buffers(context.get());
+        avcodec_decode_video2(context.get(), frame.get(), &got, &packet);
+        callsWithoutPicture = 0;
+    }
+    callsWithoutPicture = got > 0 ? 0 : callsWithoutPicture + 1;
+    if (got > 0) {
+        if (frame->width != width || frame->height != height) {
+            width = frame->width;
+            height = frame->height;
+            std::printf("set/update w:%d  h:%d\n", width, height);
+        }
+        pictureReady = 1;
+    }
+    timestamp = time;
+    av_packet_unref(&packet);
+    return pictureReady;
+}
+
+void VideoDecoder::close() {
+    frame.reset();
+    context.reset();
+    codec = nullptr;
+}
+
+namespace {
+
+// Any picture as 8-bit 4:2:0; null when that fails. Rare enough for a scaler and a frame of its own.
+ImageFrameOwner convertToYuv420(const AVFrame& picture) {
+    const auto format = static_cast<AVPixelFormat>(picture.format);
+    const bool fullRange = format == AV_PIX_FMT_YUVJ422P || format == AV_PIX_FMT_YUVJ444P;
+    ImageFrameOwner converted(av_frame_alloc());
+    if (!converted) return nullptr;
+    converted->format = fullRange ? AV_PIX_FMT_YUVJ420P : AV_PIX_FMT_YUV420P;
+    converted->width = picture.width;
+    converted->height = picture.height;
+    const auto target = static_cast<AVPixelFormat>(converted->format);
+    const ScalerOwner scaler(sws_getContext(picture.width, picture.height, format, picture.width,
+                                            picture.height, target, SWS_BICUBIC, nullptr, nullptr, nullptr));
+    if (!scaler ||
+        av_image_alloc(converted->data, converted->linesize, picture.width, picture.height, target, 32) < 0)
+        return nullptr;
+    if (sws_scale(scaler.get(), picture.data, picture.linesize, 0, picture.height, converted->data,
+                  converted->linesize) != picture.height)
+        return nullptr;
+    return converted;
+}
+
+bool isYuv420(int format) { return format == AV_PIX_FMT_YUV420P || format == AV_PIX_FMT_YUVJ420P; }
+
+} // namespace
+
+JNIEXPORT jlong JNICALL Java_com_kelvane_media_transform_codec_AVCDecoder_open(JNIEnv*, jclass) {
+    av_register_all();
+    av_log_set_level(AV_LOG_QUIET);
+    VideoDecoder* decoder = avc_dec_ctx.NewCodec();
+    if (!decoder) return -1;
+    decoder->open();
+    if (decoder->codec) return decoder->handle;
+    avc_dec_ctx.RemoveCodec(decoder->handle);
+    return 0;
+}
+
+JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_AVCDecoder_decode(
+    JNIEnv* env, jclass, jbyteArray input, jbyteArray info, jbyteArray output, jlong handle) {
+    VideoDecoder* decoder = avc_dec_ctx.GetCoder(handle);
+    if (!decoder || !input || !info || !output) return 0;
+    JavaCall java(env);
+    const jsize outputLength = env->GetArrayLength(output);
+    ArrayCopy accessUnit = java.copyIn(input);
+    if (!accessUnit) return 0;
+    const int result = decoder->decode(accessUnit.as<signed char>(), accessUnit.size, 0);
+    if (result != 1) return result;
+
+    const AVFrame& picture = *decoder->frame;
+    const int pictureSize = packedPictureSize(picture.width, picture.height);
+    if (pictureSize != outputLength) {
+        std::printf("AVC decoder warning, picSize  != outLeng  %d\n", pictureSize);
+        return -pictureSize;
+    }
+    ImageFrameOwner converted;
+    if (!isYuv420(picture.format) && !(converted = convertToYuv420(picture))) return 0;
+    const MallocBuffer packed = packPicture(converted ? *converted : picture);
+    if (!packed) return 0;
+    java.copyOut(output, packed.get(), pictureSize);
+
+    uint8_t about[6] = {1};
+    putBigEndian(about + 1, 2, static_cast<uint32_t>(picture.width));
+    putBigEndian(about + 3, 2, static_cast<uint32_t>(picture.height));
+    about[5] = static_cast<uint8_t>(picture.format);
+    java.copyOut(info, about, sizeof about);
+    return 1;
+}
+
+JNIEXPORT void JNICALL Java_com_kelvane_media_transform_codec_AVCDecoder_close(JNIEnv*, jclass,
+                                                                               jlong handle) {
+    VideoDecoder* decoder = avc_dec_ctx.GetCoder(handle);
+    if (!decoder) return;
+    decoder->close();
+    avc_dec_ctx.RemoveCodec(handle);
+    std::puts("AVC decoder codec closed");
+}

@@ -1,0 +1,35 @@
+#pragma once
+
+#include "bridge/Owners.h"
+
+#include <cstdint>
+
+// Decodes one H.264 access unit a call. The decoded picture stays in `frame`, which FFmpeg's decoder owns the
+// planes of: it is valid until the next decode() or close(), and users read it in place.
+class VideoDecoder {
+public:
+    int64_t handle = 0;
+    const AVCodec* codec = nullptr; // null means that no H.264 decoder is available
+    CodecContextOwner context;
+    FrameOwner frame;
+    AVPacket packet{};
+    int32_t pictureReady = 0; // 1 when the last decode() left a picture in `frame`
+    uint32_t timestamp = 0;   // of the last decode() that got past the check of its input
+    int32_t width = 0;        // of the last picture
+    int32_t height = 0;
+
+    // A failure shows as `codec` null, or as a decoder that never produces a picture.
+    void open();
+
+    // `data`: an Annex-B access unit that starts with 00 00 00 01; `time` comes back as the pkt_pts of the
+    // picture that this access unit carries, multiplied by 1000. Returns 1 when a picture is ready, 0 when
+    // none is (corrupt data included), -1 when the input has no start code.
+    int decode(signed char* data, int size, unsigned int time);
+
+    void close();
+
+private:
+    bool isStuck(const signed char* data, int size) const;
+
+    int32_t callsWithoutPicture = 0; // in a row, before the present one
+};

@@ -1,0 +1,175 @@
+#include "video/AVCEncoder.h"
+
+#include "bridge/JavaCall.h"
+#include "bridge/Registries.h"
+#include "com_kelvane_media_transform_codec_AVCEncoder.h"
+#include "video/OpenH264Loader.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+
+static COpenLoaderImpl loader;
+
+void OpenH264EncoderDeleter::operator()(ISVCEncoder* encoder) const {
+    EncoderLibFunctions library;
+    loader.GetLibFunctions(&library);
+    library.destroyEncoder(encoder);
+    --loader.liveEncoders;
+}
+
+void NativeOpenH264Encoder::open() {
+    if (loader.state == 0 && loader.LoadLib() == 0) return;
+    EncoderLibFunctions library;
+    // A load that another thread had under way may have failed.
+    if (loader.GetLibFunctions(&library) != 2) return;
+    ISVCEncoder* created = nullptr;
+    library.createEncoder(&created);
+    if (!created) {
+        status = 1;
+        std::puts("could not open noh264");
+        return;
+    }
+    ++loader.liveEncoders;
+    encoder.reset(created);
+    status = 0;
+
+    if (fps == 0 || fps > 60) fps = 30;
+    if (keyInterval > 480) keyInterval = fps * 8;
+    if (keyInterval == 0) keyInterval = fps * 4;
+
+    encoder->GetDefaultParams(&param);
+    if (maxQp == 0) maxQp = param.iMaxQp;
+    if (minQp == 0) minQp = param.iMinQp;
+    if (debug) std::printf("qp  %d -%d \n", minQp, maxQp);
+
+    param.iUsageType = CAMERA_VIDEO_REAL_TIME;
+    param.fMaxFrameRate = static_cast<float>(fps);
+    param.iPicWidth = static_cast<int>(width);
+    param.iPicHeight = static_cast<int>(height);
+    param.iTargetBitrate = bitrate;
+    param.iMaxBitrate = bitrate;
+    param.iRCMode = encMode == 0 ? RC_BITRATE_MODE : RC_QUALITY_MODE;
+    param.iTemporalLayerNum = 1;
+    param.iSpatialLayerNum = 1;
+    param.bEnableDenoise = false;
+    param.bEnableBackgroundDetection = false;
+    param.bEnableAdaptiveQuant = false;
+    param.bEnableFrameSkip = false;
+    param.uiIntraPeriod = keyInterval;
+    param.eSpsPpsIdStrategy = CONSTANT_ID;
+    param.bPrefixNalAddingCtrl = false;
+    param.iLoopFilterDisableIdc = 1; // the deblocking filter is off
+    param.iLtrMarkPeriod = 30;
+    param.iMultipleThreadIdc = 1; // no threads in the encoder
+    param.iMaxQp = maxQp;
+    param.iMinQp = minQp;
+    param.iEntropyCodingModeFlag = profile;
+    SSpatialLayerConfig& layer = param.sSpatialLayers[0];
+    layer.iVideoWidth = param.iPicWidth;
+    layer.iVideoHeight = param.iPicHeight;
+    layer.fFrameRate = param.fMaxFrameRate;
+    layer.iSpatialBitrate = bitrate;
+    layer.iMaxSpatialBitrate = bitrate;
+    layer.sSliceArgument.uiSliceMode = SM_SINGLE_SLICE;
+    layer.sSliceArgument.uiSliceNum = 0;
+
+    if (encoder->InitializeExt(&param) != 0) status = -1;
+    if (debug)
+        std::puts(status == 0 ? "opened and configured h264 encoder." : "could not configure noh264 codec.");
+}
+
+int NativeOpenH264Encoder::encode(unsigned char* picture, int size, unsigned int timestamp) {
+    if (!encoder) return 0;
+    const uint32_t lumaSize = width * height;
+    const uint32_t expectedSize = lumaSize * 3 / 2;
+    if (debug && expectedSize != static_cast<uint32_t>(size))
+        std::printf("err size_in %d  %d\n", static_cast<int>(expectedSize), size);
+    output.reset();
+    outputSize = 0;
+    // In 64 bits: the 32-bit size of an absurd picture wraps to a small one.
+    if (size < 0 || static_cast<uint64_t>(size) < uint64_t{width} * height * 3 / 2) return 0;
+
+    SSourcePicture source{};
+    source.iColorFormat = videoFormatI420;
+    source.iStride[0] = static_cast<int>(width);
+    source.iStride[1] = source.iStride[2] = static_cast<int>(width >> 1);
+    source.pData[0] = picture;
+    source.pData[1] = picture + lumaSize;
+    source.pData[2] = picture + lumaSize + lumaSize / 4;
+    source.iPicWidth = static_cast<int>(width);
+    source.iPicHeight = static_cast<int>(height);
+    source.uiTimeStamp = timestamp;
+    SFrameBSInfo encoded{};
+    if (encoder->EncodeFrame(&source, &encoded) != 0) {
+        if (debug) std::puts("error ");
+        return 0;
+    }
+    if (encoded.eFrameType == videoFrameTypeSkip || encoded.iFrameSizeInBytes <= 0) {
+        if (debug) std::puts("skip");
+        return 0;
+    }
+
+    const int layers = std::min<int>(encoded.iLayerNum, MAX_LAYER_NUM_OF_FRAME);
+    int layerSizes[MAX_LAYER_NUM_OF_FRAME] = {};
+    int total = 0;
+    for (int i = 0; i < layers; ++i) {
+        const SLayerBSInfo& layer = encoded.sLayerInfo[i];
+        for (int nal = 0; nal < layer.iNalCount; ++nal)
+            layerSizes[i] += layer.pNalLengthInByte[nal];
+        total += layerSizes[i];
+    }
+    if (total <= 0) {
+        if (debug) std::puts("nosize ");
+        return 0;
+    }
+    output = mallocBuffer(static_cast<size_t>(total));
+    if (!output) return 0;
+    ++frameCount;
+    outputSize = total;
+    if (debug) std::printf("output_size: %d count: %d\n", outputSize, static_cast<int>(frameCount));
+    uint8_t* out = output.get();
+    for (int i = 0; i < layers; ++i) {
+        std::memcpy(out, encoded.sLayerInfo[i].pBsBuf, static_cast<size_t>(layerSizes[i]));
+        out += layerSizes[i];
+    }
+    return 1;
+}
+
+void NativeOpenH264Encoder::close() {
+    encoder.reset();
+    output.reset();
+}
+
+JNIEXPORT jlong JNICALL Java_com_kelvane_media_transform_codec_AVCEncoder_open(JNIEnv*, jclass, jint width,
+                                                                               jint height, jint fps,
+                                                                               jint keyInterval,
+                                                                               jint bitrate) {
+    loader.LoadLib();
+    NativeOpenH264Encoder* encoder = avc_opn_enc_ctx.NewCodec();
+    if (!encoder) return 0;
+    encoder->width = static_cast<uint32_t>(width);
+    encoder->height = static_cast<uint32_t>(height);
+    encoder->fps = static_cast<uint32_t>(fps);
+    encoder->keyInterval = static_cast<uint32_t>(keyInterval);
+    encoder->bitrate = bitrate;
+    encoder->open();
+    return encoder->handle;
+}
+
+JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_AVCEncoder_encode(JNIEnv* env, jclass,
+                                                                                jbyteArray picture,
+                                                                                jbyteArray, jlong handle) {
+    NativeOpenH264Encoder* encoder = avc_opn_enc_ctx.GetCoder(handle);
+    if (!encoder || !picture) return 0;
+    const ArrayCopy copy = JavaCall(env).copyIn(picture);
+    if (copy) encoder->encode(copy.as<unsigned char>(), copy.size, 0);
+    return 0;
+}
+
+JNIEXPORT void JNICALL Java_com_kelvane_media_transform_codec_AVCEncoder_close(JNIEnv*, jclass,
+                                                                               jlong handle) {
+    if (!avc_opn_enc_ctx.GetCoder(handle)) return;
+    avc_opn_enc_ctx.RemoveCodec(handle);
+    std::puts("AVC encoder codec closed");
+}

@@ -1,0 +1,45 @@
+#pragma once
+
+#include "bridge/Owners.h"
+
+#include <wels/codec_api.h>
+
+#include <cstdint>
+
+// Destroys the library's encoder through the entry points of the loader.
+struct OpenH264EncoderDeleter {
+    void operator()(ISVCEncoder* encoder) const;
+};
+
+// Drives one OpenH264 encoder: one layer, one slice, no threads of its own. The configuration fields are set
+// before open() and are fixed from then on.
+class NativeOpenH264Encoder {
+public:
+    int64_t handle = 0;
+    std::unique_ptr<ISVCEncoder, OpenH264EncoderDeleter> encoder;
+    SEncParamExt param{};
+    uint32_t width = 0; // pixels
+    uint32_t height = 0;
+    uint32_t fps = 15;        // pictures per second; open() turns 0 and more than 60 into 30
+    int32_t bitrate = 200;    // bits per second
+    int32_t maxBitrate = 300; // carried only: the encoder's maximum is its target
+    int32_t encMode = 0;      // rate control by bit rate when 0, otherwise by quality
+    int32_t profile = 0;      // entropy coding: 0 CAVLC, 1 CABAC
+    int32_t maxQp = 0;        // largest and smallest quantiser; 0 takes the library's
+    int32_t minQp = 0;
+    uint32_t keyInterval = 60; // GOP length in pictures; open() turns 0 into 4 s and more than 480 into 8 s
+    int32_t status = 1;        // 0 configured, 1 no library encoder, -1 parameters refused
+    uint64_t frameCount = 0;   // pictures that produced output
+    int32_t debug = 0;         // non-zero prints diagnostics
+    MallocBuffer output;       // NAL units of the last picture, until the next encode() or close()
+    int32_t outputSize = 0;    // bytes
+
+    // Leaves its outcome in `status`.
+    void open();
+
+    // `picture`: packed I420 of the engine's size; `timestamp` in milliseconds. Returns 1 when `output` holds
+    // an access unit, 0 when there is none (too short a picture, a skipped picture, an error).
+    int encode(unsigned char* picture, int size, unsigned int timestamp);
+
+    void close();
+};

@@ -1,0 +1,47 @@
+#include "support/Output.h"
+
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <iostream>
+
+namespace {
+
+std::string readAll(FILE* file) {
+    std::string text;
+    char chunk[4096];
+    for (size_t n; (n = std::fread(chunk, 1, sizeof chunk, file)) > 0;)
+        text.append(chunk, n);
+    return text;
+}
+
+} // namespace
+
+std::string printedBy(const std::function<void()>& action, int descriptor) {
+    const auto flush = [] {
+        std::cout.flush();
+        std::fflush(nullptr);
+    };
+    flush();
+    FILE* caught = std::tmpfile();
+    const int original = dup(descriptor);
+    dup2(fileno(caught), descriptor);
+    action();
+    flush();
+    dup2(original, descriptor);
+    close(original);
+    std::rewind(caught);
+    std::string text = readAll(caught);
+    std::fclose(caught);
+    return text;
+}
+
+CommandResult run(const std::string& command) {
+    FILE* pipe = popen(command.c_str(), "r");
+    EXPECT_TRUE(pipe) << command;
+    std::string output = readAll(pipe);
+    const int status = pclose(pipe);
+    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, output};
+}

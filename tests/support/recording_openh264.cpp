@@ -1,0 +1,97 @@
+#include "support/recording_openh264.h"
+
+#include <dlfcn.h>
+
+#include <algorithm>
+
+#define EXPORTED extern "C" __attribute__((visibility("default")))
+
+namespace {
+
+OpenH264Record record;
+
+template <class Function>
+Function* inLibrary(const char* symbol) {
+    static void* const library = dlopen(OPENH264_LIBRARY, RTLD_NOW);
+    return reinterpret_cast<Function*>(dlsym(library, symbol));
+}
+
+class RecordingEncoder final : public ISVCEncoder {
+public:
+    explicit RecordingEncoder(ISVCEncoder* libraryEncoder) : real(libraryEncoder) { ++record.created; }
+    ~RecordingEncoder() {
+        inLibrary<void(ISVCEncoder*)>("WelsDestroySVCEncoder")(real);
+        ++record.destroyed;
+    }
+
+    int GetDefaultParams(SEncParamExt* param) override {
+        const int result = real->GetDefaultParams(param);
+        record.defaults = *param;
+        return result;
+    }
+    int InitializeExt(const SEncParamExt* param) override {
+        record.param = *param;
+        return record.refuseParameters ? cmInitParaError : real->InitializeExt(param);
+    }
+    int EncodeFrame(const SSourcePicture* picture, SFrameBSInfo* info) override {
+        record.source = *picture;
+        record.timestamps.push_back(picture->uiTimeStamp);
+        if (record.failToEncode) return cmUnknownReason;
+        if (record.inventedLayers > 0) return invent(info);
+        const int result = real->EncodeFrame(picture, info);
+        if (record.skipPictures) info->eFrameType = videoFrameTypeSkip;
+        return result;
+    }
+
+    int Initialize(const SEncParamBase* param) override { return other(real->Initialize(param)); }
+    int Uninitialize() override { return other(real->Uninitialize()); }
+    int EncodeParameterSets(SFrameBSInfo* info) override { return other(real->EncodeParameterSets(info)); }
+    int ForceIntraFrame(bool idr, int layer) override { return other(real->ForceIntraFrame(idr, layer)); }
+    int SetOption(ENCODER_OPTION option, void* value) override {
+        return other(real->SetOption(option, value));
+    }
+    int GetOption(ENCODER_OPTION option, void* value) override {
+        return other(real->GetOption(option, value));
+    }
+
+private:
+    static int other(int result) {
+        ++record.otherCalls;
+        return result;
+    }
+
+    int invent(SFrameBSInfo* info) {
+        info->eFrameType = videoFrameTypeP;
+        info->iLayerNum = record.inventedLayers;
+        info->iFrameSizeInBytes = 5 * record.inventedLayers;
+        for (int i = 0; i < record.inventedLayers; ++i) {
+            SLayerBSInfo& layer = info->sLayerInfo[i];
+            std::fill_n(bytes[i], 5, static_cast<unsigned char>(i));
+            layer.iNalCount = 2;
+            layer.pNalLengthInByte = nalLengths;
+            layer.pBsBuf = bytes[i];
+        }
+        return 0;
+    }
+
+    ISVCEncoder* real;
+    unsigned char bytes[MAX_LAYER_NUM_OF_FRAME][5];
+    int nalLengths[2] = {2, 3};
+};
+
+} // namespace
+
+EXPORTED OpenH264Record* openH264Record() { return &record; }
+
+EXPORTED int WelsCreateSVCEncoder(ISVCEncoder** encoder) {
+    ISVCEncoder* real = nullptr;
+    if (record.refuseToCreate || inLibrary<int(ISVCEncoder**)>("WelsCreateSVCEncoder")(&real) != 0) return 1;
+    *encoder = new RecordingEncoder(real);
+    return 0;
+}
+
+EXPORTED void WelsDestroySVCEncoder(ISVCEncoder* encoder) { delete static_cast<RecordingEncoder*>(encoder); }
+
+EXPORTED OpenH264Version WelsGetCodecVersion() {
+    return inLibrary<OpenH264Version()>("WelsGetCodecVersion")();
+}

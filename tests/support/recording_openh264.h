@@ -1,0 +1,28 @@
+#pragma once
+
+#include <wels/codec_api.h>
+
+#include <cstdint>
+#include <vector>
+
+// What the recorder in front of OpenH264 saw since it was last reset, and what it is told to do.
+struct OpenH264Record {
+    int created = 0;
+    int destroyed = 0;
+    int otherCalls = 0; // any method but GetDefaultParams, InitializeExt and EncodeFrame
+    SEncParamExt defaults{};
+    SEncParamExt param{};
+    SSourcePicture source{};
+    std::vector<long long> timestamps;
+
+    bool refuseToCreate = false;
+    bool refuseParameters = false;
+    bool failToEncode = false;
+    bool skipPictures = false;
+    // When above 0, pictures come out as this many layers of two NAL units: layer i holds 2 and 3 bytes of
+    // value i.
+    int inventedLayers = 0;
+};
+
+// Exported by the recording library.
+extern "C" __attribute__((visibility("default"))) OpenH264Record* openH264Record();
