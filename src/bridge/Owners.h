@@ -6,10 +6,12 @@ extern "C" {
 #include <libavcodec/avcodec.h>
 #include <libavutil/frame.h>
 #include <libavutil/mem.h>
+#include <libswresample/swresample.h>
 #include <libswscale/swscale.h>
 }
 
 #include <dlfcn.h>
+#include <opus.h>
 
 #include <cstdint>
 #include <cstdlib>
@@ -23,6 +25,10 @@ using MallocBuffer = std::unique_ptr<uint8_t[], FreeDeleter>;
 // At least one byte, so that null always means that there is no memory.
 inline MallocBuffer mallocBuffer(size_t size) {
     return MallocBuffer(static_cast<uint8_t*>(std::malloc(size ? size : 1)));
+}
+
+inline MallocBuffer zeroedBuffer(size_t size) {
+    return MallocBuffer(static_cast<uint8_t*>(std::calloc(1, size)));
 }
 
 struct CodecContextDeleter {
@@ -48,6 +54,18 @@ struct ScalerDeleter {
     void operator()(SwsContext* scaler) const { sws_freeContext(scaler); }
 };
 using ScalerOwner = std::unique_ptr<SwsContext, ScalerDeleter>;
+
+struct ResamplerDeleter {
+    void operator()(SwrContext* resampler) const { swr_free(&resampler); }
+};
+using ResamplerOwner = std::unique_ptr<SwrContext, ResamplerDeleter>;
+
+struct OpusDeleter {
+    void operator()(OpusDecoder* decoder) const { opus_decoder_destroy(decoder); }
+    void operator()(OpusEncoder* encoder) const { opus_encoder_destroy(encoder); }
+};
+using OpusDecoderOwner = std::unique_ptr<OpusDecoder, OpusDeleter>;
+using OpusEncoderOwner = std::unique_ptr<OpusEncoder, OpusDeleter>;
 
 struct LibraryDeleter {
     void operator()(void* library) const { dlclose(library); }

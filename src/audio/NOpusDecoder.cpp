@@ -1,0 +1,104 @@
+#include "audio/NOpusDecoder.h"
+
+#include "audio/OpusRegistries.h"
+#include "bridge/JavaCall.h"
+#include "com_kelvane_media_transform_codec_NOpusDecoder.h"
+
+#include <cstdio>
+
+namespace {
+
+constexpr int sampleRate = 48000;
+constexpr int codedChannels = 2;
+constexpr int longestFrame = 5760; // samples per channel: 120 ms
+
+constexpr int pcmBytes(int channels, int samples) { return channels * samples * 2; }
+
+} // namespace
+
+void NOpusDecoder::open() {
+    std::printf("Opus decoder - channels in: %d out: %d\n", codedChannels, channels);
+    int error = OPUS_OK;
+    decoder.reset(opus_decoder_create(sampleRate, codedChannels, &error));
+    if (error < 0) {
+        std::fprintf(stderr, "failed to create an decoder: %s\n", opus_strerror(error));
+        close();
+    } else {
+        std::puts("Opus decoder opened");
+    }
+}
+
+int NOpusDecoder::decode(unsigned char* data, int length) {
+    int16_t pcm[longestFrame * codedChannels];
+    const int samples = opus_decode(decoder.get(), data, length, pcm, longestFrame, fec);
+    if (samples <= 0) {
+        std::fprintf(stderr, "decoder failed: %s\n", opus_strerror(samples));
+        return samples;
+    }
+    if (!output) {
+        // A lost packet may take the longest frame later on.
+        output = mallocBuffer(static_cast<size_t>(pcmBytes(channels, longestFrame)));
+        if (!output) return 0;
+        std::printf("malloc %d init\n", pcmBytes(channels, samples));
+    }
+    const int step = channels == 1 ? codedChannels : 1;
+    uint8_t* out = output.get();
+    for (int i = 0; i < samples * codedChannels; i += step) {
+        *out++ = static_cast<uint8_t>(pcm[i]);
+        *out++ = static_cast<uint8_t>(pcm[i] >> 8);
+    }
+    return samples;
+}
+
+void NOpusDecoder::close() {
+    decoder.reset();
+    output.reset();
+}
+
+JNIEXPORT jlong JNICALL Java_com_kelvane_media_transform_codec_NOpusDecoder_open(JNIEnv*, jclass,
+                                                                                 jint channels, jint fec) {
+    if (channels != 1 && channels != 2) return 0;
+    NOpusDecoder* engine = opus_dec_ctx.NewCodec();
+    if (!engine) return 0;
+    engine->channels = channels;
+    engine->fec = fec;
+    engine->open();
+    if (engine->decoder) {
+        std::puts("Opus decoder codec opened");
+        return engine->handle;
+    }
+    opus_dec_ctx.RemoveCodec(engine->handle);
+    return 0;
+}
+
+JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_NOpusDecoder_decode(JNIEnv* env, jclass,
+                                                                                  jbyteArray input,
+                                                                                  jbyteArray output,
+                                                                                  jlong handle) {
+    NOpusDecoder* engine = opus_dec_ctx.GetCoder(handle);
+    if (!engine) {
+        std::fputs("decoder null\n", stderr);
+        return -1;
+    }
+    if (!input || !output) return 0;
+    JavaCall java(env);
+    const jsize outputLength = env->GetArrayLength(output);
+    const ArrayCopy packet = java.copyIn(input);
+    if (!packet) return 0;
+    const int samples = engine->decode(packet.as<unsigned char>(), packet.size);
+    if (samples <= 0) return 0;
+    const int size = pcmBytes(engine->channels, samples);
+    if (size > outputLength) {
+        std::printf("error, expected sample size did not match %d\n", size);
+        return -size;
+    }
+    java.copyOut(output, engine->output.get(), size);
+    return samples;
+}
+
+JNIEXPORT void JNICALL Java_com_kelvane_media_transform_codec_NOpusDecoder_close(JNIEnv*, jclass,
+                                                                                 jlong handle) {
+    if (!opus_dec_ctx.GetCoder(handle)) return;
+    opus_dec_ctx.RemoveCodec(handle);
+    std::puts("Opus decoder codec closed");
+}

@@ -1,0 +1,117 @@
+#include "audio/NOpusEncoder.h"
+
+#include "audio/OpusRegistries.h"
+#include "bridge/JavaCall.h"
+#include "com_kelvane_media_transform_codec_NOpusEncoder.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <limits>
+
+namespace {
+
+constexpr int sampleRate = 48000;
+constexpr int codedChannels = 2;
+constexpr int packetCapacity = 5760; // bytes
+constexpr int largestPacket = 3828;  // bytes: three frames of 1276
+
+} // namespace
+
+void NOpusEncoder::open() {
+    std::printf("Opus encoder - channels in: %d out: %d sample rate: %d bitrate: %d\n", channels,
+                codedChannels, sampleRate, bitrate);
+    int error = OPUS_OK;
+    encoder.reset(opus_encoder_create(sampleRate, channels, OPUS_APPLICATION_AUDIO, &error));
+    if (error < 0) {
+        std::fprintf(stderr, "failed to create an encoder: %s\n", opus_strerror(error));
+        close();
+        return;
+    }
+    std::puts("Opus encoder opened");
+    error = opus_encoder_ctl(encoder.get(), OPUS_SET_BITRATE(bitrate));
+    if (error < 0) {
+        std::fprintf(stderr, "failed to set bitrate: %s\n", opus_strerror(error));
+        return;
+    }
+    const struct {
+        int request;
+        opus_int32 value;
+        const char* name;
+    } settings[] = {
+        {OPUS_SET_SIGNAL_REQUEST, OPUS_SIGNAL_MUSIC, "OPUS_SIGNAL_MUSIC"},
+        {OPUS_SET_BANDWIDTH_REQUEST, OPUS_BANDWIDTH_FULLBAND, "OPUS_BANDWIDTH_FULLBAND"},
+        {OPUS_SET_COMPLEXITY_REQUEST, 10, "OPUS_SET_COMPLEXITY"},
+        {OPUS_SET_DTX_REQUEST, 0, "OPUS_SET_DTX"},
+        {OPUS_SET_EXPERT_FRAME_DURATION_REQUEST, OPUS_FRAMESIZE_20_MS, "OPUS_SET_EXPERT_FRAME_DURATION"},
+        {OPUS_SET_FORCE_CHANNELS_REQUEST, codedChannels, "OPUS_SET_FORCE_CHANNELS"},
+        {OPUS_SET_VBR_REQUEST, 0, "OPUS_SET_VBR"},
+    };
+    for (const auto& [request, value, name] : settings) {
+        error = opus_encoder_ctl(encoder.get(), request, value);
+        if (error != OPUS_OK) std::fprintf(stderr, "failed to set %s: %s\n", name, opus_strerror(error));
+    }
+}
+
+int NOpusEncoder::encode(const short* pcm) {
+    if (!packet) {
+        packet = zeroedBuffer(packetCapacity); // Java may see the first byte of a packet that never was
+        if (!packet) return 0;
+        std::printf("malloc %d init\n", packetCapacity);
+    }
+    packetSize = opus_encode(encoder.get(), pcm, frameSize, packet.get(), largestPacket);
+    if (packetSize >= 0) return packetSize;
+    std::fprintf(stderr, "encode failed: %s\n", opus_strerror(packetSize));
+    return 1;
+}
+
+void NOpusEncoder::close() {
+    encoder.reset();
+    packet.reset();
+}
+
+JNIEXPORT jlong JNICALL Java_com_kelvane_media_transform_codec_NOpusEncoder_open(JNIEnv*, jclass,
+                                                                                 jint channels, jint bitrate,
+                                                                                 jint frameDuration) {
+    NOpusEncoder* engine = opus_enc_ctx.NewCodec();
+    if (!engine) return 0;
+    engine->channels = channels;
+    engine->bitrate = bitrate;
+    engine->frameDuration = frameDuration;
+    // Absurd durations are kept within 32 bits; no input is as long as they ask for.
+    using Limits = std::numeric_limits<int32_t>;
+    engine->frameSize = static_cast<int32_t>(
+        std::clamp<int64_t>(int64_t{frameDuration} * sampleRate / 1000, Limits::min(), Limits::max()));
+    engine->open();
+    if (engine->encoder) {
+        std::puts("Opus encoder codec opened");
+        return engine->handle;
+    }
+    opus_enc_ctx.RemoveCodec(engine->handle);
+    return 0;
+}
+
+JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_NOpusEncoder_encode(JNIEnv* env, jclass,
+                                                                                  jbyteArray input,
+                                                                                  jbyteArray output,
+                                                                                  jlong handle) {
+    NOpusEncoder* engine = opus_enc_ctx.GetCoder(handle);
+    if (!engine) {
+        std::fputs("encoder null\n", stderr);
+        return -1;
+    }
+    if (!input || !output) return 0;
+    JavaCall java(env);
+    const ArrayCopy pcm = java.copyIn(input);
+    if (!pcm || pcm.size < int64_t{engine->frameSize} * engine->channels * 2) return 0;
+    const int size = engine->encode(pcm.as<short>());
+    if (size <= 0) return 0;
+    java.copyOut(output, engine->packet.get(), size);
+    return size;
+}
+
+JNIEXPORT void JNICALL Java_com_kelvane_media_transform_codec_NOpusEncoder_close(JNIEnv*, jclass,
+                                                                                 jlong handle) {
+    if (!opus_enc_ctx.GetCoder(handle)) return;
+    opus_enc_ctx.RemoveCodec(handle);
+    std::puts("Opus encoder codec closed");
+}

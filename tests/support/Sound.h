@@ -1,0 +1,32 @@
+#pragma once
+
+#include "support/Media.h"
+
+using Samples = std::vector<int16_t>;
+
+struct SoundStream {
+    Bytes config; // what the decoder needs first: for AAC the AudioSpecificConfig
+    std::vector<Bytes> packets;
+};
+
+// The packets of a sound vector in tests/data.
+SoundStream soundStream(const std::string& name);
+
+// Decodes with FFmpeg's own calls: the interleaved samples of each packet. What is decoded to floating point
+// is rounded.
+std::vector<Samples> referenceSound(AVCodecID codec, const SoundStream& stream, int sampleRate, int channels);
+
+// Interleaved sound, different in the left and the right channel.
+Samples testSound(int channels, int sampleRate, int samples);
+
+Bytes bytesOf(const Samples& samples);
+Samples samplesOf(const Bytes& pcm);
+
+// The `number`th of the blocks that the sound falls into, as PCM.
+Bytes pcmBlock(const Samples& sound, size_t number, size_t samplesPerBlock);
+
+// Signal-to-noise ratio in dB of one channel of `decoded`, which lags `delay` samples behind; the first and
+// the last 2048 samples are left out.
+double snr(const Samples& original, const Samples& decoded, size_t channels, size_t channel, size_t delay);
+
+int largestDifference(const Samples& a, const Samples& b);
