@@ -3,7 +3,7 @@
 //
 //   audio_overhead [ROUNDS]
 
-#include "bridge/Owners.h"
+#include "audio/OpusOwners.h"
 
 extern "C" {
 #include <libavformat/avformat.h>

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "bridge/Owners.h"
+#include "audio/OpusOwners.h"
 
 #include <cstdint>
 

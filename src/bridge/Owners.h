@@ -11,7 +11,6 @@ extern "C" {
 }
 
 #include <dlfcn.h>
-#include <opus.h>
 
 #include <cstdint>
 #include <cstdlib>
@@ -59,13 +58,6 @@ struct ResamplerDeleter {
     void operator()(SwrContext* resampler) const { swr_free(&resampler); }
 };
 using ResamplerOwner = std::unique_ptr<SwrContext, ResamplerDeleter>;
-
-struct OpusDeleter {
-    void operator()(OpusDecoder* decoder) const { opus_decoder_destroy(decoder); }
-    void operator()(OpusEncoder* encoder) const { opus_encoder_destroy(encoder); }
-};
-using OpusDecoderOwner = std::unique_ptr<OpusDecoder, OpusDeleter>;
-using OpusEncoderOwner = std::unique_ptr<OpusEncoder, OpusDeleter>;
 
 struct LibraryDeleter {
     void operator()(void* library) const { dlclose(library); }

@@ -10,14 +10,14 @@ final class Progress implements AutoCloseable {
     private final int total;
     private double next = Caller.TERMINAL ? TERMINAL_INTERVAL : PLAIN_INTERVAL;
 
-    /** @param total access units */
+    /** @param total access units, or blocks of sound */
     Progress(int total) {
         this.total = total;
     }
 
     /**
-     * @param done access units written
-     * @param pictures pictures decoded
+     * @param done access units, or blocks of sound, that are through
+     * @param pictures pictures decoded; 0 says nothing of them
      * @param time presentation time reached, in milliseconds
      */
     void update(int done, int pictures, long time) {
@@ -27,8 +27,9 @@ final class Progress implements AutoCloseable {
         }
         next = seconds + (Caller.TERMINAL ? TERMINAL_INTERVAL : PLAIN_INTERVAL);
         long left = Math.round(seconds / done * (total - done));
-        String line = String.format("%3d %%   %.0f pictures a second   %.1f times real time   %d:%02d left", 100L * done / total,
-                pictures / seconds, time / 1000.0 / seconds, left / 60, left % 60);
+        String line = String.format("%3d %%   %s%.1f times real time   %d:%02d left", 100L * done / total,
+                pictures > 0 ? String.format("%.0f pictures a second   ", pictures / seconds) : "", time / 1000.0 / seconds,
+                left / 60, left % 60);
         Caller.OUTPUT.print(Caller.TERMINAL ? CLEAR_LINE + line : line + System.lineSeparator());
         Caller.OUTPUT.flush();
     }

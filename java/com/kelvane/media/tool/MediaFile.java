@@ -1,0 +1,82 @@
+package com.kelvane.media.tool;
+
+import java.io.IOException;
+import java.nio.file.Files;
+import java.nio.file.Path;
+import java.util.ArrayList;
+import java.util.HashMap;
+import java.util.List;
+import java.util.Map;
+import java.util.function.Consumer;
+import java.util.function.Predicate;
+import java.util.stream.Collectors;
+
+/**
+ * A media file as its headers describe it.
+ *
+ * @param path absolute path of the file
+ * @param streams what was asked for of each stream, by FFmpeg's names
+ * @param format the same of the container
+ */
+record MediaFile(Path path, List<Map<String, String>> streams, Map<String, String> format) {
+    /** @param entries which entries to look up, in FFprobe's notation; needs the streams' codec_type and codec_name */
+    static MediaFile open(Path path, String entries) throws IOException {
+        if (!Files.exists(path)) {
+            throw new Failure("%s: no such file", path);
+        }
+        if (Files.isDirectory(path)) {
+            throw new Failure("%s is a directory; give a media file", path);
+        }
+        if (!Files.isReadable(path)) {
+            throw new Failure("%s: permission denied", path);
+        }
+        MediaFile file = new MediaFile(path, new ArrayList<>(), new HashMap<>());
+        file.probe(List.of("-show_entries", entries), line -> {
+            if (line.startsWith("stream|")) {
+                file.streams.add(entries(line));
+            } else if (line.startsWith("format|")) {
+                file.format.putAll(entries(line));
+            }
+        });
+        return file;
+    }
+
+    /** Runs FFprobe on the file and hands on the lines it prints, entries separated by bars. */
+    void probe(List<String> arguments, Consumer<String> lines) throws IOException {
+        List<String> command = new ArrayList<>(List.of("-v", "error", "-of", "compact"));
+        command.addAll(arguments);
+        command.add(path.toString());
+        var error = new MediaProgram.FirstError(path);
+        if (MediaProgram.FFPROBE.run(Path.of("").toAbsolutePath(), command, lines, error) != 0) {
+            throw new Failure("%s is not a media file that can be read: %s", path, error);
+        }
+    }
+
+    /** The first stream that is wanted; a failure that begins with the file's name when there is none. */
+    Map<String, String> stream(Predicate<Map<String, String>> wanted, String problem) {
+        return streams.stream().filter(wanted).findFirst().orElseThrow(() -> new Failure("%s %s; found: %s", path, problem,
+                streams.isEmpty() ? "nothing" : streams.stream()
+                        .map(stream -> stream.getOrDefault("codec_type", "unknown") + " " + stream.getOrDefault("codec_name", ""))
+                        .map(String::strip).distinct().collect(Collectors.joining(", "))));
+    }
+
+    /** 0 when there is none. */
+    static double number(Map<String, String> entries, String name) {
+        try {
+            return Double.parseDouble(entries.getOrDefault(name, "0"));
+        } catch (NumberFormatException notAvailable) {
+            return 0;
+        }
+    }
+
+    static Map<String, String> entries(String line) {
+        Map<String, String> entries = new HashMap<>();
+        for (String entry : line.split("\\|")) {
+            int equals = entry.indexOf('=');
+            if (equals > 0) {
+                entries.put(entry.substring(0, equals), entry.substring(equals + 1));
+            }
+        }
+        return entries;
+    }
+}

@@ -1,0 +1,87 @@
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <regex>
+#include <set>
+#include <string>
+
+namespace fs = std::filesystem;
+
+inline std::string contents(const fs::path& file) {
+    std::ifstream stream(file, std::ios::binary);
+    return {std::istreambuf_iterator<char>(stream), {}};
+}
+
+inline std::set<std::string> names(const fs::path& directory) {
+    std::set<std::string> found;
+    for (const auto& entry : fs::directory_iterator(directory))
+        found.insert(entry.path().filename());
+    return found;
+}
+
+// The command-line tool of the installed tree, called from a directory of the test's own.
+class InstalledTool : public testing::Test {
+protected:
+    void SetUp() override {
+        ASSERT_NE(std::getenv("KELVANE_DIST"), nullptr) << "KELVANE_DIST must name the installed tree";
+        tree = std::getenv("KELVANE_DIST");
+        std::string pattern = fs::temp_directory_path() / "kelvane test XXXXXX";
+        ASSERT_NE(mkdtemp(pattern.data()), nullptr);
+        directory = pattern;
+        fs::copy(TEST_DATA "/bframes.h264", path("in.h264"));
+        std::ofstream(path(".output")), std::ofstream(path(".errors"));
+    }
+    void TearDown() override {
+        if (!directory.empty()) fs::remove_all(directory);
+    }
+
+    fs::path path(const std::string& name) const { return directory / name; }
+
+    // Starts a program of the tree in its own process; what it prints goes to `output` and `errors`.
+    pid_t start(const std::string& program, const std::string& arguments) const {
+        const pid_t child = fork();
+        if (child == 0) {
+            const std::string command =
+                "exec '" + (tree / "bin" / program).string() + "' " + arguments + " >.output 2>.errors";
+            if (chdir(directory.c_str()) == 0) execl("/bin/sh", "sh", "-c", command.c_str(), nullptr);
+            _exit(127);
+        }
+        return child;
+    }
+    int finish(pid_t child) {
+        int status = 0;
+        waitpid(child, &status, 0);
+        output = contents(path(".output"));
+        // OpenH264 prints a warning of its own for every encoder.
+        errors = std::regex_replace(contents(path(".errors")), std::regex("\\[OpenH264\\][^\n]*\n"), "");
+        return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    }
+    int run(const std::string& program, const std::string& arguments) {
+        return finish(start(program, arguments));
+    }
+
+    std::string probe(const std::string& file, const std::string& entries) {
+        EXPECT_EQ(run("ffprobe", "-v error -count_frames -of csv=p=0 -show_entries " + entries + " " + file),
+                  0)
+            << errors;
+        return output;
+    }
+    void expectFailure(const std::string& arguments, int exitCode, const std::string& reason) {
+        SCOPED_TRACE(arguments);
+        const std::set<std::string> before = names(directory);
+        EXPECT_EQ(run("kelvane", arguments), exitCode);
+        EXPECT_TRUE(std::regex_match(errors, std::regex("kelvane[^\n]*" + reason + "[^\n]*\n"))) << errors;
+        EXPECT_EQ(names(directory), before);
+    }
+
+    fs::path tree, directory;
+    std::string output, errors;
+};
