@@ -22,6 +22,11 @@ const struct {
 } classes[] = {
     {"com/kelvane/media/transform/codec/AVCDecoder", {"open", "decode", "close"}},
     {"com/kelvane/media/transform/codec/AVCEncoder", {"open", "encode", "close"}},
+    {"com/kelvane/media/transform/codec/AACDecoder", {"open", "decode", "close"}},
+    {"com/kelvane/media/transform/codec/AACEncoder", {"open", "encode", "close"}},
+    {"com/kelvane/media/transform/codec/MPADecoder", {"open", "decode", "close"}},
+    {"com/kelvane/media/transform/codec/NOpusDecoder", {"open", "decode", "close"}},
+    {"com/kelvane/media/transform/codec/NOpusEncoder", {"open", "encode", "close"}},
     {"com/kelvane/media/transform/codec/MIRVProcessor", {"open", "apply", "start", "write", "close"}},
     {"com/kelvane/media/Tarnwick",
      {"av_malloc", "av_free", "avcodec_alloc_frame", "avcodec_free_frame", "avframe_set_data",
