@@ -22,8 +22,8 @@ import picocli.CommandLine.Spec;
 @Command(name = "audio", mixinStandardHelpOptions = true, versionProvider = Kelvane.Version.class, sortOptions = false,
         usageHelpAutoWidth = true,
         description = {"Turns the sound of a file into WAV, AAC or Opus.", ""},
-        footer = {"", "An .aac file cannot say that its first 1024 samples are the encoder's lead-in, nor where in its last 1024"
-                + " the sound ends.", "", "Example:", "  kelvane audio song.mp3 -o song.opus"})
+        footer = {"", "An .aac file cannot say that its first 1024 samples are the encoder's lead-in, nor where in its last"
+                + " 1024 the sound ends.", "", "Example:", "  kelvane audio song.mp3 -o song.opus"})
 final class AudioCommand implements Callable<Integer> {
     private static final List<Integer> AAC_RATES =
             List.of(96000, 88200, 64000, 48000, 44100, 32000, 24000, 22050, 16000, 12000, 11025, 8000, 7350);

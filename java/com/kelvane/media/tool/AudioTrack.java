@@ -18,7 +18,8 @@ record AudioTrack(MediaFile file, int index, String codec, int sampleRate, int c
     static AudioTrack open(Path path) throws IOException {
         MediaFile file = MediaFile.open(path, "stream=index,codec_type,codec_name,profile,sample_rate,channels");
         Map<String, String> sound = file.stream(
-                stream -> DECODED.contains(stream.get("codec_name")) || stream.getOrDefault("codec_name", "").startsWith("pcm_"),
+                stream -> DECODED.contains(stream.get("codec_name"))
+                        || stream.getOrDefault("codec_name", "").startsWith("pcm_"),
                 "has no sound that can be read, only AAC, MP3, Opus and PCM can");
         AudioTrack track = new AudioTrack(file, (int) MediaFile.number(sound, "index"), sound.get("codec_name"),
                 (int) MediaFile.number(sound, "sample_rate"), (int) MediaFile.number(sound, "channels"));

@@ -56,7 +56,8 @@ record MediaFile(Path path, List<Map<String, String>> streams, Map<String, Strin
     Map<String, String> stream(Predicate<Map<String, String>> wanted, String problem) {
         return streams.stream().filter(wanted).findFirst().orElseThrow(() -> new Failure("%s %s; found: %s", path, problem,
                 streams.isEmpty() ? "nothing" : streams.stream()
-                        .map(stream -> stream.getOrDefault("codec_type", "unknown") + " " + stream.getOrDefault("codec_name", ""))
+                        .map(stream -> stream.getOrDefault("codec_type", "unknown") + " "
+                                + stream.getOrDefault("codec_name", ""))
                         .map(String::strip).distinct().collect(Collectors.joining(", "))));
     }
 

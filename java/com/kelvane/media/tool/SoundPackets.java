@@ -108,7 +108,8 @@ final class SoundPackets {
     }
 
     private byte[] withoutHeader(byte[] packet) {
-        boolean adts = track.codec().equals("aac") && packet.length > 9 && (packet[0] & 0xff) == 0xff && (packet[1] & 0xf6) == 0xf0;
+        boolean adts = track.codec().equals("aac") && packet.length > 9 && (packet[0] & 0xff) == 0xff
+                && (packet[1] & 0xf6) == 0xf0;
         // A checksum of two bytes follows the header unless its last bit here says that there is none.
         return adts ? Arrays.copyOfRange(packet, (packet[1] & 1) == 1 ? 7 : 9, packet.length) : packet;
     }

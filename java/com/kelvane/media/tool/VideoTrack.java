@@ -29,7 +29,8 @@ record VideoTrack(Path path, int index, int width, int height, String pixelForma
         double seconds = MediaFile.number(video, "duration");
         return new VideoTrack(path, (int) MediaFile.number(video, "index"), (int) MediaFile.number(video, "width"),
                 (int) MediaFile.number(video, "height"), video.get("pix_fmt"), frameRate > 0 ? frameRate : 25,
-                (int) MediaFile.number(video, "has_b_frames"), seconds > 0 ? seconds : MediaFile.number(file.format(), "duration"),
+                (int) MediaFile.number(video, "has_b_frames"),
+                seconds > 0 ? seconds : MediaFile.number(file.format(), "duration"),
                 "h264".equals(file.format().get("format_name")));
     }
 
