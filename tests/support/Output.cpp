@@ -27,6 +27,7 @@ std::string printedBy(const std::function<void()>& action, int descriptor) {
     flush();
     FILE* caught = std::tmpfile();
     const int original = dup(descriptor);
+    const bool hadFailed = testing::Test::HasFailure();
     dup2(fileno(caught), descriptor);
     action();
     flush();
@@ -35,6 +36,8 @@ std::string printedBy(const std::function<void()>& action, int descriptor) {
     std::rewind(caught);
     std::string text = readAll(caught);
     std::fclose(caught);
+    // What GoogleTest says of a failure inside the action was caught with the rest.
+    if (!hadFailed && testing::Test::HasFailure()) std::fputs(text.c_str(), stderr);
     return text;
 }
 

@@ -1,0 +1,229 @@
+#include "bridge/Registries.h"
+#include "com_kelvane_media_transform_codec_AVCEncoder.h"
+#include "support/JavaMachine.h"
+#include "support/OpenH264.h"
+#include "support/Output.h"
+#include "video/AVCEncoder.h"
+
+#include <cstring>
+
+#define AVCEncoder(name) Java_com_kelvane_media_transform_codec_AVCEncoder_##name
+
+namespace {
+
+constexpr uint32_t width = 176, height = 144;
+constexpr int pictureSize = width * height * 3 / 2;
+
+class EngineEncoder : public WithOpenH264 {
+protected:
+    void openQuietly() {
+        encoder.width = width;
+        encoder.height = height;
+        encoder.bitrate = 500'000;
+        printedBy([&] { encoder.open(); });
+        ASSERT_EQ(encoder.status, 0);
+    }
+    int encode(uint32_t timestamp = 0) { return encoder.encode(picture.data(), pictureSize, timestamp); }
+
+    NativeOpenH264Encoder encoder;
+    Bytes picture = Bytes(pictureSize, 90);
+};
+
+class Encoder : public WithOpenH264 {};
+
+} // namespace
+
+TEST_F(EngineEncoder, GivesTheLibraryTheWholeParameterRecord) {
+    encoder.width = width;
+    encoder.height = height;
+    encoder.fps = 25;
+    encoder.bitrate = 700'000;
+    encoder.maxBitrate = 900'000;
+    encoder.encMode = 2;
+    encoder.profile = 1;
+    encoder.maxQp = 40;
+    encoder.keyInterval = 50;
+    encoder.debug = 1;
+    SEncParamExt expected{};
+    // The loader's own line depends on the tests before this one.
+    std::string printed = printedBy([&] { encoder.open(); });
+    printed.erase(0, printed.find("qp "));
+    const int libraryMinQp = library.defaults.iMinQp;
+    EXPECT_EQ(printed, "qp  " + std::to_string(libraryMinQp) + " -40 \nopened and configured h264 encoder.\n");
+    EXPECT_EQ(encoder.minQp, libraryMinQp);
+    EXPECT_EQ(encoder.status, 0);
+
+    std::memcpy(&expected, &library.defaults, sizeof expected);
+    expected.iUsageType = CAMERA_VIDEO_REAL_TIME;
+    expected.iPicWidth = 176;
+    expected.iPicHeight = 144;
+    expected.iTargetBitrate = expected.iMaxBitrate = 700'000;
+    expected.iRCMode = RC_QUALITY_MODE;
+    expected.fMaxFrameRate = 25;
+    expected.iTemporalLayerNum = expected.iSpatialLayerNum = 1;
+    expected.bEnableDenoise = expected.bEnableBackgroundDetection = expected.bEnableAdaptiveQuant = false;
+    expected.bEnableFrameSkip = expected.bPrefixNalAddingCtrl = false;
+    expected.uiIntraPeriod = 50;
+    expected.eSpsPpsIdStrategy = CONSTANT_ID;
+    expected.iLoopFilterDisableIdc = 1;
+    expected.iLtrMarkPeriod = 30;
+    expected.iMultipleThreadIdc = 1;
+    expected.iMaxQp = 40;
+    expected.iEntropyCodingModeFlag = 1;
+    SSpatialLayerConfig& layer = expected.sSpatialLayers[0];
+    layer.iVideoWidth = 176;
+    layer.iVideoHeight = 144;
+    layer.fFrameRate = 25;
+    layer.iSpatialBitrate = layer.iMaxSpatialBitrate = 700'000;
+    layer.sSliceArgument.uiSliceMode = SM_SINGLE_SLICE;
+    layer.sSliceArgument.uiSliceNum = 0;
+    EXPECT_EQ(std::memcmp(&library.param, &expected, sizeof expected), 0);
+    EXPECT_EQ(library.otherCalls, 0);
+}
+
+TEST_F(EngineEncoder, ClampsFrameRateThenKeyInterval) {
+    const struct {
+        uint32_t fps, keyInterval, usedFps, usedKeyInterval;
+    } cases[] = {{0, 0, 30, 120},   {61, 480, 30, 480}, {60, 0, 60, 240},     {25, 481, 25, 200},
+                 {25, 0, 25, 100},  {0, 500, 30, 240},  {0xFFFFFFFB, 1, 30, 1}, {1, 0xFFFFFFFF, 1, 8}};
+    for (const auto& [fps, keyInterval, usedFps, usedKeyInterval] : cases) {
+        NativeOpenH264Encoder clamped;
+        clamped.width = width;
+        clamped.height = height;
+        clamped.bitrate = 500'000;
+        clamped.fps = fps;
+        clamped.keyInterval = keyInterval;
+        printedBy([&] { clamped.open(); });
+        EXPECT_EQ(clamped.fps, usedFps);
+        EXPECT_EQ(clamped.keyInterval, usedKeyInterval);
+        EXPECT_EQ(library.param.fMaxFrameRate, static_cast<float>(usedFps));
+        EXPECT_EQ(library.param.uiIntraPeriod, usedKeyInterval);
+    }
+}
+
+TEST_F(EngineEncoder, DescribesThePictureInPlaceAndGathersAllLayers) {
+    openQuietly();
+    library.inventedLayers = MAX_LAYER_NUM_OF_FRAME;
+    EXPECT_EQ(encode(0xFFFFFFFF), 1);
+    const SSourcePicture& source = library.source;
+    EXPECT_EQ(source.iColorFormat, videoFormatI420);
+    EXPECT_EQ(source.iPicWidth, 176);
+    EXPECT_EQ(source.iPicHeight, 144);
+    EXPECT_EQ(source.iStride[0], 176);
+    EXPECT_EQ(source.iStride[1], 88);
+    EXPECT_EQ(source.iStride[2], 88);
+    EXPECT_EQ(source.iStride[3], 0);
+    EXPECT_EQ(source.pData[0], picture.data());
+    EXPECT_EQ(source.pData[1], picture.data() + 176 * 144);
+    EXPECT_EQ(source.pData[2], picture.data() + 176 * 144 * 5 / 4);
+    EXPECT_EQ(source.pData[3], nullptr);
+    EXPECT_EQ(source.uiTimeStamp, 4294967295);
+    Bytes layers;
+    for (int i = 0; i < MAX_LAYER_NUM_OF_FRAME; ++i)
+        layers.insert(layers.end(), 5, static_cast<uint8_t>(i));
+    EXPECT_EQ(Bytes(encoder.output.get(), encoder.output.get() + encoder.outputSize), layers);
+}
+
+TEST_F(EngineEncoder, DropsTheOutputBeforeEachPictureAndSaysWhy) {
+    openQuietly();
+    encoder.debug = 1;
+    const auto expectNothing = [&](const char* printed) {
+        EXPECT_EQ(printedBy([&] { EXPECT_EQ(encode(), 0); }), printed);
+        EXPECT_FALSE(encoder.output);
+        EXPECT_EQ(encoder.outputSize, 0);
+        library.failToEncode = library.skipPictures = false;
+    };
+    const std::string first = printedBy([&] { EXPECT_EQ(encode(), 1); });
+    EXPECT_EQ(first, "output_size: " + std::to_string(encoder.outputSize) + " count: 1\n");
+    ASSERT_GT(encoder.outputSize, 0);
+    library.failToEncode = true;
+    expectNothing("error \n");
+    library.skipPictures = true;
+    expectNothing("skip\n");
+
+    EXPECT_EQ(encode(), 1);
+    picture.pop_back();
+    picture.shrink_to_fit(); // a read past its end is seen by AddressSanitizer
+    const std::string refused = printedBy([&] { EXPECT_EQ(encoder.encode(picture.data(), pictureSize - 1, 0), 0); });
+    EXPECT_EQ(refused, "err size_in 38016  38015\n");
+    EXPECT_FALSE(encoder.output);
+    picture.resize(pictureSize + 7);
+    const std::string longer = printedBy([&] { EXPECT_EQ(encoder.encode(picture.data(), pictureSize + 7, 0), 1); });
+    EXPECT_EQ(longer.find("err size_in 38016  38023\noutput_size: "), 0u);
+    EXPECT_EQ(encoder.frameCount, 3u);
+
+    encoder.close();
+    EXPECT_EQ(encode(), 0);
+    EXPECT_EQ(printedBy([&] { encoder.close(); }), "");
+    EXPECT_EQ(library.destroyed, 1);
+    EXPECT_EQ(library.otherCalls, 0);
+}
+
+TEST_F(EngineEncoder, SurvivesALibraryThatRefuses) {
+    encoder.width = width;
+    encoder.height = height;
+    library.refuseToCreate = true;
+    EXPECT_NE(printedBy([&] { encoder.open(); }).find("could not open noh264\n"), std::string::npos);
+    EXPECT_EQ(encoder.status, 1);
+    EXPECT_EQ(encode(), 0);
+
+    library.refuseToCreate = false;
+    library.refuseParameters = true;
+    encoder.debug = 1;
+    EXPECT_NE(printedBy([&] { encoder.open(); }).find("could not configure noh264 codec.\n"), std::string::npos);
+    EXPECT_EQ(encoder.status, -1);
+    EXPECT_EQ(printedBy([&] { EXPECT_EQ(encode(), 0); }), "error \n");
+
+    // width x height x 3 / 2 wraps to a size that the picture has
+    encoder.width = encoder.height = 65'536;
+    EXPECT_EQ(printedBy([&] { EXPECT_EQ(encode(), 0); }), "err size_in 0  38016\n");
+}
+
+TEST_F(EngineEncoder, EncodesPicturesThatDecodeAgain) {
+    const std::vector<Picture> source = referenceDecode(accessUnits("baseline.h264"));
+    encoder.keyInterval = 10;
+    openQuietly();
+    std::vector<Bytes> units;
+    for (size_t i = 0; i < source.size(); ++i) {
+        Bytes input = source[i].i420;
+        ASSERT_EQ(encoder.encode(input.data(), pictureSize, static_cast<uint32_t>(i * 40)), 1);
+        units.emplace_back(encoder.output.get(), encoder.output.get() + encoder.outputSize);
+        EXPECT_EQ(nalTypes(units.back()), i % 10 == 0 ? (std::vector<int>{7, 8, 5}) : std::vector<int>{1}) << i;
+    }
+    const std::vector<Picture> decoded = referenceDecode(units);
+    ASSERT_EQ(decoded.size(), source.size());
+    for (size_t i = 0; i < decoded.size(); ++i)
+        EXPECT_GT(psnr(decoded[i].i420, source[i].i420, pictureSize), 30) << "picture " << i;
+}
+
+TEST_F(Encoder, JavaMethodsKeepTheBytesInTheEngine) {
+    const LocalFrame references;
+    JNIEnv* env = javaEnv();
+    jlong handle = 0;
+    std::string printed = printedBy([&] {
+        AVCEncoder(close)(env, nullptr, AVCEncoder(open)(env, nullptr, 176, 144, 25, 50, 500'000)); // the library is loaded now
+        handle = AVCEncoder(open)(env, nullptr, 176, 144, -1, 0, 500'000);
+    });
+    EXPECT_TRUE(printed.ends_with("pointers pre loaded\n")) << printed;
+    auto* encoder = reinterpret_cast<NativeOpenH264Encoder*>(handle);
+    ASSERT_EQ(encoder->handle, handle);
+    EXPECT_EQ(encoder->status, 0);
+    EXPECT_EQ(encoder->fps, 30u);
+    EXPECT_EQ(encoder->keyInterval, 120u);
+    EXPECT_EQ(encoder->maxBitrate, 300);
+
+    printed = printedBy([&] {
+        EXPECT_EQ(AVCEncoder(encode)(env, nullptr, javaArray(pictureSize), nullptr, handle), 0);
+        EXPECT_GT(encoder->outputSize, 0);
+        EXPECT_EQ(library.timestamps, std::vector<long long>{0});
+        EXPECT_EQ(AVCEncoder(encode)(env, nullptr, nullptr, nullptr, handle), 0);
+        EXPECT_GT(encoder->outputSize, 0) << "null touches nothing";
+        EXPECT_EQ(AVCEncoder(encode)(env, nullptr, javaArray(0), nullptr, handle), 0);
+        EXPECT_FALSE(encoder->output);
+        EXPECT_EQ(AVCEncoder(encode)(env, nullptr, javaArray(pictureSize), nullptr, 0), 0);
+        AVCEncoder(close)(env, nullptr, 0);
+    });
+    EXPECT_EQ(printed, "");
+    EXPECT_EQ(printedBy([&] { AVCEncoder(close)(env, nullptr, handle); }), "AVC encoder codec closed\n");
+    EXPECT_EQ(library.created, library.destroyed);
+}
