@@ -49,7 +49,8 @@ TEST_F(EngineEncoder, GivesTheLibraryTheWholeParameterRecord) {
     std::string printed = printedBy([&] { encoder.open(); });
     printed.erase(0, printed.find("qp "));
     const int libraryMinQp = library.defaults.iMinQp;
-    EXPECT_EQ(printed, "qp  " + std::to_string(libraryMinQp) + " -40 \nopened and configured h264 encoder.\n");
+    EXPECT_EQ(printed,
+              "qp  " + std::to_string(libraryMinQp) + " -40 \nopened and configured h264 encoder.\n");
     EXPECT_EQ(encoder.minQp, libraryMinQp);
     EXPECT_EQ(encoder.status, 0);
 
@@ -84,8 +85,8 @@ TEST_F(EngineEncoder, GivesTheLibraryTheWholeParameterRecord) {
 TEST_F(EngineEncoder, ClampsFrameRateThenKeyInterval) {
     const struct {
         uint32_t fps, keyInterval, usedFps, usedKeyInterval;
-    } cases[] = {{0, 0, 30, 120},   {61, 480, 30, 480}, {60, 0, 60, 240},     {25, 481, 25, 200},
-                 {25, 0, 25, 100},  {0, 500, 30, 240},  {0xFFFFFFFB, 1, 30, 1}, {1, 0xFFFFFFFF, 1, 8}};
+    } cases[] = {{0, 0, 30, 120},  {61, 480, 30, 480}, {60, 0, 60, 240},       {25, 481, 25, 200},
+                 {25, 0, 25, 100}, {0, 500, 30, 240},  {0xFFFFFFFB, 1, 30, 1}, {1, 0xFFFFFFFF, 1, 8}};
     for (const auto& [fps, keyInterval, usedFps, usedKeyInterval] : cases) {
         NativeOpenH264Encoder clamped;
         clamped.width = width;
@@ -144,11 +145,13 @@ TEST_F(EngineEncoder, DropsTheOutputBeforeEachPictureAndSaysWhy) {
     EXPECT_EQ(encode(), 1);
     picture.pop_back();
     picture.shrink_to_fit(); // a read past its end is seen by AddressSanitizer
-    const std::string refused = printedBy([&] { EXPECT_EQ(encoder.encode(picture.data(), pictureSize - 1, 0), 0); });
+    const std::string refused =
+        printedBy([&] { EXPECT_EQ(encoder.encode(picture.data(), pictureSize - 1, 0), 0); });
     EXPECT_EQ(refused, "err size_in 38016  38015\n");
     EXPECT_FALSE(encoder.output);
     picture.resize(pictureSize + 7);
-    const std::string longer = printedBy([&] { EXPECT_EQ(encoder.encode(picture.data(), pictureSize + 7, 0), 1); });
+    const std::string longer =
+        printedBy([&] { EXPECT_EQ(encoder.encode(picture.data(), pictureSize + 7, 0), 1); });
     EXPECT_EQ(longer.find("err size_in 38016  38023\noutput_size: "), 0u);
     EXPECT_EQ(encoder.frameCount, 3u);
 
@@ -170,7 +173,8 @@ TEST_F(EngineEncoder, SurvivesALibraryThatRefuses) {
     library.refuseToCreate = false;
     library.refuseParameters = true;
     encoder.debug = 1;
-    EXPECT_NE(printedBy([&] { encoder.open(); }).find("could not configure noh264 codec.\n"), std::string::npos);
+    EXPECT_NE(printedBy([&] { encoder.open(); }).find("could not configure noh264 codec.\n"),
+              std::string::npos);
     EXPECT_EQ(encoder.status, -1);
     EXPECT_EQ(printedBy([&] { EXPECT_EQ(encode(), 0); }), "error \n");
 
@@ -188,7 +192,8 @@ TEST_F(EngineEncoder, EncodesPicturesThatDecodeAgain) {
         Bytes input = source[i].i420;
         ASSERT_EQ(encoder.encode(input.data(), pictureSize, static_cast<uint32_t>(i * 40)), 1);
         units.emplace_back(encoder.output.get(), encoder.output.get() + encoder.outputSize);
-        EXPECT_EQ(nalTypes(units.back()), i % 10 == 0 ? (std::vector<int>{7, 8, 5}) : std::vector<int>{1}) << i;
+        EXPECT_EQ(nalTypes(units.back()), i % 10 == 0 ? (std::vector<int>{7, 8, 5}) : std::vector<int>{1})
+            << i;
     }
     const std::vector<Picture> decoded = referenceDecode(units);
     ASSERT_EQ(decoded.size(), source.size());
@@ -201,7 +206,9 @@ TEST_F(Encoder, JavaMethodsKeepTheBytesInTheEngine) {
     JNIEnv* env = javaEnv();
     jlong handle = 0;
     std::string printed = printedBy([&] {
-        AVCEncoder(close)(env, nullptr, AVCEncoder(open)(env, nullptr, 176, 144, 25, 50, 500'000)); // the library is loaded now
+        AVCEncoder(close)(
+            env, nullptr,
+            AVCEncoder(open)(env, nullptr, 176, 144, 25, 50, 500'000)); // the library is loaded now
         handle = AVCEncoder(open)(env, nullptr, 176, 144, -1, 0, 500'000);
     });
     EXPECT_TRUE(printed.ends_with("pointers pre loaded\n")) << printed;

@@ -11,8 +11,8 @@ namespace fs = std::filesystem;
 
 namespace {
 
-// glibc knows a library that is open by the name it was opened with, whatever the working directory: these tests
-// run in a process in which nothing else opens the library.
+// glibc knows a library that is open by the name it was opened with, whatever the working directory: these
+// tests run in a process in which nothing else opens the library.
 class Loader : public WithOpenH264 {
 protected:
     ~Loader() override {
@@ -83,7 +83,8 @@ TEST_F(Loader, ConcurrentFirstLoadsGiveWholeRecords) {
                     if (loader.state == 0) loader.LoadLib();
                     EncoderLibFunctions functions;
                     ASSERT_EQ(loader.GetLibFunctions(&functions), 2);
-                    ASSERT_TRUE(functions.createEncoder && functions.destroyEncoder && functions.getCodecVersion);
+                    ASSERT_TRUE(functions.createEncoder && functions.destroyEncoder &&
+                                functions.getCodecVersion);
                 });
             for (std::thread& thread : threads)
                 thread.join();

@@ -20,7 +20,9 @@ public:
     ~JavaTranscoder() { MIRVProcessor(close)(javaEnv(), nullptr, handle); }
     void apply(int id, const char* key, const std::string& value) {
         const LocalFrame references;
-        EXPECT_EQ(MIRVProcessor(apply)(javaEnv(), nullptr, id, javaString(key), javaString(value.c_str()), handle), 0);
+        EXPECT_EQ(
+            MIRVProcessor(apply)(javaEnv(), nullptr, id, javaString(key), javaString(value.c_str()), handle),
+            0);
     }
     void addRendition(int id, int width, int height, int bitrate = 400'000) {
         apply(id, "videoWidth", std::to_string(width));
@@ -33,7 +35,9 @@ public:
         const LocalFrame references;
         return MIRVProcessor(write)(javaEnv(), nullptr, listener, timestamp, javaArray(unit), handle);
     }
-    CoderOut& output(int i) { return reinterpret_cast<MIRVProcessor*>(handle)->outputs[static_cast<size_t>(i)]; }
+    CoderOut& output(int i) {
+        return reinterpret_cast<MIRVProcessor*>(handle)->outputs[static_cast<size_t>(i)];
+    }
 
     const jlong handle;
 };
@@ -66,7 +70,8 @@ TEST_F(Transcoder, IdsClaimOutputsInOrderAndKeysSetTheirFields) {
         EXPECT_EQ(transcoder.output(2).index, 0);
         transcoder.apply(-4, "nonsense", "12");
         transcoder.apply(5, "videoBR", "1");
-        const CoderOut &first = transcoder.output(0), &second = transcoder.output(1), &third = transcoder.output(2);
+        const CoderOut &first = transcoder.output(0), &second = transcoder.output(1),
+                       &third = transcoder.output(2);
         EXPECT_EQ(std::vector({first.index, first.width, first.height}), std::vector({7, 640, 360}));
         EXPECT_EQ(std::vector({second.index, second.width, second.height}), std::vector({9, 320, 0}));
         EXPECT_EQ(std::vector({third.index, third.width, third.debug}), std::vector({-4, 0, 3}));
@@ -82,13 +87,17 @@ TEST_F(Transcoder, IdsClaimOutputsInOrderAndKeysSetTheirFields) {
                        "CoderOut::close index 9  w 320, h 0\nCoderOut::close index -4  w 0, h 0\n");
     printedBy([&] {
         JavaTranscoder transcoder(1);
-        const std::pair<const char*, int32_t CoderOut::*> keys[] = {
-            {"videoHeight", &CoderOut::height},    {"videoWidth", &CoderOut::width},
-            {"videoBR", &CoderOut::bitrate},       {"videoFPS", &CoderOut::fps},
-            {"videoKey", &CoderOut::keyInterval},  {"videoEncMode", &CoderOut::encMode},
-            {"videoBRMax", &CoderOut::maxBitrate}, {"videoQPMax", &CoderOut::maxQp},
-            {"videoQPMin", &CoderOut::minQp},      {"videoEncProfile", &CoderOut::profile},
-            {"debug", &CoderOut::debug}};
+        const std::pair<const char*, int32_t CoderOut::*> keys[] = {{"videoHeight", &CoderOut::height},
+                                                                    {"videoWidth", &CoderOut::width},
+                                                                    {"videoBR", &CoderOut::bitrate},
+                                                                    {"videoFPS", &CoderOut::fps},
+                                                                    {"videoKey", &CoderOut::keyInterval},
+                                                                    {"videoEncMode", &CoderOut::encMode},
+                                                                    {"videoBRMax", &CoderOut::maxBitrate},
+                                                                    {"videoQPMax", &CoderOut::maxQp},
+                                                                    {"videoQPMin", &CoderOut::minQp},
+                                                                    {"videoEncProfile", &CoderOut::profile},
+                                                                    {"debug", &CoderOut::debug}};
         int value = 100;
         for (const auto& [key, field] : keys)
             transcoder.apply(1, key, std::to_string(value++));
@@ -109,7 +118,8 @@ TEST_F(Transcoder, EveryWriteCallsBackOncePerOutputInOrder) {
         JavaTranscoder transcoder(3);
         transcoder.addRendition(30, 96, 80);
         transcoder.addRendition(20, 176, 144);
-        transcoder.apply(0, "videoBR", "400000"); // the third output stays unclaimed and takes the input's size
+        transcoder.apply(0, "videoBR",
+                         "400000"); // the third output stays unclaimed and takes the input's size
         transcoder.start();
         constexpr jlong first = 5'000'000'000;
         for (size_t i = 0; i < units.size(); ++i) {
@@ -162,13 +172,14 @@ TEST_F(Transcoder, ScaledPicturesAreLibswscalesOwn) {
                                        source.i420.data() + 176 * 144 * 5 / 4};
         const int fromStrides[] = {176, 88, 88}, toStrides[] = {96, 48, 48};
         uint8_t* const to[] = {expected.data(), expected.data() + 96 * 80, expected.data() + 96 * 80 * 5 / 4};
-        const ScalerOwner scaler(sws_getContext(176, 144, AV_PIX_FMT_YUV420P, 96, 80, AV_PIX_FMT_YUV420P, SWS_BICUBIC,
-                                                nullptr, nullptr, nullptr));
+        const ScalerOwner scaler(sws_getContext(176, 144, AV_PIX_FMT_YUV420P, 96, 80, AV_PIX_FMT_YUV420P,
+                                                SWS_BICUBIC, nullptr, nullptr, nullptr));
         sws_scale(scaler.get(), from, fromStrides, 0, 144, to, toStrides);
         const AVFrame& scaled = *transcoder.output(0).frame;
         for (int plane = 0; plane < 3; ++plane)
             for (int row = 0; row < (plane ? 40 : 80); ++row)
-                ASSERT_EQ(std::memcmp(scaled.data[plane] + row * scaled.linesize[plane], to[plane] + row * toStrides[plane],
+                ASSERT_EQ(std::memcmp(scaled.data[plane] + row * scaled.linesize[plane],
+                                      to[plane] + row * toStrides[plane],
                                       static_cast<size_t>(toStrides[plane])),
                           0)
                     << "plane " << plane << " row " << row;
@@ -198,13 +209,15 @@ TEST_F(Transcoder, OpensLateAndFollowsTheInputsSize) {
         EXPECT_EQ(transcoder.output(0).frame->height, 200);
     });
     size_t at = 0;
-    for (const char* line : {"CoderOut::open index 1  w 160, h 96\n", "sws_context init 160  96 \n",
-                             "CoderOut::open index 0  w 160, h 96\n", "sws_context init 160  96 \n",
-                             "set/update w:320  h:180\nsws_context reinit \nsws_context reinit \n",
-                             "set/update w:160  h:96\nsws_context reinit \nsws_context reinit \n",
-                             "apply index 1 key videoHeight val 200\n", "sws_context reinit \nsws_context reinit \n",
-                             "start 2\nopening 1\nCoderOut::open index 1  w 320, h 200\n", "opening 0\n",
-                             "sws_context init 160  96 \nsws_context init 160  96 \n", "CoderOut::close index 1  w 320, h 200\n"}) {
+    for (const char* line :
+         {"CoderOut::open index 1  w 160, h 96\n", "sws_context init 160  96 \n",
+          "CoderOut::open index 0  w 160, h 96\n", "sws_context init 160  96 \n",
+          "set/update w:320  h:180\nsws_context reinit \nsws_context reinit \n",
+          "set/update w:160  h:96\nsws_context reinit \nsws_context reinit \n",
+          "apply index 1 key videoHeight val 200\n", "sws_context reinit \nsws_context reinit \n",
+          "start 2\nopening 1\nCoderOut::open index 1  w 320, h 200\n", "opening 0\n",
+          "sws_context init 160  96 \nsws_context init 160  96 \n",
+          "CoderOut::close index 1  w 320, h 200\n"}) {
         at = printed.find(line, at);
         ASSERT_NE(at, std::string::npos) << "no " << line << " in its place in:\n" << printed;
         ++at;
@@ -257,7 +270,8 @@ TEST_F(Transcoder, OneOutputsFailureLeavesTheOthersAlone) {
     for (const Listener::Call& call : listener.take())
         if (call.hasData) withData.push_back(call.index);
     EXPECT_EQ(withData, std::vector(4, 2));
-    for (const char* line : {"error \nfail2 code 0 \n", "opened -1\ncoder opened, error=-1  -", "fail2context -1 \n"})
+    for (const char* line :
+         {"error \nfail2 code 0 \n", "opened -1\ncoder opened, error=-1  -", "fail2context -1 \n"})
         EXPECT_NE(printed.find(line), std::string::npos) << "no " << line << " in:\n" << printed;
 }
 
@@ -294,13 +308,14 @@ TEST_F(Transcoder, ListenersMayThrowLackTheMethodOrChange) {
 TEST_F(Transcoder, NullsZeroHandlesAndBadCountsAreHarmless) {
     JNIEnv* env = javaEnv();
     Listener listener;
-    EXPECT_EQ(printedBy([&] {
-                  EXPECT_EQ(MIRVProcessor(write)(env, nullptr, listener.object(), 0, javaArray(units[0]), 0), 0);
-                  EXPECT_EQ(MIRVProcessor(apply)(env, nullptr, 1, javaString("debug"), javaString("1"), 0), 0);
-                  EXPECT_EQ(MIRVProcessor(start)(env, nullptr, 0), 1);
-                  EXPECT_EQ(MIRVProcessor(close)(env, nullptr, 0), 0);
-              }),
-              "MIRVProcessor_apply \nMIRVProcessor_close \n");
+    EXPECT_EQ(
+        printedBy([&] {
+            EXPECT_EQ(MIRVProcessor(write)(env, nullptr, listener.object(), 0, javaArray(units[0]), 0), 0);
+            EXPECT_EQ(MIRVProcessor(apply)(env, nullptr, 1, javaString("debug"), javaString("1"), 0), 0);
+            EXPECT_EQ(MIRVProcessor(start)(env, nullptr, 0), 1);
+            EXPECT_EQ(MIRVProcessor(close)(env, nullptr, 0), 0);
+        }),
+        "MIRVProcessor_apply \nMIRVProcessor_close \n");
     printedBy([&] {
         EXPECT_EQ(MIRVProcessor(open)(env, nullptr, -1), 0);
         EXPECT_EQ(MIRVProcessor(open)(env, nullptr, 65'537), 0);

@@ -36,7 +36,6 @@ void CoderOut::open() {
         frame->width = width;
         frame->height = height;
         allocated = av_image_alloc(frame->data, frame->linesize, width, height, AV_PIX_FMT_YUV420P, 32);
-        if (allocated < 0) frame.reset();
     }
     if (coder->debug) std::printf("coder opened, error=%d  %d\n", coder->status, allocated);
 }
@@ -71,8 +70,9 @@ int CoderOut::write(AVFrame* in, AVPacket* packet) {
         if (debugging) std::printf("fail2context %d \n", coder->status);
         return 0;
     }
-    if (sws_scale(scaler.get(), in->data, in->linesize, 0, in->height, frame->data, frame->linesize) !=
-        frame->height) {
+    // A frame without planes, for which there was no memory, is never scaled into.
+    if (!frame->data[0] || sws_scale(scaler.get(), in->data, in->linesize, 0, in->height, frame->data,
+                                     frame->linesize) != frame->height) {
         if (debugging) std::puts("fail2sws_scale ");
         return 0;
     }

@@ -10,7 +10,8 @@ namespace {
 
 OpenH264Record& record() {
     // Never closed, and not opened by the name that the loader uses.
-    static void* const recorder = dlopen(std::filesystem::absolute(COpenLoaderImpl::libraryPath).c_str(), RTLD_NOW);
+    static void* const recorder =
+        dlopen(std::filesystem::absolute(COpenLoaderImpl::libraryPath).c_str(), RTLD_NOW);
     if (!recorder) {
         std::fprintf(stderr, "the tests' working directory holds no %s\n", COpenLoaderImpl::libraryPath);
         std::exit(1);

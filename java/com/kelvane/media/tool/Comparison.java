@@ -1,0 +1,126 @@
+package com.kelvane.media.tool;
+
+import java.awt.image.BufferedImage;
+import java.io.IOException;
+import java.nio.file.Files;
+import java.util.ArrayList;
+import java.util.Arrays;
+import java.util.List;
+import java.util.regex.Matcher;
+import java.util.regex.Pattern;
+import java.util.stream.Collectors;
+import javax.imageio.ImageIO;
+
+/**
+ * Compares the renditions with the source, pictures of the same time with one another: PSNR of the luma, and small
+ * pictures of a few moments. One run of FFmpeg decodes everything once.
+ */
+final class Comparison {
+    private static final int CELL_WIDTH = 320;
+    private static final String SOURCE = "source.mkv";
+    private static final String SCRIPT = "comparison.txt";
+    private static final String PICTURES = "comparison.png";
+    private static final Pattern PSNR = Pattern.compile("\\[psnr@(\\d+) .*PSNR y:(\\S+).*");
+
+    private final double[] psnr;
+    private final int[] cellHeights;
+    private BufferedImage grid;
+    private int damagedPictures;
+
+    /**
+     * @param outputs finished renditions
+     * @param moments times of the pictures to show, in milliseconds, ascending
+     */
+    Comparison(VideoTrack track, AccessUnits source, List<RenditionOutput> outputs, List<Long> moments, Workspace workspace)
+            throws IOException {
+        try (AccessUnits.Reader reader = source.read(); MatroskaWriter timed = new MatroskaWriter(workspace.path(SOURCE),
+                track.width(), track.height(), track.frameRate(), true)) {
+            for (int i = 0; i < source.count(); i++) {
+                timed.write(reader.next(), source.time(i));
+            }
+        }
+        psnr = new double[outputs.size()];
+        Arrays.fill(psnr, Double.NaN);
+        cellHeights = new int[outputs.size() + 1];
+        cellHeights[0] = cellHeight(track.width(), track.height());
+        for (int i = 0; i < outputs.size(); i++) {
+            Rendition rendition = outputs.get(i).rendition();
+            cellHeights[i + 1] = cellHeight(rendition.width(), rendition.height());
+        }
+        Files.writeString(workspace.path(SCRIPT), graph(outputs, moments));
+        List<String> command = new ArrayList<>(List.of("-v", "info", "-copyts"));
+        // A new size in mid-stream is left to the scale filters: FFmpeg would make the graph anew and begin all counts again.
+        command.addAll(List.of("-reinit_filter", "0", "-f", "matroska", "-i", SOURCE));
+        for (RenditionOutput output : outputs) {
+            command.addAll(List.of("-f", "matroska", "-i", output.timedName()));
+        }
+        command.addAll(List.of("-filter_complex_script", SCRIPT, "-map", "[pictures]", "-vsync", "0", "-f", "image2", "-update",
+                "1", PICTURES));
+        if (MediaProgram.FFMPEG.run(workspace.folder(), command, line -> { }, this::read) == 0) {
+            grid = ImageIO.read(workspace.path(PICTURES).toFile());
+        }
+    }
+
+    /** PSNR-Y of a rendition in dB: infinite when nothing differs, NaN when it could not be measured. */
+    double psnr(int rendition) {
+        return psnr[rendition];
+    }
+
+    /** The pictures: a row for the source and for each rendition, a column for each moment; null when there are none. */
+    BufferedImage grid() {
+        return grid;
+    }
+
+    /** Heights of the rows in pixels. */
+    int[] cellHeights() {
+        return cellHeights;
+    }
+
+    /** Number of source pictures of which a part was lost and made up by the decoder. */
+    int damagedPictures() {
+        return damagedPictures;
+    }
+
+    private static int cellHeight(int width, int height) {
+        return Math.max(2, 2 * Math.round(CELL_WIDTH / 2f * height / width));
+    }
+
+    /**
+     * All streams meet in one stack before the moments are selected, although that scales pictures for nothing: a stream
+     * with a way out of its own could run ahead, and the graph would hold its pictures until the others come, gigabytes
+     * for a source of minutes.
+     */
+    private String graph(List<RenditionOutput> outputs, List<Long> moments) {
+        StringBuilder graph = new StringBuilder("[0:v]split=").append(outputs.size() + 1);
+        for (int i = 0; i <= outputs.size(); i++) {
+            graph.append("[source").append(i).append(']');
+        }
+        graph.append(";\n[source0]").append(cell(0));
+        for (int i = 1; i <= outputs.size(); i++) {
+            Rendition rendition = outputs.get(i - 1).rendition();
+            graph.append(String.format("[source%d]scale=%d:%d:flags=bicubic,format=yuv420p[reference%1$d];\n", i,
+                    rendition.width(), rendition.height()));
+            graph.append(String.format("[%d:v][reference%1$d]psnr@%1$d=shortest=1,", i)).append(cell(i));
+        }
+        for (int i = 0; i <= outputs.size(); i++) {
+            graph.append("[cell").append(i).append(']');
+        }
+        return graph.append("vstack=inputs=").append(outputs.size() + 1).append(":shortest=1,select='")
+                .append(moments.stream().map(moment -> "eq(round(t*1000)," + moment + ")").collect(Collectors.joining("+")))
+                .append("',tile=").append(moments.size()).append("x1[pictures]\n").toString();
+    }
+
+    private String cell(int row) {
+        return String.format("scale=%d:%d:flags=area,format=yuv420p[cell%d];\n", CELL_WIDTH, cellHeights[row], row);
+    }
+
+    private void read(String line) {
+        Matcher measured = PSNR.matcher(line);
+        if (measured.matches()) {
+            psnr[Integer.parseInt(measured.group(1)) - 1] =
+                    measured.group(2).equals("inf") ? Double.POSITIVE_INFINITY : Double.parseDouble(measured.group(2));
+        } else if (line.contains("concealing ")) {
+            damagedPictures++;
+        }
+    }
+}

@@ -1,0 +1,81 @@
+package com.kelvane.media.tool;
+
+import java.awt.Color;
+import java.awt.Font;
+import java.awt.Graphics2D;
+import java.awt.RenderingHints;
+import java.awt.image.BufferedImage;
+import java.io.IOException;
+import java.nio.file.Path;
+import java.util.List;
+import javax.imageio.ImageIO;
+
+/** Draws pictures in labelled rows, a column for each moment. */
+final class ContactSheet {
+    /** A row's label: what it shows, in large letters, and figures about it, each on a line of its own. */
+    record Label(String name, List<String> figures) {
+    }
+
+    private static final int MARGIN = 28;
+    private static final int GAP = 10;
+    private static final int LABEL_WIDTH = 190;
+    private static final int HEADER_HEIGHT = 62;
+    private static final int LINE_HEIGHT = 21;
+    private static final Color BACKGROUND = new Color(0x15181d);
+    private static final Color BRIGHT = new Color(0xeceff4);
+    private static final Color QUIET = new Color(0x98a2b3);
+    private static final Font TITLE = new Font(Font.SANS_SERIF, Font.BOLD, 17);
+    private static final Font NAME = new Font(Font.SANS_SERIF, Font.BOLD, 18);
+    private static final Font SMALL = new Font(Font.SANS_SERIF, Font.PLAIN, 14);
+
+    private ContactSheet() {
+    }
+
+    /**
+     * @param grid all pictures, without any space between them
+     * @param rowHeights in pixels, as many as labels
+     * @param columns headings of the columns
+     */
+    static void draw(String title, BufferedImage grid, int[] rowHeights, List<Label> labels, List<String> columns, Path file)
+            throws IOException {
+        int cellWidth = grid.getWidth() / columns.size();
+        int width = MARGIN + LABEL_WIDTH + columns.size() * (cellWidth + GAP) - GAP + MARGIN;
+        int height = MARGIN + HEADER_HEIGHT + grid.getHeight() + (rowHeights.length - 1) * GAP + MARGIN;
+        BufferedImage sheet = new BufferedImage(width, height, BufferedImage.TYPE_INT_RGB);
+        Graphics2D canvas = sheet.createGraphics();
+        canvas.setRenderingHint(RenderingHints.KEY_TEXT_ANTIALIASING, RenderingHints.VALUE_TEXT_ANTIALIAS_ON);
+        canvas.setColor(BACKGROUND);
+        canvas.fillRect(0, 0, width, height);
+        text(canvas, title, TITLE, BRIGHT, MARGIN, MARGIN + 16);
+        for (int column = 0; column < columns.size(); column++) {
+            text(canvas, columns.get(column), SMALL, QUIET, cellLeft(column, cellWidth), MARGIN + HEADER_HEIGHT - 10);
+        }
+        int top = MARGIN + HEADER_HEIGHT;
+        int gridTop = 0;
+        for (int row = 0; row < rowHeights.length; row++) {
+            Label label = labels.get(row);
+            text(canvas, label.name, NAME, BRIGHT, MARGIN, top + 18);
+            for (int line = 0; line < label.figures.size(); line++) {
+                text(canvas, label.figures.get(line), SMALL, QUIET, MARGIN, top + 44 + line * LINE_HEIGHT);
+            }
+            for (int column = 0; column < columns.size(); column++) {
+                canvas.drawImage(grid.getSubimage(column * cellWidth, gridTop, cellWidth, rowHeights[row]),
+                        cellLeft(column, cellWidth), top, null);
+            }
+            top += rowHeights[row] + GAP;
+            gridTop += rowHeights[row];
+        }
+        canvas.dispose();
+        ImageIO.write(sheet, "png", file.toFile());
+    }
+
+    private static int cellLeft(int column, int cellWidth) {
+        return MARGIN + LABEL_WIDTH + column * (cellWidth + GAP);
+    }
+
+    private static void text(Graphics2D canvas, String text, Font font, Color color, int left, int baseline) {
+        canvas.setFont(font);
+        canvas.setColor(color);
+        canvas.drawString(text, left, baseline);
+    }
+}

@@ -1,0 +1,60 @@
+package com.kelvane.media.tool;
+
+import java.io.IOException;
+import java.io.PrintWriter;
+import picocli.CommandLine;
+import picocli.CommandLine.Command;
+import picocli.CommandLine.IVersionProvider;
+
+/** The command-line tool. Exit codes: 0 done, 1 failed, 2 wrong usage; every error is one line on standard error. */
+@Command(name = "kelvane", description = "H.264 transcoding with the Kelvane media library.",
+        mixinStandardHelpOptions = true, versionProvider = Kelvane.Version.class, subcommands = TranscodeCommand.class)
+public final class Kelvane {
+    private Kelvane() {
+    }
+
+    public static void main(String[] arguments) {
+        CommandLine tool = new CommandLine(new Kelvane())
+                .setOut(new PrintWriter(Caller.OUTPUT, true))
+                .setParameterExceptionHandler((wrong, given) -> {
+                    String name = wrong.getCommandLine().getCommandSpec().qualifiedName();
+                    return report(name, wrong.getMessage() + " (" + name + " --help tells more)", CommandLine.ExitCode.USAGE);
+                })
+                .setExecutionExceptionHandler((failure, command, parsed) ->
+                        report(command.getCommandSpec().qualifiedName(), explain(failure), CommandLine.ExitCode.SOFTWARE));
+        int exitCode;
+        try {
+            exitCode = tool.execute(arguments);
+        } catch (LinkageError | OutOfMemoryError beyondPicocli) {
+            exitCode = report("kelvane", beyondPicocli.getMessage(), CommandLine.ExitCode.SOFTWARE);
+        }
+        System.exit(exitCode);
+    }
+
+    private static int report(String command, String message, int exitCode) {
+        // An interrupted run fails in whatever it was doing, which nobody wants to read.
+        if (!Workspace.interrupted()) {
+            System.err.println(command + ": " + message.strip().replaceAll("\\s*\\R\\s*", " "));
+        }
+        return exitCode;
+    }
+
+    private static String explain(Throwable failure) {
+        if (failure instanceof Failure) {
+            return failure.getMessage();
+        }
+        if (failure instanceof IOException) {
+            return Failure.reason((IOException) failure);
+        }
+        StackTraceElement[] place = failure.getStackTrace();
+        return "internal error: " + failure + (place.length > 0 ? " at " + place[0] : "");
+    }
+
+    static final class Version implements IVersionProvider {
+        @Override
+        public String[] getVersion() {
+            String version = Kelvane.class.getPackage().getImplementationVersion();
+            return new String[] {"kelvane " + (version == null ? "(development build)" : version)};
+        }
+    }
+}

@@ -1,0 +1,183 @@
+package com.kelvane.media.tool;
+
+import java.io.IOException;
+import java.nio.file.Files;
+import java.nio.file.Path;
+import java.util.ArrayList;
+import java.util.HashSet;
+import java.util.List;
+import java.util.Set;
+import java.util.concurrent.Callable;
+import java.util.stream.IntStream;
+import picocli.CommandLine.Command;
+import picocli.CommandLine.Model.CommandSpec;
+import picocli.CommandLine.Option;
+import picocli.CommandLine.ParameterException;
+import picocli.CommandLine.Parameters;
+import picocli.CommandLine.Spec;
+
+@Command(name = "transcode", mixinStandardHelpOptions = true, versionProvider = Kelvane.Version.class,
+        sortOptions = false, usageHelpAutoWidth = true,
+        description = {"Decodes one H.264 stream once and encodes it into several renditions.", ""},
+        footer = {"", "DIR receives WxH.h264 and WxH.mp4 for every rendition, and contact-sheet.png, which shows the source and"
+                + " every rendition at four moments.", "", "Example:",
+                "  kelvane transcode in.mp4 -r 1280x720@2500k -r 640x360@800k,key=60"})
+final class TranscodeCommand implements Callable<Integer> {
+    private static final Path DEMO = Path.of("share/kelvane/demo.mp4");
+    private static final Path OPENH264 = Path.of("lib/amd64-Linux-gpp/jni/libopenh264-1.8.0-linux64.4.so");
+    private static final String SHEET = "contact-sheet.png";
+    private static final int MOMENTS = 4;
+
+    @Spec
+    private CommandSpec command;
+
+    @Parameters(paramLabel = "INPUT", arity = "0..1", description = "Media file with an H.264 track, or a raw Annex-B stream;"
+            + " without it a demonstration clip.")
+    private Path input;
+
+    @Option(names = {"-r", "--rendition"}, paramLabel = "WxH@BITRATE[,...]", converter = Rendition.Converter.class,
+            description = {"A rendition; may be given several times. BITRATE is in bits per second, k and M multiply. Options:",
+                "  fps=N         rate that bits are shared out for, 1-60", "  key=N         key frame every N pictures, 1-480",
+                "  qp=MIN-MAX    quantisers, 1-51", "  mode=quality  rate control by quality",
+                "  cabac         CABAC entropy coding",
+                "Default: the three largest usual sizes that fit into the source; at 1280x720 these are 1280x720@2500k,"
+                + " 854x480@1200k and 640x360@800k, with a key frame every 2 seconds."})
+    private List<Rendition> renditions = new ArrayList<>();
+
+    @Option(names = {"-o", "--output"}, paramLabel = "DIR", description = "Directory for the results, made if need be"
+            + " (default: ${DEFAULT-VALUE}).")
+    private Path directory = Path.of("transcoded");
+
+    @Option(names = "--start", paramLabel = "S", description = "Begin at the key frame at or before this second.")
+    private double start;
+
+    @Option(names = "--duration", paramLabel = "S", description = "End this many seconds after the start.")
+    private Double duration;
+
+    @Override
+    public Integer call() throws IOException {
+        checkUsage();
+        VideoTrack track = VideoTrack.open(input == null ? DEMO.toAbsolutePath() : Caller.DIRECTORY.resolve(input).normalize());
+        if (!Files.exists(OPENH264)) {
+            throw new Failure("OpenH264 is missing at %s; tools/setup puts it there", OPENH264.toAbsolutePath());
+        }
+        List<Rendition> wanted = (renditions.isEmpty() ? Rendition.ladder(track) : renditions).stream()
+                .map(rendition -> rendition.completed(track.frameRate())).toList();
+        Path results = Caller.DIRECTORY.resolve(directory).normalize();
+        for (Rendition rendition : wanted) {
+            Path container = results.resolve(rendition.size() + ".mp4");
+            Path stream = results.resolve(rendition.size() + ".h264");
+            check(!track.path().equals(container) && !track.path().equals(stream), track.path()
+                    + " would be overwritten by its own rendition; name another directory with -o");
+        }
+        try (Workspace workspace = new Workspace(results)) {
+            transcode(track, wanted, workspace);
+        }
+        Caller.OUTPUT.println("results: " + results);
+        return 0;
+    }
+
+    private void checkUsage() {
+        Set<String> sizes = new HashSet<>();
+        for (Rendition rendition : renditions) {
+            check(sizes.add(rendition.size()), "there are two renditions of " + rendition.size()
+                    + "; files are named after sizes, so each can be made once");
+        }
+        check(start >= 0 && start < 1e9, "--start takes seconds, 0 or more");
+        check(duration == null || duration > 0 && duration < 1e9, "--duration takes seconds, more than 0");
+    }
+
+    private void check(boolean right, String message) {
+        if (!right) {
+            throw new ParameterException(command.commandLine(), message);
+        }
+    }
+
+    private void transcode(VideoTrack track, List<Rendition> wanted, Workspace workspace) throws IOException {
+        Progress.stage("reading " + track.path().getFileName());
+        AccessUnits source = new AccessUnits(track, start, duration == null ? 0 : duration, workspace);
+        Progress.clear();
+        Caller.OUTPUT.printf("%s: %dx%d, %d access units, %.2f pictures a second%n", track.path(), track.width(),
+                track.height(), source.count(), track.frameRate());
+        List<RenditionOutput> outputs = new ArrayList<>();
+        Transcoding transcoding;
+        try {
+            for (Rendition rendition : wanted) {
+                outputs.add(new RenditionOutput(rendition, track.frameRate(), workspace));
+            }
+            transcoding = new Transcoding(track.reorderDepth(), outputs);
+            transcoding.run(source);
+        } finally {
+            for (RenditionOutput output : outputs) {
+                output.close();
+            }
+        }
+        checkProduced(track, transcoding, outputs);
+
+        Progress.stage("writing MP4 files");
+        makeContainers(outputs, workspace);
+        Progress.stage("comparing with the source");
+        List<Long> times = transcoding.times();
+        double seconds = transcoding.mediaSeconds(track.frameRate());
+        List<Long> moments = IntStream.range(0, MOMENTS).map(i -> (2 * i + 1) * times.size() / (2 * MOMENTS)).distinct()
+                .mapToObj(times::get).toList();
+        Comparison comparison = new Comparison(track, source, outputs, moments, workspace);
+        List<String> files = new ArrayList<>();
+        for (RenditionOutput output : outputs) {
+            files.addAll(List.of(output.streamName(), output.containerName()));
+        }
+        if (comparison.grid() != null) {
+            drawSheet(track, outputs, moments, seconds, comparison, workspace);
+            files.add(SHEET);
+        }
+        workspace.publish(files);
+        Progress.clear();
+        Summary.print(source, track, transcoding, outputs, seconds, comparison);
+    }
+
+    private static void checkProduced(VideoTrack track, Transcoding transcoding, List<RenditionOutput> outputs) {
+        if (transcoding.times().isEmpty()) {
+            throw new Failure("no picture of %s could be decoded", track.path());
+        }
+        List<String> empty = outputs.stream().filter(output -> output.pictures() == 0)
+                .map(output -> output.rendition().size()).toList();
+        if (empty.size() == outputs.size()) {
+            throw new Failure("pictures were decoded but none encoded; is %s an OpenH264 library? tools/setup puts one there",
+                    OPENH264.toAbsolutePath());
+        }
+        if (!empty.isEmpty()) {
+            throw new Failure("OpenH264 refused the settings of %s; change its size, bit rate or quantisers",
+                    String.join(", ", empty));
+        }
+    }
+
+    /** Copies the timed files into MP4, in one run. */
+    private static void makeContainers(List<RenditionOutput> outputs, Workspace workspace) throws IOException {
+        List<String> command = new ArrayList<>(List.of("-v", "error"));
+        for (RenditionOutput output : outputs) {
+            command.addAll(List.of("-f", "matroska", "-i", output.timedName()));
+        }
+        for (int i = 0; i < outputs.size(); i++) {
+            command.addAll(List.of("-map", Integer.toString(i), "-c", "copy", "-movflags", "+faststart",
+                    outputs.get(i).containerName()));
+        }
+        var error = new MediaProgram.FirstError(workspace.folder());
+        if (MediaProgram.FFMPEG.run(workspace.folder(), command, line -> { }, error) != 0) {
+            throw new Failure("the MP4 files could not be written: %s", error);
+        }
+    }
+
+    private static void drawSheet(VideoTrack track, List<RenditionOutput> outputs, List<Long> times, double seconds,
+                                  Comparison comparison, Workspace workspace) throws IOException {
+        List<ContactSheet.Label> labels = new ArrayList<>();
+        labels.add(new ContactSheet.Label("source", List.of(track.width() + "x" + track.height(),
+                String.format("%.2f pictures/s", track.frameRate()))));
+        for (int i = 0; i < outputs.size(); i++) {
+            labels.add(Summary.label(outputs.get(i), seconds, comparison.psnr(i)));
+        }
+        List<String> columns = times.stream()
+                .map(time -> String.format("%d:%02d.%03d", time / 60_000, time / 1000 % 60, time % 1000)).toList();
+        ContactSheet.draw(track.path().getFileName().toString(), comparison.grid(), comparison.cellHeights(), labels, columns,
+                workspace.path(SHEET));
+    }
+}

@@ -1,0 +1,218 @@
+#include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <csignal>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <regex>
+#include <set>
+#include <thread>
+
+namespace fs = std::filesystem;
+
+namespace {
+
+std::string contents(const fs::path& file) {
+    std::ifstream stream(file, std::ios::binary);
+    return {std::istreambuf_iterator<char>(stream), {}};
+}
+
+std::set<std::string> names(const fs::path& directory) {
+    std::set<std::string> found;
+    for (const auto& entry : fs::directory_iterator(directory))
+        found.insert(entry.path().filename());
+    return found;
+}
+
+// The command-line tool of the installed tree, called from a directory of the test's own.
+class InstalledTool : public testing::Test {
+protected:
+    void SetUp() override {
+        ASSERT_NE(std::getenv("KELVANE_DIST"), nullptr) << "KELVANE_DIST must name the installed tree";
+        tree = std::getenv("KELVANE_DIST");
+        std::string pattern = fs::temp_directory_path() / "kelvane test XXXXXX";
+        ASSERT_NE(mkdtemp(pattern.data()), nullptr);
+        directory = pattern;
+        fs::copy(TEST_DATA "/bframes.h264", path("in.h264"));
+        std::ofstream(path(".output")), std::ofstream(path(".errors"));
+    }
+    void TearDown() override {
+        if (!directory.empty()) fs::remove_all(directory);
+    }
+
+    fs::path path(const std::string& name) const { return directory / name; }
+
+    // Starts a program of the tree in its own process; what it prints goes to `output` and `errors`.
+    pid_t start(const std::string& program, const std::string& arguments) const {
+        const pid_t child = fork();
+        if (child == 0) {
+            const std::string command =
+                "exec '" + (tree / "bin" / program).string() + "' " + arguments + " >.output 2>.errors";
+            if (chdir(directory.c_str()) == 0) execl("/bin/sh", "sh", "-c", command.c_str(), nullptr);
+            _exit(127);
+        }
+        return child;
+    }
+    int finish(pid_t child) {
+        int status = 0;
+        waitpid(child, &status, 0);
+        output = contents(path(".output"));
+        // OpenH264 prints a warning of its own for every encoder.
+        errors = std::regex_replace(contents(path(".errors")), std::regex("\\[OpenH264\\][^\n]*\n"), "");
+        return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    }
+    int run(const std::string& program, const std::string& arguments) {
+        return finish(start(program, arguments));
+    }
+
+    std::string probe(const std::string& file, const std::string& entries) {
+        EXPECT_EQ(run("ffprobe", "-v error -count_frames -of csv=p=0 -show_entries " + entries + " " + file),
+                  0)
+            << errors;
+        return output;
+    }
+    void expectFailure(const std::string& arguments, int exitCode, const std::string& reason) {
+        SCOPED_TRACE(arguments);
+        const std::set<std::string> before = names(directory);
+        EXPECT_EQ(run("kelvane", arguments), exitCode);
+        EXPECT_TRUE(std::regex_match(errors, std::regex("kelvane[^\n]*" + reason + "[^\n]*\n"))) << errors;
+        EXPECT_EQ(names(directory), before);
+    }
+
+    fs::path tree, directory;
+    std::string output, errors;
+};
+
+} // namespace
+
+TEST_F(InstalledTool, MakesPlayableRenditionsInDisplayOrder) {
+    ASSERT_EQ(run("kelvane", "transcode in.h264 -r 320x180@900k,key=10 -r 160x90@300k,cabac -o 'out put'"), 0)
+        << errors;
+    const std::string summary = output;
+    EXPECT_EQ(errors, "");
+    EXPECT_NE(summary.find("2 of 30 pictures stayed in the decoder"), std::string::npos) << summary;
+    EXPECT_EQ(summary.find("MIRVProcessor"), std::string::npos) << "the library's diagnostics are mixed in:\n"
+                                                                << summary;
+    EXPECT_EQ(names(path("out put")), (std::set<std::string>{"320x180.h264", "320x180.mp4", "160x90.h264",
+                                                             "160x90.mp4", "contact-sheet.png"}));
+    EXPECT_EQ(contents(path("out put/contact-sheet.png")).substr(0, 4), "\x89PNG");
+    for (const std::string size : {"320x180", "160x90"}) {
+        SCOPED_TRACE(size);
+        std::string shape = size + ",1.120000,28\n";
+        shape[size.find('x')] = ',';
+        EXPECT_EQ(probe("'out put/" + size + ".mp4'", "stream=width,height,duration,nb_read_frames"), shape);
+        // A picture compared with its neighbour instead of itself has far less than 30 dB.
+        std::smatch row;
+        ASSERT_TRUE(std::regex_search(summary, row, std::regex("\n" + size + " +28 +0 .* ([0-9.]+) dB ")))
+            << summary;
+        EXPECT_GT(std::stod(row[1]), 30);
+    }
+    std::string packets;
+    for (int i = 0; i < 28; ++i) {
+        char line[32];
+        snprintf(line, sizeof line, "%.6f,%s\n", i * 0.04, i % 10 == 0 ? "K_" : "__");
+        packets += line;
+    }
+    EXPECT_EQ(probe("'out put/320x180.mp4'", "packet=pts_time,flags"), packets);
+}
+
+TEST_F(InstalledTool, KeepsTimesOfVariableFrameRateAndCutsAtKeyFrames) {
+    ASSERT_EQ(run("ffmpeg", "-v error -f lavfi -i testsrc2=size=320x180:rate=25 -frames:v 24 -vsync 0"
+                            " -vf 'setpts=N+floor(N*N/16)' -c:v libopenh264 -g 8 in.mp4"),
+              0)
+        << errors;
+    const std::string times = probe("in.mp4", "packet=pts_time");
+    ASSERT_EQ(run("kelvane", "transcode in.mp4 -r 160x90@200k -o whole"), 0) << errors;
+    EXPECT_EQ(probe("whole/160x90.mp4", "packet=pts_time"), times);
+
+    // From picture 8 (0.48 s, a key frame) to 13 (0.92 s); the next is shown at 1.04 s.
+    ASSERT_EQ(run("kelvane", "transcode in.mp4 -r 160x90@200k -o part --start 0.6 --duration 0.4"), 0)
+        << errors;
+    EXPECT_EQ(probe("part/160x90.mp4", "packet=pts_time"),
+              "0.000000\n0.080000\n0.160000\n0.240000\n0.360000\n0.440000\n");
+}
+
+TEST_F(InstalledTool, KeepsWhatDecodesOfADamagedFile) {
+    std::string stream = contents(path("in.h264"));
+    std::ofstream(path("short.h264"), std::ios::binary) << stream.substr(0, stream.size() * 2 / 3);
+    std::ofstream(path("holes.h264"), std::ios::binary)
+        << stream.replace(stream.size() / 3, 2000, 2000, '\x55');
+    for (const std::string file : {"short", "holes"}) {
+        SCOPED_TRACE(file);
+        ASSERT_EQ(run("kelvane", "transcode " + file + ".h264 -r 160x90@300k -o " + file), 0) << errors;
+        EXPECT_NE(output.find("\ndamaged source: "), std::string::npos) << output;
+        // Pictures behind a lost one must keep their own times, by which they are compared.
+        std::smatch row;
+        ASSERT_TRUE(std::regex_search(output, row, std::regex("\n160x90 +([0-9]+) .* ([0-9.]+) dB ")))
+            << output;
+        EXPECT_GT(std::stod(row[2]), 30) << output;
+        EXPECT_EQ(probe(file + "/160x90.mp4", "stream=nb_read_frames"), row[1].str() + "\n");
+        EXPECT_GT(std::stoi(row[1]), 10);
+        EXPECT_LT(std::stoi(row[1]), 28);
+    }
+}
+
+TEST_F(InstalledTool, FailsInOneLineAndLeavesNothing) {
+    std::ofstream(path("text")) << "no media";
+    ASSERT_EQ(run("ffmpeg", "-v error -f lavfi -i testsrc2 -frames:v 3 -c:v png other.mov"), 0) << errors;
+    expectFailure("", 2, "subcommand");
+    expectFailure("transcode in.h264 --bogus", 2, "--bogus");
+    for (const auto& [rendition, reason] :
+         std::vector<std::pair<std::string, std::string>>{{"641x360@800k", "even"},
+                                                          {"8x8@800k", "smallest"},
+                                                          {"4096x2306@800k", "largest"},
+                                                          {"640x360@0", "bit rate"},
+                                                          {"640x360", "BITRATE"},
+                                                          {"640x360@800k,fps=61", "fps"},
+                                                          {"640x360@800k,key=481", "key"},
+                                                          {"640x360@800k,qp=40-20", "smaller quantiser"},
+                                                          {"640x360@800k -r 640x360@1M", "two renditions"}})
+        expectFailure("transcode in.h264 -o out -r " + rendition, 2, reason);
+    expectFailure("transcode missing.mp4 -o out", 1, "no such file");
+    expectFailure("transcode . -o out", 1, "directory");
+    expectFailure("transcode text -o out", 1, "not a media file");
+    expectFailure("transcode other.mov -o out", 1, "no H.264 video.*video png");
+    expectFailure("transcode in.h264 -o text/out", 1, "cannot write");
+    expectFailure("transcode in.h264 -o new/out --start 5", 1, "ends after 1.2 seconds");
+}
+
+TEST_F(InstalledTool, RunsFromACopyAndTellsWhenOpenH264IsMissing) {
+    const fs::path copy = path("copy of the tree");
+    fs::copy(tree, copy, fs::copy_options::recursive | fs::copy_options::copy_symlinks);
+    tree = copy;
+    const std::string arguments = "transcode in.h264 -r 160x90@100k -o out";
+    const fs::path openH264 = tree / "lib/amd64-Linux-gpp/jni/libopenh264-1.8.0-linux64.4.so";
+    fs::rename(openH264, path("kept"));
+    expectFailure(arguments, 1, "OpenH264 is missing at .*tools/setup");
+    fs::copy(openH264.parent_path() / "libavutil.so.56", openH264); // a library, but another
+    EXPECT_EQ(run("kelvane", arguments), 1);
+    EXPECT_NE(errors.find("none encoded"), std::string::npos) << errors;
+    EXPECT_FALSE(fs::exists(path("out")));
+    fs::remove(openH264);
+    fs::rename(path("kept"), openH264);
+    EXPECT_EQ(run("kelvane", arguments), 0) << errors;
+}
+
+TEST_F(InstalledTool, LeavesNothingWhenInterrupted) {
+    const pid_t child =
+        start("kelvane", "transcode -r 4096x2304@20M -o out"); // the demonstration clip: for half a minute
+    const auto written = [&] {
+        std::error_code ignored;
+        for (const auto& folder : fs::directory_iterator(path("out"), ignored))
+            if (fs::exists(folder.path() / "4096x2304.h264")) return true;
+        return false;
+    };
+    for (int i = 0; i < 600 && !written(); ++i)
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    ASSERT_TRUE(written());
+    kill(child, SIGINT);
+    EXPECT_EQ(finish(child), 128 + SIGINT) << errors;
+    EXPECT_EQ(errors, "interrupted; nothing was kept\n");
+    EXPECT_FALSE(fs::exists(path("out")));
+}
