@@ -5,6 +5,8 @@ import java.io.IOException;
 import java.nio.ByteBuffer;
 import java.nio.channels.FileChannel;
 import java.nio.file.StandardOpenOption;
+import java.util.ArrayList;
+import java.util.List;
 
 /** The files of one rendition in the workspace and what was counted on the way. */
 final class RenditionOutput implements Closeable {
@@ -16,10 +18,13 @@ final class RenditionOutput implements Closeable {
     private long bytes;
     private long nanoseconds;
 
-    RenditionOutput(Rendition rendition, double frameRate, Workspace workspace) throws IOException {
+    /** @param keepParameterSets see {@link MatroskaWriter} */
+    RenditionOutput(Rendition rendition, double frameRate, boolean keepParameterSets, Workspace workspace)
+            throws IOException {
         this.rendition = rendition;
         stream = FileChannel.open(workspace.path(streamName()), StandardOpenOption.CREATE_NEW, StandardOpenOption.WRITE);
-        timed = new MatroskaWriter(workspace.path(timedName()), rendition.width(), rendition.height(), frameRate, false);
+        timed = new MatroskaWriter(workspace.path(timedName()), rendition.width(), rendition.height(), frameRate,
+                keepParameterSets);
     }
 
     void write(ByteBuffer accessUnit, long time) throws IOException {
@@ -40,6 +45,22 @@ final class RenditionOutput implements Closeable {
 
     void addTime(long spent) {
         nanoseconds += spent;
+    }
+
+    /** Copies the timed files into MP4, in one run. */
+    static void makeContainers(List<RenditionOutput> outputs, Workspace workspace) throws IOException {
+        List<String> command = new ArrayList<>(List.of("-v", "error"));
+        for (RenditionOutput output : outputs) {
+            command.addAll(List.of("-f", "matroska", "-i", output.timedName()));
+        }
+        for (int i = 0; i < outputs.size(); i++) {
+            command.addAll(List.of("-map", Integer.toString(i), "-c", "copy", "-movflags", "+faststart",
+                    outputs.get(i).containerName()));
+        }
+        var error = new MediaProgram.FirstError(workspace.folder());
+        if (MediaProgram.FFMPEG.run(workspace.folder(), command, line -> { }, error) != 0) {
+            throw new Failure("the MP4 files could not be written: %s", error);
+        }
     }
 
     @Override
@@ -73,6 +94,10 @@ final class RenditionOutput implements Closeable {
 
     int skipped() {
         return skipped;
+    }
+
+    long bytes() {
+        return bytes;
     }
 
     double kilobitsPerSecond(double seconds) {

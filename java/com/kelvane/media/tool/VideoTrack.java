@@ -21,7 +21,14 @@ import java.util.stream.Collectors;
  */
 record VideoTrack(Path path, int index, int width, int height, String pixelFormat, double frameRate, int reorderDepth,
                   double seconds, boolean raw) {
-    static VideoTrack open(Path path) throws IOException {
+    private static final Path DEMO = Path.of("share/kelvane/demo.mp4");
+
+    /** @param input as the caller gave it; null stands for the demonstration clip */
+    static VideoTrack given(Path input) throws IOException {
+        return open(input == null ? DEMO.toAbsolutePath() : Caller.DIRECTORY.resolve(input).normalize());
+    }
+
+    private static VideoTrack open(Path path) throws IOException {
         if (!Files.exists(path)) {
             throw new Failure("%s: no such file", path);
         }
