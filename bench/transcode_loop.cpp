@@ -1,5 +1,5 @@
-// The measure for the transcoder: the same FFmpeg, libswscale and OpenH264 calls in a bare loop, with nothing around
-// them. Usage: transcode_loop STREAM.h264 LIBOPENH264.so ROUNDS WIDTHxHEIGHT@BITRATE...
+// The measure for the transcoder: the same FFmpeg, libswscale and OpenH264 calls in a bare loop, with nothing
+// around them. Usage: transcode_loop STREAM.h264 LIBOPENH264.so ROUNDS WIDTHxHEIGHT@BITRATE...
 
 #include "bridge/Owners.h"
 
@@ -48,7 +48,8 @@ std::vector<std::vector<uint8_t>> readAccessUnits(const char* path) {
     for (size_t at = 1; at <= stream.size(); ++at) {
         const bool end = at == stream.size();
         if (!end && (at + 5 > stream.size() || std::memcmp(&stream[at], delimiter, 5) != 0)) continue;
-        units.emplace_back(stream.begin() + static_cast<ptrdiff_t>(start), stream.begin() + static_cast<ptrdiff_t>(at));
+        units.emplace_back(stream.begin() + static_cast<ptrdiff_t>(start),
+                           stream.begin() + static_cast<ptrdiff_t>(at));
         start = at;
     }
     return units;
@@ -87,9 +88,11 @@ void open(Rendition& rendition, int (*createEncoder)(ISVCEncoder**)) {
 void encode(Rendition& rendition, const AVFrame& picture) {
     AVFrame& scaled = *rendition.frame;
     if (!rendition.scaler)
-        rendition.scaler.reset(sws_getContext(picture.width, picture.height, AV_PIX_FMT_YUV420P, rendition.width,
-                                              rendition.height, AV_PIX_FMT_YUV420P, 0, nullptr, nullptr, nullptr));
-    sws_scale(rendition.scaler.get(), picture.data, picture.linesize, 0, picture.height, scaled.data, scaled.linesize);
+        rendition.scaler.reset(sws_getContext(picture.width, picture.height, AV_PIX_FMT_YUV420P,
+                                              rendition.width, rendition.height, AV_PIX_FMT_YUV420P, 0,
+                                              nullptr, nullptr, nullptr));
+    sws_scale(rendition.scaler.get(), picture.data, picture.linesize, 0, picture.height, scaled.data,
+              scaled.linesize);
     SSourcePicture source{};
     source.iColorFormat = videoFormatI420;
     source.iPicWidth = rendition.width;
@@ -111,8 +114,10 @@ int main(int argc, char** argv) {
     void* library = dlopen(argv[2], RTLD_NOW);
     const int rounds = std::atoi(argv[3]);
     if (units.empty() || !library || rounds < 1) return 1;
-    const auto createEncoder = reinterpret_cast<int (*)(ISVCEncoder**)>(dlsym(library, "WelsCreateSVCEncoder"));
-    const auto destroyEncoder = reinterpret_cast<void (*)(ISVCEncoder*)>(dlsym(library, "WelsDestroySVCEncoder"));
+    const auto createEncoder =
+        reinterpret_cast<int (*)(ISVCEncoder**)>(dlsym(library, "WelsCreateSVCEncoder"));
+    const auto destroyEncoder =
+        reinterpret_cast<void (*)(ISVCEncoder*)>(dlsym(library, "WelsDestroySVCEncoder"));
     av_log_set_level(AV_LOG_QUIET);
 
     for (int round = 0; round < rounds; ++round) {
@@ -120,7 +125,9 @@ int main(int argc, char** argv) {
         std::vector<Rendition> renditions;
         for (int i = 4; i < argc; ++i) {
             Rendition& rendition = renditions.emplace_back();
-            if (std::sscanf(argv[i], "%dx%d@%d", &rendition.width, &rendition.height, &rendition.bitrate) != 3) return 2;
+            if (std::sscanf(argv[i], "%dx%d@%d", &rendition.width, &rendition.height, &rendition.bitrate) !=
+                3)
+                return 2;
             open(rendition, createEncoder);
         }
         const AVCodec* codec = avcodec_find_decoder(AV_CODEC_ID_H264);
@@ -149,6 +156,7 @@ int main(int argc, char** argv) {
             destroyEncoder(rendition.encoder);
             bytes += rendition.bytes;
         }
-        std::printf("bare loop:    %d pictures, %lld bytes, %.2f s of CPU\n", pictures, bytes, cpuSeconds() - before);
+        std::printf("bare loop:    %d pictures, %lld bytes, %.2f s of CPU\n", pictures, bytes,
+                    cpuSeconds() - before);
     }
 }

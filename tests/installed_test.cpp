@@ -8,10 +8,11 @@ TEST(InstalledLibrary, BindsEveryNativeMethodOfAPlainJavaProgram) {
     ASSERT_TRUE(tree) << "KELVANE_DIST is to name the installed tree";
     const CommandResult result =
         run("cd / && java -Xcheck:jni -cp " + std::string(tree) +
-            "/lib/kelvane-media.jar:" TEST_JAR
-            " com.kelvane.media.test.NativeMethods AVCDecoder AVCEncoder MIRVProcessor 2>&1");
+            "/lib/kelvane-media.jar:" TEST_JAR " com.kelvane.media.test.NativeMethods"
+            " transform.codec.AVCDecoder transform.codec.AVCEncoder transform.codec.MIRVProcessor Tarnwick"
+            " transform.codec.AVCProcessor transform.codec.OpenH264Encoder 2>&1");
     EXPECT_EQ(result.exitCode, 0) << result.output;
-    EXPECT_NE(result.output.find("11 native methods bound\n"), std::string::npos) << result.output;
+    EXPECT_NE(result.output.find("34 native methods bound\n"), std::string::npos) << result.output;
     EXPECT_EQ(result.output.find("WARNING in native method"), std::string::npos) << result.output;
     // OpenH264 is looked for from the working directory: once by the Java method, once by the engine it
     // makes.

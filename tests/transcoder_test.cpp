@@ -305,6 +305,19 @@ TEST_F(Transcoder, ListenersMayThrowLackTheMethodOrChange) {
     });
 }
 
+// -Xcheck:jni complains of local references that pile up.
+TEST_F(Transcoder, ManyOutputsLeaveNoLocalReferencesBehind) {
+    Listener listener;
+    printedBy([&] {
+        JavaTranscoder transcoder(120);
+        for (int id = 1; id <= 120; ++id)
+            transcoder.addRendition(id, 32, 32);
+        transcoder.write(listener.object(), 0, units[0]);
+    });
+    const auto calls = listener.take();
+    EXPECT_EQ(std::count_if(calls.begin(), calls.end(), [](const auto& call) { return call.hasData; }), 120);
+}
+
 TEST_F(Transcoder, NullsZeroHandlesAndBadCountsAreHarmless) {
     JNIEnv* env = javaEnv();
     Listener listener;

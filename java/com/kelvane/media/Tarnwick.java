@@ -6,9 +6,11 @@ package com.kelvane.media;
  *
  * <h2>Addresses</h2>
  *
- * <p><strong>No address is checked.</strong> A wrong one, one that was freed, or 0 where it is not allowed crashes the
- * virtual machine or corrupts its memory, and so does a picture whose format or size is not the one its scaling context
- * was made for. The caller owns everything it allocates here and frees it once; the garbage collector frees nothing.
+ * <p><strong>No address is checked</strong>, except for 0, with which a method does nothing or reports a failure. A
+ * wrong address, or one that was freed, crashes the virtual machine or corrupts its memory. So do planes and strides of
+ * a frame that do not hold the picture its scaling context reads. Java arrays are checked: a call never touches an
+ * array that is too short. The caller owns everything it allocates here and frees it once; the garbage collector frees
+ * nothing.
  *
  * <table class="striped">
  * <caption>Where addresses come from and where they go</caption>
@@ -35,6 +37,13 @@ package com.kelvane.media;
  * <p>Calls on different frames, packets and contexts may run on different threads at once; one of them is used by one
  * call at a time. {@code sws_scale} and {@link #avpacket_set_data} work on Java arrays in place, which may hold off the
  * garbage collector for the length of the call.
+ *
+ * <p>FFmpeg's scaler reads and writes some bytes beyond the rows of many pictures and wants aligned planes. A picture
+ * in an array is scaled in place if each of its strides is a multiple of 32 bytes and the virtual machine happens to
+ * have aligned the array to 16 bytes, as it does with large ones; otherwise, and for {@code RGB24}, {@code BGR24}, the
+ * formats whose alpha or padding comes first and any source of fast bilinear scaling, a padded native copy of it is, at
+ * the cost of copying the picture. A native frame is the caller's to pad: give it planes aligned to 64 bytes, strides
+ * that are multiples of 64, and 64 bytes behind its last row.
  *
  * <h2>Pictures</h2>
  *
@@ -88,7 +97,7 @@ public final class Tarnwick {
     /**
      * Allocates native memory, aligned for FFmpeg. Its content is undefined.
      *
-     * @param size bytes, 0 to 2147483615; a negative size counts as 2 GiB or more, which FFmpeg refuses
+     * @param size bytes, 0 or more; a negative size counts as 2 GiB or more, which FFmpeg refuses
      * @return the address of the memory, or 0 when there is none
      */
     public static native long av_malloc(int size);
@@ -165,7 +174,9 @@ public final class Tarnwick {
      * @param pix_fmt pixel format
      * @param width in pixels
      * @param height in pixels
-     * @return the size of the picture in bytes, or a negative FFmpeg error code for a format or size it rejects
+     * @return the size of the picture in bytes; 1024 more for formats of one byte a pixel such as {@code GRAY8}, whose
+     *         fixed palette FFmpeg counts in but no array needs; a negative FFmpeg error code for a format or size it
+     *         rejects
      */
     public static native int avpicture_fill(long picture, long ptr, int pix_fmt, int width, int height);
 
@@ -197,8 +208,10 @@ public final class Tarnwick {
 
     /**
      * Scales rows of a native frame into a Java array. A whole picture is one call with {@code srcSliceY} 0 and
-     * {@code srcSliceH} its height. The picture may also come in slices, from top to bottom, on the same context: the
-     * frame's planes then begin at the slice's first row.
+     * {@code srcSliceH} its height. The picture may also come in slices on the same context, from top to bottom without
+     * gap or repetition: the frame's planes then begin at the slice's first row. Slices in another order crash the
+     * virtual machine, as do slices for reductions so strong that FFmpeg does them in two steps. Bayer pictures are
+     * only scaled whole.
      *
      * @param context the address of the scaling context, made for this source and target
      * @param srcFrame the address of the source frame, its planes and strides set
@@ -208,9 +221,10 @@ public final class Tarnwick {
      * @param dstFormat target pixel format, the one of {@code context}
      * @param dstW target width in pixels, the one of {@code context}
      * @param dstH target height in pixels, the one of {@code context}
-     * @return the rows written to {@code dst}, {@code dstH} for a whole picture; -1 when {@code dst} is null, no array
-     *         of a primitive type or cannot be pinned; a negative number, nothing being written, when FFmpeg rejects
-     *         the target's format or size or the slice, or when {@code dst} is shorter than the target picture
+     * @return the rows written to {@code dst}, {@code dstH} for a whole picture; -1, nothing being written, when
+     *         {@code dst} is null, no array of a primitive type, shorter than the target picture or cannot be pinned,
+     *         when the target is not the one of {@code context} or the slice is not within the source picture; a
+     *         negative FFmpeg error code when FFmpeg rejects the target's format or size, or the slice
      */
     public static native int sws_scale(long context, long srcFrame, int srcSliceY, int srcSliceH, Object dst,
             int dstFormat, int dstW, int dstH);
@@ -230,9 +244,10 @@ public final class Tarnwick {
      * @param dstFormat target pixel format, the one of {@code context}
      * @param dstW target width in pixels, the one of {@code context}
      * @param dstH target height in pixels, the one of {@code context}
-     * @return the rows written to {@code dst}, {@code dstH} for a whole picture; -1 when an array is null, no array of
-     *         a primitive type or cannot be pinned; a negative number, nothing being written, when FFmpeg rejects a
-     *         format, a size or the slice, or when an array is shorter than its picture
+     * @return the rows written to {@code dst}, {@code dstH} for a whole picture; -1, nothing being written, when an
+     *         array is null, no array of a primitive type, shorter than its picture or cannot be pinned, when a picture
+     *         is not the one of {@code context} or the slice is not within the source picture; a negative FFmpeg error
+     *         code when FFmpeg rejects a format, a size or the slice
      */
     public static native int sws_scale(long context, Object src, int srcFormat, int srcW, int srcH, int srcSliceY,
             int srcSliceH, Object dst, int dstFormat, int dstW, int dstH);
