@@ -1,4 +1,5 @@
-// Drops every other picture and delays the rest by the milliseconds of the setting "delay".
+// Drops every other picture and slows the rest down: by the milliseconds of the setting "delay" for each
+// picture.
 
 #include <kelvane/module.h>
 
@@ -19,7 +20,7 @@ public:
         return 1;
     }
     int Process(unsigned char*, int, int* timestamp) override {
-        *timestamp += delay;
+        *timestamp += delay * pictures;
         return pictures++ % 2 == 0;
     }
     void Close() override {}

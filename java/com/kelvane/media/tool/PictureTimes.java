@@ -50,10 +50,15 @@ final class PictureTimes {
         return taken.isEmpty() ? 0 : taken.get(taken.size() - 1);
     }
 
-    /** A few of the times, spread evenly over the pictures, to show those pictures. */
-    List<Long> moments() {
-        return IntStream.range(0, MOMENTS).map(i -> (2 * i + 1) * taken.size() / (2 * MOMENTS)).distinct()
-                .mapToObj(taken::get).sorted().toList();
+    /** All of them, in the order in which the pictures came out. */
+    List<Long> all() {
+        return taken;
+    }
+
+    /** A few of these times, spread evenly over the pictures, to show those pictures. */
+    static List<Long> moments(List<Long> times) {
+        return IntStream.range(0, MOMENTS).map(i -> (2 * i + 1) * times.size() / (2 * MOMENTS)).distinct()
+                .mapToObj(times::get).sorted().toList();
     }
 
     /** Seconds that the pictures take, the last one as long as the others on average. */

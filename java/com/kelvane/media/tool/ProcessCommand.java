@@ -130,7 +130,7 @@ final class ProcessCommand implements Callable<Integer> {
         Progress.stage("writing the MP4 file");
         RenditionOutput.makeContainers(List.of(output), workspace);
         Progress.stage("comparing with the source");
-        List<Long> moments = processing.times().moments();
+        List<Long> moments = PictureTimes.moments(processing.kept());
         double seconds = processing.times().seconds(track.frameRate());
         Comparison comparison = new Comparison(track, source, List.of(output), moments, workspace);
         Map<String, String> files = new LinkedHashMap<>();

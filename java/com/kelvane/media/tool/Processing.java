@@ -4,6 +4,8 @@ import com.kelvane.media.transform.codec.AVCDecoder;
 import com.kelvane.media.transform.codec.AVCProcessor;
 import java.io.IOException;
 import java.nio.ByteBuffer;
+import java.util.ArrayList;
+import java.util.List;
 
 /** Runs a source's access units through a processing pipeline. */
 final class Processing {
@@ -12,6 +14,7 @@ final class Processing {
     private final boolean passThrough;
     private final PictureTimes times;
     private final RenditionOutput output;
+    private final List<Long> kept = new ArrayList<>();
     private int dropped;
     private long nanoseconds;
 
@@ -58,13 +61,19 @@ final class Processing {
         } else {
             byte[] data = new byte[size];
             AVCProcessor.read(number.array(), data, pipeline);
-            output.write(ByteBuffer.wrap(data), Integer.toUnsignedLong(number.getInt(0)));
+            output.write(ByteBuffer.wrap(data), Integer.toUnsignedLong(number.getInt(0)), times.last());
+            kept.add(times.last());
         }
     }
 
     /** Times of the decoded pictures or, in pass-through mode, of the access units. */
     PictureTimes times() {
         return times;
+    }
+
+    /** Times in the source of the pictures that were delivered. */
+    List<Long> kept() {
+        return kept;
     }
 
     /** Pictures that the module did not keep. */

@@ -12,25 +12,33 @@ import java.util.List;
 final class RenditionOutput implements Closeable {
     private final Rendition rendition;
     private final FileChannel stream;
+    private final boolean processed;
     private final MatroskaWriter timed;
+    private final MatroskaWriter compared;
     private int pictures;
     private int skipped;
     private long bytes;
     private long nanoseconds;
 
-    /** @param keepParameterSets see {@link MatroskaWriter} */
-    RenditionOutput(Rendition rendition, double frameRate, boolean keepParameterSets, Workspace workspace)
+    /** @param processed whether a module worked on it: it may change its size in mid-stream and move times */
+    RenditionOutput(Rendition rendition, double frameRate, boolean processed, Workspace workspace)
             throws IOException {
         this.rendition = rendition;
+        this.processed = processed;
         stream = FileChannel.open(workspace.path(streamName()), StandardOpenOption.CREATE_NEW, StandardOpenOption.WRITE);
-        timed = new MatroskaWriter(workspace.path(timedName()), rendition.width(), rendition.height(), frameRate,
-                keepParameterSets);
+        timed = new MatroskaWriter(workspace.path(timedName()), rendition.width(), rendition.height(), frameRate, processed);
+        compared = !processed ? timed : new MatroskaWriter(workspace.path(comparedName()), rendition.width(),
+                rendition.height(), frameRate, true);
     }
 
-    void write(ByteBuffer accessUnit, long time) throws IOException {
+    /** @param sourceTime time of the same picture in the source; the same unless a module moved it */
+    void write(ByteBuffer accessUnit, long time, long sourceTime) throws IOException {
         byte[] copy = new byte[accessUnit.remaining()];
         accessUnit.duplicate().get(copy);
         timed.write(copy, time);
+        if (processed) {
+            compared.write(copy, sourceTime);
+        }
         while (accessUnit.hasRemaining()) {
             stream.write(accessUnit);
         }
@@ -67,6 +75,7 @@ final class RenditionOutput implements Closeable {
     public void close() throws IOException {
         stream.close();
         timed.close();
+        compared.close();
     }
 
     Rendition rendition() {
@@ -86,6 +95,11 @@ final class RenditionOutput implements Closeable {
     /** Name of the access units with their times. */
     String timedName() {
         return rendition.size() + ".mkv";
+    }
+
+    /** Name of the access units with the times of the source. */
+    String comparedName() {
+        return rendition.size() + (processed ? ".source.mkv" : ".mkv");
     }
 
     int pictures() {

@@ -114,7 +114,7 @@ final class TranscodeCommand implements Callable<Integer> {
         RenditionOutput.makeContainers(outputs, workspace);
         Progress.stage("comparing with the source");
         double seconds = transcoding.times().seconds(track.frameRate());
-        List<Long> moments = transcoding.times().moments();
+        List<Long> moments = PictureTimes.moments(transcoding.times().all());
         Comparison comparison = new Comparison(track, source, outputs, moments, workspace);
         List<String> files = new ArrayList<>();
         for (RenditionOutput output : outputs) {

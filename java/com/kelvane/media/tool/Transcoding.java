@@ -84,7 +84,7 @@ final class Transcoding {
         if (data != null) {
             takeTime();
             try {
-                outputs.get(index - 1).write(data, times.last());
+                outputs.get(index - 1).write(data, times.last(), times.last());
             } catch (IOException problem) {
                 throw new UncheckedIOException(problem);
             }
