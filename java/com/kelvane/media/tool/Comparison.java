@@ -50,9 +50,10 @@ final class Comparison {
         Files.writeString(workspace.path(SCRIPT), graph(outputs, moments));
         List<String> command = new ArrayList<>(List.of("-v", "info", "-copyts"));
         // A new size in mid-stream is left to the scale filters: FFmpeg would make the graph anew and begin all counts again.
-        command.addAll(List.of("-reinit_filter", "0", "-f", "matroska", "-i", SOURCE));
-        for (RenditionOutput output : outputs) {
-            command.addAll(List.of("-f", "matroska", "-i", output.comparedName()));
+        List<String> inputs = new ArrayList<>(List.of(SOURCE));
+        outputs.forEach(output -> inputs.add(output.comparedName()));
+        for (String file : inputs) {
+            command.addAll(List.of("-reinit_filter", "0", "-f", "matroska", "-i", file));
         }
         command.addAll(List.of("-filter_complex_script", SCRIPT, "-map", "[pictures]", "-vsync", "0", "-f", "image2", "-update",
                 "1", PICTURES));
