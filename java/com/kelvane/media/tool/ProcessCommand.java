@@ -43,8 +43,8 @@ final class ProcessCommand implements Callable<Integer> {
             description = "A setting for the module; may be given several times.")
     private List<ProcessingModule.Setting> settings = List.of();
 
-    @Option(names = "--rate", paramLabel = "N", description = "Pictures per second that bits are shared out for, 1-60; there is a"
-            + " key frame every 2 N pictures (default: the source's rate).")
+    @Option(names = "--rate", paramLabel = "N", description = "Pictures per second that bits are shared out for, 1-60; there is"
+            + " a key frame every 2 N pictures (default: the source's rate).")
     private Integer rate;
 
     @Option(names = "--bitrate", paramLabel = "B", converter = BitrateConverter.class, description = "Bits per second, k and M"
@@ -149,7 +149,8 @@ final class ProcessCommand implements Callable<Integer> {
         Summary.notes(source, track, processing.times().count(), comparison);
     }
 
-    private static void checkProduced(VideoTrack track, ProcessingModule module, Processing processing, RenditionOutput output) {
+    private static void checkProduced(VideoTrack track, ProcessingModule module, Processing processing,
+                                      RenditionOutput output) {
         if (processing.times().count() == 0) {
             throw new Failure("no picture of %s could be decoded", track.path());
         }
