@@ -112,6 +112,69 @@ TEST_F(InstalledTool, RunsFromACopyAndTellsWhenOpenH264IsMissing) {
     EXPECT_EQ(run("kelvane", arguments), 0) << errors;
 }
 
+TEST_F(InstalledTool, ProcessesPicturesAtTheirOwnTimes) {
+    const std::string modules = TEST_TREE "/modules/";
+    ASSERT_EQ(run("kelvane", "process in.h264 --module " + modules +
+                                 "every_other.so --set delay=10 --rate 5 -o 'sub dir/out'"),
+              0)
+        << errors;
+    EXPECT_EQ(errors, "");
+    const std::string summary = output;
+    EXPECT_TRUE(
+        std::regex_search(summary, std::regex("\npictures in +28\nkept +14\ndropped by the module +14\n"
+                                              "encoded bytes +" +
+                                              std::to_string(fs::file_size(path("sub dir/out.h264"))) + " ")))
+        << summary;
+    EXPECT_TRUE(std::regex_search(summary, std::regex("\nin module and encoder +[0-9.]+ ms a picture\n")))
+        << summary;
+    EXPECT_EQ(names(path("sub dir")), (std::set<std::string>{"out.h264", "out.mp4", "out.png"}));
+    // Every other picture of a stream that reorders, 20 ms further from one another, and a key frame
+    // every 10.
+    std::string packets;
+    for (int i = 0; i < 14; ++i) {
+        char line[32];
+        snprintf(line, sizeof line, "%.6f,%s\n", i * 0.1, i % 10 == 0 ? "K_" : "__");
+        packets += line;
+    }
+    EXPECT_EQ(probe("'sub dir/out.mp4'", "packet=pts_time,flags"), packets);
+
+    ASSERT_EQ(
+        run("kelvane", "process in.h264 --pass-through --module " + modules + "every_other.so -o source"), 0)
+        << errors;
+    EXPECT_NE(output.find("access units in         30\nkept                    30\n"), std::string::npos)
+        << output;
+    const auto pictures = [&](const std::string& file) {
+        EXPECT_EQ(run("ffmpeg", "-v error -y -i " + file + " -f framecrc sums"), 0) << errors;
+        std::multiset<std::string> sums;
+        std::ifstream lines(path("sums"));
+        for (std::string line; std::getline(lines, line);)
+            if (line[0] != '#') sums.insert(line.substr(line.rfind(' ')));
+        return sums;
+    };
+    EXPECT_EQ(pictures("source.mp4").size(), 30u);
+    EXPECT_EQ(pictures("source.mp4"), pictures("in.h264"));
+}
+
+TEST_F(InstalledTool, SaysWhatIsWrongWithAModule) {
+    const std::string modules = TEST_TREE "/modules/", mosaic = (tree / "modules/mosaic.so").string();
+    const struct {
+        std::string arguments;
+        int exitCode;
+        const char* reason;
+    } cases[] = {
+        {"--module none.so", 1, "none.so: no such file"},
+        {"--module in.h264", 1, "in.h264 is not a shared library"},
+        {"--module " + modules + "no_get_guid.so", 1, "does not export GetGuid"},
+        {"--module " + modules + "no_create.so", 1, "does not export CreateVideoProcessor"},
+        {"--module " + modules + "no_destroy.so", 1, "does not export DestroyVideoProcessor"},
+        {"--module " + mosaic + " --set block=16 --set region=1,2", 1, "refused the setting region=1,2"},
+        {"--module " + mosaic + " --set region", 2, "expected KEY=VALUE"},
+        {"--module " + mosaic + " -o in", 2, "would be overwritten"},
+        {"", 2, "--module"}};
+    for (const auto& [arguments, exitCode, reason] : cases)
+        expectFailure("process in.h264 " + arguments, exitCode, reason);
+}
+
 TEST_F(InstalledTool, LeavesNothingWhenInterrupted) {
     const pid_t child =
         start("kelvane", "transcode -r 4096x2304@20M -o out"); // the demonstration clip: for half a minute

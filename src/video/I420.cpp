@@ -1,5 +1,9 @@
 #include "video/I420.h"
 
+extern "C" {
+#include <libavutil/imgutils.h>
+}
+
 #include <cstring>
 
 MallocBuffer packPicture(const AVFrame& frame) {
@@ -19,4 +23,13 @@ MallocBuffer packPicture(const AVFrame& frame) {
     }
     std::memset(out, 0, static_cast<size_t>(packed.get() + size - out));
     return packed;
+}
+
+void unpackPicture(const uint8_t* packed, AVFrame& frame) {
+    for (int plane = 0; plane < 3; ++plane) {
+        const int width = plane ? frame.width / 2 : frame.width;
+        const int rows = plane ? frame.height / 2 : frame.height;
+        av_image_copy_plane(frame.data[plane], frame.linesize[plane], packed, width, width, rows);
+        packed += ptrdiff_t{width} * rows;
+    }
 }

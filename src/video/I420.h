@@ -15,3 +15,7 @@ inline int packedPictureSize(int width, int height) {
 // Packs an 8-bit 4:2:0 frame into a new buffer of packedPictureSize bytes. A plane that the frame does not
 // have is packed as 128; bytes that no plane reaches are 0. Null when there is no memory.
 MallocBuffer packPicture(const AVFrame& frame);
+
+// The way back: a packed picture, of the frame's size, into the planes of an 8-bit 4:2:0 frame. The last
+// chroma row and column of an odd size stay as they are.
+void unpackPicture(const uint8_t* packed, AVFrame& frame);

@@ -3,12 +3,14 @@
 #include <dlfcn.h>
 
 #include <algorithm>
+#include <mutex>
 
 #define EXPORTED extern "C" __attribute__((visibility("default")))
 
 namespace {
 
 OpenH264Record record;
+std::mutex recording; // encoders may run on several threads
 
 template <class Function>
 Function* inLibrary(const char* symbol) {
@@ -18,24 +20,35 @@ Function* inLibrary(const char* symbol) {
 
 class RecordingEncoder final : public ISVCEncoder {
 public:
-    explicit RecordingEncoder(ISVCEncoder* libraryEncoder) : real(libraryEncoder) { ++record.created; }
+    explicit RecordingEncoder(ISVCEncoder* libraryEncoder) : real(libraryEncoder) {
+        const std::lock_guard lock(recording);
+        ++record.created;
+    }
     ~RecordingEncoder() {
         inLibrary<void(ISVCEncoder*)>("WelsDestroySVCEncoder")(real);
+        const std::lock_guard lock(recording);
         ++record.destroyed;
     }
 
     int GetDefaultParams(SEncParamExt* param) override {
         const int result = real->GetDefaultParams(param);
+        const std::lock_guard lock(recording);
         record.defaults = *param;
         return result;
     }
     int InitializeExt(const SEncParamExt* param) override {
-        record.param = *param;
+        {
+            const std::lock_guard lock(recording);
+            record.param = *param;
+        }
         return record.refuseParameters ? cmInitParaError : real->InitializeExt(param);
     }
     int EncodeFrame(const SSourcePicture* picture, SFrameBSInfo* info) override {
-        record.source = *picture;
-        record.timestamps.push_back(picture->uiTimeStamp);
+        {
+            const std::lock_guard lock(recording);
+            record.source = *picture;
+            record.timestamps.push_back(picture->uiTimeStamp);
+        }
         if (record.failToEncode) return cmUnknownReason;
         if (record.inventedLayers > 0) return invent(info);
         const int result = real->EncodeFrame(picture, info);

@@ -50,13 +50,15 @@ final class Comparison {
         Files.writeString(workspace.path(SCRIPT), graph(outputs, moments));
         List<String> command = new ArrayList<>(List.of("-v", "info", "-copyts"));
         // A new size in mid-stream is left to the scale filters: FFmpeg would make the graph anew and begin all counts again.
-        command.addAll(List.of("-reinit_filter", "0", "-f", "matroska", "-i", SOURCE));
-        for (RenditionOutput output : outputs) {
-            command.addAll(List.of("-f", "matroska", "-i", output.timedName()));
+        List<String> inputs = new ArrayList<>(List.of(SOURCE));
+        outputs.forEach(output -> inputs.add(output.comparedName()));
+        for (String file : inputs) {
+            command.addAll(List.of("-reinit_filter", "0", "-f", "matroska", "-i", file));
         }
         command.addAll(List.of("-filter_complex_script", SCRIPT, "-map", "[pictures]", "-vsync", "0", "-f", "image2", "-update",
                 "1", PICTURES));
-        if (MediaProgram.FFMPEG.run(workspace.folder(), command, line -> { }, this::read) == 0) {
+        if (MediaProgram.FFMPEG.run(workspace.folder(), command, line -> { }, this::read) == 0
+                && Files.exists(workspace.path(PICTURES))) {
             grid = ImageIO.read(workspace.path(PICTURES).toFile());
         }
     }
@@ -98,9 +100,11 @@ final class Comparison {
         graph.append(";\n[source0]").append(cell(0));
         for (int i = 1; i <= outputs.size(); i++) {
             Rendition rendition = outputs.get(i - 1).rendition();
-            graph.append(String.format("[source%d]scale=%d:%d:flags=bicubic,format=yuv420p[reference%1$d];\n", i,
-                    rendition.width(), rendition.height()));
-            graph.append(String.format("[%d:v][reference%1$d]psnr@%1$d=shortest=1,", i)).append(cell(i));
+            for (String[] ends : new String[][] {{"source" + i, "reference"}, {i + ":v", "result"}}) {
+                graph.append(String.format("[%s]scale=%d:%d:flags=bicubic,format=yuv420p[%s%d];\n", ends[0],
+                        rendition.width(), rendition.height(), ends[1], i));
+            }
+            graph.append(String.format("[result%d][reference%1$d]psnr@%1$d=shortest=1,", i)).append(cell(i));
         }
         for (int i = 0; i <= outputs.size(); i++) {
             graph.append("[cell").append(i).append(']');

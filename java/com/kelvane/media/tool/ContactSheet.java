@@ -34,12 +34,12 @@ final class ContactSheet {
     /**
      * @param grid all pictures, without any space between them
      * @param rowHeights in pixels, as many as labels
-     * @param columns headings of the columns
+     * @param moments times of the columns in milliseconds
      */
-    static void draw(String title, BufferedImage grid, int[] rowHeights, List<Label> labels, List<String> columns, Path file)
+    static void draw(String title, BufferedImage grid, int[] rowHeights, List<Label> labels, List<Long> moments, Path file)
             throws IOException {
-        int cellWidth = grid.getWidth() / columns.size();
-        int width = MARGIN + LABEL_WIDTH + columns.size() * (cellWidth + GAP) - GAP + MARGIN;
+        int cellWidth = grid.getWidth() / moments.size();
+        int width = MARGIN + LABEL_WIDTH + moments.size() * (cellWidth + GAP) - GAP + MARGIN;
         int height = MARGIN + HEADER_HEIGHT + grid.getHeight() + (rowHeights.length - 1) * GAP + MARGIN;
         BufferedImage sheet = new BufferedImage(width, height, BufferedImage.TYPE_INT_RGB);
         Graphics2D canvas = sheet.createGraphics();
@@ -47,8 +47,10 @@ final class ContactSheet {
         canvas.setColor(BACKGROUND);
         canvas.fillRect(0, 0, width, height);
         text(canvas, title, TITLE, BRIGHT, MARGIN, MARGIN + 16);
-        for (int column = 0; column < columns.size(); column++) {
-            text(canvas, columns.get(column), SMALL, QUIET, cellLeft(column, cellWidth), MARGIN + HEADER_HEIGHT - 10);
+        for (int column = 0; column < moments.size(); column++) {
+            long time = moments.get(column);
+            String heading = String.format("%d:%02d.%03d", time / 60_000, time / 1000 % 60, time % 1000);
+            text(canvas, heading, SMALL, QUIET, cellLeft(column, cellWidth), MARGIN + HEADER_HEIGHT - 10);
         }
         int top = MARGIN + HEADER_HEIGHT;
         int gridTop = 0;
@@ -58,7 +60,7 @@ final class ContactSheet {
             for (int line = 0; line < label.figures.size(); line++) {
                 text(canvas, label.figures.get(line), SMALL, QUIET, MARGIN, top + 44 + line * LINE_HEIGHT);
             }
-            for (int column = 0; column < columns.size(); column++) {
+            for (int column = 0; column < moments.size(); column++) {
                 canvas.drawImage(grid.getSubimage(column * cellWidth, gridTop, cellWidth, rowHeights[row]),
                         cellLeft(column, cellWidth), top, null);
             }

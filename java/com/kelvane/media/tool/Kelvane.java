@@ -7,9 +7,9 @@ import picocli.CommandLine.Command;
 import picocli.CommandLine.IVersionProvider;
 
 /** The command-line tool. Exit codes: 0 done, 1 failed, 2 wrong usage; every error is one line on standard error. */
-@Command(name = "kelvane", description = "H.264 and sound transcoding with the Kelvane media library.",
+@Command(name = "kelvane", description = "H.264 and sound transcoding and processing with the Kelvane media library.",
         mixinStandardHelpOptions = true, versionProvider = Kelvane.Version.class,
-        subcommands = {TranscodeCommand.class, AudioCommand.class})
+        subcommands = {TranscodeCommand.class, ProcessCommand.class, AudioCommand.class})
 public final class Kelvane {
     private Kelvane() {
     }

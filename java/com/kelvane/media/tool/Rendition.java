@@ -28,7 +28,8 @@ record Rendition(int width, int height, int bitrate, int fps, int keyInterval, i
 
     private static final int LARGEST_FPS = 60;
     private static final int LARGEST_KEY_INTERVAL = 480;
-    private static final Pattern SYNTAX = Pattern.compile("(\\d{1,6})x(\\d{1,6})@(\\d{1,9}(?:\\.\\d{1,6})?)([kM]?)((?:,[^,]+)*)");
+    private static final Pattern SYNTAX = Pattern.compile("(\\d{1,6})x(\\d{1,6})@([^,]*)((?:,[^,]+)*)");
+    private static final Pattern BITRATE = Pattern.compile("(\\d{1,9}(?:\\.\\d{1,6})?)([kM]?)");
 
     /** Reads WIDTHxHEIGHT@BITRATE[,OPTION]... */
     static final class Converter implements ITypeConverter<Rendition> {
@@ -50,15 +51,13 @@ record Rendition(int width, int height, int bitrate, int fps, int keyInterval, i
             check(Math.min(width, height) >= SMALLEST_SIDE, "the smallest size is " + SMALLEST_SIDE + "x" + SMALLEST_SIDE);
             check(encodable(width, height), "the largest size is 4096x2304 or as many pixels in"
                     + " another shape, with sides up to " + LARGEST_SIDE);
-            double bitrate = Double.parseDouble(parts.group(3))
-                    * (parts.group(4).equals("k") ? 1e3 : parts.group(4).equals("M") ? 1e6 : 1);
-            check(bitrate >= SMALLEST_BITRATE && bitrate <= LARGEST_BITRATE, "the bit rate must be from 1k to 288M");
+            int bitrate = bitrate(parts.group(3));
             int fps = 0;
             int keyInterval = 0;
             int[] qp = {0, 0};
             boolean quality = false;
             boolean cabac = false;
-            for (String option : parts.group(5).isEmpty() ? new String[0] : parts.group(5).substring(1).split(",")) {
+            for (String option : parts.group(4).isEmpty() ? new String[0] : parts.group(4).substring(1).split(",")) {
                 String[] pair = option.split("=", 2);
                 String value = pair.length == 2 ? pair[1] : "";
                 if (pair[0].equals("fps")) {
@@ -79,7 +78,17 @@ record Rendition(int width, int height, int bitrate, int fps, int keyInterval, i
                     cabac = true;
                 }
             }
-            return new Rendition(width, height, (int) bitrate, fps, keyInterval, qp[0], qp[1], quality, cabac);
+            return new Rendition(width, height, bitrate, fps, keyInterval, qp[0], qp[1], quality, cabac);
+        }
+
+        /** Bits per second from a number with k or M behind it. */
+        static int bitrate(String text) {
+            Matcher parts = BITRATE.matcher(text);
+            check(parts.matches(), "a bit rate is a number of bits per second, like 2500k");
+            double bitrate = Double.parseDouble(parts.group(1))
+                    * (parts.group(2).equals("k") ? 1e3 : parts.group(2).equals("M") ? 1e6 : 1);
+            check(bitrate >= SMALLEST_BITRATE && bitrate <= LARGEST_BITRATE, "the bit rate must be from 1k to 288M");
+            return (int) bitrate;
         }
 
         private static int number(String text, int largest, String name) {
@@ -88,7 +97,7 @@ record Rendition(int width, int height, int bitrate, int fps, int keyInterval, i
             return number;
         }
 
-        private static void check(boolean right, String message) {
+        static void check(boolean right, String message) {
             if (!right) {
                 throw new TypeConversionException(message);
             }
@@ -123,7 +132,7 @@ record Rendition(int width, int height, int bitrate, int fps, int keyInterval, i
         return List.of(plain(width, height, 100));
     }
 
-    private static Rendition plain(int width, int height, int kilobits) {
+    static Rendition plain(int width, int height, int kilobits) {
         return new Rendition(width, height, kilobits * 1000, 0, 0, 0, 0, false, false);
     }
 

@@ -19,10 +19,25 @@ final class Summary {
         }
         line("* with the time that decoding the source takes");
         line("");
-        int pictures = transcoding.times().size();
+        int pictures = transcoding.times().count();
         line("%d pictures, %.1f s of video, in %.2f s: %.0f pictures a second, %.1f times real time; %.2f s of CPU in the"
                 + " transcoding thread", pictures, seconds, transcoding.seconds(), pictures / transcoding.seconds(),
                 seconds / transcoding.seconds(), transcoding.cpuSeconds());
+        notes(source, track, pictures, comparison);
+    }
+
+    /** What the source is. */
+    static void head(AccessUnits source, VideoTrack track) {
+        line("%s: %dx%d, %d access units, %.2f pictures a second", track.path(), track.width(), track.height(), source.count(),
+                track.frameRate());
+    }
+
+    /**
+     * What is to be said about the source in the end.
+     *
+     * @param pictures how many came out of the decoder
+     */
+    static void notes(AccessUnits source, VideoTrack track, int pictures, Comparison comparison) {
         int missing = source.count() - pictures;
         int held = Math.min(missing, track.reorderDepth());
         if (held > 0) {
@@ -39,11 +54,11 @@ final class Summary {
             line("damaged source: %s; what could be read was kept", source.damage());
         }
         if (!track.hasPlainPictures()) {
-            line("the source's pictures are %s and the transcoder takes all for 8-bit 4:2:0: colours are wrong",
+            line("the source's pictures are %s and the codecs take all for 8-bit 4:2:0: colours are wrong",
                     track.pixelFormat());
         }
         if (comparison.grid() == null) {
-            line("the renditions could not be compared with the source, so there is no contact sheet");
+            line("the result could not be compared with the source, so there is no sheet of pictures");
         }
     }
 
@@ -57,7 +72,7 @@ final class Summary {
         return rendition.quality() ? "quality" : String.format("%.1f", rendition.bitrate() / 1000.0);
     }
 
-    private static String decibels(double psnr) {
+    static String decibels(double psnr) {
         return Double.isNaN(psnr) ? "-" : Double.isInfinite(psnr) ? "identical" : String.format("%.2f dB", psnr);
     }
 
@@ -65,7 +80,7 @@ final class Summary {
         line("%-11s %9s %8s %9s %9s %10s %11s", cells);
     }
 
-    private static void line(String format, Object... values) {
+    static void line(String format, Object... values) {
         Caller.OUTPUT.println(String.format(format, values).stripTrailing());
     }
 }

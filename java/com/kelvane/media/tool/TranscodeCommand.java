@@ -8,7 +8,6 @@ import java.util.HashSet;
 import java.util.List;
 import java.util.Set;
 import java.util.concurrent.Callable;
-import java.util.stream.IntStream;
 import picocli.CommandLine.Command;
 import picocli.CommandLine.Model.CommandSpec;
 import picocli.CommandLine.Option;
@@ -23,10 +22,8 @@ import picocli.CommandLine.Spec;
                 + " every rendition at four moments.", "", "Example:",
                 "  kelvane transcode in.mp4 -r 1280x720@2500k -r 640x360@800k,key=60"})
 final class TranscodeCommand implements Callable<Integer> {
-    private static final Path DEMO = Path.of("share/kelvane/demo.mp4");
     private static final Path OPENH264 = Path.of("lib/amd64-Linux-gpp/jni/libopenh264-1.8.0-linux64.4.so");
     private static final String SHEET = "contact-sheet.png";
-    private static final int MOMENTS = 4;
 
     @Spec
     private CommandSpec command;
@@ -57,7 +54,7 @@ final class TranscodeCommand implements Callable<Integer> {
     @Override
     public Integer call() throws IOException {
         checkUsage();
-        VideoTrack track = VideoTrack.open(input == null ? DEMO.toAbsolutePath() : Caller.DIRECTORY.resolve(input).normalize());
+        VideoTrack track = VideoTrack.given(input);
         if (!Files.exists(OPENH264)) {
             throw new Failure("OpenH264 is missing at %s; tools/setup puts it there", OPENH264.toAbsolutePath());
         }
@@ -97,13 +94,12 @@ final class TranscodeCommand implements Callable<Integer> {
         Progress.stage("reading " + track.path().getFileName());
         AccessUnits source = new AccessUnits(track, start, duration == null ? 0 : duration, workspace);
         Progress.clear();
-        Caller.OUTPUT.printf("%s: %dx%d, %d access units, %.2f pictures a second%n", track.path(), track.width(),
-                track.height(), source.count(), track.frameRate());
+        Summary.head(source, track);
         List<RenditionOutput> outputs = new ArrayList<>();
         Transcoding transcoding;
         try {
             for (Rendition rendition : wanted) {
-                outputs.add(new RenditionOutput(rendition, track.frameRate(), workspace));
+                outputs.add(new RenditionOutput(rendition, track.frameRate(), false, workspace));
             }
             transcoding = new Transcoding(track.reorderDepth(), outputs);
             transcoding.run(source);
@@ -115,12 +111,10 @@ final class TranscodeCommand implements Callable<Integer> {
         checkProduced(track, transcoding, outputs);
 
         Progress.stage("writing MP4 files");
-        makeContainers(outputs, workspace);
+        RenditionOutput.makeContainers(outputs, workspace);
         Progress.stage("comparing with the source");
-        List<Long> times = transcoding.times();
-        double seconds = transcoding.mediaSeconds(track.frameRate());
-        List<Long> moments = IntStream.range(0, MOMENTS).map(i -> (2 * i + 1) * times.size() / (2 * MOMENTS)).distinct()
-                .mapToObj(times::get).toList();
+        double seconds = transcoding.times().seconds(track.frameRate());
+        List<Long> moments = PictureTimes.moments(transcoding.times().all());
         Comparison comparison = new Comparison(track, source, outputs, moments, workspace);
         List<String> files = new ArrayList<>();
         for (RenditionOutput output : outputs) {
@@ -136,7 +130,7 @@ final class TranscodeCommand implements Callable<Integer> {
     }
 
     private static void checkProduced(VideoTrack track, Transcoding transcoding, List<RenditionOutput> outputs) {
-        if (transcoding.times().isEmpty()) {
+        if (transcoding.times().count() == 0) {
             throw new Failure("no picture of %s could be decoded", track.path());
         }
         List<String> empty = outputs.stream().filter(output -> output.pictures() == 0)
@@ -151,23 +145,7 @@ final class TranscodeCommand implements Callable<Integer> {
         }
     }
 
-    /** Copies the timed files into MP4, in one run. */
-    private static void makeContainers(List<RenditionOutput> outputs, Workspace workspace) throws IOException {
-        List<String> command = new ArrayList<>(List.of("-v", "error"));
-        for (RenditionOutput output : outputs) {
-            command.addAll(List.of("-f", "matroska", "-i", output.timedName()));
-        }
-        for (int i = 0; i < outputs.size(); i++) {
-            command.addAll(List.of("-map", Integer.toString(i), "-c", "copy", "-movflags", "+faststart",
-                    outputs.get(i).containerName()));
-        }
-        var error = new MediaProgram.FirstError(workspace.folder());
-        if (MediaProgram.FFMPEG.run(workspace.folder(), command, line -> { }, error) != 0) {
-            throw new Failure("the MP4 files could not be written: %s", error);
-        }
-    }
-
-    private static void drawSheet(VideoTrack track, List<RenditionOutput> outputs, List<Long> times, double seconds,
+    private static void drawSheet(VideoTrack track, List<RenditionOutput> outputs, List<Long> moments, double seconds,
                                   Comparison comparison, Workspace workspace) throws IOException {
         List<ContactSheet.Label> labels = new ArrayList<>();
         labels.add(new ContactSheet.Label("source", List.of(track.width() + "x" + track.height(),
@@ -175,9 +153,7 @@ final class TranscodeCommand implements Callable<Integer> {
         for (int i = 0; i < outputs.size(); i++) {
             labels.add(Summary.label(outputs.get(i), seconds, comparison.psnr(i)));
         }
-        List<String> columns = times.stream()
-                .map(time -> String.format("%d:%02d.%03d", time / 60_000, time / 1000 % 60, time % 1000)).toList();
-        ContactSheet.draw(track.path().getFileName().toString(), comparison.grid(), comparison.cellHeights(), labels, columns,
+        ContactSheet.draw(track.path().getFileName().toString(), comparison.grid(), comparison.cellHeights(), labels, moments,
                 workspace.path(SHEET));
     }
 }

@@ -7,18 +7,14 @@ import java.io.UncheckedIOException;
 import java.lang.management.ManagementFactory;
 import java.lang.management.ThreadMXBean;
 import java.nio.ByteBuffer;
-import java.util.ArrayList;
 import java.util.List;
-import java.util.PriorityQueue;
 
 /** Runs a source's access units through the library's transcoder; the renditions come back to {@link #receiveVideo}. */
 final class Transcoding {
-    private final int reorderDepth;
+    private final PictureTimes times;
     private final List<RenditionOutput> outputs;
     private final long[] spent;
     private final boolean[] delivered;
-    private final PriorityQueue<Long> waiting = new PriorityQueue<>();
-    private final List<Long> times = new ArrayList<>();
     private boolean timed;
     private long callbackEnd;
     private double cpuSeconds;
@@ -26,7 +22,7 @@ final class Transcoding {
 
     /** @param reorderDepth pictures that the source's decoder may hold back */
     Transcoding(int reorderDepth, List<RenditionOutput> outputs) {
-        this.reorderDepth = reorderDepth;
+        times = new PictureTimes(reorderDepth);
         this.outputs = outputs;
         spent = new long[outputs.size()];
         delivered = new boolean[outputs.size()];
@@ -48,7 +44,7 @@ final class Transcoding {
             MIRVProcessor.start(transcoder);
             for (int i = 0; i < source.count(); i++) {
                 write(reader.next(), source.time(i), transcoder);
-                progress.update(i + 1, times.size(), lastTime());
+                progress.update(i + 1, times.count(), times.last());
             }
         } catch (UncheckedIOException fromCallback) {
             throw fromCallback.getCause();
@@ -60,7 +56,7 @@ final class Transcoding {
     }
 
     private void write(byte[] accessUnit, long time, long transcoder) {
-        waiting.add(time);
+        times.add(time);
         timed = false;
         callbackEnd = System.nanoTime();
         if (MIRVProcessor.write(this, time, accessUnit, transcoder) != 1) {
@@ -88,7 +84,7 @@ final class Transcoding {
         if (data != null) {
             takeTime();
             try {
-                outputs.get(index - 1).write(data, lastTime());
+                outputs.get(index - 1).write(data, times.last(), times.last());
             } catch (IOException problem) {
                 throw new UncheckedIOException(problem);
             }
@@ -96,34 +92,16 @@ final class Transcoding {
         callbackEnd = System.nanoTime();
     }
 
-    /**
-     * Finds the time of the picture that came out of this write: pictures leave the decoder in display order, so it is
-     * the earliest still waiting. More times waiting than the decoder holds pictures belong to pictures that were lost.
-     */
     private void takeTime() {
         if (!timed) {
-            while (waiting.size() > reorderDepth + 1) {
-                waiting.remove();
-            }
-            times.add(waiting.remove());
+            times.take();
             timed = true;
         }
     }
 
-    private long lastTime() {
-        return times.isEmpty() ? 0 : times.get(times.size() - 1);
-    }
-
-    /** Presentation times of the decoded pictures in milliseconds, in display order. */
-    List<Long> times() {
+    /** Times of the decoded pictures. */
+    PictureTimes times() {
         return times;
-    }
-
-    /** Time that the decoded pictures take, the last one as long as the others on average. */
-    double mediaSeconds(double frameRate) {
-        int intervals = times.size() - 1;
-        double span = (lastTime() - times.get(0)) / 1000.0;
-        return intervals > 0 && span > 0 ? span * (intervals + 1) / intervals : 1 / frameRate;
     }
 
     /** CPU time of the transcoding thread. */

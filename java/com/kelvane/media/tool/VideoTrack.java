@@ -16,7 +16,11 @@ import java.util.Map;
  */
 record VideoTrack(Path path, int index, int width, int height, String pixelFormat, double frameRate, int reorderDepth,
                   double seconds, boolean raw) {
-    static VideoTrack open(Path path) throws IOException {
+    private static final Path DEMO = Path.of("share/kelvane/demo.mp4");
+
+    /** @param input as the caller gave it; null stands for the demonstration clip */
+    static VideoTrack given(Path input) throws IOException {
+        Path path = input == null ? DEMO.toAbsolutePath() : Caller.DIRECTORY.resolve(input).normalize();
         MediaFile file = MediaFile.open(path, "stream=index,codec_type,codec_name,width,height,pix_fmt,has_b_frames,"
                 + "avg_frame_rate,r_frame_rate,duration:stream_disposition=attached_pic:format=format_name,duration");
         Map<String, String> video = file.stream(

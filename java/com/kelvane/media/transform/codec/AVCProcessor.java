@@ -33,7 +33,7 @@ import com.kelvane.media.NativeLibrary;
  * }</pre>
  *
  * <p>At most one output is pending: the next one replaces it if it was not read. A module runs inside this process, on
- * the thread of the call.
+ * the thread of the call. What it throws is printed on standard error and counts as a result of 0.
  *
  * <p>Handles, threads, arrays and exceptions: see the {@linkplain com.kelvane.media.transform.codec package}.
  */
@@ -46,9 +46,8 @@ public final class AVCProcessor {
     }
 
     /**
-     * Loads a module, for all pipelines and for the life of the process, which holds at most 256. Must not overlap
-     * another {@code loadLibrary}, nor {@code brew} or {@code close} of any pipeline, on another thread. Of several
-     * modules with the same GUID the first one loaded is used.
+     * Loads a module, for all pipelines and for the life of the process, which holds at most 256. Pipelines may be
+     * running meanwhile. Of several modules with the same GUID the first one loaded is used.
      *
      * @param path path of the shared library; a bare file name is searched for as the dynamic loader does
      * @return the module's GUID, all 32 bits of which count, so that it may be negative; 0 when the library cannot be
@@ -90,8 +89,8 @@ public final class AVCProcessor {
      * @param key for the module
      * @param value for the module
      * @param handle the pipeline, or 0
-     * @return what the module answers; -1 when no module or one with another GUID is attached, for a handle of 0 or for
-     *         a null string
+     * @return what the module answers, by convention 1 when it took the setting and 0 when it refused it; -1 when no
+     *         module or one with another GUID is attached, for a handle of 0 or for a null string
      */
     public static native int apply(long guid, String key, String value, long handle);
 

@@ -1,0 +1,191 @@
+package com.kelvane.media.tool;
+
+import com.kelvane.media.transform.codec.AVCProcessor;
+import java.io.IOException;
+import java.nio.file.Files;
+import java.nio.file.Path;
+import java.nio.file.StandardCopyOption;
+import java.util.LinkedHashMap;
+import java.util.List;
+import java.util.Map;
+import java.util.concurrent.Callable;
+import picocli.CommandLine.Command;
+import picocli.CommandLine.ITypeConverter;
+import picocli.CommandLine.Model.CommandSpec;
+import picocli.CommandLine.Option;
+import picocli.CommandLine.ParameterException;
+import picocli.CommandLine.Parameters;
+import picocli.CommandLine.Spec;
+
+@Command(name = "process", mixinStandardHelpOptions = true, versionProvider = Kelvane.Version.class,
+        sortOptions = false, usageHelpAutoWidth = true,
+        description = {"Decodes an H.264 stream, has a module work on every picture and encodes what it keeps.", ""},
+        footer = {"", "Results are OUT.h264, OUT.mp4 and OUT.png, which shows four moments before and after.", "", "Example:",
+                "  kelvane process in.mp4 --module modules/mosaic.so --set region=200,200,400,300"})
+final class ProcessCommand implements Callable<Integer> {
+    private static final int SMALLEST_BITRATE = 256_000;
+    private static final int LARGEST_RATE = 60;
+    private static final double BITS_PER_SAMPLE = 0.1;
+    private static final int DECODING = 3;
+    private static final int PASS_THROUGH = 1;
+
+    @Spec
+    private CommandSpec command;
+
+    @Parameters(paramLabel = "INPUT", arity = "0..1", description = "Media file with an H.264 track, or a raw Annex-B stream;"
+            + " without it a demonstration clip.")
+    private Path input;
+
+    @Option(names = "--module", paramLabel = "LIB.so", required = true, description = "The module, a shared library.")
+    private Path library;
+
+    @Option(names = "--set", paramLabel = "KEY=VALUE", converter = SettingConverter.class,
+            description = "A setting for the module; may be given several times.")
+    private List<ProcessingModule.Setting> settings = List.of();
+
+    @Option(names = "--rate", paramLabel = "N", description = "Pictures per second that bits are shared out for, 1-60; there is"
+            + " a key frame every 2 N pictures (default: the source's rate).")
+    private Integer rate;
+
+    @Option(names = "--bitrate", paramLabel = "B", converter = BitrateConverter.class, description = "Bits per second, k and M"
+            + " multiply; a hint, the encoder goes by quality (default: 0.1 bits a pixel, 256k or more).")
+    private Integer bitrate;
+
+    @Option(names = "--pass-through", description = "Give the module the access units themselves; nothing is decoded or"
+            + " encoded.")
+    private boolean passThrough;
+
+    @Option(names = {"-o", "--output"}, paramLabel = "OUT", description = "Path of the results, without extension (default:"
+            + " ${DEFAULT-VALUE}).")
+    private Path out = Path.of("processed");
+
+    static final class SettingConverter implements ITypeConverter<ProcessingModule.Setting> {
+        @Override
+        public ProcessingModule.Setting convert(String text) {
+            int equals = text.indexOf('=');
+            Rendition.Converter.check(equals > 0, text + ": expected KEY=VALUE");
+            return new ProcessingModule.Setting(text.substring(0, equals), text.substring(equals + 1));
+        }
+    }
+
+    static final class BitrateConverter implements ITypeConverter<Integer> {
+        @Override
+        public Integer convert(String text) {
+            return Rendition.Converter.bitrate(text);
+        }
+    }
+
+    @Override
+    public Integer call() throws IOException {
+        check(rate == null || rate >= 1 && rate <= LARGEST_RATE, "--rate takes whole numbers from 1 to " + LARGEST_RATE);
+        Path results = Caller.DIRECTORY.resolve(out).normalize();
+        check(results.getFileName() != null, "-o takes a path with a file name");
+        VideoTrack track = VideoTrack.given(input);
+        for (String extension : List.of(".h264", ".mp4", ".png")) {
+            check(!track.path().equals(results.resolveSibling(results.getFileName() + extension)), track.path()
+                    + " would be overwritten by its own result; name another with -o");
+        }
+        ProcessingModule module = new ProcessingModule(Caller.DIRECTORY.resolve(library).normalize());
+        int pictures = rate != null ? rate : (int) Math.max(1, Math.min(LARGEST_RATE, Math.round(track.frameRate())));
+        int bits = bitrate != null ? bitrate
+                : (int) Math.max(SMALLEST_BITRATE, BITS_PER_SAMPLE * track.width() * track.height() * pictures);
+        long pipeline = AVCProcessor.open(pictures, bits, passThrough ? PASS_THROUGH : DECODING, 1, 0, 1);
+        if (pipeline == 0) {
+            throw new Failure("the library could not make a pipeline");
+        }
+        try {
+            module.attach(settings, pipeline);
+            try (Workspace workspace = new Workspace(results.getParent())) {
+                process(track, module, pipeline, results.getFileName().toString(), workspace);
+            }
+        } finally {
+            AVCProcessor.close(pipeline);
+        }
+        Caller.OUTPUT.println("results: " + results + ".*");
+        return 0;
+    }
+
+    private void check(boolean right, String message) {
+        if (!right) {
+            throw new ParameterException(command.commandLine(), message);
+        }
+    }
+
+    private void process(VideoTrack track, ProcessingModule module, long pipeline, String name, Workspace workspace)
+            throws IOException {
+        Progress.stage("reading " + track.path().getFileName());
+        AccessUnits source = new AccessUnits(track, 0, 0, workspace);
+        Progress.clear();
+        Summary.head(source, track);
+        // The encoder leaves out the last column and row of an odd size.
+        Rendition size = passThrough ? Rendition.plain(track.width(), track.height(), 0)
+                : Rendition.plain(track.width() / 2 * 2, track.height() / 2 * 2, 0);
+        RenditionOutput output = new RenditionOutput(size, track.frameRate(), true, workspace);
+        Processing processing = new Processing(track.reorderDepth(), passThrough, output);
+        try (output) {
+            processing.run(source, pipeline);
+        }
+        checkProduced(track, module, processing, output);
+
+        Progress.stage("writing the MP4 file");
+        RenditionOutput.makeContainers(List.of(output), workspace);
+        Progress.stage("comparing with the source");
+        List<Long> moments = PictureTimes.moments(processing.kept());
+        double seconds = processing.times().seconds(track.frameRate());
+        Comparison comparison = new Comparison(track, source, List.of(output), moments, workspace);
+        Map<String, String> files = new LinkedHashMap<>();
+        files.put(output.streamName(), name + ".h264");
+        files.put(output.containerName(), name + ".mp4");
+        if (comparison.grid() != null) {
+            drawSheet(track, module, output, moments, seconds, comparison, workspace.path("sheet.png"));
+            files.put("sheet.png", name + ".png");
+        }
+        for (Map.Entry<String, String> file : files.entrySet()) {
+            Files.move(workspace.path(file.getKey()), workspace.path(file.getValue()), StandardCopyOption.REPLACE_EXISTING);
+        }
+        workspace.publish(List.copyOf(files.values()));
+        Progress.clear();
+        summarise(processing, output, seconds);
+        Summary.notes(source, track, processing.times().count(), comparison);
+    }
+
+    private static void checkProduced(VideoTrack track, ProcessingModule module, Processing processing,
+                                      RenditionOutput output) {
+        if (processing.times().count() == 0) {
+            throw new Failure("no picture of %s could be decoded", track.path());
+        }
+        if (processing.dropped() == processing.times().count()) {
+            throw new Failure("%s dropped every picture, so there is nothing to write", module.file());
+        }
+        if (output.pictures() == 0) {
+            throw new Failure("pictures were decoded but none encoded; another --rate or --bitrate may help, or a source of"
+                    + " another size");
+        }
+    }
+
+    private static void drawSheet(VideoTrack track, ProcessingModule module, RenditionOutput output, List<Long> moments,
+                                  double seconds, Comparison comparison, Path file) throws IOException {
+        List<ContactSheet.Label> labels = List.of(
+                new ContactSheet.Label("before", List.of(track.width() + "x" + track.height(),
+                        String.format("%.2f pictures/s", track.frameRate()))),
+                new ContactSheet.Label("after", List.of(module.file().getFileName().toString(),
+                        String.format("%.0f kbit/s", output.kilobitsPerSecond(seconds)),
+                        "PSNR-Y " + Summary.decibels(comparison.psnr(0)))));
+        ContactSheet.draw(track.path().getFileName().toString(), comparison.grid(), comparison.cellHeights(), labels, moments,
+                file);
+    }
+
+    private void summarise(Processing processing, RenditionOutput output, double seconds) {
+        Summary.line("");
+        Summary.line("%-24s%d", passThrough ? "access units in" : "pictures in", processing.times().count());
+        Summary.line("%-24s%d", "kept", output.pictures());
+        Summary.line("%-24s%d", "dropped by the module", processing.dropped());
+        if (output.skipped() > 0) {
+            Summary.line("%-24s%d", "not encoded", output.skipped());
+        }
+        Summary.line("%-24s%d (%.1f kbit/s)", "encoded bytes", output.bytes(), output.kilobitsPerSecond(seconds));
+        Summary.line("%-24s%.2f ms %s", passThrough ? "in the module" : "in module and encoder",
+                processing.millisecondsPerPicture(), passThrough ? "an access unit" : "a picture");
+        Summary.line("");
+    }
+}

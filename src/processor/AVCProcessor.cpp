@@ -1,0 +1,239 @@
+#include "processor/AVCProcessor.h"
+
+#include "bridge/JavaCall.h"
+#include "com_kelvane_media_transform_codec_AVCProcessor.h"
+#include "video/I420.h"
+
+extern "C" {
+#include <libavformat/avformat.h>
+}
+
+#include <cstdio>
+#include <cstring>
+
+// FFmpeg 4 has deprecated av_register_all.
+#pragma GCC diagnostic ignored "-Wdeprecated-declarations"
+
+static CLibLoaderImpl loader;
+
+VideoProcessor* VideoProcessorContext::NewProcessor() const {
+    auto* pipeline = new (std::nothrow) VideoProcessor;
+    if (pipeline) pipeline->handle = reinterpret_cast<int64_t>(pipeline);
+    return pipeline;
+}
+
+bool VideoProcessorContext::RemoveProcessor(int64_t handle) const {
+    VideoProcessor* pipeline = GetProcessor(handle);
+    if (!pipeline) return false;
+    pipeline->close();
+    delete pipeline;
+    return true;
+}
+
+void VideoProcessor::brew(unsigned int guid) {
+    if (processor) {
+        callModule("Close", [&] { processor->Close(); });
+        callModule("~CModuleProcessor", [&] { delete processor; });
+        processor = nullptr;
+        --loader.liveProcessors;
+    }
+    ProcessorFunctionPointers module;
+    loader.GetLibFunctions(guid, &module);
+    if (module.create_video_processor && module.destroy_video_processor)
+        processor = callModule("CreateVideoProcessor", module.create_video_processor);
+    if (processor)
+        ++loader.liveProcessors;
+    else
+        std::printf("Module not found. %d  Did you forget to preload it? \n", static_cast<int>(guid));
+}
+
+void VideoProcessor::unbrew() {
+    if (!processor) return;
+    const unsigned int guid = callModule("GetGuid", [&] { return processor->GetGuid(); });
+    ProcessorFunctionPointers module;
+    loader.GetLibFunctions(guid, &module);
+    if (!module.destroy_video_processor) return;
+    callModule("DestroyVideoProcessor", [&] { module.destroy_video_processor(processor); });
+    processor = nullptr;
+    --loader.liveProcessors;
+}
+
+void VideoProcessor::makeEncoder(const AVFrame& picture) {
+    encoder.reset();
+    encoder.reset(avc_enc_ctx.NewCodec());
+    if (!encoder) return;
+    encoder->width = picture.width;
+    encoder->height = picture.height;
+    encoder->frameRate = frameRate;
+    encoder->bitRate = bitRate;
+    encoder->open();
+}
+
+void VideoProcessor::fitEncoder(const AVFrame& picture) {
+    const auto width = static_cast<uint16_t>(picture.width);
+    const auto height = static_cast<uint16_t>(picture.height);
+    if (!encoder) {
+        std::printf("AVCProcessor_create_encoder  %d  %d\n", picture.width, picture.height);
+        makeEncoder(picture);
+        if (!processor) return;
+        std::puts("AVCProcessor_open_module");
+        uint8_t configuration[] = {mode, option1, option2, option3};
+        callModule("Open", [&] {
+            return processor->Open(width, height, configuration, configuration + 1, configuration + 2,
+                                   configuration + 3);
+        });
+    } else if (picture.width != encoder->width || picture.height != encoder->height) {
+        std::puts("AVCProcessor_reinit_encodere");
+        makeEncoder(picture);
+        if (!processor) return;
+        std::puts("AVCProcessor_reinit_module");
+        callModule("Reinit", [&] { return processor->Reinit(width, height); });
+    }
+}
+
+int VideoProcessor::process(signed char* data, int size, uint32_t timestamp, int& newOutput) {
+    const int decoded = decoder->decode(data, size, timestamp);
+    if (decoded == -1) std::puts("warning, corrupt input stream");
+    if (decoded != 1) return decoded;
+    const AVFrame& picture = *decoder->frame;
+    const MallocBuffer packed = packPicture(picture);
+    if (!packed) return 0;
+    const int packedSize = packedPictureSize(picture.width, picture.height);
+    fitEncoder(picture);
+
+    auto time = static_cast<int>(timestamp);
+    const auto keeps = [&] { return processor->Process(packed.get(), packedSize, &time); };
+    if (processor && (callModule("Process", keeps) == 0 || !encoder)) return 1;
+    newOutput = 0;
+    if (!encoder) return 1;
+    const int encoded = encoder->encode(reinterpret_cast<signed char*>(packed.get()), packedSize, timestamp);
+    if (encoded != 1 || encoder->encodedSize <= 0) return encoded;
+    const auto encodedSize = static_cast<size_t>(encoder->encodedSize);
+    MallocBuffer accessUnit = mallocBuffer(encodedSize);
+    if (!accessUnit) return 0;
+    std::memcpy(accessUnit.get(), packed.get(), encodedSize);
+    output = std::move(accessUnit);
+    outputSize = newOutput = encoder->encodedSize;
+    outputTimestamp = processor ? time : encoder->encodedTimestamp;
+    return 1;
+}
+
+void VideoProcessor::passThrough(MallocBuffer data, int size, uint32_t timestamp) {
+    output = std::move(data);
+    outputSize = size;
+    outputTimestamp = static_cast<int32_t>(timestamp);
+    if (processor)
+        callModule("Process", [&] { return processor->Process(output.get(), size, &outputTimestamp); });
+}
+
+void VideoProcessor::close() {
+    if (decoder) decoder->close();
+    if (encoder) encoder->close();
+    if (processor) callModule("Close", [&] { processor->Close(); });
+    processor = nullptr;
+    output.reset();
+    outputSize = 0;
+}
+
+JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_AVCProcessor_loadLibrary(JNIEnv* env, jclass,
+                                                                                       jstring path) {
+    if (!path) return 0;
+    JavaCall java(env);
+    const JavaString file(java, path);
+    if (!file.get()) return 0;
+    std::printf("loading %s\n", file.get());
+    const int guid = loader.LoadLib(file.get());
+    std::printf("found %d\n", guid);
+    return guid;
+}
+
+JNIEXPORT jlong JNICALL Java_com_kelvane_media_transform_codec_AVCProcessor_open(JNIEnv*, jclass,
+                                                                                 jint frameRate, jint bitRate,
+                                                                                 jint mode, jint option1,
+                                                                                 jint option2, jint option3) {
+    av_register_all();
+    VideoProcessor* pipeline = proc_ctx.NewProcessor();
+    if (!pipeline) return 0;
+    pipeline->decoder.reset(avc_dec_ctx.NewCodec());
+    if (!pipeline->decoder) {
+        proc_ctx.RemoveProcessor(pipeline->handle);
+        return 0;
+    }
+    pipeline->decoder->open();
+    pipeline->mode = static_cast<uint8_t>(mode);
+    pipeline->option1 = static_cast<uint8_t>(option1);
+    pipeline->option2 = static_cast<uint8_t>(option2);
+    pipeline->option3 = static_cast<uint8_t>(option3);
+    pipeline->frameRate = frameRate;
+    pipeline->bitRate = bitRate;
+    return pipeline->handle;
+}
+
+JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_AVCProcessor_brew(JNIEnv*, jclass, jint guid,
+                                                                                jlong handle) {
+    VideoProcessor* pipeline = proc_ctx.GetProcessor(handle);
+    if (!pipeline) return 0;
+    pipeline->brew(static_cast<unsigned int>(guid));
+    return 1;
+}
+
+JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_AVCProcessor_apply(JNIEnv* env, jclass,
+                                                                                 jlong guid, jstring key,
+                                                                                 jstring value,
+                                                                                 jlong handle) {
+    const VideoProcessor* pipeline = proc_ctx.GetProcessor(handle);
+    if (!pipeline || !pipeline->processor || !key || !value) return -1;
+    CModuleProcessor& processor = *pipeline->processor;
+    if (guid != jlong{callModule("GetGuid", [&] { return processor.GetGuid(); })}) return -1;
+    JavaCall java(env);
+    const JavaString keyText(java, key);
+    const JavaString valueText(java, value);
+    if (!keyText.get() || !valueText.get()) return -1;
+    return callModule("Apply", [&] { return processor.Apply(keyText.get(), valueText.get()); });
+}
+
+JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_AVCProcessor_write(
+    JNIEnv* env, jclass, jlong timestamp, jbyteArray data, jbyteArray sizeInfo, jlong handle) {
+    VideoProcessor* pipeline = proc_ctx.GetProcessor(handle);
+    if (!pipeline || !data || !sizeInfo) return 0;
+    JavaCall java(env);
+    ArrayCopy input = java.copyIn(data);
+    if (!input) return 0;
+    const auto time = static_cast<uint32_t>(timestamp);
+    int result = 1;
+    int newOutput = -1;
+    if (pipeline->mode == VideoProcessor::passThroughMode) {
+        newOutput = input.size;
+        pipeline->passThrough(std::move(input.bytes), input.size, time);
+    } else {
+        result = pipeline->process(input.as<signed char>(), input.size, time, newOutput);
+    }
+    if (newOutput >= 0) {
+        uint8_t size[4];
+        putBigEndian(size, sizeof size, static_cast<uint32_t>(newOutput));
+        java.copyOut(sizeInfo, size, sizeof size);
+    }
+    return result;
+}
+
+JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_AVCProcessor_read(JNIEnv* env, jclass,
+                                                                                jbyteArray timestampInfo,
+                                                                                jbyteArray data,
+                                                                                jlong handle) {
+    VideoProcessor* pipeline = proc_ctx.GetProcessor(handle);
+    if (!pipeline || pipeline->outputSize == 0 || !timestampInfo || !data) return 0;
+    JavaCall java(env);
+    java.copyOut(data, pipeline->output.get(), pipeline->outputSize);
+    uint8_t time[4];
+    putBigEndian(time, sizeof time, static_cast<uint32_t>(pipeline->outputTimestamp));
+    java.copyOut(timestampInfo, time, sizeof time);
+    pipeline->outputSize = 0;
+    pipeline->output.reset();
+    return 0;
+}
+
+JNIEXPORT jboolean JNICALL Java_com_kelvane_media_transform_codec_AVCProcessor_close(JNIEnv*, jclass,
+                                                                                     jlong handle) {
+    if (VideoProcessor* pipeline = proc_ctx.GetProcessor(handle)) pipeline->unbrew();
+    return proc_ctx.RemoveProcessor(handle);
+}

@@ -1,0 +1,62 @@
+#include "processor/ModuleLoader.h"
+
+#include <cstdio>
+#include <cstring>
+#include <iostream>
+#include <utility>
+
+namespace {
+
+template <class Function>
+void resolve(void* library, const char* symbol, const char* name, Function& function) {
+    function = reinterpret_cast<Function>(dlsym(library, symbol));
+    if (!function) std::cout << "failed to linked " << name << " \n";
+}
+
+} // namespace
+
+void reportThrown(const char* operationName, const char* text) {
+    const auto firstLine = static_cast<int>(std::strcspn(text, "\r\n"));
+    std::fprintf(stderr, "module threw in %s: %.*s\n", operationName, firstLine, text);
+}
+
+CLibLoaderImpl::~CLibLoaderImpl() {
+    if (liveProcessors == 0) return;
+    for (Module& module : modules)
+        module.libHandle.release();
+}
+
+int CLibLoaderImpl::LoadLib(const char* path) {
+    if (!path) return 0;
+    const std::lock_guard lock(loading);
+    if (moduleCount == capacity) {
+        std::cout << "module refused, " << capacity << " are loaded \n";
+        return 0;
+    }
+    LibraryOwner library(dlopen(path, RTLD_LAZY));
+    if (!library) {
+        std::cout << "module not found \n";
+        return 0;
+    }
+    ProcessorFunctionPointers found;
+    resolve(library.get(), "GetGuid", "get_guid", found.get_guid);
+    resolve(library.get(), "CreateVideoProcessor", "create_video_processor", found.create_video_processor);
+    resolve(library.get(), "DestroyVideoProcessor", "destroy_video_processor", found.destroy_video_processor);
+    if (!found.get_guid || !found.destroy_video_processor) return 0;
+    std::cout << "linked module \n";
+    const unsigned int guid = callModule("GetGuid", found.get_guid);
+    modules[moduleCount].functions = found;
+    modules[moduleCount].libHandle = std::move(library);
+    ++moduleCount;
+    return static_cast<int>(guid);
+}
+
+int CLibLoaderImpl::GetLibFunctions(unsigned int guid, ProcessorFunctionPointers* functions) {
+    for (uint32_t i = 0, count = moduleCount; i < count; ++i) {
+        if (callModule("GetGuid", modules[i].functions.get_guid) != guid) continue;
+        *functions = modules[i].functions;
+        return 1;
+    }
+    *functions = {};
+    return 0;
+}

@@ -1,0 +1,162 @@
+#include "video/OpenH264Encoder.h"
+
+#include "bridge/JavaCall.h"
+#include "bridge/Registries.h"
+#include "com_kelvane_media_transform_codec_OpenH264Encoder.h"
+#include "video/I420.h"
+
+extern "C" {
+#include <libavformat/avformat.h>
+#include <libavutil/imgutils.h>
+#include <libavutil/opt.h>
+}
+
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+
+// The encoding calls of FFmpeg 4 that are meant here are deprecated there.
+#pragma GCC diagnostic ignored "-Wdeprecated-declarations"
+
+namespace {
+
+// FFmpeg's OpenH264 encoder refuses this profile and knows none of the other options; those of another build
+// may, so that their results are not checked.
+constexpr const char* privateOptions[][2] = {
+    {"profile", "baseline"},  {"level", "3.2"},        {"crf", "18"},
+    {"thread_type", "slice"}, {"tune", "zerolatency"},
+};
+
+} // namespace
+
+void VideoEncoder::open() {
+    codec = avcodec_find_encoder_by_name("libopenh264");
+    if (!codec) {
+        std::puts("AVC encoder codec not found");
+        return;
+    }
+    if (frameRate == 0) frameRate = 15;
+    context.reset(avcodec_alloc_context3(codec));
+    if (!context) return;
+    context->bit_rate = bitRate;
+    context->width = width;
+    context->height = height;
+    context->time_base = {1, frameRate};
+    context->gop_size = static_cast<int>(int64_t{2} * frameRate);
+    context->max_b_frames = 0;
+    context->pix_fmt = AV_PIX_FMT_YUV420P;
+    context->ticks_per_frame = 2;
+    for (const auto& [name, value] : privateOptions)
+        av_opt_set(context->priv_data, name, value, AV_OPT_SEARCH_CHILDREN);
+    std::printf("avcodec_open2: %d  : %d : %d : %d\n", width, height, frameRate, bitRate);
+    if (const int result = avcodec_open2(context.get(), codec, nullptr); result < 0) {
+        std::printf("AVC encoder codec not opened %d\n", result);
+        return;
+    }
+    if (context->codec) {
+        std::puts("AVC encoder codec opened");
+    } else {
+        std::puts("AVC encoder setting codec");
+        context->codec = codec;
+    }
+
+    frame.reset(av_frame_alloc());
+    if (!frame) {
+        std::puts("AVC encoder could not allocate video frame");
+        return;
+    }
+    frame->format = context->pix_fmt;
+    frame->width = context->width;
+    frame->height = context->height;
+    const int size =
+        av_image_alloc(frame->data, frame->linesize, frame->width, frame->height, context->pix_fmt, 32);
+    if (size < 0) {
+        std::puts("AVC encoder could not allocate raw picture buffer");
+        return;
+    }
+    // The encoder reads the last chroma row and column of an odd size, which packed pictures do not have.
+    std::memset(frame->data[0], 128, static_cast<size_t>(size));
+    std::printf("AVC encoder Y: %d  U: %d V: %d \n", frame->linesize[0], frame->linesize[1],
+                frame->linesize[2]);
+    status = 0;
+}
+
+int VideoEncoder::encode(signed char* data, int length, unsigned int timestamp) {
+    if (!frame || status != 0) return 0;
+    const int64_t chromaSize = int64_t{frame->width / 2} * (frame->height / 2);
+    if (length < int64_t{frame->width} * frame->height + 2 * chromaSize) return 0;
+    av_init_packet(&packet);
+    packet.data = nullptr;
+    packet.size = 0;
+    unpackPicture(reinterpret_cast<const uint8_t*>(data), *frame);
+    frame->pts = int64_t{timestamp} * 1000;
+    int got = 0;
+    if (avcodec_encode_video2(context.get(), &packet, frame.get(), &got) < 0 || packet.size > length) {
+        std::puts("AVC encoder failed to encode frame");
+        got = 0;
+    }
+    if (got) {
+        std::memcpy(data, packet.data, static_cast<size_t>(packet.size));
+        encodedSize = packet.size;
+        encodedTimestamp = static_cast<int32_t>(packet.pts / 1000);
+    }
+    av_packet_unref(&packet);
+    return got;
+}
+
+void VideoEncoder::close() {
+    frame.reset();
+    context.reset();
+    codec = nullptr;
+}
+
+JNIEXPORT jlong JNICALL Java_com_kelvane_media_transform_codec_OpenH264Encoder_open(JNIEnv*, jclass,
+                                                                                    jint width, jint height,
+                                                                                    jint frameRate,
+                                                                                    jint bitRate, jint) {
+    av_register_all();
+    av_log_set_level(AV_LOG_QUIET);
+    VideoEncoder* encoder = avc_enc_ctx.NewCodec();
+    if (!encoder) return -1;
+    std::puts("Codec init");
+    encoder->width = width;
+    encoder->height = height;
+    encoder->frameRate = frameRate <= 0 ? 15 : std::min(frameRate, 30);
+    encoder->bitRate = std::max(bitRate, 256000);
+    encoder->open();
+    if (encoder->codec) return encoder->handle;
+    avc_enc_ctx.RemoveCodec(encoder->handle);
+    return 0;
+}
+
+JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_OpenH264Encoder_encode(JNIEnv* env, jclass,
+                                                                                     jbyteArray data,
+                                                                                     jbyteArray info,
+                                                                                     jlong handle) {
+    VideoEncoder* encoder = avc_enc_ctx.GetCoder(handle);
+    if (!encoder || !data || !info) return 0;
+    JavaCall java(env);
+    ArrayCopy picture = java.copyIn(data);
+    if (!picture) return 0;
+    const int result = encoder->encode(picture.as<signed char>(), picture.size, 0);
+    if (result != 1) return result;
+    constexpr uint8_t startCode[] = {0, 0, 0, 1};
+    if (encoder->encodedSize < 4 || std::memcmp(picture.bytes.get(), startCode, sizeof startCode) != 0)
+        std::puts("AVC encoder nal code not found");
+    java.copyOut(data, picture.bytes.get(), encoder->encodedSize);
+
+    uint8_t about[7] = {static_cast<uint8_t>(encoder->frame->key_frame)};
+    putBigEndian(about + 1, 4, static_cast<uint32_t>(encoder->encodedSize));
+    about[5] = 1;
+    java.copyOut(info, about, sizeof about);
+    return 1;
+}
+
+JNIEXPORT void JNICALL Java_com_kelvane_media_transform_codec_OpenH264Encoder_close(JNIEnv*, jclass,
+                                                                                    jlong handle) {
+    VideoEncoder* encoder = avc_enc_ctx.GetCoder(handle);
+    if (!encoder) return;
+    encoder->close();
+    avc_enc_ctx.RemoveCodec(handle);
+    std::puts("AVC encoder codec closed");
+}

@@ -1,0 +1,32 @@
+#pragma once
+
+#include "bridge/Owners.h"
+
+#include <cstdint>
+
+// Encodes packed I420 pictures to H.264 through FFmpeg's OpenH264 encoder: low delay, no B-frames, a key
+// frame every two seconds of pictures. The four parameters are set before open() and are fixed from then on.
+class VideoEncoder {
+public:
+    int64_t handle = 0;
+    const AVCodec* codec = nullptr; // null means that FFmpeg has no such encoder
+    CodecContextOwner context;
+    ImageFrameOwner frame; // the raw picture
+    AVPacket packet{};
+    int32_t width = 0; // pixels
+    int32_t height = 0;
+    int32_t frameRate = 0;        // pictures per second; open() turns 0 into 15
+    int32_t bitRate = 0;          // target, bits per second
+    int32_t encodedSize = 0;      // bytes of the last access unit
+    int32_t status = 1;           // 0 while open, 1 before open() and after one that failed
+    int32_t encodedTimestamp = 0; // of the last access unit, in the caller's unit
+
+    // Leaves its outcome in `status` and `codec`.
+    void open();
+
+    // `data`: a packed picture of the engine's size; its access unit is written over it. Returns 1 when there
+    // is one; 0 when there is none, when `length` is less than the picture's or than the access unit's size.
+    int encode(signed char* data, int length, unsigned int timestamp);
+
+    void close();
+};
