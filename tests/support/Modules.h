@@ -2,12 +2,13 @@
 
 #include "modules/recording_module.h"
 
-#include <string>
+#include <dlfcn.h>
 
-// Path of a recording module of the tests, "recorder" for instance.
-std::string modulePath(const std::string& name);
+// Path of a module of the tests, "recorder" for instance.
+inline std::string modulePath(const std::string& name) { return TEST_TREE "/modules/" + name + ".so"; }
 
-// The record of that module, which stays mapped from then on.
-ModuleRecord& moduleRecordOf(const std::string& name);
-
-bool isMapped(const std::string& libraryPath);
+// The record of a recording module, which stays mapped from then on.
+inline ModuleRecord& moduleRecordOf(const std::string& name) {
+    void* library = dlopen(modulePath(name).c_str(), RTLD_LAZY);
+    return *reinterpret_cast<ModuleRecord* (*)()>(dlsym(library, "moduleRecord"))();
+}
