@@ -22,57 +22,44 @@ protected:
     }
 };
 
-constexpr size_t sourceSamples = 26460; // of the vectors at 44100 Hz; 28800 at 48000
+constexpr size_t sourceSamples = 26460; // of the stereo vectors, at 44100 Hz; 28800 at 48000
 
 } // namespace
 
-TEST_F(InstalledAudio, KeepsSoundAndLengthThroughOpus) {
-    for (const std::string source : {"stereo.mp3", "stereo.m4a"}) {
-        SCOPED_TRACE(source);
-        convert(TEST_DATA "/" + source, "sound.opus");
-        EXPECT_TRUE(
-            std::regex_search(output, std::regex("0\\.6 s of sound in [0-9.]+ s: [0-9.]+ times real time; "
-                                                 "[0-9]+ bytes, (9[5-9]|1[01][0-9])\\.[0-9] kbit/s\n")))
-            << output;
-        EXPECT_EQ(codec("sound.opus"), "opus,48000,2\n");
-        convert("sound.opus", "sound.wav");
-        EXPECT_EQ(codec("sound.wav"), "pcm_s16le,48000,2\n");
-        const Samples result = decoded("sound.wav", 48000, 2);
-        EXPECT_EQ(result.size(), 2 * 28800u);
-        EXPECT_EQ(decoded("sound.opus", 48000, 2).size(), result.size())
-            << "other players hear another length";
-        const Samples original = decoded(TEST_DATA "/" + source, 48000, 2);
-        EXPECT_GT(snr(original, result, 2, 0, 0), 12);
-        EXPECT_GT(snr(original, result, 2, 1, 0), 12);
-    }
-}
-
 TEST_F(InstalledAudio, DecodesWithoutTheEncodersLeadIn) {
-    for (const std::string source : {"stereo.mp3", "stereo.m4a"}) {
+    for (const std::string source : {TEST_DATA "/stereo.mp3", TEST_DATA "/stereo.m4a"}) {
         SCOPED_TRACE(source);
-        convert(TEST_DATA "/" + source, "sound.wav");
-        const Samples result = decoded("sound.wav", 44100, 2);
-        Samples expected =
-            decoded(TEST_DATA "/" + source, 44100, 2); // FFmpeg leaves the end of the last AAC packet
+        convert(source, "sound.wav");
+        Samples expected = decoded(source, 44100, 2); // FFmpeg leaves the end of the last AAC packet
         ASSERT_GE(expected.size(), 2 * sourceSamples);
         expected.resize(2 * sourceSamples);
-        EXPECT_LE(largestDifference(result, expected), 1);
+        EXPECT_LE(largestDifference(decoded("sound.wav", 44100, 2), expected), 1);
     }
 }
 
-TEST_F(InstalledAudio, EncodesAacToItsEnd) {
-    for (const int channels : {1, 2}) {
-        const std::string source = channels == 1 ? TEST_DATA "/mono.mp3" : TEST_DATA "/stereo.mp3";
-        convert(source, "sound.aac");
-        EXPECT_EQ(codec("sound.aac"), "aac,44100," + std::to_string(channels) + "\n");
-        convert("sound.aac", "sound.wav");
-        const Samples result = decoded("sound.wav", 44100, channels);
-        const auto count = static_cast<size_t>(channels);
-        EXPECT_EQ(result.size(), 27 * 1024 * count) << "26 blocks and the lead-in";
-        Samples original = decoded(source, 44100, channels);
-        original.resize(27 * 1024 * count);
-        for (size_t channel = 0; channel < count; ++channel)
-            EXPECT_GT(snr(original, result, count, channel, 1024), 10);
+TEST_F(InstalledAudio, KeepsSoundAndLength) {
+    const struct {
+        const char *file, *codec, *kilobits;
+        int sampleRate;
+        size_t samples, leadIn;
+        double leastSnr;
+    } cases[] = {
+        {"sound.opus", "opus,48000,2\n", "(9[5-9]|1[01][0-9])", 48000, 28800, 0, 12},
+        {"sound.aac", "aac,44100,2\n", "[67][0-9]", 44100, 27 * 1024, 1024, 10}}; // 26 blocks and the lead-in
+    for (const auto& [file, codecName, kilobits, sampleRate, samples, leadIn, leastSnr] : cases) {
+        SCOPED_TRACE(file);
+        convert(TEST_DATA "/stereo.mp3", file);
+        const std::regex summary("0\\.6 s of sound in [0-9.]+ s: [0-9.]+ times real time; [0-9]+ bytes, " +
+                                 std::string(kilobits) + "\\.[0-9] kbit/s\n");
+        EXPECT_TRUE(std::regex_search(output, summary)) << output;
+        EXPECT_EQ(codec(file), codecName);
+        EXPECT_EQ(decoded(file, sampleRate, 2).size(), samples * 2) << "as other players hear it";
+        convert(file, "sound.wav");
+        const Samples result = decoded("sound.wav", sampleRate, 2);
+        EXPECT_EQ(result.size(), samples * 2);
+        const Samples original = decoded(TEST_DATA "/stereo.mp3", sampleRate, 2);
+        for (const size_t channel : {0, 1})
+            EXPECT_GT(snr(original, result, 2, channel, leadIn), leastSnr);
     }
 }
 
@@ -96,17 +83,12 @@ TEST_F(InstalledAudio, SilenceStandsInForDamage) {
 }
 
 TEST_F(InstalledAudio, FailsInOneLineAndLeavesNothing) {
-    std::ofstream(path("text")) << "no media";
     ASSERT_EQ(run("ffmpeg", "-v error -f lavfi -i anullsrc=channel_layout=5.1 -t 0.2 -c:a aac six.aac"), 0)
         << errors;
-    fs::copy(TEST_DATA "/stereo.m4a", path("sound.m4a"));
     fs::copy(TEST_DATA "/mono.mp3", path("same.wav"));
-    expectFailure("audio sound.m4a", 2, "--output");
-    expectFailure("audio sound.m4a -o out.mp3", 2, "OUT must end in");
+    expectFailure("audio same.wav -o out.mp3", 2, "OUT must end in");
     expectFailure("audio same.wav -o ./same.wav", 2, "is the input itself");
-    expectFailure("audio missing.mp3 -o out.wav", 1, "no such file");
-    expectFailure("audio text -o out.wav", 1, "not a media file");
     expectFailure("audio in.h264 -o out.wav", 1, "no sound.*video h264");
     expectFailure("audio six.aac -o out.wav", 1, "6 channels");
-    expectFailure("audio sound.m4a -o text/out.wav", 1, "cannot write");
+    expectFailure("audio same.wav -o in.h264/out.wav", 1, "cannot write");
 }

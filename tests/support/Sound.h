@@ -1,6 +1,9 @@
 #pragma once
 
-#include "support/Media.h"
+#include "support/JavaMachine.h"
+#include "support/Output.h"
+
+#include <random>
 
 using Samples = std::vector<int16_t>;
 
@@ -12,14 +15,13 @@ struct SoundStream {
 // The packets of a sound vector in tests/data.
 SoundStream soundStream(const std::string& name);
 
-// Decodes with FFmpeg's own calls: the interleaved samples of each packet. What is decoded to floating point
-// is rounded.
-std::vector<Samples> referenceSound(AVCodecID codec, const SoundStream& stream, int sampleRate, int channels);
+// Decodes with FFmpeg's own calls to interleaved samples, as many for every packet. What is decoded to
+// floating point is rounded.
+Samples referenceSound(AVCodecID codec, const SoundStream& stream, int sampleRate, int channels);
 
 // Interleaved sound, different in the left and the right channel.
 Samples testSound(int channels, int sampleRate, int samples);
 
-Bytes bytesOf(const Samples& samples);
 Samples samplesOf(const Bytes& pcm);
 
 // The `number`th of the blocks that the sound falls into, as PCM.
@@ -30,3 +32,35 @@ Bytes pcmBlock(const Samples& sound, size_t number, size_t samplesPerBlock);
 double snr(const Samples& original, const Samples& decoded, size_t channels, size_t channel, size_t delay);
 
 int largestDifference(const Samples& a, const Samples& b);
+
+// The first `size` bytes of an array made by javaArray(int), which are all that may have been written.
+Bytes written(jbyteArray array, int size);
+
+// Has a native method, AACDecoder's or MPADecoder's, decode a vector from Java arrays, with wrong calls
+// before each packet and sometimes two packets in a call. The largest difference from FFmpeg's own samples.
+using DecodeMethod = jint (*)(JNIEnv*, jclass, jbyteArray, jbyteArray, jbyteArray, jlong);
+int comparedWithFFmpeg(AVCodecID codec, DecodeMethod decode, jlong handle, const SoundStream& stream,
+                       int sampleRate, int channels);
+
+// An engine's whole life, with packets of flipped bits and another length: how many of them give samples.
+template <class Decoder>
+int decodeDamaged(Decoder& decoder, const std::vector<Bytes>& packets, size_t padding = 0) {
+    std::minstd_rand random;
+    int delivered = 0;
+    const auto live = [&] {
+        decoder.open();
+        for (int round = 0; round < 40; ++round)
+            for (Bytes packet : packets) {
+                for (int flips = 0; flips < 3; ++flips)
+                    packet[random() % packet.size()] ^= static_cast<uint8_t>(1 << random() % 8);
+                const size_t size = 1 + random() % (2 * packet.size());
+                packet.resize(size);
+                packet.resize(size + padding);
+                packet.shrink_to_fit();
+                delivered += decoder.decode(packet.data(), static_cast<int>(size)) > 0;
+            }
+        decoder.close();
+    };
+    printedBy(live, 2); // libopus's complaints
+    return delivered;
+}
