@@ -176,9 +176,5 @@ JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_AACDecoder_decode(
 
 JNIEXPORT void JNICALL Java_com_kelvane_media_transform_codec_AACDecoder_close(JNIEnv*, jclass,
                                                                                jlong handle) {
-    AudioDecoder* decoder = aac_dec_ctx.GetCoder(handle);
-    if (!decoder) return;
-    decoder->close();
-    aac_dec_ctx.RemoveCodec(handle);
-    std::puts("AAC decoder codec closed");
+    closeCodec(aac_dec_ctx, handle, "AAC decoder codec closed");
 }

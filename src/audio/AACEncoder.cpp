@@ -136,9 +136,5 @@ JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_AACEncoder_encode(
 
 JNIEXPORT void JNICALL Java_com_kelvane_media_transform_codec_AACEncoder_close(JNIEnv*, jclass,
                                                                                jlong handle) {
-    AudioEncoder* encoder = aac_enc_ctx.GetCoder(handle);
-    if (!encoder) return;
-    encoder->close();
-    aac_enc_ctx.RemoveCodec(handle);
-    std::puts("AAC encoder codec closed");
+    closeCodec(aac_enc_ctx, handle, "AAC encoder codec closed");
 }

@@ -122,9 +122,5 @@ JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_MPADecoder_decode(
 
 JNIEXPORT void JNICALL Java_com_kelvane_media_transform_codec_MPADecoder_close(JNIEnv*, jclass,
                                                                                jlong handle) {
-    MP3AudioDecoder* decoder = mp3_dec_ctx.GetCoder(handle);
-    if (!decoder) return;
-    decoder->close();
-    mp3_dec_ctx.RemoveCodec(handle);
-    std::puts("MP3 decoder codec closed");
+    closeCodec(mp3_dec_ctx, handle, "MP3 decoder codec closed");
 }

@@ -98,7 +98,5 @@ JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_NOpusDecoder_decod
 
 JNIEXPORT void JNICALL Java_com_kelvane_media_transform_codec_NOpusDecoder_close(JNIEnv*, jclass,
                                                                                  jlong handle) {
-    if (!opus_dec_ctx.GetCoder(handle)) return;
-    opus_dec_ctx.RemoveCodec(handle);
-    std::puts("Opus decoder codec closed");
+    closeCodec(opus_dec_ctx, handle, "Opus decoder codec closed");
 }

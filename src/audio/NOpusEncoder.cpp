@@ -111,7 +111,5 @@ JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_NOpusEncoder_encod
 
 JNIEXPORT void JNICALL Java_com_kelvane_media_transform_codec_NOpusEncoder_close(JNIEnv*, jclass,
                                                                                  jlong handle) {
-    if (!opus_enc_ctx.GetCoder(handle)) return;
-    opus_enc_ctx.RemoveCodec(handle);
-    std::puts("Opus encoder codec closed");
+    closeCodec(opus_enc_ctx, handle, "Opus encoder codec closed");
 }

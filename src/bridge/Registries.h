@@ -4,6 +4,7 @@
 // no table, so a look-up costs nothing on the media path, and a handle that was closed is not detected.
 
 #include <cstdint>
+#include <cstdio>
 #include <memory>
 #include <new>
 
@@ -67,6 +68,14 @@ public:
 [[maybe_unused]] static MP3DecoderContext mp3_dec_ctx;
 [[maybe_unused]] static VideoProcessorContext proc_ctx;
 [[maybe_unused]] static NativeOpenH264EncoderContext avc_opn_enc_ctx;
+
+// What the Java classes' close does: frees the engine and says so; nothing for handle 0.
+template <class Engine>
+void closeCodec(const CodecRegistry<Engine>& registry, int64_t handle, const char* message) {
+    if (!registry.GetCoder(handle)) return;
+    registry.RemoveCodec(handle);
+    std::puts(message);
+}
 
 // Owns an engine that another engine made through a registry.
 template <class Engine>

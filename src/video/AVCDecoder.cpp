@@ -170,9 +170,5 @@ JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_AVCDecoder_decode(
 
 JNIEXPORT void JNICALL Java_com_kelvane_media_transform_codec_AVCDecoder_close(JNIEnv*, jclass,
                                                                                jlong handle) {
-    VideoDecoder* decoder = avc_dec_ctx.GetCoder(handle);
-    if (!decoder) return;
-    decoder->close();
-    avc_dec_ctx.RemoveCodec(handle);
-    std::puts("AVC decoder codec closed");
+    closeCodec(avc_dec_ctx, handle, "AVC decoder codec closed");
 }

@@ -169,7 +169,5 @@ JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_AVCEncoder_encode(
 
 JNIEXPORT void JNICALL Java_com_kelvane_media_transform_codec_AVCEncoder_close(JNIEnv*, jclass,
                                                                                jlong handle) {
-    if (!avc_opn_enc_ctx.GetCoder(handle)) return;
-    avc_opn_enc_ctx.RemoveCodec(handle);
-    std::puts("AVC encoder codec closed");
+    closeCodec(avc_opn_enc_ctx, handle, "AVC encoder codec closed");
 }

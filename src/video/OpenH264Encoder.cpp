@@ -154,9 +154,5 @@ JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_OpenH264Encoder_en
 
 JNIEXPORT void JNICALL Java_com_kelvane_media_transform_codec_OpenH264Encoder_close(JNIEnv*, jclass,
                                                                                     jlong handle) {
-    VideoEncoder* encoder = avc_enc_ctx.GetCoder(handle);
-    if (!encoder) return;
-    encoder->close();
-    avc_enc_ctx.RemoveCodec(handle);
-    std::puts("AVC encoder codec closed");
+    closeCodec(avc_enc_ctx, handle, "AVC encoder codec closed");
 }
