@@ -3,7 +3,7 @@
 //
 //   audio_overhead [ROUNDS]
 
-#include "audio/OpusOwners.h"
+#include "bridge/Owners.h"
 
 extern "C" {
 #include <libavformat/avformat.h>

@@ -11,10 +11,14 @@ extern "C" {
 
 #include <cstdio>
 #include <cstring>
+#include <initializer_list>
 
 // The FFmpeg 4 functions and fields that are meant here are deprecated there.
 #pragma GCC diagnostic ignored "-Wdeprecated-declarations"
 
+namespace {
+
+// The first of the decoders that delivers 16-bit samples; null when none does. Candidates may be null.
 const AVCodec* firstWith16BitSamples(std::initializer_list<const AVCodec*> candidates) {
     for (const AVCodec* codec : candidates)
         if (codec && codec->sample_fmts &&
@@ -22,6 +26,8 @@ const AVCodec* firstWith16BitSamples(std::initializer_list<const AVCodec*> candi
             return codec;
     return nullptr;
 }
+
+} // namespace
 
 void MP3AudioDecoder::open() {
     // Where FFmpeg has its floating-point decoder, that one answers to the codec id.

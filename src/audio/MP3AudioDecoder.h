@@ -3,10 +3,6 @@
 #include "bridge/Owners.h"
 
 #include <cstdint>
-#include <initializer_list>
-
-// The first of the decoders that delivers 16-bit samples; null when none does. Candidates may be null.
-const AVCodec* firstWith16BitSamples(std::initializer_list<const AVCodec*> candidates);
 
 // Decodes one MP3 frame a call to 16-bit PCM at the stream's own rate and channel count.
 class MP3AudioDecoder {

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "audio/OpusOwners.h"
+#include "bridge/Owners.h"
 
 #include <cstdint>
 

@@ -11,6 +11,7 @@ extern "C" {
 }
 
 #include <dlfcn.h>
+#include <opus.h>
 
 #include <cstdint>
 #include <cstdlib>
@@ -63,3 +64,10 @@ struct LibraryDeleter {
     void operator()(void* library) const { dlclose(library); }
 };
 using LibraryOwner = std::unique_ptr<void, LibraryDeleter>;
+
+struct OpusDeleter {
+    void operator()(OpusDecoder* decoder) const { opus_decoder_destroy(decoder); }
+    void operator()(OpusEncoder* encoder) const { opus_encoder_destroy(encoder); }
+};
+using OpusDecoderOwner = std::unique_ptr<OpusDecoder, OpusDeleter>;
+using OpusEncoderOwner = std::unique_ptr<OpusEncoder, OpusDeleter>;
