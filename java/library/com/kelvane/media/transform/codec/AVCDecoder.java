@@ -59,6 +59,56 @@ public final class AVCDecoder {
     public static native int decode(byte[] input, byte[] info, byte[] output, long handle);
 
     /**
+     * Decodes as {@link #decode}, with a time for the picture that the access unit carries.
+     *
+     * @param timestamp the picture's time in milliseconds, unsigned; its low 32 bits are used
+     * @param input as for {@code decode}
+     * @param info as for {@code decode}
+     * @param output as for {@code decode}
+     * @param handle the decoder, or 0
+     * @return as {@code decode}
+     * @throws ArrayIndexOutOfBoundsException if {@code info} is shorter than 6 bytes
+     */
+    public static native int decodeAt(long timestamp, byte[] input, byte[] info, byte[] output, long handle);
+
+    /**
+     * Delivers the next picture that is held back for reordering; to be called at the end of a stream until it returns
+     * 0. The decoder is then ready for a new stream, which begins with a key frame.
+     *
+     * @param info as for {@code decode}
+     * @param output as for {@code decode}
+     * @param handle the decoder, or 0
+     * @return 1 when {@code output} and {@code info} hold a picture; minus the size of the picture when {@code output}
+     *         is shorter or longer than that, {@link #take} then hands the picture out; 0 when nothing is held back any
+     *         more, for a handle of 0 or for a null array
+     * @throws ArrayIndexOutOfBoundsException if {@code info} is shorter than 6 bytes
+     */
+    public static native int drain(byte[] info, byte[] output, long handle);
+
+    /**
+     * Copies out the picture of the last {@code decode}, {@code decodeAt} or {@code drain} that was answered with a
+     * negative length, so that a new size costs no picture. It waits until the next call of one of these.
+     *
+     * @param info as for {@code decode}
+     * @param output as for {@code decode}
+     * @param handle the decoder, or 0
+     * @return 1 when {@code output} and {@code info} hold the picture, which then no longer waits; minus the size of the
+     *         picture, which goes on waiting, when {@code output} is shorter or longer than that; 0 when no picture
+     *         waits, there is no memory, for a handle of 0 or for a null array
+     * @throws ArrayIndexOutOfBoundsException if {@code info} is shorter than 6 bytes
+     */
+    public static native int take(byte[] info, byte[] output, long handle);
+
+    /**
+     * The time of the last picture that was decoded: the low 32 bits of what was given with the access unit that carried
+     * it, 0 when that was {@code decode}.
+     *
+     * @param handle the decoder, or 0
+     * @return milliseconds, 0 to 4294967295; 0 before the first picture and for a handle of 0
+     */
+    public static native long pictureTime(long handle);
+
+    /**
      * Frees the decoder. The handle is dead afterwards.
      *
      * @param handle the decoder, or 0 for no effect

@@ -146,6 +146,63 @@ public final class MIRVProcessor {
     public static native int write(Object listener, long timestamp, byte[] data, long handle);
 
     /**
+     * Decodes one access unit and encodes nothing: the first half of {@link #write}. {@link #encode} is the second, for
+     * one rendition after the other or for several at once.
+     *
+     * @param timestamp as for {@code write}
+     * @param data as for {@code write}
+     * @param handle the transcoder, or 0
+     * @return 1 when a picture was decoded, which then is at hand until the next {@code decode}, {@code write} or
+     *         {@code drain}; otherwise as {@code write}
+     */
+    public static native int decode(long timestamp, byte[] data, long handle);
+
+    /**
+     * Scales and encodes the picture at hand for one rendition and calls the listener once, with null when there is no
+     * picture at hand or it yielded no access unit. Different renditions may be encoded on different threads at the same
+     * time, between one {@code decode} and the next call of any other method.
+     *
+     * @param output the rendition's position, from 0, in the order in which the ids were first applied
+     * @param listener receives the access unit with the timestamp of the last {@code decode}, or of the picture itself
+     *        when that came from {@code drain}; null encodes nothing
+     * @param handle the transcoder, or 0
+     * @return 1 when the rendition has an access unit for this picture; 0 when it has none, for a position that there is
+     *         not, for a null listener and for a handle of 0
+     */
+    public static native int encode(int output, Object listener, long handle);
+
+    /**
+     * Decodes the next picture that is held back for reordering, encodes it into every rendition and calls the listener
+     * once for each, as {@code write} does, with the picture's own time; to be called at the end of a stream until it
+     * returns 0. The transcoder is then ready for a new stream, which begins with a key frame.
+     *
+     * @param listener as for {@code write}; null decodes without any callback, and {@link #encode} then has the picture
+     * @param handle the transcoder, or 0
+     * @return 1 when there was a picture; 0, without a callback, when nothing is held back any more and for a handle of 0
+     */
+    public static native int drain(Object listener, long handle);
+
+    /**
+     * The time of the picture that the last {@code write}, {@code decode} or {@code drain} decoded: the low 32 bits of
+     * what was given with the access unit that carried it. In a stream that reorders pictures these times rise, where
+     * those of the access units do not.
+     *
+     * @param handle the transcoder, or 0
+     * @return milliseconds, 0 to 4294967295; 0 before the first picture and for a handle of 0
+     */
+    public static native long pictureTime(long handle);
+
+    /**
+     * What became of a rendition's encoder.
+     *
+     * @param output the rendition's position, from 0, in the order in which the ids were first applied
+     * @param handle the transcoder, or 0
+     * @return 0 when it encodes; 1 when the OpenH264 library made no encoder or is missing; -1 when OpenH264 refused the
+     *         settings; 2 when it was not opened yet, for a position that there is not and for a handle of 0
+     */
+    public static native int status(int output, long handle);
+
+    /**
      * Frees the transcoder with its decoder and its renditions. The handle is dead afterwards, and so is every buffer
      * that a listener was given.
      *

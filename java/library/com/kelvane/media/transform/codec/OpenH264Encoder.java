@@ -60,6 +60,14 @@ public final class OpenH264Encoder {
     public static native int encode(byte[] data, byte[] info, long handle);
 
     /**
+     * Whether an encoder can encode.
+     *
+     * @param handle the encoder, or 0
+     * @return 0 when it opened; 1 when it did not, because of its size for instance, and for a handle of 0
+     */
+    public static native int status(long handle);
+
+    /**
      * Frees the encoder. The handle is dead afterwards.
      *
      * @param handle the encoder, or 0 for no effect

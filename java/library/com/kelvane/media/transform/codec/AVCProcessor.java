@@ -123,6 +123,39 @@ public final class AVCProcessor {
     public static native int read(byte[] timestampInfo, byte[] data, long handle);
 
     /**
+     * Processes the next picture that is held back for reordering, as {@code write} does; to be called at the end of a
+     * stream until it returns 0. The pipeline is then ready for a new stream, which begins with a key frame. The module
+     * is given the picture's own time.
+     *
+     * @param sizeInfo as for {@code write}
+     * @param handle the pipeline, or 0
+     * @return 1 when there was a picture and it was encoded or dropped by the module; 0 when nothing is held back any
+     *         more, {@code sizeInfo} then being unchanged, when a picture yielded no access unit, {@code sizeInfo} then
+     *         holding 0, in pass-through mode, for a handle of 0 and for a null array
+     * @throws ArrayIndexOutOfBoundsException if {@code sizeInfo} is shorter than 4 bytes; the output is pending all the
+     *         same
+     */
+    public static native int drain(byte[] sizeInfo, long handle);
+
+    /**
+     * The time of the picture that the last {@code write} or {@code drain} decoded: the low 32 bits of what was given
+     * with the access unit that carried it.
+     *
+     * @param handle the pipeline, or 0
+     * @return milliseconds, 0 to 4294967295; 0 before the first picture, in pass-through mode and for a handle of 0
+     */
+    public static native long pictureTime(long handle);
+
+    /**
+     * Whether a module works in the pipeline.
+     *
+     * @param handle the pipeline, or 0
+     * @return 1 when one is attached; 0 when none is, because {@code brew} found none with its GUID or the module made
+     *         no object, and for a handle of 0
+     */
+    public static native int attached(long handle);
+
+    /**
      * Frees the pipeline, destroys its module object and drops a pending output. The handle is dead afterwards; loaded
      * modules stay loaded.
      *

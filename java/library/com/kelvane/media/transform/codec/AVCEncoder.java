@@ -51,6 +51,16 @@ public final class AVCEncoder {
     public static native int encode(byte[] picture, byte[] ignored, long handle);
 
     /**
+     * Loads the OpenH264 library from a path of the caller's choice, for all encoders of the process. To be called
+     * before the first of them opens; without it, that one looks at the fixed place.
+     *
+     * @param path path of the shared library; a bare file name is searched for as the dynamic loader does
+     * @return 1 when OpenH264 is loaded, by this call or before it; 0 when the file cannot be opened or lacks
+     *         OpenH264's entry points, or for a null path
+     */
+    public static native int loadLibrary(String path);
+
+    /**
      * Frees the encoder. The handle is dead afterwards.
      *
      * @param handle the encoder, or 0 for no effect
