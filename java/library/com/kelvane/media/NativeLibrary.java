@@ -41,6 +41,10 @@ public final class NativeLibrary {
         }
     }
 
+    static java.util.List<String> openH264Places() {
+        return java.util.List.of("lib/amd64-Linux-gpp/jni/libopenh264-1.8.0-linux64.4.so", "libopenh264.so.7");
+    }
+
     private static String tryPlaces() {
         Map<String, Runnable> places = new LinkedHashMap<>();
         places.put("system property kelvane.library", NativeLibrary::loadFromProperty);

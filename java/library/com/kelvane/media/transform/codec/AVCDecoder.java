@@ -5,19 +5,21 @@ import com.kelvane.media.NativeLibrary;
 /**
  * Decodes H.264 access units to packed I420 pictures.
  *
- * <p>{@code open}, {@code decode} once for each access unit in decoding order, {@code close}. Pictures come out in
- * display order: a stream that reorders has its first pictures held back, and those still held at {@code close} are
- * lost. The picture size is learnt from the first picture, which is lost to the caller but not to the decoder:
+ * <p>{@code open}, {@code decode} once for each access unit in decoding order, {@code drain} until it returns 0,
+ * {@code close}. Pictures come out in display order: a stream that reorders has its first pictures held back. The picture
+ * size is learnt from the first picture, for which {@code decode} finds the array too short and {@code take} is there:
  * <pre>{@code
  * byte[] info = new byte[6];
  * byte[] picture = new byte[0];
  * long decoder = AVCDecoder.open();
  * int result = AVCDecoder.decode(accessUnit, info, picture, decoder);
+ * if (result < -1) {
+ *     picture = new byte[-result];                   // the following pictures fit
+ *     result = AVCDecoder.take(info, picture, decoder);
+ * }
  * if (result == 1) {
  *     ByteBuffer size = ByteBuffer.wrap(info);
  *     show(picture, Short.toUnsignedInt(size.getShort(1)), Short.toUnsignedInt(size.getShort(3)));
- * } else if (result < -1) {
- *     picture = new byte[-result];                   // the following pictures fit
  * }
  * AVCDecoder.close(decoder);
  * }</pre>

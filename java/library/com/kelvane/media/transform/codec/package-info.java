@@ -1,8 +1,40 @@
 /**
- * Audio and video codecs in native code. Each class stands for one kind of engine: its {@code open} makes an engine and
- * returns a handle, the handle is the last argument of every later call, and {@code close} ends the engine. Loading any
- * of the classes loads the native library ({@link com.kelvane.media.NativeLibrary}). What follows holds for all of
- * them; the classes and methods say only what they add to it.
+ * The native methods under {@link com.kelvane.media}, for whoever wants them as they are: handles that nothing checks,
+ * arrays that the caller sizes, results that are numbers. Each class stands for one kind of engine: its {@code open} makes
+ * an engine and returns a handle, the handle is the last argument of every later call, and {@code close} ends the engine.
+ * Loading any of the classes loads the native library ({@link com.kelvane.media.NativeLibrary}). What follows holds for all
+ * of them; the classes and methods say only what they add to it.
+ *
+ * <p>A program that counts the pictures of a raw H.264 stream:
+ * <pre>{@code
+ * import com.kelvane.media.AccessUnit;
+ * import com.kelvane.media.transform.codec.AVCDecoder;
+ * import java.io.IOException;
+ * import java.nio.file.Files;
+ * import java.nio.file.Path;
+ *
+ * public class Count {
+ *     public static void main(String[] arguments) throws IOException {
+ *         byte[] info = new byte[6];
+ *         byte[] picture = new byte[0];
+ *         int pictures = 0;
+ *         long decoder = AVCDecoder.open();
+ *         for (byte[] unit : AccessUnit.split(Files.readAllBytes(Path.of(arguments[0])))) {
+ *             int result = AVCDecoder.decode(unit, info, picture, decoder);
+ *             if (result < -1) {                         // another size than the array's
+ *                 picture = new byte[-result];
+ *                 result = AVCDecoder.take(info, picture, decoder);
+ *             }
+ *             pictures += result == 1 ? 1 : 0;
+ *         }
+ *         while (AVCDecoder.drain(info, picture, decoder) == 1) {
+ *             pictures++;
+ *         }
+ *         AVCDecoder.close(decoder);
+ *         System.out.println(pictures + " pictures");
+ *     }
+ * }
+ * }</pre>
  *
  * <h2>Handles</h2>
  *

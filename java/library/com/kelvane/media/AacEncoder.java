@@ -1,0 +1,159 @@
+package com.kelvane.media;
+
+import com.kelvane.media.transform.codec.AACEncoder;
+import java.util.Arrays;
+import java.util.List;
+import java.util.Objects;
+import java.util.Optional;
+import java.util.function.Consumer;
+
+/**
+ * Encodes sound of one or two channels to raw AAC-LC access units at 64000 bits per second.
+ * <pre>{@code
+ * try (AacEncoder encoder = AacEncoder.builder().channels(2).sampleRate(44_100).open()) {
+ *     for (byte[] block : blocks) {                  // encoder.blockSize() bytes each
+ *         encoder.encode(block).ifPresent(this::send);
+ *     }
+ *     encoder.drain(this::send);
+ * }
+ * }</pre>
+ *
+ * <p>The encoder lags behind by one block: the first access unit decodes to {@value #LEAD_IN} samples that precede the
+ * sound. One thread may use an encoder at a time: anything else is refused with an {@link IllegalStateException}.
+ */
+public final class AacEncoder implements AutoCloseable {
+    /** Samples of each channel that an access unit holds. */
+    public static final int SAMPLES_PER_BLOCK = 1024;
+
+    /** Samples of each channel that precede the sound when it is decoded. */
+    public static final int LEAD_IN = 1024;
+
+    /** The sampling rates in Hz that there are, in the order of AAC's index. */
+    public static final List<Integer> SAMPLE_RATES =
+            List.of(96000, 88200, 64000, 48000, 44100, 32000, 24000, 22050, 16000, 12000, 11025, 8000, 7350);
+
+    // One for the encoder's look-ahead, one for the second half of the last block's transform.
+    private static final int SILENT_BLOCKS_AT_END = 2;
+
+    private final Engine engine;
+    private final int blockSize;
+    private final byte[] info = new byte[6];
+    private final byte[] output;
+
+    private AacEncoder(Builder settings) {
+        blockSize = SAMPLES_PER_BLOCK * Pcm.BYTES_PER_SAMPLE * settings.channels;
+        output = new byte[blockSize];
+        engine = Engine.open("AacEncoder", () -> AACEncoder.open(settings.channels, settings.sampleRate), AACEncoder::close);
+    }
+
+    /** {@return a builder for stereo at 48000 Hz} */
+    public static Builder builder() {
+        return new Builder();
+    }
+
+    /** {@return the bytes that {@link #encode} takes} */
+    public int blockSize() {
+        return blockSize;
+    }
+
+    /**
+     * Encodes one block.
+     *
+     * @param pcm 1024 samples for each channel, {@link #blockSize} bytes as in {@link Pcm}; not changed and not kept
+     * @return the access unit that came out, which is that of the block before; empty for the first block
+     * @throws IllegalArgumentException if {@code pcm} has another length
+     * @throws IllegalStateException if this encoder is closed or in use
+     */
+    public Optional<byte[]> encode(byte[] pcm) {
+        if (pcm.length != blockSize) {
+            throw new IllegalArgumentException("a block has " + blockSize + " bytes, not " + pcm.length);
+        }
+        long handle = engine.enter("encode");
+        try {
+            return encode(pcm, handle);
+        } finally {
+            engine.exit();
+        }
+    }
+
+    private Optional<byte[]> encode(byte[] pcm, long handle) {
+        int size = AACEncoder.encode(pcm, info, output, handle);
+        return size > 0 ? Optional.of(Arrays.copyOf(output, size)) : Optional.empty();
+    }
+
+    /**
+     * Hands out what the encoder still holds, by encoding silence behind the sound; to be called at the end.
+     *
+     * @param receiver gets each access unit, on the calling thread
+     * @throws IllegalStateException if this encoder is closed or in use
+     */
+    public void drain(Consumer<? super byte[]> receiver) {
+        Objects.requireNonNull(receiver, "receiver");
+        long handle = engine.enter("drain");
+        try {
+            Failures failures = new Failures();
+            byte[] silence = new byte[blockSize];
+            for (int i = 0; i < SILENT_BLOCKS_AT_END; i++) {
+                failures.of(() -> encode(silence, handle).ifPresent(receiver));
+            }
+            failures.rethrow();
+        } finally {
+            engine.exit();
+        }
+    }
+
+    /**
+     * Frees the native engine; nothing when that was done before.
+     *
+     * @throws IllegalStateException if this encoder is in use
+     */
+    @Override
+    public void close() {
+        engine.close();
+    }
+
+    /** Collects an encoder's settings. */
+    public static final class Builder {
+        private int channels = 2;
+        private int sampleRate = 48_000;
+
+        private Builder() {
+        }
+
+        /**
+         * The channels of the sound.
+         *
+         * @param count 1 or 2
+         * @return this builder
+         */
+        public Builder channels(int count) {
+            channels = Settings.check("channels", count, 1, 2, "channels");
+            return this;
+        }
+
+        /**
+         * The sampling rate of the sound.
+         *
+         * @param hertz one of {@link #SAMPLE_RATES}
+         * @return this builder
+         */
+        public Builder sampleRate(int hertz) {
+            if (!SAMPLE_RATES.contains(hertz)) {
+                throw new IllegalArgumentException("sampleRate is " + hertz + ", allowed are " + SAMPLE_RATES + " Hz");
+            }
+            sampleRate = hertz;
+            return this;
+        }
+
+        /**
+         * Makes the encoder.
+         *
+         * @return the encoder, to be closed
+         * @throws MediaException if the native library is missing, with the places tried, or there is no memory
+         */
+        public AacEncoder open() {
+            Natives.load();
+            return new AacEncoder(this);
+        }
+    }
+}

@@ -1,0 +1,39 @@
+package com.kelvane.media;
+
+import java.util.List;
+import java.util.Objects;
+
+/**
+ * The H.264 NAL units of one picture in byte-stream form (Annex B of the standard): each behind a start code, parameter
+ * sets ahead of the first slice that needs them.
+ *
+ * @param bytes the NAL units; not copied
+ * @param time presentation time in milliseconds
+ */
+public record AccessUnit(byte[] bytes, long time) {
+    /**
+     * An access unit over an array.
+     *
+     * @param bytes the NAL units; not copied
+     * @param time presentation time in milliseconds
+     */
+    public AccessUnit {
+        Objects.requireNonNull(bytes, "bytes");
+    }
+
+    /** {@return whether decoding can begin here: the picture is an IDR picture} */
+    public boolean isKey() {
+        return AnnexB.isKey(bytes, bytes.length);
+    }
+
+    /**
+     * Cuts a raw stream, as in a {@code .h264} file, into its access units. What precedes the first start code is left
+     * out.
+     *
+     * @param stream NAL units in byte-stream form
+     * @return the access units in decoding order, without times, which a raw stream does not have
+     */
+    public static List<byte[]> split(byte[] stream) {
+        return AnnexB.split(stream);
+    }
+}

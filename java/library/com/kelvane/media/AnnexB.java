@@ -1,0 +1,103 @@
+package com.kelvane.media;
+
+import java.util.ArrayList;
+import java.util.Arrays;
+import java.util.List;
+
+/** What this package has to know of H.264's byte-stream form: NAL units, each behind a start code 00 00 01. */
+final class AnnexB {
+    private static final int SLICE = 1;
+    private static final int IDR_SLICE = 5;
+    private static final int SEI = 6;
+    private static final int ACCESS_UNIT_DELIMITER = 9;
+
+    private AnnexB() {
+    }
+
+    /**
+     * The access unit as the native engines take it: a start code of four bytes comes first, where the byte-stream form
+     * allows three as well.
+     *
+     * @throws IllegalArgumentException if it does not begin with a start code
+     */
+    static byte[] checked(byte[] accessUnit) {
+        if (startsWithZeros(accessUnit, 3) && accessUnit[3] == 1) {
+            return accessUnit;
+        }
+        if (startsWithZeros(accessUnit, 2) && accessUnit[2] == 1) {
+            byte[] longer = new byte[accessUnit.length + 1];
+            System.arraycopy(accessUnit, 0, longer, 1, accessUnit.length);
+            return longer;
+        }
+        StringBuilder start = new StringBuilder();
+        for (int i = 0; i < Math.min(4, accessUnit.length); i++) {
+            start.append(String.format(" %02x", accessUnit[i]));
+        }
+        throw new IllegalArgumentException("an access unit begins with the start code 00 00 00 01 or 00 00 01; this one"
+                + (start.length() == 0 ? " is empty" : " begins with" + start)
+                + ". MP4, MKV and FLV put lengths there instead: replace each by a start code");
+    }
+
+    private static boolean startsWithZeros(byte[] bytes, int count) {
+        if (bytes.length <= count) {
+            return false;
+        }
+        for (int i = 0; i < count; i++) {
+            if (bytes[i] != 0) {
+                return false;
+            }
+        }
+        return true;
+    }
+
+    /** Whether the first slice of an access unit is one of an IDR picture. */
+    static boolean isKey(byte[] bytes, int length) {
+        for (int at = nextNal(bytes, 0, length); at < length; at = nextNal(bytes, at, length)) {
+            int type = bytes[at] & 31;
+            if (type == SLICE || type == IDR_SLICE) {
+                return type == IDR_SLICE;
+            }
+        }
+        return false;
+    }
+
+    /** Cuts a stream into access units, ahead of a delimiter, of parameter sets and SEI, and of each picture's first slice. */
+    static List<byte[]> split(byte[] stream) {
+        List<byte[]> units = new ArrayList<>();
+        int start = -1;
+        boolean hasSlice = false;
+        for (int at = nextNal(stream, 0, stream.length); at < stream.length; at = nextNal(stream, at, stream.length)) {
+            int type = stream[at] & 31;
+            boolean slice = type == SLICE || type == IDR_SLICE;
+            // A slice that begins at macroblock 0, which as an Exp-Golomb code is a 1, begins a picture.
+            boolean first = slice ? at + 1 < stream.length && stream[at + 1] < 0
+                    : type >= SEI && type <= ACCESS_UNIT_DELIMITER || type >= 14 && type <= 18;
+            int code = at - 3;
+            if (code > 0 && stream[code - 1] == 0) {
+                code--;
+            }
+            if (start < 0) {
+                start = code;
+            } else if (first && hasSlice) {
+                units.add(Arrays.copyOfRange(stream, start, code));
+                start = code;
+                hasSlice = false;
+            }
+            hasSlice |= slice;
+        }
+        if (start >= 0) {
+            units.add(Arrays.copyOfRange(stream, start, stream.length));
+        }
+        return units;
+    }
+
+    /** The index of the first byte behind the next start code, or {@code length}. */
+    private static int nextNal(byte[] bytes, int from, int length) {
+        for (int i = from; i + 3 < length; i++) {
+            if (bytes[i] == 0 && bytes[i + 1] == 0 && bytes[i + 2] == 1) {
+                return i + 3;
+            }
+        }
+        return length;
+    }
+}

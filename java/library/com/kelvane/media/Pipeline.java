@@ -1,0 +1,326 @@
+package com.kelvane.media;
+
+import com.kelvane.media.transform.codec.AVCProcessor;
+import java.nio.ByteBuffer;
+import java.time.Duration;
+import java.util.ArrayList;
+import java.util.List;
+import java.util.Objects;
+import java.util.Optional;
+import java.util.function.Consumer;
+import java.util.function.IntSupplier;
+
+/**
+ * Has a {@link ProcessingModule} work on an H.264 stream: each access unit is decoded, the module changes the picture or
+ * drops it, and what it keeps is encoded again as by a {@link VideoEncoder}. In pass-through mode the module is given the
+ * access units themselves, and nothing is decoded or encoded.
+ * <pre>{@code
+ * ProcessingModule mosaic = ProcessingModule.load(Path.of("/opt/modules/mosaic.so"));
+ * try (Pipeline pipeline = Pipeline.builder().module(mosaic).setting("region", "200,200,400,300")
+ *         .frameRate(30).bitrate(2_000_000).open()) {
+ *     for (AccessUnit unit : source) {
+ *         pipeline.write(unit.bytes(), unit.time()).ifPresent(this::send);
+ *     }
+ *     pipeline.drain(this::send);
+ * }
+ * }</pre>
+ *
+ * <p>Pictures come out in display order. One thread may use a pipeline at a time: anything else is refused with an
+ * {@link IllegalStateException}. A module runs on the calling thread; what it throws is reported on standard error, and the
+ * picture counts as dropped.
+ */
+public final class Pipeline implements AutoCloseable {
+    private static final int UNTOUCHED = -1;
+    private static final int PASS_THROUGH_MODE = 1;
+    private static final int DECODING_MODE = 3;
+
+    private final Engine engine;
+    private final ProcessingModule module;
+    private final boolean passThrough;
+    private final byte[] number = new byte[Integer.BYTES];
+    private final ByteBuffer value = ByteBuffer.wrap(number);
+    private long lastTime;
+    private volatile long pictures;
+    private volatile long dropped;
+    private volatile long failed;
+    private volatile long bytes;
+    private volatile long nanoseconds;
+
+    private Pipeline(Builder settings) {
+        module = settings.module;
+        passThrough = settings.passThrough;
+        engine = Engine.open("Pipeline", () -> AVCProcessor.open(settings.frameRate, settings.bitrate,
+                passThrough ? PASS_THROUGH_MODE : DECODING_MODE, settings.options[0], settings.options[1],
+                settings.options[2]), AVCProcessor::close);
+    }
+
+    /** {@return a builder of a pipeline without a module, at 30 pictures per second and 2000000 bits per second} */
+    public static Builder builder() {
+        return new Builder();
+    }
+
+    /**
+     * Processes one access unit.
+     *
+     * @param accessUnit one access unit in byte-stream form, see {@link AccessUnit}; not changed and not kept
+     * @param time presentation time of its picture in milliseconds
+     * @return the access unit that came out, with its picture's own time as the module left it; empty when no picture was
+     *         decoded, the module dropped it or it could not be encoded, which {@link #statistics} tells apart
+     * @throws IllegalArgumentException if {@code accessUnit} does not begin with a start code; not in pass-through mode
+     * @throws IllegalStateException if this pipeline is closed or in use
+     */
+    public Optional<AccessUnit> write(byte[] accessUnit, long time) {
+        byte[] unit = passThrough ? Objects.requireNonNull(accessUnit, "accessUnit") : AnnexB.checked(accessUnit);
+        long handle = engine.enter("write");
+        try {
+            lastTime = time;
+            work(() -> AVCProcessor.write(time, unit, number, handle));
+            return Optional.ofNullable(pending(handle, time));
+        } finally {
+            engine.exit();
+        }
+    }
+
+    /**
+     * Processes the pictures that the decoder still holds back; to be called at the end of a stream. After that the
+     * pipeline takes another stream, which begins with a key picture.
+     *
+     * @param receiver gets what {@code write} would return, on the calling thread
+     * @return the number of access units that came out
+     * @throws IllegalStateException if this pipeline is closed or in use
+     */
+    public int drain(Consumer<? super AccessUnit> receiver) {
+        Objects.requireNonNull(receiver, "receiver");
+        long handle = engine.enter("drain");
+        try {
+            Failures failures = new Failures();
+            int drained = 0;
+            while (work(() -> AVCProcessor.drain(number, handle))) {
+                AccessUnit unit = pending(handle, AVCProcessor.pictureTime(handle));
+                if (unit != null) {
+                    failures.of(() -> receiver.accept(unit));
+                    drained++;
+                }
+            }
+            failures.rethrow();
+            return drained;
+        } finally {
+            engine.exit();
+        }
+    }
+
+    /**
+     * Hands the module one setting, at any time.
+     *
+     * @param key for the module
+     * @param setting its value
+     * @throws IllegalArgumentException if the module refuses it
+     * @throws IllegalStateException if this pipeline has no module, is closed or in use
+     */
+    public void set(String key, String setting) {
+        Objects.requireNonNull(key, "key");
+        Objects.requireNonNull(setting, "setting");
+        if (module == null) {
+            throw new IllegalStateException("this Pipeline has no module that could take the setting " + key);
+        }
+        long handle = engine.enter("set");
+        try {
+            if (AVCProcessor.apply(Integer.toUnsignedLong(module.guid()), key, setting, handle) <= 0) {
+                throw new IllegalArgumentException(module + " refused the setting " + key + "=" + setting);
+            }
+        } finally {
+            engine.exit();
+        }
+    }
+
+    // Returns whether there was a picture; `value` then holds the bytes that are pending, or UNTOUCHED when the module
+    // dropped it.
+    private boolean work(IntSupplier call) {
+        value.putInt(0, UNTOUCHED);
+        long begin = System.nanoTime();
+        int result = call.getAsInt();
+        nanoseconds += System.nanoTime() - begin;
+        int size = value.getInt(0);
+        if (size == UNTOUCHED && result != 1) {
+            return false;
+        }
+        pictures++;
+        if (size == UNTOUCHED) {
+            dropped++;
+        } else if (size == 0 && !passThrough) {
+            failed++;
+        }
+        return true;
+    }
+
+    // The module was given the time `given`, which with reordering need not be the picture's own; what it made of it moves
+    // the picture's own time as far.
+    private AccessUnit pending(long handle, long given) {
+        int size = value.getInt(0);
+        if (size <= 0) {
+            return null;
+        }
+        byte[] data = new byte[size];
+        AVCProcessor.read(number, data, handle);
+        bytes += size;
+        int shift = module == null ? 0 : value.getInt(0) - (int) given;
+        long own = passThrough ? lastTime : Times.nearest(AVCProcessor.pictureTime(handle), lastTime);
+        return new AccessUnit(data, own + shift);
+    }
+
+    /** {@return what this pipeline has done so far} Any thread may ask, at any time, also after {@link #close}. */
+    public Statistics statistics() {
+        return new Statistics(pictures, dropped, failed, bytes, Duration.ofNanos(nanoseconds));
+    }
+
+    /**
+     * Frees the native engine and the module's object; nothing when that was done before.
+     *
+     * @throws IllegalStateException if this pipeline is in use
+     */
+    @Override
+    public void close() {
+        engine.close();
+    }
+
+    /**
+     * What a pipeline has done.
+     *
+     * @param pictures decoded or, in pass-through mode, access units written
+     * @param dropped of these, by the module
+     * @param failed of these, those that could not be encoded
+     * @param bytes of all access units that came out
+     * @param time spent in decoder, module and encoder, by the clock
+     */
+    public record Statistics(long pictures, long dropped, long failed, long bytes, Duration time) {
+    }
+
+    /** Collects a pipeline's settings. */
+    public static final class Builder {
+        private static final int LARGEST_FRAME_RATE = 60;
+        private static final int SMALLEST_BITRATE = 1000;
+        private static final int LARGEST_BITRATE = 288_000_000;
+
+        private record Setting(String key, String value) {
+        }
+
+        private final List<Setting> moduleSettings = new ArrayList<>();
+        private ProcessingModule module;
+        private boolean passThrough;
+        private int frameRate = 30;
+        private int bitrate = 2_000_000;
+        private final int[] options = {1, 0, 1};
+
+        private Builder() {
+        }
+
+        /**
+         * The module; without one every picture is encoded again as it is.
+         *
+         * @param processingModule a loaded module
+         * @return this builder
+         */
+        public Builder module(ProcessingModule processingModule) {
+            module = Objects.requireNonNull(processingModule, "processingModule");
+            return this;
+        }
+
+        /**
+         * A setting for the module.
+         *
+         * @param key for the module
+         * @param value for the module
+         * @return this builder
+         */
+        public Builder setting(String key, String value) {
+            moduleSettings.add(new Setting(Objects.requireNonNull(key, "key"), Objects.requireNonNull(value, "value")));
+            return this;
+        }
+
+        /**
+         * The rate that the encoder is set up for.
+         *
+         * @param picturesPerSecond 1 to 60
+         * @return this builder
+         */
+        public Builder frameRate(int picturesPerSecond) {
+            frameRate = Settings.check("frameRate", picturesPerSecond, 1, LARGEST_FRAME_RATE, "pictures per second");
+            return this;
+        }
+
+        /**
+         * The encoder's target; a hint, as for a {@link VideoEncoder}.
+         *
+         * @param bitsPerSecond 1000 to 288000000
+         * @return this builder
+         */
+        public Builder bitrate(int bitsPerSecond) {
+            bitrate = Settings.check("bitrate", bitsPerSecond, SMALLEST_BITRATE, LARGEST_BITRATE, "bits per second");
+            return this;
+        }
+
+        /**
+         * Three numbers that the module is given when it is opened, 1, 0 and 1 unless set here.
+         *
+         * @param first 0 to 255
+         * @param second 0 to 255
+         * @param third 0 to 255
+         * @return this builder
+         */
+        public Builder options(int first, int second, int third) {
+            options[0] = Settings.check("first option", first, 0, 255, "");
+            options[1] = Settings.check("second option", second, 0, 255, "");
+            options[2] = Settings.check("third option", third, 0, 255, "");
+            return this;
+        }
+
+        /**
+         * Gives the module the access units themselves.
+         *
+         * @return this builder
+         */
+        public Builder passThrough() {
+            passThrough = true;
+            return this;
+        }
+
+        /**
+         * Makes the pipeline, attaches the module and hands it its settings.
+         *
+         * @return the pipeline, to be closed
+         * @throws IllegalArgumentException if there are settings without a module, or the module refuses one
+         * @throws MediaException if the native library is missing, with the places tried, or the module makes no object for
+         *         this pipeline
+         */
+        public Pipeline open() {
+            if (module == null && !moduleSettings.isEmpty()) {
+                throw new IllegalArgumentException("there is no module that could take the setting "
+                        + moduleSettings.get(0).key);
+            }
+            Natives.load();
+            Pipeline pipeline = new Pipeline(this);
+            try {
+                if (module != null) {
+                    pipeline.attach();
+                }
+                moduleSettings.forEach(setting -> pipeline.set(setting.key, setting.value));
+                return pipeline;
+            } catch (Throwable failed) {
+                pipeline.close();
+                throw failed;
+            }
+        }
+    }
+
+    private void attach() {
+        long handle = engine.enter("open");
+        try {
+            AVCProcessor.brew(module.guid(), handle);
+            if (AVCProcessor.attached(handle) != 1) {
+                throw new MediaException(module + " made no object for this pipeline; what it printed may tell why");
+            }
+        } finally {
+            engine.exit();
+        }
+    }
+}

@@ -1,0 +1,124 @@
+package com.kelvane.media;
+
+import com.kelvane.media.transform.codec.MIRVProcessor;
+import java.nio.ByteBuffer;
+import java.time.Duration;
+import java.util.function.Consumer;
+
+/** One rendition of a transcoder at work. One thread uses it at a time; its figures may be read by any. */
+final class RenditionOutput {
+    private static final int NOT_OPENED = 2;
+
+    private final int index;
+    private final Rendition rendition;
+    // The access unit of the picture at hand: out of the encoder's own memory, which a buffer kept too long must not
+    // reach into.
+    private byte[] bytes = new byte[0];
+    private int size;
+    private long nanoseconds;
+    private RuntimeException refused;
+    private boolean refusalTold;
+    private volatile long pictures;
+    private volatile long skipped;
+    private volatile long totalBytes;
+    private volatile long totalNanoseconds;
+
+    RenditionOutput(int index, Rendition rendition) {
+        this.index = index;
+        this.rendition = rendition;
+    }
+
+    Rendition rendition() {
+        return rendition;
+    }
+
+    /** Hands the settings to the transcoder. Ids begin at 1; they follow the positions. */
+    void apply(long transcoder) {
+        set("videoWidth", rendition.width(), transcoder);
+        set("videoHeight", rendition.height(), transcoder);
+        set("videoBR", rendition.bitrate(), transcoder);
+        set("videoFPS", rendition.frameRate(), transcoder);
+        set("videoKey", rendition.keyInterval(), transcoder);
+        set("videoEncMode", rendition.rateControl() == Rendition.RateControl.QUALITY ? 1 : 0, transcoder);
+        set("videoEncProfile", rendition.entropyCoding() == Rendition.EntropyCoding.CABAC ? 1 : 0, transcoder);
+        set("videoQPMin", rendition.smallestQuantiser(), transcoder);
+        set("videoQPMax", rendition.largestQuantiser(), transcoder);
+    }
+
+    private void set(String key, int value, long transcoder) {
+        MIRVProcessor.apply(index + 1, key, Integer.toString(value), transcoder);
+    }
+
+    /** @throws MediaException if the encoder was refused */
+    void checkOpened(long transcoder) {
+        int status = MIRVProcessor.status(index, transcoder);
+        if (status != 0 && status != NOT_OPENED) {
+            throw new MediaException("OpenH264 " + (status < 0 ? "refused the settings of" : "made no encoder for")
+                    + " rendition " + (index + 1) + ", " + rendition);
+        }
+    }
+
+    /** Scales and encodes the transcoder's picture at hand. */
+    void encode(long transcoder) {
+        long begin = System.nanoTime();
+        size = 0;
+        boolean encoded = MIRVProcessor.encode(index, this, transcoder) == 1;
+        nanoseconds = System.nanoTime() - begin;
+        totalNanoseconds += nanoseconds;
+        if (encoded) {
+            pictures++;
+            totalBytes += size;
+            return;
+        }
+        skipped++;
+        if (rendition.isSourceSize() && !refusalTold) {
+            try {
+                checkOpened(transcoder);
+            } catch (MediaException ofThisSize) {
+                refused = ofThisSize;
+                refusalTold = true;
+            }
+        }
+    }
+
+    /** Called by the native library while it encodes. The buffer is the encoder's. */
+    void receiveVideo(int id, int timestamp, ByteBuffer data) {
+        if (data == null) {
+            return;
+        }
+        size = data.remaining();
+        if (bytes.length < size) {
+            bytes = new byte[size + size / 4];
+        }
+        data.get(bytes, 0, size);
+    }
+
+    /** Hands the encoded picture, if there is one, to a receiver. */
+    void deliver(long time, Consumer<? super EncodedPicture> receiver) {
+        if (size > 0) {
+            EncodedPicture picture = new EncodedPicture(rendition, index, time, bytes, size);
+            try {
+                receiver.accept(picture);
+            } finally {
+                picture.invalidate();
+            }
+        } else if (refused != null) {
+            RuntimeException told = refused;
+            refused = null;
+            throw told;
+        }
+    }
+
+    long lastNanoseconds() {
+        return nanoseconds;
+    }
+
+    int lastSize() {
+        return size;
+    }
+
+    Transcoder.RenditionStatistics statistics() {
+        return new Transcoder.RenditionStatistics(rendition, pictures, skipped, totalBytes,
+                Duration.ofNanos(totalNanoseconds));
+    }
+}

@@ -1,0 +1,301 @@
+package com.kelvane.media;
+
+import com.kelvane.media.transform.codec.MIRVProcessor;
+import java.time.Duration;
+import java.util.ArrayList;
+import java.util.List;
+import java.util.Objects;
+import java.util.StringJoiner;
+import java.util.concurrent.Executor;
+import java.util.function.Consumer;
+import java.util.function.IntSupplier;
+import java.util.stream.IntStream;
+import java.util.stream.Stream;
+
+/**
+ * Decodes one H.264 stream once and encodes every picture into several renditions.
+ * <pre>{@code
+ * try (Transcoder ladder = Transcoder.builder()
+ *         .rendition(Rendition.of(1280, 720).bitrate(2_500_000).frameRate(30).keyInterval(60))
+ *         .rendition(Rendition.of(640, 360).bitrate(800_000))
+ *         .open()) {
+ *     for (AccessUnit unit : source) {
+ *         ladder.write(unit.bytes(), unit.time(), picture -> send(picture.index(), picture.time(), picture.copy()));
+ *     }
+ *     ladder.drain(picture -> send(picture.index(), picture.time(), picture.copy()));
+ * }
+ * }</pre>
+ *
+ * <p>Pictures come out in display order, each with its own time. A stream that reorders pictures has its first ones held
+ * back in the decoder; {@link #drain} hands out the last ones. Input that is damaged or is no video gives no picture, and
+ * the stream goes on at its next key picture.
+ *
+ * <p>One thread may use a transcoder at a time, and a callback must not call it: both are refused with an
+ * {@link IllegalStateException}. All work is done on the calling thread unless {@link Builder#parallel} was asked for.
+ */
+public final class Transcoder implements AutoCloseable {
+    private final Engine engine;
+    private final List<Rendition> renditions;
+    private final RenditionOutput[] outputs;
+    private final ParallelEncoding parallel;
+    private volatile long pictures;
+    private volatile long decodeNanoseconds;
+    private long lastTime;
+
+    private Transcoder(Builder settings) {
+        renditions = List.copyOf(settings.renditions);
+        engine = Engine.open("Transcoder", () -> MIRVProcessor.open(renditions.size()), MIRVProcessor::close);
+        outputs = IntStream.range(0, renditions.size()).mapToObj(i -> new RenditionOutput(i, renditions.get(i)))
+                .toArray(RenditionOutput[]::new);
+        parallel = settings.executor == null || outputs.length == 1 ? null : new ParallelEncoding(settings.executor, outputs);
+    }
+
+    /** {@return a builder without renditions} */
+    public static Builder builder() {
+        return new Builder();
+    }
+
+    /** {@return the renditions, in the order in which they were given} */
+    public List<Rendition> renditions() {
+        return renditions;
+    }
+
+    /**
+     * Decodes one access unit and encodes the picture that comes out into every rendition. The receiver gets what the
+     * renditions made of it, on the calling thread, in the order of the renditions; a rendition whose encoder skipped the
+     * picture is left out.
+     *
+     * <p>When the receiver throws, the other renditions' pictures are delivered all the same, and the first exception is
+     * thrown when that is done.
+     *
+     * @param accessUnit one access unit in byte-stream form, see {@link AccessUnit}; not changed and not kept
+     * @param time presentation time of its picture in milliseconds
+     * @param receiver is called during this call only
+     * @return whether a picture was decoded
+     * @throws IllegalArgumentException if {@code accessUnit} does not begin with a start code
+     * @throws IllegalStateException if this transcoder is closed or in use
+     * @throws MediaException if a rendition of {@linkplain Rendition#ofSourceSize() the source's size} cannot be encoded in
+     *         that size; the others had their pictures, and go on with the next call
+     */
+    public boolean write(byte[] accessUnit, long time, Consumer<? super EncodedPicture> receiver) {
+        Objects.requireNonNull(receiver, "receiver");
+        byte[] unit = AnnexB.checked(accessUnit);
+        long handle = engine.enter("write");
+        try {
+            lastTime = time;
+            PictureTranscoded event = new PictureTranscoded();
+            event.begin();
+            if (!decoded(event, () -> MIRVProcessor.decode(time, unit, handle))) {
+                return false;
+            }
+            encode(handle, event, receiver);
+            return true;
+        } finally {
+            engine.exit();
+        }
+    }
+
+    /**
+     * Encodes the pictures that the decoder still holds back, as {@link #write} does; to be called at the end of a
+     * stream. After that the transcoder takes another stream, which begins with a key picture.
+     *
+     * @param receiver as for {@code write}
+     * @return the number of pictures that were held back
+     * @throws IllegalStateException if this transcoder is closed or in use
+     * @throws MediaException as for {@code write}
+     */
+    public int drain(Consumer<? super EncodedPicture> receiver) {
+        Objects.requireNonNull(receiver, "receiver");
+        long handle = engine.enter("drain");
+        try {
+            Failures failures = new Failures();
+            int drained = 0;
+            while (true) {
+                PictureTranscoded event = new PictureTranscoded();
+                event.begin();
+                if (!decoded(event, () -> MIRVProcessor.drain(null, handle))) {
+                    failures.rethrow();
+                    return drained;
+                }
+                failures.of(() -> encode(handle, event, receiver));
+                drained++;
+            }
+        } finally {
+            engine.exit();
+        }
+    }
+
+    private boolean decoded(PictureTranscoded event, IntSupplier decode) {
+        long begin = System.nanoTime();
+        boolean decoded = decode.getAsInt() == 1;
+        event.decodeTime = System.nanoTime() - begin;
+        decodeNanoseconds += event.decodeTime;
+        return decoded;
+    }
+
+    private void encode(long handle, PictureTranscoded event, Consumer<? super EncodedPicture> receiver) {
+        pictures++;
+        long time = Times.nearest(MIRVProcessor.pictureTime(handle), lastTime);
+        Failures failures = new Failures();
+        if (parallel != null) {
+            parallel.encode(handle);
+        }
+        for (RenditionOutput output : outputs) {
+            if (parallel == null) {
+                output.encode(handle);
+            }
+            failures.of(() -> output.deliver(time, receiver));
+        }
+        if (event.shouldCommit()) {
+            event.handle = handle;
+            event.time = time;
+            for (RenditionOutput output : outputs) {
+                event.encodeTime += output.lastNanoseconds();
+                event.bytes += output.lastSize();
+            }
+            event.commit();
+        }
+        failures.rethrow();
+    }
+
+    /**
+     * {@return what this transcoder has done so far} Any thread may ask, at any time, also after {@link #close}; what a
+     * call under way has done is counted in part.
+     */
+    public Statistics statistics() {
+        return new Statistics(pictures, Duration.ofNanos(decodeNanoseconds),
+                Stream.of(outputs).map(RenditionOutput::statistics).toList());
+    }
+
+    /**
+     * Frees the native engines; nothing when that was done before. Pictures that were not drained are lost.
+     *
+     * @throws IllegalStateException if this transcoder is in use
+     */
+    @Override
+    public void close() {
+        engine.close();
+    }
+
+    /**
+     * What a transcoder has done.
+     *
+     * @param pictures decoded
+     * @param decodeTime spent in decoding, by the clock
+     * @param renditions what each rendition did, in their order
+     */
+    public record Statistics(long pictures, Duration decodeTime, List<RenditionStatistics> renditions) {
+    }
+
+    /**
+     * What one rendition has done.
+     *
+     * @param rendition its settings
+     * @param pictures encoded
+     * @param skipped decoded but not encoded: the encoder skipped them or failed
+     * @param bytes of all access units
+     * @param encodeTime spent in scaling and encoding, by the clock
+     */
+    public record RenditionStatistics(Rendition rendition, long pictures, long skipped, long bytes, Duration encodeTime) {
+    }
+
+    /** Collects a transcoder's settings. */
+    public static final class Builder {
+        private static final int MOST_RENDITIONS = 65_536;
+
+        private final List<Rendition> renditions = new ArrayList<>();
+        private Executor executor;
+
+        private Builder() {
+        }
+
+        /**
+         * Adds a rendition.
+         *
+         * @param rendition its settings
+         * @return this builder
+         */
+        public Builder rendition(Rendition rendition) {
+            renditions.add(Objects.requireNonNull(rendition, "rendition"));
+            return this;
+        }
+
+        /**
+         * Adds renditions.
+         *
+         * @param settings those of each
+         * @return this builder
+         */
+        public Builder renditions(Iterable<Rendition> settings) {
+            settings.forEach(this::rendition);
+            return this;
+        }
+
+        /**
+         * Encodes a picture's renditions at the same time. The calling thread takes part, so that a busy executor, or one
+         * that refuses tasks, only makes a call slower. The result is the same, byte by byte, and the receiver is still
+         * called on the calling thread alone.
+         *
+         * @param tasks runs at most one task less than there are renditions for each picture
+         * @return this builder
+         */
+        public Builder parallel(Executor tasks) {
+            executor = Objects.requireNonNull(tasks, "tasks");
+            return this;
+        }
+
+        /**
+         * Makes the transcoder and opens the encoders.
+         *
+         * @return the transcoder, to be closed
+         * @throws IllegalArgumentException if there is no rendition, or one lacks its bit rate; the message lists all that
+         *         is wrong
+         * @throws MediaException if the native library or OpenH264 is missing, with the places tried, or an encoder refuses
+         *         its settings
+         */
+        public Transcoder open() {
+            check();
+            Natives.load();
+            OpenH264.load();
+            Transcoder transcoder = new Transcoder(this);
+            try {
+                transcoder.start();
+                return transcoder;
+            } catch (Throwable failed) {
+                transcoder.close();
+                throw failed;
+            }
+        }
+
+        private void check() {
+            StringJoiner wrong = new StringJoiner("; ");
+            if (renditions.isEmpty() || renditions.size() > MOST_RENDITIONS) {
+                wrong.add("there are " + renditions.size() + " renditions, allowed are 1 to " + MOST_RENDITIONS);
+            }
+            for (int i = 0; i < renditions.size(); i++) {
+                String missing = renditions.get(i).missing();
+                if (missing != null) {
+                    wrong.add("rendition " + (i + 1) + " (" + renditions.get(i).size() + "): " + missing);
+                }
+            }
+            if (wrong.length() > 0) {
+                throw new IllegalArgumentException(wrong.toString());
+            }
+        }
+    }
+
+    private void start() {
+        long handle = engine.enter("open");
+        try {
+            for (RenditionOutput output : outputs) {
+                output.apply(handle);
+            }
+            MIRVProcessor.start(handle);
+            for (RenditionOutput output : outputs) {
+                output.checkOpened(handle);
+            }
+        } finally {
+            engine.exit();
+        }
+    }
+}

@@ -1,0 +1,142 @@
+package com.kelvane.media;
+
+import com.kelvane.media.transform.codec.AVCDecoder;
+import java.nio.ByteBuffer;
+import java.util.Objects;
+import java.util.Optional;
+import java.util.concurrent.atomic.AtomicReference;
+import java.util.function.Consumer;
+
+/**
+ * Decodes H.264 to packed pictures of 8-bit 4:2:0; other formats are converted to it.
+ * <pre>{@code
+ * try (VideoDecoder decoder = VideoDecoder.open()) {
+ *     for (AccessUnit unit : source) {
+ *         decoder.decode(unit.bytes(), unit.time()).ifPresent(this::show);
+ *     }
+ *     decoder.drain(this::show);
+ * }
+ * }</pre>
+ *
+ * <p>Pictures come out in display order, each with its own time and size. A stream that reorders pictures has its first
+ * ones held back; {@link #drain} hands out the last ones. What cannot be decoded gives no picture, and the stream goes on
+ * at its next key picture.
+ *
+ * <p>One thread may use a decoder at a time: anything else is refused with an {@link IllegalStateException}.
+ */
+public final class VideoDecoder implements AutoCloseable {
+    private static final byte[] EMPTY = {};
+
+    private final Engine engine;
+    private final byte[] info = new byte[6];
+    private final AtomicReference<byte[]> spare = new AtomicReference<>(EMPTY);
+    private int size; // bytes of the last picture
+    private long lastTime;
+
+    private VideoDecoder() {
+        engine = Engine.open("VideoDecoder", AVCDecoder::open, AVCDecoder::close);
+    }
+
+    /**
+     * {@return a new decoder, to be closed}
+     *
+     * @throws MediaException if the native library is missing, with the places tried, or there is no memory
+     */
+    public static VideoDecoder open() {
+        Natives.load();
+        return new VideoDecoder();
+    }
+
+    /**
+     * Decodes one access unit.
+     *
+     * @param accessUnit one access unit in byte-stream form, see {@link AccessUnit}; not changed and not kept
+     * @param time presentation time of its picture in milliseconds
+     * @return the picture that came out, which with reordering is an earlier one; it is the caller's
+     * @throws IllegalArgumentException if {@code accessUnit} does not begin with a start code
+     * @throws IllegalStateException if this decoder is closed or in use
+     */
+    public Optional<Picture> decode(byte[] accessUnit, long time) {
+        byte[] unit = AnnexB.checked(accessUnit);
+        long handle = engine.enter("decode");
+        try {
+            lastTime = time;
+            byte[] output = output();
+            return Optional.ofNullable(picture(AVCDecoder.decodeAt(time, unit, info, output, handle), output, handle));
+        } finally {
+            engine.exit();
+        }
+    }
+
+    /**
+     * Hands out the pictures that are still held back; to be called at the end of a stream. After that the decoder takes
+     * another stream, which begins with a key picture.
+     *
+     * @param receiver gets each picture, on the calling thread
+     * @return the number of pictures that were held back
+     * @throws IllegalStateException if this decoder is closed or in use
+     */
+    public int drain(Consumer<? super Picture> receiver) {
+        Objects.requireNonNull(receiver, "receiver");
+        long handle = engine.enter("drain");
+        try {
+            Failures failures = new Failures();
+            int drained = 0;
+            while (true) {
+                byte[] output = output();
+                Picture picture = picture(AVCDecoder.drain(info, output, handle), output, handle);
+                if (picture == null) {
+                    failures.rethrow();
+                    return drained;
+                }
+                failures.of(() -> receiver.accept(picture));
+                drained++;
+            }
+        } finally {
+            engine.exit();
+        }
+    }
+
+    /**
+     * Gives a picture's memory back for a following one, which spares the garbage collector a large array a picture. The
+     * caller must not use the picture any more. Any thread may call this at any time.
+     *
+     * @param picture one that this decoder handed out
+     */
+    public void recycle(Picture picture) {
+        spare.set(picture.i420());
+    }
+
+    private byte[] output() {
+        byte[] recycled = spare.getAndSet(EMPTY);
+        return recycled.length == size ? recycled : new byte[size];
+    }
+
+    // Null when there is none; `output` then serves the next call.
+    private Picture picture(int result, byte[] output, long handle) {
+        byte[] i420 = output;
+        int outcome = result;
+        if (outcome < -1) { // another size than the last picture's
+            size = -outcome;
+            i420 = new byte[size];
+            outcome = AVCDecoder.take(info, i420, handle);
+        }
+        if (outcome != 1) {
+            spare.compareAndSet(EMPTY, i420);
+            return null;
+        }
+        ByteBuffer about = ByteBuffer.wrap(info);
+        return new Picture(Short.toUnsignedInt(about.getShort(1)), Short.toUnsignedInt(about.getShort(3)),
+                Times.nearest(AVCDecoder.pictureTime(handle), lastTime), i420);
+    }
+
+    /**
+     * Frees the native engine; nothing when that was done before.
+     *
+     * @throws IllegalStateException if this decoder is in use
+     */
+    @Override
+    public void close() {
+        engine.close();
+    }
+}

@@ -1,0 +1,163 @@
+package com.kelvane.media;
+
+import com.kelvane.media.transform.codec.OpenH264Encoder;
+import java.nio.ByteBuffer;
+import java.util.Arrays;
+import java.util.Optional;
+import java.util.StringJoiner;
+
+/**
+ * Encodes pictures of one size to H.264: Baseline profile, no reordering, a key picture every two seconds of pictures.
+ * <pre>{@code
+ * try (VideoEncoder encoder = VideoEncoder.builder().size(640, 360).frameRate(30).bitrate(800_000).open()) {
+ *     encoder.encode(picture).ifPresent(unit -> send(unit.bytes(), unit.time(), unit.isKey()));
+ * }
+ * }</pre>
+ *
+ * <p>The bit rate is a hint: what the encoder holds on to is the quality. For a stream that has to keep to a rate, and for
+ * several sizes of one source, use a {@link Transcoder}.
+ *
+ * <p>One thread may use an encoder at a time: anything else is refused with an {@link IllegalStateException}.
+ */
+public final class VideoEncoder implements AutoCloseable {
+    private final Engine engine;
+    private final int width;
+    private final int height;
+    private final byte[] info = new byte[7];
+    private final byte[] buffer; // the picture, over which the engine writes the access unit
+
+    private VideoEncoder(Builder settings) {
+        width = settings.width;
+        height = settings.height;
+        buffer = new byte[Picture.size(width, height)];
+        engine = Engine.open("VideoEncoder", () -> OpenH264Encoder.open(width, height, settings.frameRate, settings.bitrate, 0),
+                OpenH264Encoder::close);
+    }
+
+    /** {@return a builder with 30 pictures per second} */
+    public static Builder builder() {
+        return new Builder();
+    }
+
+    /**
+     * Encodes one picture.
+     *
+     * @param picture one of the encoder's size; not changed and not kept
+     * @return its access unit with the picture's time; empty when the encoder skipped the picture
+     * @throws IllegalArgumentException if the picture has another size
+     * @throws IllegalStateException if this encoder is closed or in use
+     */
+    public Optional<AccessUnit> encode(Picture picture) {
+        if (picture.width() != width || picture.height() != height) {
+            throw new IllegalArgumentException("the picture is " + picture.width() + "x" + picture.height()
+                    + ", this encoder takes " + width + "x" + height);
+        }
+        long handle = engine.enter("encode");
+        try {
+            System.arraycopy(picture.i420(), 0, buffer, 0, buffer.length);
+            if (OpenH264Encoder.encode(buffer, info, handle) != 1) {
+                return Optional.empty();
+            }
+            int size = ByteBuffer.wrap(info).getInt(1);
+            return Optional.of(new AccessUnit(Arrays.copyOf(buffer, size), picture.time()));
+        } finally {
+            engine.exit();
+        }
+    }
+
+    /**
+     * Frees the native engine; nothing when that was done before.
+     *
+     * @throws IllegalStateException if this encoder is in use
+     */
+    @Override
+    public void close() {
+        engine.close();
+    }
+
+    /** Collects an encoder's settings. */
+    public static final class Builder {
+        private static final int SMALLEST_SIDE = 16;
+        private static final int LARGEST_SIDE = 8192;
+        private static final int LARGEST_FRAME_RATE = 30;
+        private static final int SMALLEST_BITRATE = 256_000;
+        private static final int LARGEST_BITRATE = 288_000_000;
+
+        private int width;
+        private int height;
+        private int frameRate = LARGEST_FRAME_RATE;
+        private int bitrate;
+
+        private Builder() {
+        }
+
+        /**
+         * The size of the pictures, which has to be given.
+         *
+         * @param pixelsWide 16 to 8192
+         * @param pixelsHigh 16 to 8192
+         * @return this builder
+         */
+        public Builder size(int pixelsWide, int pixelsHigh) {
+            Settings.check("width", pixelsWide, SMALLEST_SIDE, LARGEST_SIDE, "pixels");
+            Settings.check("height", pixelsHigh, SMALLEST_SIDE, LARGEST_SIDE, "pixels");
+            width = pixelsWide;
+            height = pixelsHigh;
+            return this;
+        }
+
+        /**
+         * The rate of the pictures.
+         *
+         * @param picturesPerSecond 1 to 30
+         * @return this builder
+         */
+        public Builder frameRate(int picturesPerSecond) {
+            frameRate = Settings.check("frameRate", picturesPerSecond, 1, LARGEST_FRAME_RATE, "pictures per second");
+            return this;
+        }
+
+        /**
+         * The target, which has to be given.
+         *
+         * @param bitsPerSecond 256000 to 288000000
+         * @return this builder
+         */
+        public Builder bitrate(int bitsPerSecond) {
+            bitrate = Settings.check("bitrate", bitsPerSecond, SMALLEST_BITRATE, LARGEST_BITRATE, "bits per second");
+            return this;
+        }
+
+        /**
+         * Makes the encoder.
+         *
+         * @return the encoder, to be closed
+         * @throws IllegalArgumentException if the size or the bit rate was not given
+         * @throws MediaException if the native library is missing, with the places tried, or the codec refuses the size
+         */
+        public VideoEncoder open() {
+            StringJoiner missing = new StringJoiner(" and ", "", " must be given");
+            missing.setEmptyValue("");
+            if (width == 0) {
+                missing.add("size");
+            }
+            if (bitrate == 0) {
+                missing.add("bitrate");
+            }
+            if (missing.length() > 0) {
+                throw new IllegalArgumentException(missing.toString());
+            }
+            Natives.load();
+            VideoEncoder encoder = new VideoEncoder(this);
+            long handle = encoder.engine.enter("open");
+            boolean usable = OpenH264Encoder.status(handle) == 0;
+            encoder.engine.exit();
+            if (!usable) {
+                encoder.close();
+                throw new MediaException("OpenH264 refused an encoder of " + width + "x" + height + " with " + bitrate
+                        + " bits per second");
+            }
+            return encoder;
+        }
+    }
+}

@@ -1,0 +1,301 @@
+package com.kelvane.media.api;
+
+import static org.junit.jupiter.api.Assertions.assertEquals;
+import static org.junit.jupiter.api.Assertions.assertThrows;
+import static org.junit.jupiter.api.Assertions.assertTrue;
+
+import com.kelvane.media.AacDecoder;
+import com.kelvane.media.AacEncoder;
+import com.kelvane.media.EncodedPicture;
+import com.kelvane.media.MediaException;
+import com.kelvane.media.Mp3Decoder;
+import com.kelvane.media.OpusDecoder;
+import com.kelvane.media.OpusEncoder;
+import com.kelvane.media.Pcm;
+import com.kelvane.media.Picture;
+import com.kelvane.media.Pipeline;
+import com.kelvane.media.ProcessingModule;
+import com.kelvane.media.Rendition;
+import com.kelvane.media.Transcoder;
+import com.kelvane.media.VideoDecoder;
+import com.kelvane.media.VideoEncoder;
+import java.lang.ref.WeakReference;
+import java.nio.file.Path;
+import java.util.ArrayList;
+import java.util.List;
+import java.util.concurrent.CountDownLatch;
+import java.util.concurrent.atomic.AtomicInteger;
+import java.util.function.Supplier;
+import java.util.logging.Handler;
+import java.util.logging.LogRecord;
+import java.util.logging.Logger;
+import org.junit.jupiter.api.Test;
+import org.junit.jupiter.api.function.Executable;
+import org.junit.jupiter.params.ParameterizedTest;
+import org.junit.jupiter.params.provider.MethodSource;
+
+/** What a caller can do wrong: each gets an exception with a message worth reading, and the process lives on. */
+final class MisuseTest {
+    private static final byte[] AAC_LC_STEREO = {0x12, 0x10};
+    private static final byte[] UNIT = Vectors.units(Vectors.PLAIN).get(0);
+
+    /** An engine and a call that takes it some time. */
+    record Kind(String name, Supplier<AutoCloseable> open, Call call) {
+        interface Call {
+            void on(AutoCloseable engine);
+        }
+
+        @Override
+        public String toString() {
+            return name;
+        }
+    }
+
+    private static Transcoder transcoder() {
+        return Transcoder.builder().rendition(Rendition.of(64, 48).bitrate(100_000)).open();
+    }
+
+    private static List<Kind> kinds() {
+        Picture picture = new Picture(640, 480, 0, new byte[Picture.size(640, 480)]);
+        return List.of(
+                new Kind("Transcoder", MisuseTest::transcoder, e -> ((Transcoder) e).write(UNIT, 0, p -> { })),
+                new Kind("VideoDecoder", VideoDecoder::open, e -> ((VideoDecoder) e).decode(UNIT, 0)),
+                new Kind("VideoEncoder", () -> VideoEncoder.builder().size(640, 480).bitrate(300_000).open(),
+                        e -> ((VideoEncoder) e).encode(picture)),
+                new Kind("Pipeline", () -> Pipeline.builder().open(), e -> ((Pipeline) e).write(UNIT, 0)),
+                new Kind("AacDecoder", () -> AacDecoder.open(AAC_LC_STEREO), e -> ((AacDecoder) e).decode(new byte[2000])),
+                new Kind("AacEncoder", () -> AacEncoder.builder().open(), e -> ((AacEncoder) e).encode(new byte[4096])),
+                new Kind("Mp3Decoder", Mp3Decoder::open, e -> ((Mp3Decoder) e).decode(new byte[2000])),
+                new Kind("OpusDecoder", () -> OpusDecoder.open(2), e -> ((OpusDecoder) e).conceal()),
+                new Kind("OpusEncoder", () -> OpusEncoder.builder().open(), e -> ((OpusEncoder) e).encode(new byte[3840])));
+    }
+
+    private static String messageOf(Class<? extends Exception> type, Executable call) {
+        return assertThrows(type, call).getMessage();
+    }
+
+    @ParameterizedTest
+    @MethodSource("kinds")
+    void refusesUseAfterCloseAndTakesAnotherClose(Kind kind) throws Exception {
+        AutoCloseable engine = kind.open.get();
+        kind.call.on(engine);
+        engine.close();
+        engine.close();
+        String message = messageOf(IllegalStateException.class, () -> kind.call.on(engine));
+        assertTrue(message.endsWith(": this " + kind.name + " is closed"), message);
+    }
+
+    /** Four threads that use and at last close one engine: each call is served or refused, and nothing else happens. */
+    @ParameterizedTest
+    @MethodSource("kinds")
+    void refusesUseFromSeveralThreadsAtOnce(Kind kind) throws Exception {
+        AutoCloseable engine = kind.open.get();
+        AtomicInteger served = new AtomicInteger();
+        AtomicInteger refused = new AtomicInteger();
+        List<Throwable> wrong = new ArrayList<>();
+        CountDownLatch start = new CountDownLatch(4);
+        List<Thread> threads = new ArrayList<>();
+        for (int i = 0; i < 4; i++) {
+            Thread thread = new Thread(() -> {
+                try {
+                    start.countDown();
+                    start.await();
+                    for (int call = 0; call < 20_000 && refused.get() < 20; call++) {
+                        try {
+                            kind.call.on(engine);
+                            served.incrementAndGet();
+                        } catch (IllegalStateException inUse) {
+                            assertTrue(inUse.getMessage().contains(": this " + kind.name + " is in use by the thread \"user "),
+                                    inUse.getMessage());
+                            refused.incrementAndGet();
+                        }
+                    }
+                    boolean closed = false;
+                    while (!closed) {
+                        try {
+                            engine.close();
+                            closed = true;
+                        } catch (IllegalStateException stillInUse) {
+                            Thread.onSpinWait();
+                        }
+                    }
+                } catch (Throwable unexpected) {
+                    synchronized (wrong) {
+                        wrong.add(unexpected);
+                    }
+                }
+            }, "user " + i);
+            thread.start();
+            threads.add(thread);
+        }
+        for (Thread thread : threads) {
+            thread.join();
+        }
+        // A thread may find the engine closed by another that was quicker.
+        wrong.removeIf(thrown -> thrown.getMessage() != null && thrown.getMessage().contains("is closed"));
+        assertEquals(List.of(), wrong);
+        assertTrue(served.get() > 0 && refused.get() > 0, served + " served, " + refused + " refused");
+    }
+
+    @Test
+    void refusesCallsFromItsOwnCallback() {
+        try (Transcoder transcoder = transcoder(); VideoDecoder decoder = VideoDecoder.open();
+                Transcoder other = transcoder()) {
+            List<Executable> calls = List.of(transcoder::close, () -> transcoder.write(UNIT, 0, p -> { }),
+                    () -> transcoder.drain(p -> { }));
+            for (Executable call : calls) {
+                String message = messageOf(IllegalStateException.class, () -> transcoder.write(UNIT, 0, picture -> {
+                    other.write(UNIT, 0, p -> { }); // another's business
+                    transcoder.statistics();
+                    call(call);
+                }));
+                assertTrue(message.contains("called from a callback of the same Transcoder"), message);
+            }
+            decoder.decode(UNIT, 0);
+            Vectors.units(Vectors.REORDERED).forEach(unit -> decoder.decode(unit, 0));
+            assertThrows(IllegalStateException.class, () -> decoder.drain(picture -> decoder.close()));
+        }
+    }
+
+    private static void call(Executable call) {
+        try {
+            call.execute();
+        } catch (RuntimeException refused) {
+            throw refused;
+        } catch (Throwable impossible) {
+            throw new AssertionError(impossible);
+        }
+    }
+
+    @Test
+    void endsAnEncodedPictureWithItsCallback() {
+        List<EncodedPicture> kept = new ArrayList<>();
+        try (Transcoder transcoder = transcoder()) {
+            transcoder.write(UNIT, 7, kept::add);
+            EncodedPicture picture = kept.get(0);
+            for (Executable use : List.<Executable>of(picture::data, picture::copy, picture::isKey)) {
+                assertTrue(messageOf(IllegalStateException.class, use).contains("keep a copy()"));
+            }
+            assertEquals(7, picture.time());
+        }
+    }
+
+    /** The message names the setting, what it was and what is allowed. */
+    @Test
+    void saysWhatIsAllowed() {
+        record Case(Executable call, String message) {
+        }
+        Rendition small = Rendition.of(64, 48);
+        List<Case> cases = List.of(
+                new Case(() -> Rendition.of(641, 8), "width is 641, allowed are even numbers from 16 to 8192 pixels;"
+                        + " height is 8, allowed are even numbers from 16 to 8192 pixels"),
+                new Case(() -> Rendition.of(8192, 2304), "size is 8192x2304, allowed are as many pixels as 4096x2304 has"),
+                new Case(() -> Rendition.of(0, 0), "width and height are 0; ofSourceSize() takes the source's"),
+                new Case(() -> small.bitrate(999), "bitrate is 999, allowed are 1000 to 288000000 bits per second"),
+                new Case(() -> small.frameRate(61), "frameRate is 61, allowed are 1 to 60 pictures per second"),
+                new Case(() -> small.keyInterval(-1),
+                        "keyInterval is -1, allowed are 1 to 480 pictures, or 0 for every four seconds"),
+                new Case(() -> small.quantisers(40, 20), "smallestQuantiser 40 is above largestQuantiser 20"),
+                new Case(() -> Transcoder.builder().open(), "there are 0 renditions, allowed are 1 to 65536"),
+                new Case(() -> Transcoder.builder().rendition(small).rendition(Rendition.ofSourceSize()).open(),
+                        "rendition 1 (64x48): no bit rate was given, allowed are 1000 to 288000000 bits per second;"
+                                + " rendition 2 (source size): no bit rate was given, allowed are 1000 to 288000000 bits per second"),
+                new Case(() -> VideoEncoder.builder().open(), "size and bitrate must be given"),
+                new Case(() -> VideoEncoder.builder().size(15, 16), "width is 15, allowed are 16 to 8192 pixels"),
+                new Case(() -> VideoEncoder.builder().frameRate(60), "frameRate is 60, allowed are 1 to 30 pictures per second"),
+                new Case(() -> new Picture(64, 48, 0, new byte[7]), "a packed picture of 64x48 has 4608 bytes, not 7"),
+                new Case(() -> Pipeline.builder().setting("region", "").open(),
+                        "there is no module that could take the setting region"),
+                new Case(() -> AacDecoder.open(new byte[] {0x2b, 0x10}),
+                        "the AudioSpecificConfig announces the audio object type 5, allowed is 2 (AAC-LC)"),
+                new Case(() -> AacDecoder.open(new byte[] {0x12, 0x30}),
+                        "channels of the AudioSpecificConfig is 6, allowed are 1 to 2 channels"),
+                new Case(() -> AacEncoder.builder().sampleRate(44_000), "sampleRate is 44000, allowed are "
+                        + AacEncoder.SAMPLE_RATES + " Hz"),
+                new Case(() -> OpusEncoder.builder().bitrate(5999), "bitrate is 5999, allowed are 6000 to 510000 bits per second"),
+                new Case(() -> OpusDecoder.open(3), "channels is 3, allowed are 1 to 2 channels"),
+                new Case(() -> new Pcm(2, 48_000, new byte[6]), "6 bytes are no whole number of samples for 2 channels"));
+        for (Case wrong : cases) {
+            assertEquals(wrong.message, messageOf(IllegalArgumentException.class, wrong.call));
+        }
+        try (VideoDecoder decoder = VideoDecoder.open(); OpusEncoder encoder = OpusEncoder.builder().open()) {
+            assertEquals("an access unit begins with the start code 00 00 00 01 or 00 00 01; this one begins with 00 00 02 3f."
+                    + " MP4, MKV and FLV put lengths there instead: replace each by a start code",
+                    messageOf(IllegalArgumentException.class, () -> decoder.decode(new byte[] {0, 0, 2, 0x3f, 0x65}, 0)));
+            assertThrows(NullPointerException.class, () -> decoder.decode(null, 0));
+            assertEquals("a frame has 3840 bytes, not 3839",
+                    messageOf(IllegalArgumentException.class, () -> encoder.encode(new byte[3839])));
+        }
+    }
+
+    @Test
+    void saysWhatIsWrongWithAModule() {
+        Path modules = Path.of(System.getProperty("test.modules"));
+        record Case(String file, String message) {
+        }
+        for (Case wrong : List.of(new Case("none.so", ": no such file"), new Case(".", " is not a file"),
+                new Case("no_create.so", " is no processing module: it does not export CreateVideoProcessor"))) {
+            Path file = modules.resolve(wrong.file);
+            assertEquals(file + wrong.message, messageOf(MediaException.class, () -> ProcessingModule.load(file)));
+        }
+        ProcessingModule first = ProcessingModule.load(modules.resolve("recorder.so"));
+        assertEquals(first, ProcessingModule.load(modules.resolve("../modules/recorder.so")));
+        String message = messageOf(MediaException.class, () -> ProcessingModule.load(modules.resolve("same_guid.so")));
+        assertTrue(message.contains("same_guid.so has the GUID of ") && message.contains("recorder.so, 305419896"), message);
+        ProcessingModule mosaic = ProcessingModule.load(Path.of(System.getProperty("test.mosaic")));
+        message = messageOf(IllegalArgumentException.class,
+                () -> Pipeline.builder().module(mosaic).setting("region", "1,2").open());
+        assertTrue(message.endsWith("mosaic.so refused the setting region=1,2"), message);
+    }
+
+    /** What nobody closes is freed, and one warning says where it was opened. */
+    @Test
+    void freesAndTellsOfWhatNobodyClosed() throws InterruptedException {
+        List<LogRecord> warnings = new ArrayList<>();
+        Handler handler = new Handler() {
+            @Override
+            public void publish(LogRecord warning) {
+                synchronized (warnings) {
+                    warnings.add(warning);
+                    warnings.notifyAll();
+                }
+            }
+
+            @Override
+            public void flush() {
+            }
+
+            @Override
+            public void close() {
+            }
+        };
+        Logger logger = Logger.getLogger("com.kelvane.media");
+        logger.addHandler(handler);
+        logger.setUseParentHandlers(false);
+        System.setProperty("kelvane.leak.trace", "true");
+        try {
+            WeakReference<VideoDecoder> forgotten = new WeakReference<>(openAndForget());
+            synchronized (warnings) {
+                for (int i = 0; i < 100 && warnings.isEmpty(); i++) {
+                    System.gc();
+                    warnings.wait(100);
+                }
+                assertEquals(null, forgotten.get());
+                assertEquals(1, warnings.size());
+                assertEquals("a VideoDecoder was never closed; the garbage collector had to free it",
+                        warnings.get(0).getMessage());
+                assertTrue(List.of(warnings.get(0).getThrown().getStackTrace()).stream()
+                        .anyMatch(frame -> frame.getMethodName().equals("openAndForget")));
+            }
+        } finally {
+            System.clearProperty("kelvane.leak.trace");
+            logger.removeHandler(handler);
+        }
+    }
+
+    private static VideoDecoder openAndForget() {
+        VideoDecoder decoder = VideoDecoder.open();
+        decoder.decode(UNIT, 0);
+        return decoder;
+    }
+}

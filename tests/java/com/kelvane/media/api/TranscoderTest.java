@@ -1,0 +1,223 @@
+package com.kelvane.media.api;
+
+import static org.junit.jupiter.api.Assertions.assertArrayEquals;
+import static org.junit.jupiter.api.Assertions.assertEquals;
+import static org.junit.jupiter.api.Assertions.assertFalse;
+import static org.junit.jupiter.api.Assertions.assertThrows;
+import static org.junit.jupiter.api.Assertions.assertTrue;
+
+import com.kelvane.media.AccessUnit;
+import com.kelvane.media.EncodedPicture;
+import com.kelvane.media.MediaException;
+import com.kelvane.media.Picture;
+import com.kelvane.media.Rendition;
+import com.kelvane.media.Transcoder;
+import java.nio.ByteBuffer;
+import java.nio.file.Files;
+import java.nio.file.Path;
+import java.time.Duration;
+import java.util.ArrayList;
+import java.util.List;
+import java.util.concurrent.Executor;
+import java.util.concurrent.ExecutorService;
+import java.util.concurrent.Executors;
+import java.util.concurrent.RejectedExecutionException;
+import java.util.function.Consumer;
+import java.util.stream.IntStream;
+import java.util.stream.LongStream;
+import jdk.jfr.Recording;
+import jdk.jfr.consumer.RecordedEvent;
+import jdk.jfr.consumer.RecordingFile;
+import org.junit.jupiter.api.Test;
+
+final class TranscoderTest {
+    private static final List<Rendition> LADDER = List.of(
+            Rendition.of(96, 80).bitrate(200_000).frameRate(25).keyInterval(10),
+            Rendition.ofSourceSize().bitrate(400_000).frameRate(25),
+            Rendition.of(160, 90).bitrate(300_000).entropyCoding(Rendition.EntropyCoding.CABAC).quantisers(20, 40));
+
+    private static void run(Transcoder transcoder, List<AccessUnit> source, Consumer<EncodedPicture> receiver) {
+        for (AccessUnit unit : source) {
+            transcoder.write(unit.bytes(), unit.time(), receiver);
+        }
+        transcoder.drain(receiver);
+    }
+
+    private static List<Vectors.Encoded> transcode(Transcoder.Builder settings, List<AccessUnit> source) {
+        List<Vectors.Encoded> pictures = new ArrayList<>();
+        try (Transcoder transcoder = settings.renditions(LADDER).open()) {
+            run(transcoder, source, picture -> pictures.add(Vectors.Encoded.of(picture)));
+        }
+        return pictures;
+    }
+
+    /** Every picture comes out, with its own time, in order, and is the picture that it says it is. */
+    @Test
+    void deliversEveryPictureOfAStreamThatReorders() {
+        List<AccessUnit> source = Vectors.timed(Vectors.REORDERED);
+        assertEquals(30, source.size());
+        List<Picture> originals = Vectors.decode(source.stream().map(AccessUnit::bytes).toList());
+        List<List<byte[]>> streams = IntStream.range(0, 3).<List<byte[]>>mapToObj(i -> new ArrayList<>()).toList();
+        List<Long> times = new ArrayList<>();
+        long start = 5_000_000_000_000L; // beyond what the engines carry
+        try (Transcoder transcoder = Transcoder.builder().renditions(LADDER).open()) {
+            assertEquals(LADDER, transcoder.renditions());
+            List<AccessUnit> later = source.stream().map(unit -> new AccessUnit(unit.bytes(), start + unit.time())).toList();
+            run(transcoder, later, picture -> {
+                assertEquals(streams.get(picture.index()).isEmpty() || picture.index() == 0
+                        && streams.get(0).size() % 10 == 0, picture.isKey());
+                assertEquals(LADDER.get(picture.index()), picture.rendition());
+                ByteBuffer data = picture.data();
+                assertTrue(data.isReadOnly());
+                byte[] bytes = new byte[picture.size()];
+                data.get(bytes);
+                assertArrayEquals(picture.copy(), bytes);
+                streams.get(picture.index()).add(bytes);
+                if (picture.index() == 2) {
+                    times.add(picture.time() - start);
+                }
+            });
+            Transcoder.Statistics figures = transcoder.statistics();
+            assertEquals(30, figures.pictures());
+            for (int i = 0; i < 3; i++) {
+                assertEquals(30, figures.renditions().get(i).pictures());
+                assertEquals(streams.get(i).stream().mapToLong(unit -> unit.length).sum(), figures.renditions().get(i).bytes());
+                assertTrue(figures.renditions().get(i).encodeTime().compareTo(Duration.ZERO) > 0);
+            }
+        }
+        assertEquals(LongStream.range(0, 30).mapToObj(i -> 40 * i).toList(), times);
+        for (int i = 0; i < 3; i++) {
+            List<Picture> decoded = Vectors.decode(streams.get(i));
+            assertEquals(30, decoded.size());
+            for (int number = 0; i == 1 && number < 30; number++) {
+                double psnr = Vectors.psnr(originals.get(number), decoded.get(number));
+                assertTrue(psnr > 30, "picture " + number + " has " + psnr + " dB");
+            }
+        }
+    }
+
+    @Test
+    void goesOnWithAnotherStreamAfterDrain() {
+        List<AccessUnit> source = Vectors.timed(Vectors.REORDERED);
+        List<Vectors.Encoded> pictures = new ArrayList<>();
+        try (Transcoder transcoder = Transcoder.builder().rendition(LADDER.get(0)).open()) {
+            for (List<AccessUnit> stream : List.of(source.subList(0, 1), source, source.subList(0, 13))) {
+                run(transcoder, stream, picture -> pictures.add(Vectors.Encoded.of(picture)));
+                assertEquals(0, transcoder.drain(picture -> pictures.add(null)));
+            }
+            assertEquals(1 + 30 + 13, pictures.size());
+            assertEquals(44, transcoder.statistics().pictures());
+        }
+    }
+
+    @Test
+    void takesNewSizesThreeByteStartCodesAndDamage() {
+        List<AccessUnit> source = Vectors.timed(Vectors.CHANGING);
+        List<Vectors.Encoded> expected = transcode(Transcoder.builder(), source);
+        assertEquals(45, expected.size());
+        List<AccessUnit> shorter = source.stream().map(unit -> new AccessUnit(
+                java.util.Arrays.copyOfRange(unit.bytes(), 1, unit.bytes().length), unit.time())).toList();
+        assertEquals(expected, transcode(Transcoder.builder(), shorter));
+
+        try (Transcoder transcoder = Transcoder.builder().rendition(LADDER.get(0)).open()) {
+            byte[] noise = new byte[2000];
+            new java.util.Random(7).nextBytes(noise);
+            System.arraycopy(new byte[] {0, 0, 0, 1, 0x65}, 0, noise, 0, 5);
+            assertFalse(transcoder.write(noise, 0, picture -> { }));
+            List<Long> times = new ArrayList<>();
+            run(transcoder, source, picture -> times.add(picture.time()));
+            assertEquals(15, times.size());
+        }
+    }
+
+    /** The same bytes, whoever runs the tasks: nobody, the caller, two threads, or an executor that refuses or is late. */
+    @Test
+    void encodesInParallelToTheSameBytes() {
+        List<AccessUnit> source = Vectors.timed(Vectors.REORDERED);
+        List<Vectors.Encoded> expected = transcode(Transcoder.builder(), source);
+        List<Runnable> late = new ArrayList<>();
+        ExecutorService threads = Executors.newFixedThreadPool(2);
+        Executor refusing = task -> {
+            throw new RejectedExecutionException();
+        };
+        for (Executor executor : List.<Executor>of(threads, Runnable::run, refusing, late::add)) {
+            assertEquals(expected, transcode(Transcoder.builder().parallel(executor), source));
+        }
+        threads.shutdown();
+        late.forEach(Runnable::run); // long after the transcoder is gone
+    }
+
+    @Test
+    void throwsWhatTheReceiverThrewWhenAllRenditionsHadTheirs() {
+        List<AccessUnit> source = Vectors.timed(Vectors.PLAIN);
+        for (boolean parallel : new boolean[] {false, true}) {
+            Transcoder.Builder settings = Transcoder.builder().renditions(LADDER);
+            try (Transcoder transcoder = (parallel ? settings.parallel(Runnable::run) : settings).open()) {
+                List<Integer> called = new ArrayList<>();
+                Exception thrown = assertThrows(java.io.IOException.class, () ->
+                        transcoder.write(source.get(0).bytes(), 0, picture -> {
+                            called.add(picture.index());
+                            TranscoderTest.<RuntimeException>raise(new java.io.IOException("number " + picture.index()));
+                        }));
+                assertEquals("number 0", thrown.getMessage());
+                assertEquals(List.of(0, 1, 2), called);
+                assertTrue(transcoder.write(source.get(1).bytes(), 40, picture -> called.add(picture.index())));
+                assertEquals(6, called.size());
+            }
+        }
+    }
+
+    @SuppressWarnings("unchecked")
+    private static <T extends Throwable> void raise(Throwable thrown) throws T {
+        throw (T) thrown;
+    }
+
+    /** An odd source cannot be encoded in its own size: that is said once, and the other renditions go on. */
+    @Test
+    void saysOnceThatTheSourcesSizeCannotBeEncoded() {
+        List<byte[]> odd = Vectors.units("odd.h264"); // 175x99
+        List<Integer> delivered = new ArrayList<>();
+        try (Transcoder transcoder = Transcoder.builder().renditions(LADDER).open()) {
+            int thrown = 0;
+            for (int i = 0; i < odd.size(); i++) {
+                try {
+                    transcoder.write(odd.get(i), 40 * i, picture -> delivered.add(picture.index()));
+                } catch (MediaException refused) {
+                    assertTrue(refused.getMessage().startsWith("OpenH264 refused the settings of rendition 2"),
+                            refused.getMessage());
+                    thrown++;
+                }
+            }
+            transcoder.drain(picture -> delivered.add(picture.index()));
+            assertEquals(1, thrown);
+            assertEquals(2 * odd.size(), delivered.size());
+            assertFalse(delivered.contains(1));
+            assertEquals(odd.size(), transcoder.statistics().renditions().get(1).skipped());
+        }
+    }
+
+    @Test
+    void isSeenByTheFlightRecorder() throws Exception {
+        List<AccessUnit> source = Vectors.timed(Vectors.PLAIN);
+        Path file = Files.createTempFile("kelvane", ".jfr");
+        try (Recording recording = new Recording()) {
+            recording.enable("com.kelvane.media.PictureTranscoded").withThreshold(Duration.ZERO);
+            recording.start();
+            transcode(Transcoder.builder(), source);
+            recording.stop();
+            recording.dump(file);
+            List<RecordedEvent> events = RecordingFile.readAllEvents(file).stream()
+                    .filter(event -> event.getEventType().getName().startsWith("com.kelvane.media.")).toList();
+            assertEquals(List.of("EngineClosed", "EngineOpened", "PictureTranscoded"), events.stream()
+                    .map(event -> event.getEventType().getName().substring(18)).sorted().distinct().toList());
+            List<RecordedEvent> pictures = events.stream().filter(event -> event.hasField("decodeTime")).toList();
+            assertEquals(30, pictures.size());
+            for (RecordedEvent event : pictures) {
+                Duration parts = event.getDuration("decodeTime").plus(event.getDuration("encodeTime"));
+                assertTrue(event.getLong("bytes") > 0 && parts.compareTo(event.getDuration()) <= 0, event::toString);
+            }
+        } finally {
+            Files.delete(file);
+        }
+    }
+}

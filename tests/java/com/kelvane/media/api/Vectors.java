@@ -1,0 +1,93 @@
+package com.kelvane.media.api;
+
+import com.kelvane.media.AccessUnit;
+import com.kelvane.media.EncodedPicture;
+import com.kelvane.media.Picture;
+import com.kelvane.media.VideoDecoder;
+import java.io.IOException;
+import java.io.UncheckedIOException;
+import java.nio.file.Files;
+import java.nio.file.Path;
+import java.util.ArrayList;
+import java.util.List;
+
+/** The streams of tests/data, and what the tests of the API do with them time and again. */
+final class Vectors {
+    /** 30 pictures of 320x180, with B-frames that others refer to: two are always held back. */
+    static final String REORDERED = "bframes.h264";
+
+    /** 30 pictures of 176x144. */
+    static final String PLAIN = "baseline.h264";
+
+    /** 5 pictures each of 160x96, 320x180, 160x96. */
+    static final String CHANGING = "size_change.h264";
+
+    /** One picture as it came out, copied. */
+    record Encoded(int index, long time, boolean key, List<Byte> bytes) {
+        static Encoded of(EncodedPicture picture) {
+            return new Encoded(picture.index(), picture.time(), picture.isKey(), list(picture.copy()));
+        }
+    }
+
+    private Vectors() {
+    }
+
+    static List<byte[]> units(String name) {
+        try {
+            return AccessUnit.split(Files.readAllBytes(Path.of(System.getProperty("test.data"), name)));
+        } catch (IOException missing) {
+            throw new UncheckedIOException(missing);
+        }
+    }
+
+    /** A stream with presentation times in milliseconds, 40 from picture to picture; found by decoding it. */
+    static List<AccessUnit> timed(String name) {
+        List<byte[]> units = units(name);
+        List<Picture> pictures = new ArrayList<>();
+        try (VideoDecoder decoder = VideoDecoder.open()) {
+            for (int i = 0; i < units.size(); i++) { // the position serves as a time
+                decoder.decode(units.get(i), i).ifPresent(pictures::add);
+            }
+            decoder.drain(pictures::add);
+        }
+        List<AccessUnit> timed = new ArrayList<>();
+        for (int i = 0; i < units.size(); i++) {
+            for (int rank = 0; rank < pictures.size(); rank++) {
+                if (pictures.get(rank).time() == i) {
+                    timed.add(new AccessUnit(units.get(i), 40L * rank));
+                }
+            }
+        }
+        return timed;
+    }
+
+    static List<Picture> decode(List<byte[]> units) {
+        List<Picture> pictures = new ArrayList<>();
+        try (VideoDecoder decoder = VideoDecoder.open()) {
+            for (int i = 0; i < units.size(); i++) {
+                decoder.decode(units.get(i), i).ifPresent(pictures::add);
+            }
+            decoder.drain(pictures::add);
+        }
+        return pictures;
+    }
+
+    static List<Byte> list(byte[] bytes) {
+        List<Byte> list = new ArrayList<>(bytes.length);
+        for (byte value : bytes) {
+            list.add(value);
+        }
+        return list;
+    }
+
+    /** Peak signal-to-noise ratio of two pictures' luma in dB. */
+    static double psnr(Picture one, Picture other) {
+        double squares = 0;
+        int samples = one.width() * one.height();
+        for (int i = 0; i < samples; i++) {
+            double difference = (one.i420()[i] & 255) - (other.i420()[i] & 255);
+            squares += difference * difference;
+        }
+        return 10 * Math.log10(255 * 255 * samples / squares);
+    }
+}
