@@ -16,6 +16,17 @@ extern "C" {
 
 static CLibLoaderImpl loader;
 
+namespace {
+
+void copyOutSize(JavaCall& java, jbyteArray sizeInfo, int newOutput) {
+    if (newOutput < 0) return;
+    uint8_t size[4];
+    putBigEndian(size, sizeof size, static_cast<uint32_t>(newOutput));
+    java.copyOut(sizeInfo, size, sizeof size);
+}
+
+} // namespace
+
 VideoProcessor* VideoProcessorContext::NewProcessor() const {
     auto* pipeline = new (std::nothrow) VideoProcessor;
     if (pipeline) pipeline->handle = reinterpret_cast<int64_t>(pipeline);
@@ -94,7 +105,14 @@ void VideoProcessor::fitEncoder(const AVFrame& picture) {
 int VideoProcessor::process(signed char* data, int size, uint32_t timestamp, int& newOutput) {
     const int decoded = decoder->decode(data, size, timestamp);
     if (decoded == -1) std::puts("warning, corrupt input stream");
-    if (decoded != 1) return decoded;
+    return decoded == 1 ? processPicture(timestamp, newOutput) : decoded;
+}
+
+int VideoProcessor::drain(int& newOutput) {
+    return decoder->drain() == 1 ? processPicture(decoder->pictureTime, newOutput) : 0;
+}
+
+int VideoProcessor::processPicture(uint32_t timestamp, int& newOutput) {
     const AVFrame& picture = *decoder->frame;
     const MallocBuffer packed = packPicture(picture);
     if (!packed) return 0;
@@ -208,12 +226,32 @@ JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_AVCProcessor_write
     } else {
         result = pipeline->process(input.as<signed char>(), input.size, time, newOutput);
     }
-    if (newOutput >= 0) {
-        uint8_t size[4];
-        putBigEndian(size, sizeof size, static_cast<uint32_t>(newOutput));
-        java.copyOut(sizeInfo, size, sizeof size);
-    }
+    copyOutSize(java, sizeInfo, newOutput);
     return result;
+}
+
+JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_AVCProcessor_drain(JNIEnv* env, jclass,
+                                                                                 jbyteArray sizeInfo,
+                                                                                 jlong handle) {
+    VideoProcessor* pipeline = proc_ctx.GetProcessor(handle);
+    if (!pipeline || !sizeInfo || pipeline->mode == VideoProcessor::passThroughMode) return 0;
+    JavaCall java(env);
+    int newOutput = -1;
+    const int result = pipeline->drain(newOutput);
+    copyOutSize(java, sizeInfo, newOutput);
+    return result;
+}
+
+JNIEXPORT jlong JNICALL Java_com_kelvane_media_transform_codec_AVCProcessor_pictureTime(JNIEnv*, jclass,
+                                                                                        jlong handle) {
+    const VideoProcessor* pipeline = proc_ctx.GetProcessor(handle);
+    return pipeline ? pipeline->decoder->pictureTime : 0;
+}
+
+JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_AVCProcessor_attached(JNIEnv*, jclass,
+                                                                                    jlong handle) {
+    const VideoProcessor* pipeline = proc_ctx.GetProcessor(handle);
+    return pipeline && pipeline->processor;
 }
 
 JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_AVCProcessor_read(JNIEnv* env, jclass,

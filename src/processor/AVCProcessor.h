@@ -39,6 +39,9 @@ public:
     // was decoded but yielded nothing, and is left alone otherwise.
     int process(signed char* data, int size, uint32_t timestamp, int& newOutput);
 
+    // The same for the next picture that is held back for reordering, with its own time; 0 when there is none.
+    int drain(int& newOutput);
+
     // Makes the access unit itself pending.
     void passThrough(MallocBuffer data, int size, uint32_t timestamp);
 
@@ -47,4 +50,5 @@ public:
 private:
     void makeEncoder(const AVFrame& picture);
     void fitEncoder(const AVFrame& picture);
+    int processPicture(uint32_t timestamp, int& newOutput);
 };

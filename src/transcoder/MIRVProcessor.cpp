@@ -24,6 +24,44 @@ constexpr Setting settings[] = {
 
 MIRVProcessor* processorOf(jlong handle) { return reinterpret_cast<MIRVProcessor*>(handle); }
 
+bool encodePicture(CoderOut& output, AVFrame* picture) {
+    AVPacket packet;
+    av_init_packet(&packet);
+    packet.data = nullptr;
+    packet.size = 0;
+    const int encoded = output.write(picture, &packet);
+    const MallocBuffer copy(packet.data); // the listener is given the encoder's own bytes
+    return encoded == 1;
+}
+
+// Null for a class without the method.
+jmethodID receiveVideoOf(JNIEnv* env, jclass listenerClass) {
+    jmethodID method = env->GetMethodID(listenerClass, "receiveVideo", "(IILjava/nio/ByteBuffer;)V");
+    // A listener without the method is left alone: the exception that says so is not for the caller.
+    env->ExceptionClear();
+    return method;
+}
+
+void receiveVideo(JavaCall& java, jobject listener, jmethodID method, const CoderOut& output,
+                  uint32_t timestamp, bool encoded) {
+    jobject data = nullptr;
+    if (encoded) {
+        // Over the encoder's own bytes, which stay until this output's next picture.
+        data = java.env->NewDirectByteBuffer(output.coder->output.get(), output.coder->outputSize);
+        java.deferException();
+    }
+    java.env->CallVoidMethod(listener, method, output.index, static_cast<jint>(timestamp), data);
+    java.deferException();
+    java.env->DeleteLocalRef(data);
+}
+
+// Empty when there is nothing to decode; the last picture is no longer at hand even then.
+ArrayCopy copyAccessUnit(MIRVProcessor& processor, JavaCall& java, jbyteArray data) {
+    processor.decoder->pictureReady = 0;
+    if (!data || java.env->GetArrayLength(data) < 1) return {};
+    return java.copyIn(data);
+}
+
 } // namespace
 
 MIRVProcessor::~MIRVProcessor() {
@@ -78,53 +116,54 @@ void MIRVProcessor::start() {
     }
 }
 
-void MIRVProcessor::write(jobject listener, AVFrame* picture, JavaCall& java, uint32_t timestamp) {
+int MIRVProcessor::decode(const ArrayCopy& accessUnit, uint32_t time) {
+    timestamp = time;
+    return decoder->decode(accessUnit.as<signed char>(), accessUnit.size, time);
+}
+
+int MIRVProcessor::drain() {
+    const int drained = decoder->drain();
+    if (drained) timestamp = decoder->pictureTime;
+    return drained;
+}
+
+void MIRVProcessor::write(jobject listener, AVFrame* picture, JavaCall& java, uint32_t time) {
     for (uint32_t i = 0; i < count; ++i) {
-        CoderOut& output = outputs[i];
-        AVPacket packet;
-        av_init_packet(&packet);
-        packet.data = nullptr;
-        packet.size = 0;
-        const int encoded = output.write(picture, &packet);
-        const MallocBuffer copy(packet.data);
+        const bool encoded = encodePicture(outputs[i], picture);
         findReceiveVideo(java, listener);
-        if (!receiveVideoMethod) continue;
-        jobject data = nullptr;
-        if (encoded == 1) {
-            // Over the encoder's own bytes, which stay until this output's next picture.
-            data = java.env->NewDirectByteBuffer(output.coder->output.get(), output.coder->outputSize);
-            java.deferException();
-        }
-        receiveVideo(java, listener, output.index, timestamp, data);
+        if (receiveVideoMethod)
+            receiveVideo(java, listener, receiveVideoMethod, outputs[i], time, encoded);
     }
 }
 
-void MIRVProcessor::dropFrame(JavaCall& java, jobject listener, uint32_t timestamp) {
+void MIRVProcessor::dropFrame(JavaCall& java, jobject listener, uint32_t time) {
     findReceiveVideo(java, listener);
     if (!receiveVideoMethod) return;
     for (uint32_t i = 0; i < count; ++i)
-        receiveVideo(java, listener, outputs[i].index, timestamp, nullptr);
+        receiveVideo(java, listener, receiveVideoMethod, outputs[i], time, false);
+}
+
+int MIRVProcessor::encode(JavaCall& java, jobject listener, uint32_t position) const {
+    if (position >= count || !listener) return 0;
+    CoderOut& output = outputs[position];
+    const bool encoded = decoder->pictureReady && encodePicture(output, decoder->frame.get());
+    // Looked up each time: what write() keeps is for one thread.
+    jclass type = java.env->GetObjectClass(listener);
+    jmethodID method = receiveVideoOf(java.env, type);
+    java.env->DeleteLocalRef(type);
+    if (method) receiveVideo(java, listener, method, output, timestamp, encoded);
+    return encoded;
 }
 
 void MIRVProcessor::findReceiveVideo(JavaCall& java, jobject listener) {
     if (receiveVideoMethod && java.env->IsInstanceOf(listener, listenerClass)) return;
     forgetListener(java.env);
     jclass found = java.env->GetObjectClass(listener);
-    jmethodID method = java.env->GetMethodID(found, "receiveVideo", "(IILjava/nio/ByteBuffer;)V");
-    // A listener without the method is left alone: the exception that says so is not for the caller.
-    java.env->ExceptionClear();
-    if (method) {
+    if (jmethodID method = receiveVideoOf(java.env, found)) {
         listenerClass = static_cast<jclass>(java.env->NewGlobalRef(found));
         if (listenerClass) receiveVideoMethod = method;
     }
     java.env->DeleteLocalRef(found);
-}
-
-void MIRVProcessor::receiveVideo(JavaCall& java, jobject listener, int32_t index, uint32_t timestamp,
-                                 jobject data) {
-    java.env->CallVoidMethod(listener, receiveVideoMethod, index, static_cast<jint>(timestamp), data);
-    java.deferException();
-    java.env->DeleteLocalRef(data);
 }
 
 void MIRVProcessor::forgetListener(JNIEnv* env) {
@@ -153,13 +192,13 @@ JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_MIRVProcessor_star
 JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_MIRVProcessor_write(
     JNIEnv* env, jclass, jobject listener, jlong timestamp, jbyteArray data, jlong handle) {
     MIRVProcessor* processor = processorOf(handle);
-    if (!processor || !data) return 0;
+    if (!processor) return 0;
     JavaCall java(env);
-    const ArrayCopy accessUnit = java.copyIn(data);
-    if (!accessUnit || accessUnit.size < 1) return 0;
+    const ArrayCopy accessUnit = copyAccessUnit(*processor, java, data);
+    if (!accessUnit) return 0;
     const auto time = static_cast<uint32_t>(timestamp);
-    VideoDecoder& decoder = *processor->decoder;
-    const int result = decoder.decode(accessUnit.as<signed char>(), accessUnit.size, time);
+    const int result = processor->decode(accessUnit, time);
+    const VideoDecoder& decoder = *processor->decoder;
     // Nothing is encoded for nobody: the next listener's first P picture would refer to one it never got.
     if (!listener) return result;
     if (decoder.pictureReady)
@@ -167,6 +206,53 @@ JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_MIRVProcessor_writ
     else
         processor->dropFrame(java, listener, time);
     return result;
+}
+
+JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_MIRVProcessor_decode(JNIEnv* env, jclass,
+                                                                                   jlong timestamp,
+                                                                                   jbyteArray data,
+                                                                                   jlong handle) {
+    MIRVProcessor* processor = processorOf(handle);
+    if (!processor) return 0;
+    JavaCall java(env);
+    const ArrayCopy accessUnit = copyAccessUnit(*processor, java, data);
+    return accessUnit ? processor->decode(accessUnit, static_cast<uint32_t>(timestamp)) : 0;
+}
+
+JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_MIRVProcessor_encode(JNIEnv* env, jclass,
+                                                                                   jint output,
+                                                                                   jobject listener,
+                                                                                   jlong handle) {
+    const MIRVProcessor* processor = processorOf(handle);
+    if (!processor) return 0;
+    JavaCall java(env);
+    return processor->encode(java, listener, static_cast<uint32_t>(output));
+}
+
+JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_MIRVProcessor_drain(JNIEnv* env, jclass,
+                                                                                  jobject listener,
+                                                                                  jlong handle) {
+    MIRVProcessor* processor = processorOf(handle);
+    if (!processor || processor->drain() != 1) return 0;
+    JavaCall java(env);
+    if (listener) processor->write(listener, processor->decoder->frame.get(), java, processor->timestamp);
+    return 1;
+}
+
+JNIEXPORT jlong JNICALL Java_com_kelvane_media_transform_codec_MIRVProcessor_pictureTime(JNIEnv*, jclass,
+                                                                                         jlong handle) {
+    const MIRVProcessor* processor = processorOf(handle);
+    return processor ? processor->decoder->pictureTime : 0;
+}
+
+JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_MIRVProcessor_status(JNIEnv*, jclass,
+                                                                                   jint output,
+                                                                                   jlong handle) {
+    constexpr jint notOpened = 2;
+    const MIRVProcessor* processor = processorOf(handle);
+    if (!processor || static_cast<uint32_t>(output) >= processor->count) return notOpened;
+    const CoderOut& rendition = processor->outputs[static_cast<uint32_t>(output)];
+    return rendition.coder ? rendition.coder->status : notOpened;
 }
 
 JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_MIRVProcessor_apply(JNIEnv* env, jclass,

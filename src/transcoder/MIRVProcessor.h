@@ -19,6 +19,7 @@ public:
     int64_t handle = reinterpret_cast<int64_t>(this);
     OwnedEngine<VideoDecoder> decoder;
     jmethodID receiveVideoMethod = nullptr;
+    uint32_t timestamp = 0; // for the callbacks about the decoder's picture
 
     ~MIRVProcessor();
 
@@ -31,11 +32,22 @@ public:
     // Opens every output that has a size.
     void start();
 
+    // Decodes one access unit, which is not empty.
+    int decode(const ArrayCopy& accessUnit, uint32_t time);
+
+    // Decodes the next picture that is held back for reordering; the callbacks about it carry its own time.
+    int drain();
+
     // Hands one decoded picture to every output; the listener gets each one's access unit, or null.
-    void write(jobject listener, AVFrame* picture, JavaCall& java, uint32_t timestamp);
+    void write(jobject listener, AVFrame* picture, JavaCall& java, uint32_t time);
 
     // Tells the listener, once for each output, that there is nothing for this input.
-    void dropFrame(JavaCall& java, jobject listener, uint32_t timestamp);
+    void dropFrame(JavaCall& java, jobject listener, uint32_t time);
+
+    // Hands the decoder's picture to one output; the listener gets its access unit, or null. Changes nothing but
+    // that output, so that different outputs can be encoded on different threads at once. Returns 1 when there
+    // is an access unit.
+    int encode(JavaCall& java, jobject listener, uint32_t position) const;
 
     // Gives back what is held in the virtual machine; to be called before the destructor.
     void forgetListener(JNIEnv* env);
@@ -43,7 +55,6 @@ public:
 private:
     CoderOut* claim(int32_t index);
     void findReceiveVideo(JavaCall& java, jobject listener);
-    void receiveVideo(JavaCall& java, jobject listener, int32_t index, uint32_t timestamp, jobject data);
 
     // The class that receiveVideoMethod belongs to, held so that the id stays valid: a call with an id of
     // some other class would end the virtual machine.

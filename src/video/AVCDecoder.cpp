@@ -59,6 +59,7 @@ bool VideoDecoder::isStuck(const signed char* data, int size) const {
 int VideoDecoder::decode(signed char* data, int size, unsigned int time) {
     constexpr signed char startCode[] = {0, 0, 0, 1};
     pictureReady = 0;
+    pictureWaiting = false;
     if (size < 4 || std::memcmp(data, startCode, sizeof startCode) != 0) {
         signed char first[4] = {};
         std::copy_n(data, std::clamp(size, 0, 4), first);
@@ -80,17 +81,38 @@ int VideoDecoder::decode(signed char* data, int size, unsigned int time) {
         callsWithoutPicture = 0;
     }
     callsWithoutPicture = got > 0 ? 0 : callsWithoutPicture + 1;
-    if (got > 0) {
-        if (frame->width != width || frame->height != height) {
-            width = frame->width;
-            height = frame->height;
-            std::printf("set/update w:%d  h:%d\n", width, height);
-        }
-        pictureReady = 1;
-    }
     timestamp = time;
     av_packet_unref(&packet);
-    return pictureReady;
+    return receive(got);
+}
+
+int VideoDecoder::receive(int got) {
+    if (got <= 0) return 0;
+    if (frame->width != width || frame->height != height) {
+        width = frame->width;
+        height = frame->height;
+        std::printf("set/update w:%d  h:%d\n", width, height);
+    }
+    pictureTime = static_cast<uint32_t>(frame->pkt_pts / 1000);
+    pictureReady = 1;
+    return 1;
+}
+
+int VideoDecoder::drain() {
+    pictureReady = 0;
+    pictureWaiting = false;
+    if (!frame || !context || !avcodec_is_open(context.get())) return 0;
+    av_init_packet(&packet);
+    packet.data = nullptr; // which is how FFmpeg is told that the stream has ended
+    packet.size = 0;
+    int got = 0;
+    avcodec_decode_video2(context.get(), frame.get(), &got, &packet);
+    if (got <= 0) {
+        avcodec_flush_buffers(context.get());
+        context->has_b_frames = 0; // the delay that FFmpeg learnt from the old stream
+        callsWithoutPicture = 0;
+    }
+    return receive(got);
 }
 
 void VideoDecoder::close() {
@@ -124,33 +146,12 @@ ImageFrameOwner convertToYuv420(const AVFrame& picture) {
 
 bool isYuv420(int format) { return format == AV_PIX_FMT_YUV420P || format == AV_PIX_FMT_YUVJ420P; }
 
-} // namespace
-
-JNIEXPORT jlong JNICALL Java_com_kelvane_media_transform_codec_AVCDecoder_open(JNIEnv*, jclass) {
-    av_register_all();
-    av_log_set_level(AV_LOG_QUIET);
-    VideoDecoder* decoder = avc_dec_ctx.NewCodec();
-    if (!decoder) return -1;
-    decoder->open();
-    if (decoder->codec) return decoder->handle;
-    avc_dec_ctx.RemoveCodec(decoder->handle);
-    return 0;
-}
-
-JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_AVCDecoder_decode(
-    JNIEnv* env, jclass, jbyteArray input, jbyteArray info, jbyteArray output, jlong handle) {
-    VideoDecoder* decoder = avc_dec_ctx.GetCoder(handle);
-    if (!decoder || !input || !info || !output) return 0;
-    JavaCall java(env);
-    const jsize outputLength = env->GetArrayLength(output);
-    ArrayCopy accessUnit = java.copyIn(input);
-    if (!accessUnit) return 0;
-    const int result = decoder->decode(accessUnit.as<signed char>(), accessUnit.size, 0);
-    if (result != 1) return result;
-
-    const AVFrame& picture = *decoder->frame;
+// Copies the decoder's picture out; one that `output` is not made for waits.
+jint deliver(VideoDecoder& decoder, JavaCall& java, jbyteArray info, jbyteArray output) {
+    const AVFrame& picture = *decoder.frame;
     const int pictureSize = packedPictureSize(picture.width, picture.height);
-    if (pictureSize != outputLength) {
+    decoder.pictureWaiting = pictureSize != java.env->GetArrayLength(output);
+    if (decoder.pictureWaiting) {
         std::printf("AVC decoder warning, picSize  != outLeng  %d\n", pictureSize);
         return -pictureSize;
     }
@@ -166,6 +167,67 @@ JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_AVCDecoder_decode(
     about[5] = static_cast<uint8_t>(picture.format);
     java.copyOut(info, about, sizeof about);
     return 1;
+}
+
+jint decodeInto(JNIEnv* env, uint32_t time, jbyteArray input, jbyteArray info, jbyteArray output,
+                jlong handle) {
+    VideoDecoder* decoder = avc_dec_ctx.GetCoder(handle);
+    if (!decoder || !input || !info || !output) return 0;
+    JavaCall java(env);
+    ArrayCopy accessUnit = java.copyIn(input);
+    if (!accessUnit) return 0;
+    const int result = decoder->decode(accessUnit.as<signed char>(), accessUnit.size, time);
+    return result == 1 ? deliver(*decoder, java, info, output) : result;
+}
+
+} // namespace
+
+JNIEXPORT jlong JNICALL Java_com_kelvane_media_transform_codec_AVCDecoder_open(JNIEnv*, jclass) {
+    av_register_all();
+    av_log_set_level(AV_LOG_QUIET);
+    VideoDecoder* decoder = avc_dec_ctx.NewCodec();
+    if (!decoder) return -1;
+    decoder->open();
+    if (decoder->codec) return decoder->handle;
+    avc_dec_ctx.RemoveCodec(decoder->handle);
+    return 0;
+}
+
+JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_AVCDecoder_decode(
+    JNIEnv* env, jclass, jbyteArray input, jbyteArray info, jbyteArray output, jlong handle) {
+    return decodeInto(env, 0, input, info, output, handle);
+}
+
+JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_AVCDecoder_decodeAt(
+    JNIEnv* env, jclass, jlong timestamp, jbyteArray input, jbyteArray info, jbyteArray output,
+    jlong handle) {
+    return decodeInto(env, static_cast<uint32_t>(timestamp), input, info, output, handle);
+}
+
+JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_AVCDecoder_drain(JNIEnv* env, jclass,
+                                                                               jbyteArray info,
+                                                                               jbyteArray output,
+                                                                               jlong handle) {
+    VideoDecoder* decoder = avc_dec_ctx.GetCoder(handle);
+    if (!decoder || !info || !output || decoder->drain() != 1) return 0;
+    JavaCall java(env);
+    return deliver(*decoder, java, info, output);
+}
+
+JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_AVCDecoder_take(JNIEnv* env, jclass,
+                                                                              jbyteArray info,
+                                                                              jbyteArray output,
+                                                                              jlong handle) {
+    VideoDecoder* decoder = avc_dec_ctx.GetCoder(handle);
+    if (!decoder || !info || !output || !decoder->pictureWaiting) return 0;
+    JavaCall java(env);
+    return deliver(*decoder, java, info, output);
+}
+
+JNIEXPORT jlong JNICALL Java_com_kelvane_media_transform_codec_AVCDecoder_pictureTime(JNIEnv*, jclass,
+                                                                                      jlong handle) {
+    const VideoDecoder* decoder = avc_dec_ctx.GetCoder(handle);
+    return decoder ? decoder->pictureTime : 0;
 }
 
 JNIEXPORT void JNICALL Java_com_kelvane_media_transform_codec_AVCDecoder_close(JNIEnv*, jclass,

@@ -5,7 +5,7 @@
 #include <cstdint>
 
 // Decodes one H.264 access unit a call. The decoded picture stays in `frame`, which FFmpeg's decoder owns the
-// planes of: it is valid until the next decode() or close(), and users read it in place.
+// planes of: it is valid until the next decode(), drain() or close(), and users read it in place.
 class VideoDecoder {
 public:
     int64_t handle = 0;
@@ -13,10 +13,12 @@ public:
     CodecContextOwner context;
     FrameOwner frame;
     AVPacket packet{};
-    int32_t pictureReady = 0; // 1 when the last decode() left a picture in `frame`
+    int32_t pictureReady = 0; // 1 when the last decode() or drain() left a picture in `frame`
     uint32_t timestamp = 0;   // of the last decode() that got past the check of its input
     int32_t width = 0;        // of the last picture
     int32_t height = 0;
+    uint32_t pictureTime = 0;    // of the last picture: the time of the access unit that carried it
+    bool pictureWaiting = false; // the picture in `frame` is still to be taken; decode() and drain() end that
 
     // A failure shows as `codec` null, or as a decoder that never produces a picture.
     void open();
@@ -26,9 +28,14 @@ public:
     // none is (corrupt data included), -1 when the input has no start code.
     int decode(signed char* data, int size, unsigned int time);
 
+    // Brings out the next picture that is held back for reordering, as decode() does. Returns 0 when there is
+    // none: the decoder is then as good as new, but for the parameter sets it knows.
+    int drain();
+
     void close();
 
 private:
+    int receive(int got);
     bool isStuck(const signed char* data, int size) const;
 
     int32_t callsWithoutPicture = 0; // in a row, before the present one

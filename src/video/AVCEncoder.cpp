@@ -167,6 +167,14 @@ JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_AVCEncoder_encode(
     return 0;
 }
 
+JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_AVCEncoder_loadLibrary(JNIEnv* env, jclass,
+                                                                                     jstring path) {
+    if (!path) return 0;
+    JavaCall java(env);
+    const JavaString file(java, path);
+    return file.get() && loader.LoadLibFrom(file.get()) == 2;
+}
+
 JNIEXPORT void JNICALL Java_com_kelvane_media_transform_codec_AVCEncoder_close(JNIEnv*, jclass,
                                                                                jlong handle) {
     closeCodec(avc_opn_enc_ctx, handle, "AVC encoder codec closed");

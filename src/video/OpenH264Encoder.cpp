@@ -152,6 +152,12 @@ JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_OpenH264Encoder_en
     return 1;
 }
 
+JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_OpenH264Encoder_status(JNIEnv*, jclass,
+                                                                                     jlong handle) {
+    const VideoEncoder* encoder = avc_enc_ctx.GetCoder(handle);
+    return encoder ? encoder->status : 1;
+}
+
 JNIEXPORT void JNICALL Java_com_kelvane_media_transform_codec_OpenH264Encoder_close(JNIEnv*, jclass,
                                                                                     jlong handle) {
     closeCodec(avc_enc_ctx, handle, "AVC encoder codec closed");

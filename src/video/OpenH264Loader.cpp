@@ -17,7 +17,9 @@ COpenLoaderImpl::~COpenLoaderImpl() {
     if (liveEncoders > 0) libHandle.release();
 }
 
-int COpenLoaderImpl::LoadLib() {
+int COpenLoaderImpl::LoadLib() { return LoadLibFrom(libraryPath); }
+
+int COpenLoaderImpl::LoadLibFrom(const char* path) {
     const std::lock_guard lock(loading);
     if (state != 0) {
         std::cout << "pointers pre loaded\n";
@@ -25,7 +27,7 @@ int COpenLoaderImpl::LoadLib() {
     }
     state = 1;
     functions = {};
-    libHandle.reset(dlopen(libraryPath, RTLD_LAZY));
+    libHandle.reset(dlopen(path, RTLD_LAZY));
     if (libHandle) {
         EncoderLibFunctions found;
         resolve(libHandle.get(), "WelsCreateSVCEncoder", found.createEncoder);

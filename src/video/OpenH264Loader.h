@@ -15,13 +15,15 @@ struct EncoderLibFunctions {
     OpenH264Version (*getCodecVersion)() = nullptr;
 };
 
-// Opens the OpenH264 library at run time. Both operations may be called from several threads at once.
+// Opens the OpenH264 library at run time. All operations may be called from several threads at once.
 class COpenLoader {
 public:
     // Loads the library unless it is loaded; returns `state` afterwards: 2 loaded, 0 not.
     virtual int LoadLib() = 0;
     // Copies the entry points and returns `state`. Waits for a load under way.
     virtual int GetLibFunctions(EncoderLibFunctions* functions) = 0;
+    // As LoadLib(), from a path of the caller's choice.
+    virtual int LoadLibFrom(const char* path) = 0;
 
 protected:
     ~COpenLoader() = default;
@@ -43,6 +45,7 @@ public:
     ~COpenLoaderImpl();
     int LoadLib() override;
     int GetLibFunctions(EncoderLibFunctions* copy) override;
+    int LoadLibFrom(const char* path) override;
 
 private:
     std::mutex loading;
