@@ -117,8 +117,9 @@ public record Rendition(int width, int height, int bitrate, int frameRate, int k
     }
 
     /**
-     * A rendition of the size that the first picture of the source has, otherwise as one of {@link #of}. When that size
-     * turns out to be one that cannot be encoded (an odd one), {@link Transcoder#write} says so.
+     * A rendition of the size that the first picture of the source has, odd sides without their last pixel, otherwise as
+     * one of {@link #of}. When that size turns out to be one that cannot be encoded (a side below 16 pixels),
+     * {@link Transcoder#write} says so.
      *
      * @return the rendition
      */

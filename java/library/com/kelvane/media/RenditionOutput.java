@@ -17,7 +17,6 @@ final class RenditionOutput {
     private int size;
     private long nanoseconds;
     private RuntimeException refused;
-    private boolean refusalTold;
     private volatile long pictures;
     private volatile long skipped;
     private volatile long totalBytes;
@@ -71,13 +70,10 @@ final class RenditionOutput {
             return;
         }
         skipped++;
-        if (rendition.isSourceSize() && !refusalTold) {
-            try {
-                checkOpened(transcoder);
-            } catch (MediaException ofThisSize) {
-                refused = ofThisSize;
-                refusalTold = true;
-            }
+        // OpenH264 takes settings for sizes that it then fails to encode.
+        if (rendition.isSourceSize() && pictures == 0 && skipped == 1) {
+            refused = new MediaException("OpenH264 does not encode pictures of the source's size, which rendition "
+                    + (index + 1) + " is to have; sides of 16 pixels and more are encoded");
         }
     }
 

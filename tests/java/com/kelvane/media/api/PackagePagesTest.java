@@ -34,7 +34,7 @@ final class PackagePagesTest {
                 .directory(folder.toFile()).redirectErrorStream(true).start();
         String output = new String(run.getInputStream().readAllBytes(), StandardCharsets.UTF_8);
         assertEquals(0, run.waitFor(), output);
-        assertTrue(output.contains("\n30 pictures\n"), output);
+        assertTrue(Pattern.compile("^30 pictures$", Pattern.MULTILINE).matcher(output).find(), output);
         if (page.endsWith("media")) {
             assertEquals(30, Vectors.decode(com.kelvane.media.AccessUnit.split(
                     Files.readAllBytes(folder.resolve("small.h264")))).size());

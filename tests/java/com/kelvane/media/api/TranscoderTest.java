@@ -172,27 +172,26 @@ final class TranscoderTest {
         throw (T) thrown;
     }
 
-    /** An odd source cannot be encoded in its own size: that is said once, and the other renditions go on. */
+    /** A tiny source cannot be encoded in its own size: that is said once, and the other renditions go on. */
     @Test
     void saysOnceThatTheSourcesSizeCannotBeEncoded() {
-        List<byte[]> odd = Vectors.units("odd.h264"); // 175x99
+        List<byte[]> tiny = Vectors.units("tiny.h264"); // 12x10
         List<Integer> delivered = new ArrayList<>();
         try (Transcoder transcoder = Transcoder.builder().renditions(LADDER).open()) {
             int thrown = 0;
-            for (int i = 0; i < odd.size(); i++) {
+            for (int i = 0; i < tiny.size(); i++) {
                 try {
-                    transcoder.write(odd.get(i), 40 * i, picture -> delivered.add(picture.index()));
+                    transcoder.write(tiny.get(i), 40 * i, picture -> delivered.add(picture.index()));
                 } catch (MediaException refused) {
-                    assertTrue(refused.getMessage().startsWith("OpenH264 refused the settings of rendition 2"),
-                            refused.getMessage());
+                    assertTrue(refused.getMessage().contains("the source's size, which rendition 2 "), refused.getMessage());
                     thrown++;
                 }
             }
             transcoder.drain(picture -> delivered.add(picture.index()));
             assertEquals(1, thrown);
-            assertEquals(2 * odd.size(), delivered.size());
+            assertEquals(2 * tiny.size(), delivered.size());
             assertFalse(delivered.contains(1));
-            assertEquals(odd.size(), transcoder.statistics().renditions().get(1).skipped());
+            assertEquals(tiny.size(), transcoder.statistics().renditions().get(1).skipped());
         }
     }
 

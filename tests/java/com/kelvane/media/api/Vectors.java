@@ -88,6 +88,6 @@ final class Vectors {
             double difference = (one.i420()[i] & 255) - (other.i420()[i] & 255);
             squares += difference * difference;
         }
-        return 10 * Math.log10(255 * 255 * samples / squares);
+        return 10 * Math.log10(255.0 * 255.0 * samples / squares);
     }
 }
