@@ -33,5 +33,10 @@ private:
 } // namespace
 
 unsigned int GetGuid() { return 0xe5e5e5e5; }
-CModuleProcessor* CreateVideoProcessor() { return new EveryOther; }
+CModuleProcessor* CreateVideoProcessor() {
+#ifdef MAKES_NONE
+    return nullptr;
+#endif
+    return new EveryOther;
+}
 void DestroyVideoProcessor(CModuleProcessor* processor) { delete processor; }

@@ -1,5 +1,6 @@
-package com.kelvane.media.tool;
+package com.kelvane.media.tool.input;
 
+import com.kelvane.media.tool.shell.Caller;
 import java.io.IOException;
 import java.nio.file.Path;
 import java.util.Map;
@@ -14,12 +15,12 @@ import java.util.Map;
  * @param seconds announced duration, 0 when the file announces none
  * @param raw whether the file is a bare Annex-B stream, which has neither timestamps nor an index
  */
-record VideoTrack(Path path, int index, int width, int height, String pixelFormat, double frameRate, int reorderDepth,
+public record VideoTrack(Path path, int index, int width, int height, String pixelFormat, double frameRate, int reorderDepth,
                   double seconds, boolean raw) {
     private static final Path DEMO = Path.of("share/kelvane/demo.mp4");
 
     /** @param input as the caller gave it; null stands for the demonstration clip */
-    static VideoTrack given(Path input) throws IOException {
+    public static VideoTrack given(Path input) throws IOException {
         Path path = input == null ? DEMO.toAbsolutePath() : Caller.DIRECTORY.resolve(input).normalize();
         MediaFile file = MediaFile.open(path, "stream=index,codec_type,codec_name,width,height,pix_fmt,has_b_frames,"
                 + "avg_frame_rate,r_frame_rate,duration:stream_disposition=attached_pic:format=format_name,duration");
@@ -39,7 +40,7 @@ record VideoTrack(Path path, int index, int width, int height, String pixelForma
     }
 
     /** Whether the transcoder shows the track's colours: it takes every picture for 8-bit 4:2:0. */
-    boolean hasPlainPictures() {
+    public boolean hasPlainPictures() {
         return "yuv420p".equals(pixelFormat) || "yuvj420p".equals(pixelFormat);
     }
 

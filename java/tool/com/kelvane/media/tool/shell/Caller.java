@@ -1,4 +1,4 @@
-package com.kelvane.media.tool;
+package com.kelvane.media.tool.shell;
 
 import java.io.FileDescriptor;
 import java.io.FileOutputStream;
@@ -7,16 +7,16 @@ import java.nio.charset.StandardCharsets;
 import java.nio.file.Path;
 
 /** What the launcher hands on from its caller; the working directory is the installed tree. */
-final class Caller {
+public final class Caller {
     /** Where the caller stands: paths he gives are relative to it. */
-    static final Path DIRECTORY = Path.of(System.getProperty("kelvane.caller.directory", "")).toAbsolutePath();
+    public static final Path DIRECTORY = Path.of(System.getProperty("kelvane.caller.directory", "")).toAbsolutePath();
 
     /** The caller's standard output, which the launcher moved to descriptor 0; the library writes to descriptor 1. */
-    static final PrintStream OUTPUT =
+    public static final PrintStream OUTPUT =
             new PrintStream(new FileOutputStream(FileDescriptor.in), true, StandardCharsets.UTF_8);
 
     /** Whether {@link #OUTPUT} is a terminal. */
-    static final boolean TERMINAL = Boolean.getBoolean("kelvane.terminal");
+    public static final boolean TERMINAL = Boolean.getBoolean("kelvane.terminal");
 
     private Caller() {
     }
