@@ -91,7 +91,24 @@ TEST_F(InstalledTool, FailsInOneLineAndLeavesNothing) {
     expectFailure("transcode text -o out", 1, "not a media file");
     expectFailure("transcode other.mov -o out", 1, "no H.264 video.*video png");
     expectFailure("transcode in.h264 -o text/out", 1, "cannot write");
+    expectFailure("transcode " TEST_DATA "/yuv422.h264 -o out", 1, "yuv422p.*8-bit 4:2:0.*-pix_fmt yuv420p");
     expectFailure("transcode in.h264 -o new/out --start 5", 1, "ends after 1.2 seconds");
+}
+
+TEST_F(InstalledTool, NeverReplacesItsSource) {
+    fs::create_directories(path("deep/er"));
+    fs::rename(path("in.h264"), path("deep/160x90.h264"));
+    fs::create_directory_symlink("deep", path("link"));
+    fs::create_directory_symlink("deep/er", path("er"));
+    fs::create_symlink("deep/160x90.h264", path("in.h264"));
+    const std::string stream = contents(path("in.h264"));
+    for (const std::string call :
+         {"transcode in.h264 -r 160x90@100k -o link", "transcode link/160x90.h264 -r 160x90@100k -o er/..",
+          "transcode er/../160x90.h264 -r 160x90@100k -o deep", "process in.h264 -o link/160x90 --module x"})
+        expectFailure(call, 2, "would be overwritten");
+    EXPECT_EQ(contents(path("deep/160x90.h264")), stream);
+    EXPECT_EQ(run("kelvane", "transcode in.h264 -r 160x90@100k -o er"), 0) << errors;
+    EXPECT_TRUE(fs::exists(path("deep/er/160x90.mp4")));
 }
 
 TEST_F(InstalledTool, RunsFromACopyWithTheOpenH264ThatIsThere) {

@@ -51,11 +51,11 @@ final class AudioCommand implements Callable<Integer> {
 
     @Override
     public Integer call() throws IOException {
-        Path result = Caller.DIRECTORY.resolve(output).normalize();
+        Path result = Caller.path(output);
         String name = String.valueOf(result.getFileName());
         check(name.matches(".+\\.(wav|aac|opus)"), "OUT must end in .wav, .aac or .opus");
-        AudioTrack track = AudioTrack.open(Caller.DIRECTORY.resolve(input).normalize());
-        check(!Files.exists(result) || !Files.isSameFile(result, track.file().path()),
+        AudioTrack track = AudioTrack.open(Caller.path(input));
+        check(!Workspace.wouldReplace(track.file().path(), result.getParent(), List.of(name)),
                 result + " is the input itself; name another file with -o");
         VideoDecoder.open().close(); // silences FFmpeg's log for the whole process
         long begin = System.nanoTime();

@@ -94,14 +94,19 @@ final class ProcessCommand implements Callable<Integer> {
     @Override
     public Integer call() throws IOException {
         check(rate == null || rate >= 1 && rate <= LARGEST_RATE, "--rate takes whole numbers from 1 to " + LARGEST_RATE);
-        Path results = Caller.DIRECTORY.resolve(out).normalize();
+        Path results = Caller.path(out);
         check(results.getFileName() != null, "-o takes a path with a file name");
         VideoTrack track = VideoTrack.given(input);
-        for (String extension : List.of(".h264", ".mp4", ".png")) {
-            check(!track.path().equals(results.resolveSibling(results.getFileName() + extension)), track.path()
-                    + " would be overwritten by its own result; name another with -o");
+        if (!passThrough) {
+            track.checkPictures();
         }
-        ProcessingModule module = ProcessingModule.load(Caller.DIRECTORY.resolve(library).normalize());
+        String name = results.getFileName().toString();
+        for (Path source : List.of(track.path(), Caller.path(library))) {
+            check(!Files.exists(source) || !Workspace.wouldReplace(source, results.getParent(),
+                    List.of(name + ".h264", name + ".mp4", name + ".png")),
+                    source + " would be overwritten by its own result; name another with -o");
+        }
+        ProcessingModule module = ProcessingModule.load(Caller.path(library));
         int pictures = rate != null ? rate : (int) Math.max(1, Math.min(LARGEST_RATE, Math.round(track.frameRate())));
         int bits = bitrate != null ? bitrate
                 : (int) Math.max(SMALLEST_BITRATE, BITS_PER_SAMPLE * track.width() * track.height() * pictures);
@@ -109,7 +114,7 @@ final class ProcessCommand implements Callable<Integer> {
         settings.forEach(setting -> builder.setting(setting.key, setting.value));
         try (Pipeline pipeline = open(passThrough ? builder.passThrough() : builder);
                 Workspace workspace = new Workspace(results.getParent())) {
-            process(track, module, pipeline, results.getFileName().toString(), workspace);
+            process(track, module, pipeline, name, workspace);
         }
         Caller.OUTPUT.println("results: " + results + ".*");
         return 0;
@@ -165,7 +170,7 @@ final class ProcessCommand implements Callable<Integer> {
         workspace.publish(List.copyOf(files.values()));
         Progress.clear();
         summarise(statistics, seconds);
-        Summary.notes(source, track, statistics.pictures(), comparison);
+        Summary.notes(source, statistics.pictures(), comparison);
     }
 
     private static void checkProduced(VideoTrack track, ProcessingModule module, Pipeline.Statistics statistics) {

@@ -66,16 +66,17 @@ final class TranscodeCommand implements Callable<Integer> {
     public Integer call() throws IOException {
         checkUsage();
         VideoTrack track = VideoTrack.given(input);
+        track.checkPictures();
         List<Rendition> wanted = (renditions.isEmpty() ? RenditionRequest.ladder(track) : renditions).stream()
                 .map(request -> request.completed(track.frameRate())).toList();
-        Path results = Caller.DIRECTORY.resolve(directory).normalize();
+        Path results = Caller.path(directory);
+        List<String> files = new ArrayList<>(List.of(SHEET));
         for (Rendition rendition : wanted) {
             String size = rendition.width() + "x" + rendition.height();
-            Path container = results.resolve(size + ".mp4");
-            Path stream = results.resolve(size + ".h264");
-            check(!track.path().equals(container) && !track.path().equals(stream), track.path()
-                    + " would be overwritten by its own rendition; name another directory with -o");
+            files.addAll(List.of(size + ".mp4", size + ".h264"));
         }
+        check(!Workspace.wouldReplace(track.path(), results, files),
+                track.path() + " would be overwritten by its own rendition; name another directory with -o");
         try (Workspace workspace = new Workspace(results)) {
             transcode(track, wanted, workspace);
         }
@@ -140,7 +141,7 @@ final class TranscodeCommand implements Callable<Integer> {
         Summary.line("%d pictures, %.1f s of video, in %.2f s: %.0f pictures a second, %.1f times real time; %.2f s of CPU in"
                 + " the transcoding thread", pictures, seconds, transcoding.seconds(), pictures / transcoding.seconds(),
                 seconds / transcoding.seconds(), transcoding.cpuSeconds());
-        Summary.notes(source, track, pictures, comparison);
+        Summary.notes(source, pictures, comparison);
     }
 
     private static void checkProduced(VideoTrack track, Transcoder.Statistics statistics) {

@@ -1,9 +1,11 @@
 package com.kelvane.media.tool.input;
 
 import com.kelvane.media.tool.shell.Caller;
+import com.kelvane.media.tool.shell.Failure;
 import java.io.IOException;
 import java.nio.file.Path;
 import java.util.Map;
+import java.util.Set;
 
 /**
  * The H.264 track of an input file, as its headers describe it.
@@ -21,7 +23,7 @@ public record VideoTrack(Path path, int index, int width, int height, String pix
 
     /** @param input as the caller gave it; null stands for the demonstration clip */
     public static VideoTrack given(Path input) throws IOException {
-        Path path = input == null ? DEMO.toAbsolutePath() : Caller.DIRECTORY.resolve(input).normalize();
+        Path path = input == null ? DEMO.toAbsolutePath() : Caller.path(input);
         MediaFile file = MediaFile.open(path, "stream=index,codec_type,codec_name,width,height,pix_fmt,has_b_frames,"
                 + "avg_frame_rate,r_frame_rate,duration:stream_disposition=attached_pic:format=format_name,duration");
         Map<String, String> video = file.stream(
@@ -39,9 +41,12 @@ public record VideoTrack(Path path, int index, int width, int height, String pix
                 "h264".equals(file.format().get("format_name")));
     }
 
-    /** Whether the transcoder shows the track's colours: it takes every picture for 8-bit 4:2:0. */
-    public boolean hasPlainPictures() {
-        return "yuv420p".equals(pixelFormat) || "yuvj420p".equals(pixelFormat);
+    /** Fails when the pictures are not of 8-bit 4:2:0, for which the codecs would take them. */
+    public void checkPictures() {
+        if (pixelFormat != null && !Set.of("yuv420p", "yuvj420p", "unknown").contains(pixelFormat)) {
+            throw new Failure("the pictures of %s are %s, and the codecs work on 8-bit 4:2:0 alone; convert it first:"
+                    + " ffmpeg -i INPUT -pix_fmt yuv420p -c:a copy OUTPUT", path, pixelFormat);
+        }
     }
 
     private static double rate(Map<String, String> entries, String name) {

@@ -41,7 +41,7 @@ public final class Summary {
      *
      * @param pictures how many came out of the decoder
      */
-    public static void notes(AccessUnits source, VideoTrack track, long pictures, Comparison comparison) {
+    public static void notes(AccessUnits source, long pictures, Comparison comparison) {
         if (source.count() > pictures) {
             line("damaged source: %d of %d access units gave no picture; the others were kept", source.count() - pictures,
                     source.count());
@@ -51,10 +51,6 @@ public final class Summary {
         }
         if (source.damage() != null) {
             line("damaged source: %s; what could be read was kept", source.damage());
-        }
-        if (!track.hasPlainPictures()) {
-            line("the source's pictures are %s and the codecs take all for 8-bit 4:2:0: colours are wrong",
-                    track.pixelFormat());
         }
         if (comparison.grid() == null) {
             line("the result could not be compared with the source, so there is no sheet of pictures");

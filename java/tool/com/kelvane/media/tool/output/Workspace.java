@@ -43,6 +43,17 @@ public final class Workspace implements AutoCloseable {
         Runtime.getRuntime().addShutdownHook(hook);
     }
 
+    /** Whether one of these files in a directory is one that is only to be read, by whatever name. */
+    public static boolean wouldReplace(Path source, Path directory, List<String> names) throws IOException {
+        for (String name : names) {
+            Path result = directory.resolve(name);
+            if (Files.exists(result) && Files.isSameFile(result, source)) {
+                return true;
+            }
+        }
+        return false;
+    }
+
     public static boolean interrupted() {
         return interrupted;
     }
