@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <csignal>
+#include <sstream>
 #include <thread>
 
 TEST_F(InstalledTool, MakesPlayableRenditionsInDisplayOrder) {
@@ -34,7 +35,7 @@ TEST_F(InstalledTool, MakesPlayableRenditionsInDisplayOrder) {
     EXPECT_EQ(probe("'out put/320x180.mp4'", "packet=pts_time,flags"), packets);
 }
 
-TEST_F(InstalledTool, KeepsTimesOfVariableFrameRateAndCutsAtKeyFrames) {
+TEST_F(InstalledTool, KeepsTimesOfVariableFrameRateAndCutsToThePicture) {
     ASSERT_EQ(run("ffmpeg", "-v error -f lavfi -i testsrc2=size=320x180:rate=25 -frames:v 24 -vsync 0"
                             " -vf 'setpts=N+floor(N*N/16)' -c:v libopenh264 -g 8 in.mp4"),
               0)
@@ -43,11 +44,118 @@ TEST_F(InstalledTool, KeepsTimesOfVariableFrameRateAndCutsAtKeyFrames) {
     ASSERT_EQ(run("kelvane", "transcode in.mp4 -r 160x90@200k -o whole"), 0) << errors;
     EXPECT_EQ(probe("whole/160x90.mp4", "packet=pts_time"), times);
 
-    // From picture 8 (0.48 s, a key frame) to 13 (0.92 s); the next is shown at 1.04 s.
-    ASSERT_EQ(run("kelvane", "transcode in.mp4 -r 160x90@200k -o part --start 0.6 --duration 0.4"), 0)
+    // From picture 10 (0.64 s), two behind a key frame, to 13 (0.92 s); the next is shown at 1.04 s.
+    ASSERT_EQ(run("kelvane", "transcode in.mp4 -r 160x90@200k -o part --start 00:0.6 --duration 0.4"), 0)
         << errors;
-    EXPECT_EQ(probe("part/160x90.mp4", "packet=pts_time"),
-              "0.000000\n0.080000\n0.160000\n0.240000\n0.360000\n0.440000\n");
+    EXPECT_EQ(probe("part/160x90.mp4", "packet=pts_time,flags"),
+              "0.040000,K_\n0.120000,__\n0.240000,__\n0.320000,__\n");
+    expectFailure("transcode in.mp4 -o new --start 1:60", 2, "expected seconds, mm:ss");
+    // 60 pictures a second, with a gap: of each pair one, also behind the gap.
+    ASSERT_EQ(run("ffmpeg", "-v error -y -f lavfi -i testsrc2=size=320x180:rate=60 -frames:v 60 -vsync 0"
+                            " -vf \"setpts='N+if(gte(N,30),5,0)'\" -c:v libopenh264 in.mp4"),
+              0)
+        << errors;
+    ASSERT_EQ(run("kelvane", "transcode in.mp4 -r 160x90@200k,fps=30,key=10 -o halved"), 0) << errors;
+    std::istringstream packets(probe("halved/160x90.mp4", "packet=pts_time,flags"));
+    int count = 0;
+    double before = -1 / 30.0;
+    for (std::string packet; std::getline(packets, packet); ++count) {
+        const double time = std::stod(packet);
+        EXPECT_NEAR(time - before, count == 15 ? 7 / 60.0 : 2 / 60.0, count == 15 || count == 16 ? 0.018 : 0.002) << packet;
+        EXPECT_EQ(packet.find("K_") != std::string::npos, count % 10 == 0) << packet;
+        before = time;
+    }
+    EXPECT_NEAR(count, 30, 1);
+}
+
+namespace {
+
+// When something begins: the first of values above the limit, each time after a rest.
+std::vector<double> beginnings(const std::string& values, size_t size, double rate, const auto& isLoud) {
+    std::vector<double> times;
+    for (size_t i = 0; (i + 1) * size <= values.size(); ++i)
+        if (const double time = static_cast<double>(i) / rate;
+            isLoud(&values[i * size]) && (times.empty() || time - times.back() > 0.5))
+            times.push_back(time);
+    return times;
+}
+
+} // namespace
+
+TEST_F(InstalledTool, CarriesSoundInStepWithThePictures) {
+    // A flash and a click each second, from the first on.
+    ASSERT_EQ(run("ffmpeg", "-v error -f lavfi -i \"color=size=160x90:rate=25,drawbox=color=white:t=fill:"
+                            "enable='between(mod(t,1),0.47,0.55)'\" -f lavfi -i "
+                            "\"aevalsrc='if(between(mod(t,1),0.481,0.51),0.9*sin(6000*t),0)':s=48000\""
+                            " -t 4 -c:v libopenh264 -g 40 -c:a aac plain.mp4"),
+              0)
+        << errors;
+    for (const std::string made :
+         {"-ss 1.2 -i plain.mp4 -c copy edit.mp4", "-i plain.mp4 -c copy stream.ts",
+          "-i plain.mp4 -itsoffset 0.3 -i plain.mp4 -map 0:v -map 1:a -c copy later.mkv",
+          "-i plain.mp4 -c:v copy -c:a pcm_s16le -ar 37800 pcm.mkv",
+          "-i plain.mp4 -i plain.mp4 -map 0:v -map 0:a -map 1:a -c copy -disposition:a:0 0 -disposition:a:1 default two.mp4"})
+        ASSERT_EQ(run("ffmpeg", "-v error " + made), 0) << errors;
+    const struct {
+        const char *arguments, *sound;
+        size_t flashes;
+        double shift; // of the clicks, in seconds
+    } cases[] = {{"plain.mp4", "track 1 of 1, AAC, copied", 4, 0},
+                 {"plain.mp4 --start 1.2 --duration 0:2", "copied", 2, 0},
+                 {"edit.mp4", "copied", 3, 0},
+                 {"stream.ts", "track 1 of 1", 4, 0},
+                 {"later.mkv", "copied", 4, 0.3},
+                 {"pcm.mkv", "pcm_s16le, encoded as AAC", 4, 0},
+                 {"pcm.mkv --start 0.7", "encoded", 3, 0},
+                 {"two.mp4", "track 2 of 2", 4, 0},
+                 {"two.mp4 --audio 1", "track 1 of 2", 4, 0}};
+    for (const auto& [arguments, sound, flashCount, shift] : cases) {
+        SCOPED_TRACE(arguments);
+        ASSERT_EQ(run("kelvane", std::string("transcode --no-compare -r 80x46@200k -o out ") + arguments), 0) << errors;
+        EXPECT_EQ(errors, "");
+        EXPECT_NE(output.find(std::string("sound: ")), std::string::npos) << output;
+        EXPECT_NE(output.find(sound), std::string::npos) << output;
+        EXPECT_EQ(run("ffmpeg", "-v error -y -i out/80x46.mp4 -vsync 0 -vf scale=1:1,format=rgb24 -f rawvideo pictures"
+                                " -af aresample=async=1:first_pts=0 -ac 1 -ar 48000 -f s16le samples"),
+                  0)
+            << errors;
+        const auto flashes = beginnings(contents(path("pictures")), 3, 25,
+                                        [](const char* rgb) { return static_cast<uint8_t>(*rgb) > 128; });
+        const auto clicks = beginnings(contents(path("samples")), 2, 48000, [](const char* sample) {
+            return std::abs(*reinterpret_cast<const int16_t*>(sample)) > 6000;
+        });
+        const std::string first = probe("-select_streams v out/80x46.mp4", "stream=start_time");
+        EXPECT_EQ(flashes.size(), flashCount);
+        ASSERT_EQ(clicks.size(), flashes.size());
+        for (size_t i = 0; i < clicks.size(); ++i)
+            EXPECT_NEAR(clicks[i], flashes[i] + std::stod(first) + shift, 0.02) << i;
+    }
+    EXPECT_EQ(run("kelvane", "transcode two.mp4 --audio none -r 80x46@200k -o out"), 0) << errors;
+    EXPECT_EQ(probe("out/80x46.mp4", "stream=codec_name"), "h264\n");
+    expectFailure("transcode two.mp4 --audio 3 -o new", 1, "has 2 sound tracks");
+}
+
+TEST_F(InstalledTool, KeepsTheMeaningOfPictures) {
+    ASSERT_EQ(run("ffmpeg", "-v error -i " TEST_DATA "/baseline.h264 -c copy -bsf:v h264_metadata="
+                            "sample_aspect_ratio=4/3:video_full_range_flag=1:colour_primaries=5:"
+                            "transfer_characteristics=6:matrix_coefficients=5 -metadata:s:v:0 rotate=270 -aspect 44:27 in.mp4"),
+              0)
+        << errors;
+    const std::string entries = "stream=sample_aspect_ratio,color_range,color_space,color_transfer,color_primaries"
+                                ":stream_tags=rotate -of default=nw=1";
+    const std::string source = probe("in.mp4", entries);
+    EXPECT_NE(source.find("rotate=90"), std::string::npos) << source;
+    EXPECT_NE(source.find("color_range=pc"), std::string::npos) << source;
+    ASSERT_EQ(run("kelvane", "transcode in.mp4 -r 88x72@300k -r 90x90@200k -o out"), 0) << errors;
+    std::smatch row;
+    ASSERT_TRUE(std::regex_search(output, row, std::regex("\n88x72 .* ([0-9.]+) dB "))) << output;
+    EXPECT_GT(std::stod(row[1]), 30) << "compared in the same range";
+    EXPECT_EQ(probe("out/88x72.mp4", entries), source);
+    EXPECT_EQ(probe("out/88x72.h264", entries) + "TAG:rotate=90\n", source);
+    EXPECT_EQ(probe("out/90x90.mp4", "stream=sample_aspect_ratio"), "44:27\n\n");
+    ASSERT_EQ(run("kelvane", "process in.mp4 --module '" + (tree / "modules/grayscale.so").string() + "' -o out/gray"), 0)
+        << errors;
+    EXPECT_EQ(probe("out/gray.mp4", entries), source);
 }
 
 TEST_F(InstalledTool, KeepsWhatDecodesOfADamagedFile) {

@@ -3,13 +3,13 @@ package com.kelvane.media.tool;
 import com.kelvane.media.AacEncoder;
 import com.kelvane.media.OpusDecoder;
 import com.kelvane.media.OpusEncoder;
-import com.kelvane.media.VideoDecoder;
 import com.kelvane.media.tool.input.AudioTrack;
 import com.kelvane.media.tool.input.PcmFile;
 import com.kelvane.media.tool.input.SoundPackets;
 import com.kelvane.media.tool.output.OggOpusWriter;
 import com.kelvane.media.tool.output.Workspace;
 import com.kelvane.media.tool.shell.Caller;
+import com.kelvane.media.tool.shell.FFmpegLog;
 import com.kelvane.media.tool.shell.Failure;
 import com.kelvane.media.tool.shell.MediaProgram;
 import com.kelvane.media.tool.shell.Progress;
@@ -57,7 +57,7 @@ final class AudioCommand implements Callable<Integer> {
         AudioTrack track = AudioTrack.open(Caller.path(input));
         check(!Workspace.wouldReplace(track.file().path(), result.getParent(), List.of(name)),
                 result + " is the input itself; name another file with -o");
-        VideoDecoder.open().close(); // silences FFmpeg's log for the whole process
+        FFmpegLog.silence();
         long begin = System.nanoTime();
         double seconds;
         long bytes;

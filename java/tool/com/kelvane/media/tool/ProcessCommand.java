@@ -2,15 +2,20 @@ package com.kelvane.media.tool;
 
 import com.kelvane.media.Pipeline;
 import com.kelvane.media.ProcessingModule;
-import com.kelvane.media.tool.input.AccessUnits;
+import com.kelvane.media.tool.input.AacSource;
+import com.kelvane.media.tool.input.AudioTrack;
+import com.kelvane.media.tool.input.Timeline;
+import com.kelvane.media.tool.input.VideoSource;
 import com.kelvane.media.tool.input.VideoTrack;
 import com.kelvane.media.tool.output.Comparison;
 import com.kelvane.media.tool.output.ContactSheet;
 import com.kelvane.media.tool.output.RenditionOutput;
 import com.kelvane.media.tool.output.RenditionRequest;
+import com.kelvane.media.tool.output.Results;
 import com.kelvane.media.tool.output.Summary;
 import com.kelvane.media.tool.output.Workspace;
 import com.kelvane.media.tool.shell.Caller;
+import com.kelvane.media.tool.shell.FFmpegLog;
 import com.kelvane.media.tool.shell.Failure;
 import com.kelvane.media.tool.shell.Progress;
 import java.io.IOException;
@@ -23,6 +28,7 @@ import java.util.Map;
 import java.util.concurrent.Callable;
 import picocli.CommandLine.Command;
 import picocli.CommandLine.ITypeConverter;
+import picocli.CommandLine.Mixin;
 import picocli.CommandLine.Model.CommandSpec;
 import picocli.CommandLine.Option;
 import picocli.CommandLine.ParameterException;
@@ -69,6 +75,12 @@ final class ProcessCommand implements Callable<Integer> {
     @Option(names = {"-o", "--output"}, paramLabel = "OUT", description = "Path of the results, without extension (default:"
             + " ${DEFAULT-VALUE}).")
     private Path out = Path.of("processed");
+
+    @Mixin
+    private SoundOption sound;
+
+    @Option(names = "--no-compare", description = "Leave out the comparison with the source: PSNR and picture sheet.")
+    private boolean noComparison;
 
     record Setting(String key, String value) {
     }
@@ -136,32 +148,43 @@ final class ProcessCommand implements Callable<Integer> {
 
     private void process(VideoTrack track, ProcessingModule module, Pipeline pipeline, String name, Workspace workspace)
             throws IOException {
-        Progress.stage("reading " + track.path().getFileName());
-        AccessUnits source = new AccessUnits(track, 0, 0, workspace.folder());
-        Progress.clear();
-        Summary.head(source, track);
+        FFmpegLog.silence();
+        Summary.head(track);
+        AudioTrack audio = sound.choose(track);
+        Timeline timeline = track.timeline(audio, 0, Double.POSITIVE_INFINITY);
         // The encoder leaves out the last column and row of an odd size.
         RenditionOutput output = passThrough
-                ? new RenditionOutput(track.width(), track.height(), track.frameRate(), true, workspace)
-                : new RenditionOutput(track.width() / 2 * 2, track.height() / 2 * 2, track.frameRate(), true, workspace);
-        Processing processing = new Processing(pipeline, output);
-        try (output) {
-            processing.run(source);
+                ? new RenditionOutput(track.width(), track.height(), track.frameRate(), true)
+                : new RenditionOutput(track.width() / 2 * 2, track.height() / 2 * 2, track.frameRate(), true);
+        Processing processing;
+        String damage;
+        int accessUnits;
+        try (AacSource heard = audio == null ? null : AacSource.open(audio, timeline);
+                Results files = new Results(List.of(output), track.meaning(), heard, workspace);
+                VideoSource source = new VideoSource(track, timeline)) {
+            processing = new Processing(pipeline, files);
+            processing.run(source, track.seconds());
+            checkProduced(track, module, pipeline.statistics());
+            Progress.stage("writing the MP4 file");
+            files.finish();
+            accessUnits = source.count();
+            damage = source.damage(processing.kept().last() / 1000.0 + 1 / track.frameRate());
         }
         Pipeline.Statistics statistics = pipeline.statistics();
-        checkProduced(track, module, statistics);
-
-        Progress.stage("writing the MP4 file");
-        RenditionOutput.makeContainers(List.of(output), workspace);
-        Progress.stage("comparing with the source");
-        List<Long> moments = processing.kept().moments();
         double seconds = processing.kept().seconds(track.frameRate());
-        Comparison comparison = new Comparison(track, source, List.of(output), moments, workspace);
+        List<Long> moments = processing.kept().moments();
+        Comparison comparison = null;
+        if (!noComparison) {
+            Progress.stage("comparing with the source");
+            try (VideoSource source = new VideoSource(track, timeline)) {
+                comparison = new Comparison(track, source, List.of(output), moments, workspace);
+            }
+        }
         Map<String, String> files = new LinkedHashMap<>();
         files.put(output.streamName(), name + ".h264");
         files.put(output.containerName(), name + ".mp4");
-        if (comparison.grid() != null) {
-            drawSheet(track, module, output, moments, seconds, comparison, workspace.path("sheet.png"));
+        if (comparison != null && comparison.grid() != null) {
+            drawSheet(track, statistics, moments, seconds, comparison, workspace.path("sheet.png"));
             files.put("sheet.png", name + ".png");
         }
         for (Map.Entry<String, String> file : files.entrySet()) {
@@ -170,7 +193,7 @@ final class ProcessCommand implements Callable<Integer> {
         workspace.publish(List.copyOf(files.values()));
         Progress.clear();
         summarise(statistics, seconds);
-        Summary.notes(source, statistics.pictures(), comparison);
+        Summary.notes(accessUnits, statistics.pictures(), damage, comparison);
     }
 
     private static void checkProduced(VideoTrack track, ProcessingModule module, Pipeline.Statistics statistics) {
@@ -186,12 +209,12 @@ final class ProcessCommand implements Callable<Integer> {
         }
     }
 
-    private static void drawSheet(VideoTrack track, ProcessingModule module, RenditionOutput output, List<Long> moments,
+    private static void drawSheet(VideoTrack track, Pipeline.Statistics statistics, List<Long> moments,
                                   double seconds, Comparison comparison, Path file) throws IOException {
         List<ContactSheet.Label> labels = List.of(
                 new ContactSheet.Label("before", List.of(track.width() + "x" + track.height(),
                         String.format("%.2f pictures/s", track.frameRate()))),
-                Summary.label("after", output, seconds, comparison.psnr(0)));
+                Summary.label("after", statistics.bytes(), seconds, comparison.psnr(0)));
         ContactSheet.draw(track.path().getFileName().toString(), comparison.grid(), comparison.cellHeights(), labels, moments,
                 file);
     }
@@ -205,7 +228,7 @@ final class ProcessCommand implements Callable<Integer> {
         if (statistics.failed() > 0) {
             Summary.line("%-24s%d", "not encoded", statistics.failed());
         }
-        Summary.line("%-24s%d (%.1f kbit/s)", "encoded bytes", statistics.bytes(), statistics.bytes() * 8 / seconds / 1000);
+        Summary.line("%-24s%d (%.1f kbit/s)", "encoded bytes", statistics.bytes(), Summary.kilobitsPerSecond(statistics.bytes(), seconds));
         Summary.line("%-24s%.2f ms %s", passThrough ? "in the module" : "through the pipeline",
                 Summary.milliseconds(statistics.time(), statistics.pictures()),
                 passThrough ? "an access unit" : "a picture");

@@ -1,12 +1,14 @@
 package com.kelvane.media.tool;
 
+import com.kelvane.media.AccessUnit;
 import com.kelvane.media.EncodedPicture;
 import com.kelvane.media.Rendition;
 import com.kelvane.media.Transcoder;
-import com.kelvane.media.VideoDecoder;
-import com.kelvane.media.tool.input.AccessUnits;
+import com.kelvane.media.tool.input.Timeline;
+import com.kelvane.media.tool.input.VideoSource;
+import com.kelvane.media.tool.input.VideoTrack;
 import com.kelvane.media.tool.output.PictureTimes;
-import com.kelvane.media.tool.output.RenditionOutput;
+import com.kelvane.media.tool.output.Results;
 import com.kelvane.media.tool.shell.Progress;
 import java.io.IOException;
 import java.io.UncheckedIOException;
@@ -16,27 +18,36 @@ import java.util.List;
 
 /** Runs a source's access units through the library's transcoder. */
 final class Transcoding {
-    private final List<RenditionOutput> outputs;
+    private final Timeline timeline;
+    private final RateReducer[] reducers;
     private final PictureTimes times = new PictureTimes();
+    private final Results results;
+    private final PictureTimes shown = new PictureTimes();
+    private int taken; // renditions that have the picture at hand
+    private long last = Long.MIN_VALUE;
     private Transcoder.Statistics statistics;
     private double cpuSeconds;
     private double seconds;
 
-    /** @param outputs take what comes out, in the order of the renditions */
-    Transcoding(List<RenditionOutput> outputs) {
-        this.outputs = outputs;
+    /**
+     * @param rates pictures per second of each rendition
+     * @param results take what comes out
+     */
+    Transcoding(VideoTrack track, Timeline timeline, List<Double> rates, Results results) {
+        this.timeline = timeline;
+        this.results = results;
+        reducers = rates.stream().map(rate -> new RateReducer(track.frameRate(), rate)).toArray(RateReducer[]::new);
     }
 
-    void run(List<Rendition> renditions, AccessUnits source) throws IOException {
+    void run(List<Rendition> renditions, VideoSource source, double expectedSeconds) throws IOException {
         ThreadMXBean threads = ManagementFactory.getThreadMXBean();
         long cpuBegin = threads.getCurrentThreadCpuTime();
         long begin = System.nanoTime();
-        VideoDecoder.open().close(); // silences FFmpeg's log for the whole process; damage is counted, not logged
-        try (Transcoder transcoder = Transcoder.builder().renditions(renditions).open();
-                AccessUnits.Reader reader = source.read(); Progress progress = new Progress(source.count())) {
-            for (int i = 0; i < source.count(); i++) {
-                transcoder.write(reader.next(), source.time(i), this::take);
-                progress.update(i + 1, transcoder.statistics().pictures(), times.last());
+        try (Transcoder transcoder = Transcoder.builder().renditions(renditions).select(this::wants).open();
+                Progress progress = new Progress(Math.round(1000 * expectedSeconds))) {
+            for (AccessUnit unit = source.next(); unit != null && last < timeline.length(); unit = source.next()) {
+                transcoder.write(unit.bytes(), unit.time(), this::take);
+                progress.update(shown.last(), transcoder.statistics().pictures(), shown.last());
             }
             transcoder.drain(this::take);
             statistics = transcoder.statistics();
@@ -47,18 +58,43 @@ final class Transcoding {
         cpuSeconds = (threads.getCurrentThreadCpuTime() - cpuBegin) / 1e9;
     }
 
+    private boolean wants(int index, long time) {
+        if (index == 0) {
+            taken = 0;
+            last = time;
+            if (timeline.shows(time)) {
+                shown.add(time);
+            }
+        }
+        return timeline.shows(time) && reducers[index].keeps(time);
+    }
+
     private void take(EncodedPicture picture) {
-        times.add(picture.time());
+        long time = picture.time();
+        taken++;
+        if (taken == reducers.length) {
+            times.add(time);
+        }
         try {
-            outputs.get(picture.index()).write(picture.copy(), picture.time(), picture.time());
+            results.write(picture.index(), picture.copy(), time, time);
         } catch (IOException problem) {
             throw new UncheckedIOException(problem);
         }
     }
 
-    /** Times of the pictures that were encoded. */
+    /** Times of the pictures that are in every rendition. */
     PictureTimes times() {
         return times;
+    }
+
+    /** Time of the picture that was decoded last. */
+    long last() {
+        return last;
+    }
+
+    /** Times of the pictures that were decoded and lie within what is asked for. */
+    PictureTimes shown() {
+        return shown;
     }
 
     Transcoder.Statistics statistics() {

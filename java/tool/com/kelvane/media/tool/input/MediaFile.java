@@ -21,8 +21,12 @@ import java.util.stream.Collectors;
  * @param format the same of the container
  */
 public record MediaFile(Path path, List<Map<String, String>> streams, Map<String, String> format) {
-    /** @param entries which entries to look up, in FFprobe's notation; needs the streams' codec_type and codec_name */
-    public static MediaFile open(Path path, String entries) throws IOException {
+    private static final String ENTRIES = "stream=index,codec_type,codec_name,profile,width,height,pix_fmt,has_b_frames,"
+            + "avg_frame_rate,r_frame_rate,duration,start_time,sample_aspect_ratio,color_range,color_space,color_transfer,"
+            + "color_primaries,sample_rate,channels:stream_disposition=attached_pic,default:stream_tags=rotate"
+            + ":format=format_name,duration";
+
+    public static MediaFile open(Path path) throws IOException {
         if (!Files.exists(path)) {
             throw new Failure("%s: no such file", path);
         }
@@ -33,9 +37,13 @@ public record MediaFile(Path path, List<Map<String, String>> streams, Map<String
             throw new Failure("%s: permission denied", path);
         }
         MediaFile file = new MediaFile(path, new ArrayList<>(), new HashMap<>());
-        file.probe(List.of("-show_entries", entries), line -> {
+        file.probe(List.of("-show_entries", ENTRIES), line -> {
             if (line.startsWith("stream|")) {
-                file.streams.add(entries(line));
+                Map<String, String> stream = entries(line);
+                // Where a container has programs, their streams are listed once more.
+                if (file.streams.stream().noneMatch(known -> known.get("index").equals(stream.get("index")))) {
+                    file.streams.add(stream);
+                }
             } else if (line.startsWith("format|")) {
                 file.format.putAll(entries(line));
             }
@@ -61,6 +69,11 @@ public record MediaFile(Path path, List<Map<String, String>> streams, Map<String
                         .map(stream -> stream.getOrDefault("codec_type", "unknown") + " "
                                 + stream.getOrDefault("codec_name", ""))
                         .map(String::strip).distinct().collect(Collectors.joining(", "))));
+    }
+
+    /** Whether the container is, or may be, one of FFmpeg's name. */
+    boolean hasFormat(String name) {
+        return List.of(format.getOrDefault("format_name", "").split(",")).contains(name);
     }
 
     /** 0 when there is none. */

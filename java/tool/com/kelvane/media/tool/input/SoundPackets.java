@@ -13,7 +13,6 @@ import java.nio.file.Files;
 import java.nio.file.Path;
 import java.nio.file.StandardOpenOption;
 import java.util.ArrayList;
-import java.util.Arrays;
 import java.util.List;
 import java.util.Map;
 import java.util.Optional;
@@ -79,13 +78,13 @@ public final class SoundPackets {
         int bytesPerSample = PcmFile.BYTES_PER_SAMPLE * track.channels();
         long samples = 0;
         byte[] silence = {};
-        byte[] config = track.codec().equals("aac") ? configuration(Files.readAllBytes(folder.resolve(FIRST))) : null;
+        byte[] config = track.codec().equals("aac") ? Adts.configuration(Files.readAllBytes(folder.resolve(FIRST))) : null;
         try (InputStream input = new BufferedInputStream(Files.newInputStream(folder.resolve(PACKETS)), 1 << 16);
                 OutputStream output = new BufferedOutputStream(Files.newOutputStream(pcm.path()), 1 << 16);
                 SoundDecoder decoder = new SoundDecoder(track, config);
                 Progress progress = new Progress(count())) {
             for (int i = 0; i < count(); i++) {
-                Optional<byte[]> decoded = decoder.decode(withoutHeader(input.readNBytes(sizes.get(i))));
+                Optional<byte[]> decoded = decoder.decode(Adts.strip(input.readNBytes(sizes.get(i))));
                 if (decoded.isEmpty()) {
                     lost++;
                 } else if (silence.length != decoded.get().length) {
@@ -109,23 +108,5 @@ public final class SoundPackets {
             }
         }
         return pcm;
-    }
-
-    private byte[] withoutHeader(byte[] packet) {
-        boolean adts = track.codec().equals("aac") && packet.length > 9 && (packet[0] & 0xff) == 0xff
-                && (packet[1] & 0xf6) == 0xf0;
-        // A checksum of two bytes follows the header unless its last bit here says that there is none.
-        return adts ? Arrays.copyOfRange(packet, (packet[1] & 1) == 1 ? 7 : 9, packet.length) : packet;
-    }
-
-    /** The AudioSpecificConfig that an ADTS header amounts to. */
-    private static byte[] configuration(byte[] adts) throws IOException {
-        if (adts.length < 7) {
-            throw new IOException("the first AAC packet could not be copied");
-        }
-        int objectType = (adts[2] >> 6 & 3) + 1;
-        int rateIndex = adts[2] >> 2 & 15;
-        int channels = (adts[2] & 1) << 2 | adts[3] >> 6 & 3;
-        return new byte[] {(byte) (objectType << 3 | rateIndex >> 1), (byte) (rateIndex << 7 | channels << 3)};
     }
 }

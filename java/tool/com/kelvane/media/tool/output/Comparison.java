@@ -1,9 +1,11 @@
 package com.kelvane.media.tool.output;
 
-import com.kelvane.media.tool.input.AccessUnits;
+import com.kelvane.media.AccessUnit;
+import com.kelvane.media.tool.input.VideoSource;
 import com.kelvane.media.tool.input.VideoTrack;
 import com.kelvane.media.tool.shell.MediaProgram;
 import java.awt.image.BufferedImage;
+import java.io.BufferedOutputStream;
 import java.io.IOException;
 import java.nio.file.Files;
 import java.util.ArrayList;
@@ -20,7 +22,7 @@ import javax.imageio.ImageIO;
  */
 public final class Comparison {
     private static final int CELL_WIDTH = 320;
-    private static final String SOURCE = "source.mkv";
+    private static final int SHIFT = 1_000_000; // ms; there are pictures before 0, where a cut needs them
     private static final String SCRIPT = "comparison.txt";
     private static final String PICTURES = "comparison.png";
     private static final Pattern PSNR = Pattern.compile("\\[psnr@(\\d+) .*PSNR y:(\\S+).*");
@@ -31,17 +33,12 @@ public final class Comparison {
     private int damagedPictures;
 
     /**
+     * @param source the access units once more
      * @param outputs finished renditions
      * @param moments times of the pictures to show, in milliseconds, ascending
      */
-    public Comparison(VideoTrack track, AccessUnits source, List<RenditionOutput> outputs, List<Long> moments, Workspace workspace)
-            throws IOException {
-        try (AccessUnits.Reader reader = source.read(); MatroskaWriter timed = new MatroskaWriter(workspace.path(SOURCE),
-                track.width(), track.height(), track.frameRate(), true)) {
-            for (int i = 0; i < source.count(); i++) {
-                timed.write(reader.next(), source.time(i));
-            }
-        }
+    public Comparison(VideoTrack track, VideoSource source, List<RenditionOutput> outputs, List<Long> moments,
+                      Workspace workspace) throws IOException {
         psnr = new double[outputs.size()];
         Arrays.fill(psnr, Double.NaN);
         cellHeights = new int[outputs.size() + 1];
@@ -52,16 +49,30 @@ public final class Comparison {
         Files.writeString(workspace.path(SCRIPT), graph(outputs, moments));
         List<String> command = new ArrayList<>(List.of("-v", "info", "-copyts"));
         // A new size in mid-stream is left to the scale filters: FFmpeg would make the graph anew and begin all counts again.
-        List<String> inputs = new ArrayList<>(List.of(SOURCE));
-        outputs.forEach(output -> inputs.add(output.comparedName()));
-        for (String file : inputs) {
-            command.addAll(List.of("-reinit_filter", "0", "-f", "matroska", "-i", file));
+        command.addAll(List.of("-reinit_filter", "0", "-f", "matroska", "-i", "pipe:0"));
+        for (RenditionOutput output : outputs) {
+            command.addAll(List.of("-reinit_filter", "0", "-itsoffset", Integer.toString(SHIFT / 1000), "-noautorotate", "-i",
+                    output.comparedName()));
         }
         command.addAll(List.of("-filter_complex_script", SCRIPT, "-map", "[pictures]", "-vsync", "0", "-f", "image2", "-update",
                 "1", PICTURES));
-        if (MediaProgram.FFMPEG.run(workspace.folder(), command, line -> { }, this::read) == 0
-                && Files.exists(workspace.path(PICTURES))) {
-            grid = ImageIO.read(workspace.path(PICTURES).toFile());
+        try (MediaProgram.Running program = MediaProgram.FFMPEG.start(workspace.folder(), command, true, this::read)) {
+            feed(program, track, source);
+            if (program.finish() == 0 && Files.exists(workspace.path(PICTURES))) {
+                grid = ImageIO.read(workspace.path(PICTURES).toFile());
+            }
+        }
+    }
+
+    private static void feed(MediaProgram.Running program, VideoTrack track, VideoSource source)
+            throws IOException {
+        try (MatroskaWriter timed = new MatroskaWriter(new BufferedOutputStream(program.input(), 1 << 16))) {
+            timed.addVideo(track.width(), track.height(), track.frameRate(), true);
+            for (AccessUnit unit = source.next(); unit != null; unit = source.next()) {
+                timed.writePicture(1, unit.bytes(), Math.max(0, unit.time() + SHIFT));
+            }
+        } catch (IOException enough) {
+            // The program ends with the shortest stream.
         }
     }
 
@@ -112,7 +123,7 @@ public final class Comparison {
             graph.append("[cell").append(i).append(']');
         }
         return graph.append("vstack=inputs=").append(outputs.size() + 1).append(":shortest=1,select='")
-                .append(moments.stream().map(moment -> "eq(round(t*1000)," + moment + ")").collect(Collectors.joining("+")))
+                .append(moments.stream().map(moment -> "eq(round(t*1000)," + (moment + SHIFT) + ")").collect(Collectors.joining("+")))
                 .append("',tile=").append(moments.size()).append("x1[pictures]\n").toString();
     }
 
@@ -121,6 +132,9 @@ public final class Comparison {
     }
 
     private void read(String line) {
+        if (line == null) {
+            return;
+        }
         Matcher measured = PSNR.matcher(line);
         if (measured.matches()) {
             psnr[Integer.parseInt(measured.group(1)) - 1] =

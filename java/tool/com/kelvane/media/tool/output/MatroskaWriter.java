@@ -1,55 +1,91 @@
 package com.kelvane.media.tool.output;
 
-import java.io.BufferedOutputStream;
 import java.io.ByteArrayOutputStream;
 import java.io.Closeable;
 import java.io.DataOutputStream;
 import java.io.IOException;
+import java.io.OutputStream;
 import java.nio.ByteBuffer;
 import java.nio.charset.StandardCharsets;
-import java.nio.file.Files;
-import java.nio.file.Path;
 import java.util.ArrayList;
 import java.util.Arrays;
 import java.util.List;
+import java.util.Objects;
 
 /**
- * Writes H.264 access units with their presentation times into a Matroska file, which FFmpeg then copies into a container
- * of choice, or decodes: a raw stream would lose the times.
+ * Writes H.264 and AAC access units with their presentation times as one Matroska stream, which FFmpeg then copies into
+ * containers of choice, or decodes: raw streams would lose the times.
  */
 public final class MatroskaWriter implements Closeable {
     private static final int SLICE_IDR = 5;
     private static final int SEQUENCE_PARAMETERS = 7;
     private static final int PICTURE_PARAMETERS = 8;
     private static final int HIGH_PROFILE = 100;
+    private static final int VIDEO = 1;
+    private static final int SOUND = 2;
+    private static final long LEAD = 1000; // ms; pictures before 0 need not begin with the earliest
 
-    private final DataOutputStream file;
-    private final int width;
-    private final int height;
-    private final double frameRate;
-    private final boolean keepParameterSets;
+    private final DataOutputStream stream;
+    private final List<Track> tracks = new ArrayList<>();
+    private final List<byte[]> waiting = new ArrayList<>(); // clusters, until all tracks are known
     private boolean begun;
 
-    /**
-     * @param frameRate pictures per second; tells how long the last picture lasts
-     * @param keepParameterSets whether access units keep theirs, which may change in mid-stream; otherwise those of the
-     *     first one serve for all
-     */
-    public MatroskaWriter(Path path, int width, int height, double frameRate, boolean keepParameterSets) throws IOException {
-        file = new DataOutputStream(new BufferedOutputStream(Files.newOutputStream(path), 1 << 16));
-        this.width = width;
-        this.height = height;
-        this.frameRate = frameRate;
-        this.keepParameterSets = keepParameterSets;
+    private static final class Track {
+        private int width;
+        private int height;
+        private double frameRate;
+        private boolean keepParameterSets;
+        private byte[] entry; // the TrackEntry, once it is known
+        private long delay;
+    }
+
+    public MatroskaWriter(OutputStream stream) {
+        this.stream = new DataOutputStream(stream);
     }
 
     /**
-     * Adds an access unit, in decoding order. What comes before the first parameter sets cannot be decoded and is left out.
+     * Adds a video track; all tracks come before their contents.
+     *
+     * @param frameRate pictures per second; tells how long the last picture lasts
+     * @param keepParameterSets whether access units keep theirs, which may change in mid-stream; otherwise those of the
+     *     first one serve for all
+     * @return the track's number
+     */
+    public int addVideo(int width, int height, double frameRate, boolean keepParameterSets) {
+        Track track = new Track();
+        track.width = width;
+        track.height = height;
+        track.frameRate = frameRate;
+        track.keepParameterSets = keepParameterSets;
+        tracks.add(track);
+        return tracks.size();
+    }
+
+    /**
+     * Adds an AAC track.
+     *
+     * @param configuration its AudioSpecificConfig
+     * @param sampleRate in Hz
+     * @param delay milliseconds by which its times may precede 0
+     * @return the track's number
+     */
+    public int addSound(byte[] configuration, int sampleRate, int channels, long delay) throws IOException {
+        Track track = new Track();
+        track.delay = delay;
+        tracks.add(track);
+        track.entry = trackEntry(tracks.size(), SOUND, "A_AAC", configuration, delay, new byte[0],
+                element(0xe1, real(0xb5, sampleRate), number(0x9f, channels)));
+        return tracks.size();
+    }
+
+    /**
+     * Adds a picture, in decoding order. What comes before the first parameter sets cannot be decoded and is left out.
      *
      * @param accessUnit Annex-B
-     * @param time when it is shown, in milliseconds
+     * @param time when it is shown, in milliseconds; where a track begins before 0, that is not shown
      */
-    public void write(byte[] accessUnit, long time) throws IOException {
+    public void writePicture(int number, byte[] accessUnit, long time) throws IOException {
+        Track track = tracks.get(number - 1);
         ByteArrayOutputStream payload = new ByteArrayOutputStream(accessUnit.length + 16);
         DataOutputStream sample = new DataOutputStream(payload);
         byte[] sequence = null;
@@ -62,39 +98,72 @@ public final class MatroskaWriter implements Closeable {
             } else if (type == PICTURE_PARAMETERS) {
                 picture = unit;
             }
-            if (keepParameterSets || type != SEQUENCE_PARAMETERS && type != PICTURE_PARAMETERS) {
+            if (track.keepParameterSets || type != SEQUENCE_PARAMETERS && type != PICTURE_PARAMETERS) {
                 sample.writeInt(unit.length);
                 sample.write(unit);
             }
             key |= type == SLICE_IDR;
         }
-        if (!begun) {
+        if (track.entry == null) {
             if (sequence == null || picture == null) {
                 return;
             }
-            writeHead(configuration(sequence, picture));
-            begun = true;
+            track.delay = time < 0 ? LEAD - time : 0;
+            track.entry = trackEntry(number, VIDEO, "V_MPEG4/ISO/AVC", configuration(sequence, picture), track.delay,
+                    number(0x23e383, Math.round(1e9 / track.frameRate)),                  // DefaultDuration in nanoseconds
+                    element(0xe0, number(0xb0, track.width), number(0xba, track.height)));
         }
-        // A cluster for every picture: a block's own time is relative to its cluster's and has 16 bits only.
-        file.write(element(0x1f43b675, number(0xe7, time),                                // Cluster, Timestamp
-                element(0xa3, new byte[] {(byte) 0x81, 0, 0, (byte) (key ? 0x80 : 0)}, payload.toByteArray()))); // SimpleBlock
+        write(number, payload.toByteArray(), time + track.delay, key);
     }
 
+    /** Adds an AAC access unit, without a header; its time may precede 0 by the track's delay. */
+    public void writeSound(int number, byte[] accessUnit, long time) throws IOException {
+        write(number, accessUnit, time + tracks.get(number - 1).delay, true);
+    }
+
+    private void write(int number, byte[] payload, long delayedTime, boolean key) throws IOException {
+        long time = Math.max(0, delayedTime);
+        // A cluster for every block: a block's own time is relative to its cluster's and has 16 bits only.
+        byte[] cluster = element(0x1f43b675, number(0xe7, time),                          // Cluster, Timestamp
+                element(0xa3, new byte[] {(byte) (0x80 | number), 0, 0, (byte) (key ? 0x80 : 0)}, payload)); // SimpleBlock
+        if (begun) {
+            stream.write(cluster);
+            return;
+        }
+        waiting.add(cluster);
+        if (tracks.stream().allMatch(track -> track.entry != null)) {
+            begin();
+        }
+    }
+
+    /** Writes what there is, also when tracks turned out to be empty. */
     @Override
     public void close() throws IOException {
-        file.close();
+        if (!begun) {
+            begin();
+        }
+        stream.close();
     }
 
-    private void writeHead(byte[] configuration) throws IOException {
-        file.write(element(0x1a45dfa3, text(0x4282, "matroska"), number(0x4287, 2), number(0x4285, 2))); // EBML
-        file.writeInt(0x18538067);                                                        // Segment, to the end of the file
-        file.writeLong(0x01ffffffffffffffL);
-        file.write(element(0x1549a966, number(0x2ad7b1, 1_000_000)));                     // Info: times in milliseconds
-        file.write(element(0x1654ae6b, element(0xae,                                      // Tracks, TrackEntry
-                number(0xd7, 1), number(0x73c5, 1), number(0x83, 1), number(0x9c, 0),     // number, id, video, no lacing
-                text(0x86, "V_MPEG4/ISO/AVC"), element(0x63a2, configuration),
-                number(0x23e383, Math.round(1e9 / frameRate)),                            // DefaultDuration in nanoseconds
-                element(0xe0, number(0xb0, width), number(0xba, height)))));
+    private void begin() throws IOException {
+        stream.write(element(0x1a45dfa3, text(0x4282, "matroska"), number(0x4287, 2), number(0x4285, 2))); // EBML
+        stream.writeInt(0x18538067);                                                      // Segment, to the end of the file
+        stream.writeLong(0x01ffffffffffffffL);
+        stream.write(element(0x1549a966, number(0x2ad7b1, 1_000_000)));                   // Info: times in milliseconds
+        stream.write(element(0x1654ae6b, tracks.stream().map(track -> track.entry).filter(Objects::nonNull)
+                .toArray(byte[][]::new)));                                                // Tracks
+        for (byte[] cluster : waiting) {
+            stream.write(cluster);
+        }
+        waiting.clear();
+        begun = true;
+    }
+
+    private static byte[] trackEntry(int number, int type, String codec, byte[] configuration, long delay, byte[] timing,
+                                     byte[] format) throws IOException {
+        return element(0xae, number(0xd7, number), number(0x73c5, number), number(0x83, type), number(0x9c, 0), // no lacing
+                text(0x86, codec), element(0x63a2, configuration),
+                number(0x56aa, delay * 1_000_000), timing, format);                       // CodecDelay in nanoseconds
     }
 
     private static byte[] element(int id, byte[]... contents) throws IOException {
@@ -114,6 +183,10 @@ public final class MatroskaWriter implements Closeable {
 
     private static byte[] number(int id, long value) throws IOException {
         return element(id, ByteBuffer.allocate(Long.BYTES).putLong(value).array());
+    }
+
+    private static byte[] real(int id, double value) throws IOException {
+        return element(id, ByteBuffer.allocate(Double.BYTES).putDouble(value).array());
     }
 
     private static byte[] text(int id, String value) throws IOException {

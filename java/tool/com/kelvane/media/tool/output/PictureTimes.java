@@ -5,17 +5,18 @@ import java.util.Collections;
 import java.util.List;
 import java.util.stream.IntStream;
 
-/** Presentation times of the pictures that went out, in milliseconds. */
+/** Presentation times of pictures, in milliseconds. */
 public final class PictureTimes {
     private static final int MOMENTS = 4;
 
     private final List<Long> times = new ArrayList<>();
 
-    /** Notes a picture's time; the same time may come once for every rendition of the picture. */
     public void add(long time) {
-        if (times.isEmpty() || last() != time) {
-            times.add(time);
-        }
+        times.add(time);
+    }
+
+    public int count() {
+        return times.size();
     }
 
     /** Time of the picture that came last. */

@@ -116,10 +116,19 @@ public record RenditionRequest(Rendition settings, boolean rateGiven) {
         }
     }
 
+    /** Pictures per second of the result: what was asked for, or the source's rate, halved while it is above 60. */
+    public double pictureRate(double sourceRate) {
+        double rate = sourceRate;
+        while (!rateGiven && Math.round(rate) > LARGEST_FRAME_RATE) {
+            rate /= 2;
+        }
+        return rateGiven ? Math.min(settings.frameRate(), sourceRate) : rate;
+    }
+
     /** Fills in the defaults that follow from the source: its frame rate and a key frame every two seconds. */
-    public Rendition completed(double sourceFrameRate) {
-        Rendition rendition = rateGiven ? settings
-                : settings.frameRate((int) Math.max(1, Math.min(LARGEST_FRAME_RATE, Math.round(sourceFrameRate))));
+    public Rendition completed(double sourceRate) {
+        Rendition rendition = settings.frameRate((int) Math.max(1,
+                Math.min(LARGEST_FRAME_RATE, Math.round(pictureRate(sourceRate)))));
         return rendition.keyInterval() > 0 ? rendition : rendition.keyInterval(2 * rendition.frameRate());
     }
 }

@@ -3,7 +3,6 @@ package com.kelvane.media.tool.output;
 import com.kelvane.media.Rendition;
 import com.kelvane.media.Transcoder.RenditionStatistics;
 import com.kelvane.media.Transcoder.Statistics;
-import com.kelvane.media.tool.input.AccessUnits;
 import com.kelvane.media.tool.input.VideoTrack;
 import com.kelvane.media.tool.shell.Caller;
 import java.time.Duration;
@@ -15,15 +14,15 @@ public final class Summary {
     }
 
     /** A table of the renditions. */
-    public static void table(List<RenditionOutput> outputs, Statistics statistics, double seconds, Comparison comparison) {
+    public static void table(Statistics statistics, double seconds, Comparison comparison) {
         line("");
         row("rendition", "pictures", "skipped", "kbit/s", "target", "PSNR-Y", "ms/picture");
-        for (int i = 0; i < outputs.size(); i++) {
+        for (int i = 0; i < statistics.renditions().size(); i++) {
             RenditionStatistics rendition = statistics.renditions().get(i);
-            row(outputs.get(i).size(), rendition.pictures(), rendition.skipped(),
-                    String.format("%.1f", outputs.get(i).kilobitsPerSecond(seconds)), target(rendition.rendition()),
-                    decibels(comparison.psnr(i)),
-                    String.format("%.2f", milliseconds(rendition.encodeTime(), statistics.pictures())));
+            row(rendition.rendition().width() + "x" + rendition.rendition().height(), rendition.pictures(), rendition.skipped(),
+                    String.format("%.1f", kilobitsPerSecond(rendition.bytes(), seconds)), target(rendition.rendition()),
+                    comparison == null ? "-" : decibels(comparison.psnr(i)),
+                    String.format("%.2f", milliseconds(rendition.encodeTime(), rendition.pictures() + rendition.skipped())));
         }
         row("decoding", statistics.pictures(), "", "", "", "",
                 String.format("%.2f", milliseconds(statistics.decodeTime(), statistics.pictures())));
@@ -31,36 +30,42 @@ public final class Summary {
     }
 
     /** What the source is. */
-    public static void head(AccessUnits source, VideoTrack track) {
-        line("%s: %dx%d, %d access units, %.2f pictures a second", track.path(), track.width(), track.height(), source.count(),
-                track.frameRate());
+    public static void head(VideoTrack track) {
+        line("%s: %dx%d, %s%.2f pictures a second", track.path(), track.width(), track.height(),
+                track.seconds() > 0 ? String.format("%.1f s, ", track.seconds()) : "", track.frameRate());
     }
 
     /**
      * What is to be said about the source in the end.
      *
      * @param pictures how many came out of the decoder
+     * @param damage what is wrong with the file, or null
+     * @param comparison null when there was to be none
      */
-    public static void notes(AccessUnits source, long pictures, Comparison comparison) {
-        if (source.count() > pictures) {
-            line("damaged source: %d of %d access units gave no picture; the others were kept", source.count() - pictures,
-                    source.count());
+    public static void notes(int accessUnits, long pictures, String damage, Comparison comparison) {
+        if (accessUnits > pictures) {
+            line("damaged source: %d of %d access units gave no picture; the others were kept", accessUnits - pictures,
+                    accessUnits);
         }
-        if (comparison.damagedPictures() > 0) {
+        if (comparison != null && comparison.damagedPictures() > 0) {
             line("damaged source: the decoder made up the lost parts of %d pictures", comparison.damagedPictures());
         }
-        if (source.damage() != null) {
-            line("damaged source: %s; what could be read was kept", source.damage());
+        if (damage != null) {
+            line("damaged source: %s; what could be read was kept", damage);
         }
-        if (comparison.grid() == null) {
+        if (comparison != null && comparison.grid() == null) {
             line("the result could not be compared with the source, so there is no sheet of pictures");
         }
     }
 
     /** A rendition's figures for the contact sheet. */
-    public static ContactSheet.Label label(String name, RenditionOutput output, double seconds, double psnr) {
+    public static ContactSheet.Label label(String name, long bytes, double seconds, double psnr) {
         return new ContactSheet.Label(name,
-                List.of(String.format("%.0f kbit/s", output.kilobitsPerSecond(seconds)), "PSNR-Y " + decibels(psnr)));
+                List.of(String.format("%.0f kbit/s", kilobitsPerSecond(bytes, seconds)), "PSNR-Y " + decibels(psnr)));
+    }
+
+    public static double kilobitsPerSecond(long bytes, double seconds) {
+        return bytes * 8 / seconds / 1000;
     }
 
     /** Milliseconds for each of so many pictures. */
@@ -73,7 +78,7 @@ public final class Summary {
                 : String.format("%.1f", rendition.bitrate() / 1000.0);
     }
 
-    public static String decibels(double psnr) {
+    private static String decibels(double psnr) {
         return Double.isNaN(psnr) ? "-" : Double.isInfinite(psnr) ? "identical" : String.format("%.2f dB", psnr);
     }
 

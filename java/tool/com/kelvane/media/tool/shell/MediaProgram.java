@@ -1,12 +1,16 @@
 package com.kelvane.media.tool.shell;
 
 import java.io.BufferedReader;
+import java.io.Closeable;
 import java.io.File;
 import java.io.IOException;
 import java.io.InputStream;
 import java.io.InputStreamReader;
+import java.io.OutputStream;
 import java.io.UncheckedIOException;
+import java.lang.ProcessBuilder.Redirect;
 import java.nio.charset.StandardCharsets;
+import java.nio.file.Files;
 import java.nio.file.Path;
 import java.util.ArrayList;
 import java.util.List;
@@ -14,9 +18,9 @@ import java.util.Set;
 import java.util.concurrent.ConcurrentHashMap;
 import java.util.function.Consumer;
 
-/** Runs FFmpeg's programs of the installed tree, which do the container work; the library handles none. */
+/** FFmpeg's programs of the installed tree, which do the container work; the library handles none. */
 public enum MediaProgram {
-    FFMPEG("ffmpeg", "-nostdin", "-nostats", "-y"),
+    FFMPEG("ffmpeg", "-nostats", "-y"),
     FFPROBE("ffprobe");
 
     private static final Set<Process> RUNNING = ConcurrentHashMap.newKeySet();
@@ -24,9 +28,32 @@ public enum MediaProgram {
     private final List<String> start = new ArrayList<>();
 
     MediaProgram(String name, String... options) {
+        String parentWatch = "/usr/bin/setpriv"; // ends the program when this process is killed
+        if (Files.isExecutable(Path.of(parentWatch))) {
+            start.addAll(List.of(parentWatch, "--pdeathsig", "KILL"));
+        }
         start.add(Path.of("bin", name).toAbsolutePath().toString());
         start.addAll(List.of(options));
         start.add("-hide_banner");
+    }
+
+    /**
+     * Starts the program; what it is not given on its standard input ends at once.
+     *
+     * @param folder its working directory
+     * @param fed whether something is to be written to its standard input
+     * @param errors gets what it prints on standard error, line by line, and null at its end, from a thread of its own
+     */
+    public Running start(Path folder, List<String> arguments, boolean fed, Consumer<String> errors) {
+        List<String> command = new ArrayList<>(start);
+        command.addAll(arguments);
+        try {
+            return new Running(new ProcessBuilder(command).directory(folder.toFile())
+                    .redirectInput(fed ? Redirect.PIPE : Redirect.from(new File("/dev/null"))).start(), errors);
+        } catch (IOException unusable) {
+            throw new Failure("%s cannot be run (%s); build and install the tree anew", command.get(0),
+                    unusable.getCause() == null ? unusable.getMessage() : unusable.getCause().getMessage());
+        }
     }
 
     /**
@@ -36,25 +63,49 @@ public enum MediaProgram {
      * @return its exit code
      */
     public int run(Path folder, List<String> arguments, Consumer<String> output, Consumer<String> errors) throws IOException {
-        List<String> command = new ArrayList<>(start);
-        command.addAll(arguments);
-        Process process;
-        try {
-            process = new ProcessBuilder(command).directory(folder.toFile()).redirectInput(new File("/dev/null")).start();
-        } catch (IOException unusable) {
-            throw new Failure("%s cannot be run (%s); build and install the tree anew", command.get(0),
-                    unusable.getCause() == null ? unusable.getMessage() : unusable.getCause().getMessage());
+        try (Running running = start(folder, arguments, false, errors)) {
+            readLines(running.output(), output);
+            return running.finish();
         }
-        RUNNING.add(process);
-        try {
-            Thread errorReader = new Thread(() -> readLines(process.getErrorStream(), errors));
+    }
+
+    /** A program at work, which {@link #close} ends if need be. */
+    public static final class Running implements Closeable {
+        private final Process process;
+        private final Thread errorReader;
+
+        private Running(Process process, Consumer<String> errors) {
+            this.process = process;
+            RUNNING.add(process);
+            errorReader = new Thread(() -> {
+                readLines(process.getErrorStream(), errors);
+                errors.accept(null);
+            });
             errorReader.start();
-            readLines(process.getInputStream(), output);
-            errorReader.join();
-            return process.waitFor();
-        } catch (InterruptedException interrupted) {
-            throw new IOException("interrupted", interrupted);
-        } finally {
+        }
+
+        /** What the program prints. */
+        public InputStream output() {
+            return process.getInputStream();
+        }
+
+        /** What the program reads. */
+        public OutputStream input() {
+            return process.getOutputStream();
+        }
+
+        /** Waits for the program's end and for its last error line; returns its exit code. */
+        public int finish() throws IOException {
+            try {
+                errorReader.join();
+                return process.waitFor();
+            } catch (InterruptedException interrupted) {
+                throw new IOException("interrupted", interrupted);
+            }
+        }
+
+        @Override
+        public void close() {
             process.destroyForcibly();
             RUNNING.remove(process);
         }
@@ -87,7 +138,7 @@ public enum MediaProgram {
 
         @Override
         public void accept(String line) {
-            if (text.isEmpty()) {
+            if (line != null && text.isEmpty()) {
                 String message = line.replaceFirst("^\\[[^]]* @ 0x[0-9a-f]+] ", "");
                 text = message.startsWith(subject) ? message.substring(subject.length()) : message;
             }

@@ -7,29 +7,31 @@ public final class Progress implements AutoCloseable {
     private static final String CLEAR_LINE = "\r\033[K";
 
     private final long begin = System.nanoTime();
-    private final int total;
+    private final long total;
     private double next = Caller.TERMINAL ? TERMINAL_INTERVAL : PLAIN_INTERVAL;
 
-    /** @param total access units, or blocks of sound */
-    public Progress(int total) {
+    /** @param total milliseconds, or blocks of sound; 0 when that is not known */
+    public Progress(long total) {
         this.total = total;
     }
 
     /**
-     * @param done access units, or blocks of sound, that are through
+     * @param done milliseconds, or blocks of sound, that are through
      * @param pictures pictures decoded; 0 says nothing of them
      * @param time presentation time reached, in milliseconds
      */
-    public void update(int done, long pictures, long time) {
+    public void update(long done, long pictures, long time) {
         double seconds = (System.nanoTime() - begin) / 1e9;
         if (seconds < next) {
             return;
         }
         next = seconds + (Caller.TERMINAL ? TERMINAL_INTERVAL : PLAIN_INTERVAL);
-        long left = Math.round(seconds / done * (total - done));
-        String line = String.format("%3d %%   %s%.1f times real time   %d:%02d left", 100L * done / total,
-                pictures > 0 ? String.format("%.0f pictures a second   ", pictures / seconds) : "", time / 1000.0 / seconds,
-                left / 60, left % 60);
+        String line = String.format("%s%.1f times real time",
+                pictures > 0 ? String.format("%.0f pictures a second   ", pictures / seconds) : "", time / 1000.0 / seconds);
+        if (done > 0 && done <= total) {
+            long left = Math.round(seconds / done * (total - done));
+            line = String.format("%3d %%   %s   %d:%02d left", 100 * done / total, line, left / 60, left % 60);
+        }
         Caller.OUTPUT.print(Caller.TERMINAL ? CLEAR_LINE + line : line + System.lineSeparator());
         Caller.OUTPUT.flush();
     }

@@ -1,0 +1,97 @@
+package com.kelvane.media.tool.input;
+
+import java.util.ArrayList;
+import java.util.List;
+import java.util.Map;
+import java.util.Optional;
+
+/** How pictures are to be shown, beyond their samples: turned, with pixels that are not square, in which colours. */
+public final class PictureMeaning {
+    /** The numbers that H.264 gives to what FFprobe names. */
+    private static final Map<String, Integer> PRIMARIES = Map.ofEntries(Map.entry("bt709", 1), Map.entry("bt470m", 4),
+            Map.entry("bt470bg", 5), Map.entry("smpte170m", 6), Map.entry("smpte240m", 7), Map.entry("film", 8),
+            Map.entry("bt2020", 9), Map.entry("smpte428", 10), Map.entry("smpte431", 11), Map.entry("smpte432", 12));
+    private static final Map<String, Integer> TRANSFERS = Map.ofEntries(Map.entry("bt709", 1), Map.entry("bt470m", 4),
+            Map.entry("gamma22", 4), Map.entry("bt470bg", 5), Map.entry("gamma28", 5), Map.entry("smpte170m", 6),
+            Map.entry("smpte240m", 7), Map.entry("linear", 8), Map.entry("log100", 9), Map.entry("log316", 10),
+            Map.entry("iec61966-2-4", 11), Map.entry("bt1361e", 12), Map.entry("iec61966-2-1", 13),
+            Map.entry("bt2020-10", 14), Map.entry("bt2020-12", 15), Map.entry("smpte2084", 16), Map.entry("smpte428", 17),
+            Map.entry("arib-std-b67", 18));
+    private static final Map<String, Integer> MATRICES = Map.ofEntries(Map.entry("gbr", 0), Map.entry("bt709", 1),
+            Map.entry("fcc", 4), Map.entry("bt470bg", 5), Map.entry("smpte170m", 6), Map.entry("smpte240m", 7),
+            Map.entry("ycgco", 8), Map.entry("bt2020nc", 9), Map.entry("bt2020c", 10));
+
+    private final int width;
+    private final int height;
+    private final long pixelWidth;
+    private final long pixelHeight;
+    private final int rotation; // degrees
+    private final List<String> colours = new ArrayList<>();
+
+    /** @param video the track's entries by FFprobe's names */
+    PictureMeaning(Map<String, String> video) {
+        width = (int) MediaFile.number(video, "width");
+        height = (int) MediaFile.number(video, "height");
+        String[] ratio = video.getOrDefault("sample_aspect_ratio", "1:1").split(":");
+        boolean known = ratio.length == 2 && !ratio[0].equals("0") && !ratio[1].equals("0");
+        pixelWidth = known ? Long.parseLong(ratio[0]) : 1;
+        pixelHeight = known ? Long.parseLong(ratio[1]) : 1;
+        rotation = (int) MediaFile.number(video, "tag:rotate");
+        boolean full = "pc".equals(video.get("color_range")) || "yuvj420p".equals(video.get("pix_fmt"));
+        if (full || "tv".equals(video.get("color_range"))) {
+            colours.add("video_full_range_flag=" + (full ? 1 : 0));
+        }
+        add("colour_primaries", PRIMARIES.get(video.get("color_primaries")));
+        add("transfer_characteristics", TRANSFERS.get(video.get("color_transfer")));
+        add("matrix_coefficients", MATRICES.get(video.get("color_space")));
+    }
+
+    private void add(String name, Integer number) {
+        if (number != null) {
+            colours.add(name + "=" + number);
+        }
+    }
+
+    /** FFmpeg's options for a container that tells of it. */
+    public List<String> containerOptions() {
+        List<String> options = new ArrayList<>();
+        if (rotation != 0) {
+            // FFmpeg 4 turns the other way when it writes what it has read.
+            options.addAll(List.of("-metadata:s:v:0", "rotate=" + (360 - rotation)));
+        }
+        if (pixelWidth != pixelHeight) {
+            long[] shown = reduced(pixelWidth * width, pixelHeight * height);
+            options.addAll(List.of("-aspect:v", shown[0] + ":" + shown[1]));
+        }
+        return options;
+    }
+
+    /** FFmpeg's filter that writes it into a stream of pictures of a size; nothing when there is nothing to write. */
+    public Optional<String> streamFilter(int resultWidth, int resultHeight) {
+        List<String> settings = new ArrayList<>(colours);
+        if (pixelWidth != pixelHeight) {
+            long[] pixel = reduced(pixelWidth * width * resultHeight, pixelHeight * height * resultWidth);
+            settings.add("sample_aspect_ratio=" + pixel[0] + "/" + pixel[1]);
+        }
+        return settings.isEmpty() ? Optional.empty() : Optional.of("h264_metadata=" + String.join(":", settings));
+    }
+
+    /** A ratio in small numbers, which is as close to it as H.264 can say. */
+    private static long[] reduced(long numerator, long denominator) {
+        long a = numerator;
+        long b = denominator;
+        while (b != 0) {
+            long rest = a % b;
+            a = b;
+            b = rest;
+        }
+        long divisor = a;
+        long n = numerator / divisor;
+        long d = denominator / divisor;
+        while (n > 65_535 || d > 65_535) {
+            n = Math.max(1, n / 2);
+            d = Math.max(1, d / 2);
+        }
+        return new long[] {n, d};
+    }
+}

@@ -1,0 +1,138 @@
+package com.kelvane.media.tool.output;
+
+import com.kelvane.media.tool.input.AacSource;
+import com.kelvane.media.tool.input.PictureMeaning;
+import com.kelvane.media.tool.shell.Failure;
+import com.kelvane.media.tool.shell.MediaProgram;
+import java.io.BufferedOutputStream;
+import java.io.Closeable;
+import java.io.IOException;
+import java.io.OutputStream;
+import java.nio.file.Files;
+import java.util.ArrayList;
+import java.util.List;
+import java.util.Optional;
+
+/** Writes the files of all renditions, the sound beside the pictures: one FFmpeg makes all MP4 files while they come. */
+public final class Results implements Closeable {
+    private static final int BUFFER = 1 << 16; // bytes
+
+    private final List<OutputStream> streams = new ArrayList<>();
+    private final MatroskaWriter timed;
+    private final MatroskaWriter compared;
+    private final AacSource sound;
+    private final int soundTrack;
+    private final MediaProgram.Running program;
+    private final MediaProgram.FirstError error;
+    private AacSource.Unit nextSound;
+    private boolean finished;
+
+    /**
+     * @param meaning how the pictures are to be shown
+     * @param sound null when there is none
+     */
+    public Results(List<RenditionOutput> outputs, PictureMeaning meaning, AacSource sound, Workspace workspace)
+            throws IOException {
+        this.sound = sound;
+        nextSound = sound == null ? null : sound.next();
+        List<String> command = new ArrayList<>(List.of("-v", "error", "-copyts", "-f", "matroska", "-i", "pipe:0"));
+        for (int i = 0; i < outputs.size(); i++) {
+            RenditionOutput output = outputs.get(i);
+            Optional<String> filter = meaning.streamFilter(output.width(), output.height());
+            command.addAll(List.of("-map", "0:v:" + i, "-map", "0:a?", "-c", "copy"));
+            filter.ifPresent(written -> command.addAll(List.of("-bsf:v", written)));
+            command.addAll(meaning.containerOptions());
+            command.addAll(List.of("-movflags", "+faststart", output.containerName()));
+            if (filter.isPresent()) {
+                command.addAll(List.of("-map", "0:v:" + i, "-c", "copy", "-bsf:v", "h264_mp4toannexb," + filter.get(), "-f",
+                        "h264", output.streamName()));
+            }
+        }
+        error = new MediaProgram.FirstError(workspace.folder());
+        program = MediaProgram.FFMPEG.start(workspace.folder(), command, true, error);
+        timed = new MatroskaWriter(new BufferedOutputStream(program.input(), BUFFER));
+        MatroskaWriter bySource = null;
+        for (RenditionOutput output : outputs) {
+            timed.addVideo(output.width(), output.height(), output.frameRate(), output.processed());
+            streams.add(meaning.streamFilter(output.width(), output.height()).isPresent() ? OutputStream.nullOutputStream()
+                    : open(output.streamName(), workspace));
+            if (output.processed()) {
+                bySource = new MatroskaWriter(open(output.comparedName(), workspace));
+                bySource.addVideo(output.width(), output.height(), output.frameRate(), true);
+            }
+        }
+        compared = bySource;
+        soundTrack = nextSound == null ? 0 : timed.addSound(sound.configuration(), sound.sampleRate(), sound.channels(),
+                Math.max(0, -nextSound.time()));
+    }
+
+    private static OutputStream open(String name, Workspace workspace) throws IOException {
+        return new BufferedOutputStream(Files.newOutputStream(workspace.path(name)), BUFFER);
+    }
+
+    /**
+     * Adds a picture.
+     *
+     * @param rendition its position
+     * @param time when it is shown, in milliseconds
+     * @param sourceTime when the same picture of the source is shown; not another time unless a module moved it
+     */
+    public void write(int rendition, byte[] accessUnit, long time, long sourceTime) throws IOException {
+        streams.get(rendition).write(accessUnit);
+        if (compared != null) {
+            compared.writePicture(1, accessUnit, sourceTime);
+        }
+        try {
+            writeSound(time);
+            timed.writePicture(rendition + 1, accessUnit, time);
+        } catch (IOException broken) {
+            throw broken(broken);
+        }
+    }
+
+    private void writeSound(long until) throws IOException {
+        for (; nextSound != null && nextSound.time() <= until; nextSound = sound.next()) {
+            timed.writeSound(soundTrack, nextSound.bytes(), nextSound.time());
+        }
+    }
+
+    /** Writes what is left of the sound and waits until the files are complete. */
+    public void finish() throws IOException {
+        finished = true;
+        try {
+            writeSound(Long.MAX_VALUE);
+            timed.close();
+        } catch (IOException broken) {
+            throw broken(broken);
+        }
+        for (OutputStream stream : streams) {
+            stream.close();
+        }
+        if (compared != null) {
+            compared.close();
+        }
+        if (program.finish() != 0) {
+            throw new Failure("the MP4 files could not be written: %s", error);
+        }
+    }
+
+    // When FFmpeg has ended, its own message tells more than that of the pipe.
+    private IOException broken(IOException problem) throws IOException {
+        program.close();
+        program.finish();
+        if (!error.isEmpty()) {
+            throw new Failure("the MP4 files could not be written: %s", error);
+        }
+        return problem;
+    }
+
+    @Override
+    public void close() throws IOException {
+        program.close();
+        if (!finished) {
+            for (OutputStream stream : streams) {
+                stream.close();
+            }
+        }
+    }
+}
