@@ -296,20 +296,41 @@ TEST_F(InstalledTool, SaysWhatIsWrongWithAModule) {
         expectFailure("process in.h264 " + arguments, exitCode, reason);
 }
 
-TEST_F(InstalledTool, LeavesNothingWhenInterrupted) {
-    const pid_t child =
-        start("kelvane", "transcode -r 4096x2304@20M -o out"); // the demonstration clip: for half a minute
-    const auto written = [&] {
+TEST_F(InstalledTool, LeavesNothingWhenInterruptedOrKilled) {
+    const auto folder = [&] {
         std::error_code ignored;
-        for (const auto& folder : fs::directory_iterator(path("out"), ignored))
-            if (fs::exists(folder.path() / "4096x2304.h264")) return true;
-        return false;
+        for (const auto& entry : fs::directory_iterator(path("out"), ignored))
+            if (fs::exists(entry.path() / "4096x2304.h264")) return entry.path();
+        return fs::path();
     };
-    for (int i = 0; i < 600 && !written(); ++i)
-        std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    ASSERT_TRUE(written());
-    kill(child, SIGINT);
-    EXPECT_EQ(finish(child), 128 + SIGINT) << errors;
-    EXPECT_EQ(errors, "interrupted; nothing was kept\n");
-    EXPECT_FALSE(fs::exists(path("out")));
+    const auto startAndWait = [&] { // the demonstration clip: for half a minute
+        const pid_t child = start("kelvane", "transcode -r 4096x2304@20M -o out");
+        for (int i = 0; i < 600 && folder().empty(); ++i)
+            std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        EXPECT_FALSE(folder().empty());
+        return child;
+    };
+    for (const int signal : {SIGINT, SIGTERM}) {
+        const pid_t child = startAndWait();
+        kill(child, signal);
+        EXPECT_EQ(finish(child), 128 + signal) << errors;
+        EXPECT_EQ(errors, "interrupted; nothing was kept\n");
+        EXPECT_FALSE(fs::exists(path("out")));
+    }
+
+    const pid_t child = startAndWait();
+    const fs::path abandoned = folder();
+    kill(child, SIGKILL);
+    EXPECT_EQ(finish(child), 128 + SIGKILL);
+    EXPECT_TRUE(fs::exists(abandoned));
+    // The programs that it had started hold none of its files any more.
+    const std::string holders = "for f in /proc/[0-9]*/cwd; do readlink $f; done 2>/dev/null | grep -cF " +
+                                abandoned.filename().string() + " >/dev/null";
+    for (int i = 0; i < 100 && std::system(holders.c_str()) == 0; ++i)
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    EXPECT_NE(std::system(holders.c_str()), 0);
+    ASSERT_EQ(run("kelvane", "transcode in.h264 -r 160x90@100k --no-compare -o out"), 0) << errors;
+    EXPECT_EQ(names(path("out")), (std::set<std::string>{"160x90.h264", "160x90.mp4"}));
+    EXPECT_EQ(run("kelvane", "transcode in.h264 -r 160x90@100k -o out", "/dev/full"), 1);
+    EXPECT_EQ(errors, "kelvane: standard output cannot be written to\n");
 }

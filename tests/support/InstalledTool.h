@@ -46,11 +46,13 @@ protected:
     fs::path path(const std::string& name) const { return directory / name; }
 
     // Starts a program of the tree in its own process; what it prints goes to `output` and `errors`.
-    pid_t start(const std::string& program, const std::string& arguments) const {
+    pid_t start(const std::string& program, const std::string& arguments,
+                const std::string& standardOutput = ".output") const {
         const pid_t child = fork();
         if (child == 0) {
             const std::string command =
-                "exec '" + (tree / "bin" / program).string() + "' " + arguments + " >.output 2>.errors";
+                "exec '" + (tree / "bin" / program).string() + "' " + arguments + " >" + standardOutput +
+                                        " 2>.errors";
             if (chdir(directory.c_str()) == 0) execl("/bin/sh", "sh", "-c", command.c_str(), nullptr);
             _exit(127);
         }
@@ -60,12 +62,12 @@ protected:
         int status = 0;
         waitpid(child, &status, 0);
         output = contents(path(".output"));
-        // OpenH264 prints a warning of its own for every encoder.
-        errors = std::regex_replace(contents(path(".errors")), std::regex("\\[OpenH264\\][^\n]*\n"), "");
+        errors = contents(path(".errors"));
         return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
     }
-    int run(const std::string& program, const std::string& arguments) {
-        return finish(start(program, arguments));
+    int run(const std::string& program, const std::string& arguments,
+            const std::string& standardOutput = ".output") {
+        return finish(start(program, arguments, standardOutput));
     }
 
     std::string probe(const std::string& file, const std::string& entries) {

@@ -21,6 +21,7 @@ public final class Kelvane {
     public static void main(String[] arguments) {
         CommandLine tool = new CommandLine(new Kelvane())
                 .setOut(new PrintWriter(Caller.OUTPUT, true))
+                .setErr(new PrintWriter(Caller.ERRORS, true))
                 .setParameterExceptionHandler((wrong, given) -> {
                     String name = wrong.getCommandLine().getCommandSpec().qualifiedName();
                     return report(name, wrong.getMessage() + " (" + name + " --help tells more)", CommandLine.ExitCode.USAGE);
@@ -33,13 +34,16 @@ public final class Kelvane {
         } catch (LinkageError | OutOfMemoryError beyondPicocli) {
             exitCode = report("kelvane", beyondPicocli.getMessage(), CommandLine.ExitCode.SOFTWARE);
         }
+        if (exitCode == 0 && Caller.OUTPUT.checkError()) {
+            exitCode = report("kelvane", "standard output cannot be written to", CommandLine.ExitCode.SOFTWARE);
+        }
         System.exit(exitCode);
     }
 
     private static int report(String command, String message, int exitCode) {
         // An interrupted run fails in whatever it was doing, which nobody wants to read.
         if (!Workspace.interrupted()) {
-            System.err.println(command + ": " + message.strip().replaceAll("\\s*\\R\\s*", " "));
+            Caller.ERRORS.println(command + ": " + message.strip().replaceAll("\\s*\\R\\s*", " "));
         }
         return exitCode;
     }

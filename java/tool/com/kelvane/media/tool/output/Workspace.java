@@ -1,13 +1,19 @@
 package com.kelvane.media.tool.output;
 
+import com.kelvane.media.tool.shell.Caller;
 import com.kelvane.media.tool.shell.Failure;
 import com.kelvane.media.tool.shell.MediaProgram;
 import com.kelvane.media.tool.shell.Progress;
 import java.io.IOException;
+import java.nio.channels.FileChannel;
+import java.nio.channels.FileLock;
+import java.nio.channels.OverlappingFileLockException;
 import java.nio.file.DirectoryNotEmptyException;
+import java.nio.file.DirectoryStream;
 import java.nio.file.Files;
 import java.nio.file.Path;
 import java.nio.file.StandardCopyOption;
+import java.nio.file.StandardOpenOption;
 import java.util.List;
 import java.util.stream.Stream;
 
@@ -16,11 +22,15 @@ import java.util.stream.Stream;
  * their final names by rename. Whatever else lies in it goes with it, also when the virtual machine is interrupted.
  */
 public final class Workspace implements AutoCloseable {
+    private static final String PREFIX = ".kelvane-";
+    private static final String LOCK = "lock";
+    private static final int ATTEMPTS = 10;
     private static volatile boolean interrupted;
 
     private final Path directory;
     private final Path existingAncestor;
     private final Path folder;
+    private final FileChannel lock; // held as long as this process lives, which tells others that the folder is in use
     private final Thread hook = new Thread(this::interrupt);
     private boolean published;
 
@@ -34,13 +44,43 @@ public final class Workspace implements AutoCloseable {
         existingAncestor = ancestor;
         try {
             Files.createDirectories(directory);
-            folder = Files.createTempDirectory(directory, ".kelvane-");
+            removeAbandoned(directory);
+            folder = Files.createTempDirectory(directory, PREFIX);
+            lock = FileChannel.open(folder.resolve(LOCK), StandardOpenOption.CREATE, StandardOpenOption.WRITE);
+            lock.tryLock();
         } catch (IOException unwritable) {
             removeMadeDirectories();
             throw new Failure("cannot write in %s (%s); name another directory with -o", directory,
                     Failure.reason(unwritable));
         }
         Runtime.getRuntime().addShutdownHook(hook);
+    }
+
+    /** Removes what runs left behind that were killed. */
+    private static void removeAbandoned(Path directory) {
+        try (DirectoryStream<Path> folders = Files.newDirectoryStream(directory, PREFIX + "*")) {
+            for (Path abandoned : folders) {
+                try (FileChannel channel = FileChannel.open(abandoned.resolve(LOCK), StandardOpenOption.WRITE);
+                        FileLock free = channel.tryLock()) {
+                    if (free != null) {
+                        empty(abandoned);
+                    }
+                } catch (IOException | OverlappingFileLockException notOurs) {
+                    // Somebody else's, or none of ours.
+                }
+            }
+        } catch (IOException unreadable) {
+            // It is only a courtesy.
+        }
+    }
+
+    private static void empty(Path folder) throws IOException {
+        try (Stream<Path> files = Files.list(folder)) {
+            for (Path file : (Iterable<Path>) files::iterator) {
+                Files.deleteIfExists(file);
+            }
+        }
+        Files.delete(folder);
     }
 
     /** Whether one of these files in a directory is one that is only to be read, by whatever name. */
@@ -92,17 +132,20 @@ public final class Workspace implements AutoCloseable {
         MediaProgram.endAll();
         remove();
         Progress.clear();
-        System.err.println(published ? "interrupted" : "interrupted; nothing was kept");
+        Caller.ERRORS.println(published ? "interrupted" : "interrupted; nothing was kept");
     }
 
     private synchronized void remove() {
-        try (Stream<Path> files = Files.list(folder)) {
-            for (Path file : (Iterable<Path>) files::iterator) {
-                Files.deleteIfExists(file);
+        for (int attempt = 1; attempt <= ATTEMPTS; attempt++) {
+            try {
+                empty(folder);
+                lock.close();
+                break;
+            } catch (IOException left) { // when interrupted, another thread may still make a file
+                if (attempt == ATTEMPTS) {
+                    Caller.ERRORS.println("could not remove the temporary folder " + folder + ": " + Failure.reason(left));
+                }
             }
-            Files.delete(folder);
-        } catch (IOException left) {
-            System.err.println("could not remove the temporary folder " + folder + ": " + Failure.reason(left));
         }
         if (!published) {
             removeMadeDirectories();
@@ -119,7 +162,7 @@ public final class Workspace implements AutoCloseable {
         } catch (DirectoryNotEmptyException inUse) {
             // Someone else put files there meanwhile.
         } catch (IOException kept) {
-            System.err.println("could not remove " + Failure.reason(kept));
+            Caller.ERRORS.println("could not remove " + Failure.reason(kept));
         }
     }
 }

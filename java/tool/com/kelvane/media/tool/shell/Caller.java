@@ -1,6 +1,7 @@
 package com.kelvane.media.tool.shell;
 
 import java.io.FileDescriptor;
+import java.io.FileNotFoundException;
 import java.io.FileOutputStream;
 import java.io.IOException;
 import java.io.PrintStream;
@@ -16,6 +17,9 @@ public final class Caller {
     /** The caller's standard output, which the launcher moved to descriptor 0; the library writes to descriptor 1. */
     public static final PrintStream OUTPUT =
             new PrintStream(new FileOutputStream(FileDescriptor.in), true, StandardCharsets.UTF_8);
+
+    /** The caller's standard error; what others write there passes the launcher's filter. */
+    public static final PrintStream ERRORS = errors();
 
     /** Whether {@link #OUTPUT} is a terminal. */
     public static final boolean TERMINAL = Boolean.getBoolean("kelvane.terminal");
@@ -37,6 +41,14 @@ public final class Caller {
             }
         }
         return absolute;
+    }
+
+    private static PrintStream errors() {
+        try {
+            return new PrintStream(new FileOutputStream("/proc/self/fd/3", true), true, StandardCharsets.UTF_8);
+        } catch (FileNotFoundException socketOrNone) {
+            return System.err;
+        }
     }
 
     private Caller() {

@@ -24,6 +24,7 @@ public enum MediaProgram {
     FFPROBE("ffprobe");
 
     private static final Set<Process> RUNNING = ConcurrentHashMap.newKeySet();
+    private static volatile boolean noMore;
 
     private final List<String> start = new ArrayList<>();
 
@@ -77,6 +78,9 @@ public enum MediaProgram {
         private Running(Process process, Consumer<String> errors) {
             this.process = process;
             RUNNING.add(process);
+            if (noMore) {
+                close();
+            }
             errorReader = new Thread(() -> {
                 readLines(process.getErrorStream(), errors);
                 errors.accept(null);
@@ -107,12 +111,14 @@ public enum MediaProgram {
         @Override
         public void close() {
             process.destroyForcibly();
+            process.onExit().join(); // until then it may make files
             RUNNING.remove(process);
         }
     }
 
-    /** Ends the programs that still run, for the virtual machine's own end. */
+    /** Ends the programs that still run and those that are started from now on, for the virtual machine's own end. */
     public static void endAll() {
+        noMore = true;
         RUNNING.forEach(Process::destroyForcibly);
         for (Process process : RUNNING) {
             process.onExit().join();
