@@ -61,7 +61,9 @@ TEST_F(InstalledTool, KeepsTimesOfVariableFrameRateAndCutsToThePicture) {
     double before = -1 / 30.0;
     for (std::string packet; std::getline(packets, packet); ++count) {
         const double time = std::stod(packet);
-        EXPECT_NEAR(time - before, count == 15 ? 7 / 60.0 : 2 / 60.0, count == 15 || count == 16 ? 0.018 : 0.002) << packet;
+        EXPECT_NEAR(time - before, count == 15 ? 7 / 60.0 : 2 / 60.0,
+                    count == 15 || count == 16 ? 0.018 : 0.002)
+            << packet;
         EXPECT_EQ(packet.find("K_") != std::string::npos, count % 10 == 0) << packet;
         before = time;
     }
@@ -94,7 +96,8 @@ TEST_F(InstalledTool, CarriesSoundInStepWithThePictures) {
          {"-ss 1.2 -i plain.mp4 -c copy edit.mp4", "-i plain.mp4 -c copy stream.ts",
           "-i plain.mp4 -itsoffset 0.3 -i plain.mp4 -map 0:v -map 1:a -c copy later.mkv",
           "-i plain.mp4 -c:v copy -c:a pcm_s16le -ar 37800 pcm.mkv",
-          "-i plain.mp4 -i plain.mp4 -map 0:v -map 0:a -map 1:a -c copy -disposition:a:0 0 -disposition:a:1 default two.mp4"})
+          "-i plain.mp4 -i plain.mp4 -map 0:v -map 0:a -map 1:a -c copy -disposition:a:0 0 -disposition:a:1 "
+          "default two.mp4"})
         ASSERT_EQ(run("ffmpeg", "-v error " + made), 0) << errors;
     const struct {
         const char *arguments, *sound;
@@ -111,12 +114,14 @@ TEST_F(InstalledTool, CarriesSoundInStepWithThePictures) {
                  {"two.mp4 --audio 1", "track 1 of 2", 4, 0}};
     for (const auto& [arguments, sound, flashCount, shift] : cases) {
         SCOPED_TRACE(arguments);
-        ASSERT_EQ(run("kelvane", std::string("transcode --no-compare -r 80x46@200k -o out ") + arguments), 0) << errors;
+        ASSERT_EQ(run("kelvane", std::string("transcode --no-compare -r 80x46@200k -o out ") + arguments), 0)
+            << errors;
         EXPECT_EQ(errors, "");
         EXPECT_NE(output.find(std::string("sound: ")), std::string::npos) << output;
         EXPECT_NE(output.find(sound), std::string::npos) << output;
-        EXPECT_EQ(run("ffmpeg", "-v error -y -i out/80x46.mp4 -vsync 0 -vf scale=1:1,format=rgb24 -f rawvideo pictures"
-                                " -af aresample=async=1:first_pts=0 -ac 1 -ar 48000 -f s16le samples"),
+        EXPECT_EQ(run("ffmpeg",
+                      "-v error -y -i out/80x46.mp4 -vsync 0 -vf scale=1:1,format=rgb24 -f rawvideo pictures"
+                      " -af aresample=async=1:first_pts=0 -ac 1 -ar 48000 -f s16le samples"),
                   0)
             << errors;
         const auto flashes = beginnings(contents(path("pictures")), 3, 25,
@@ -138,11 +143,13 @@ TEST_F(InstalledTool, CarriesSoundInStepWithThePictures) {
 TEST_F(InstalledTool, KeepsTheMeaningOfPictures) {
     ASSERT_EQ(run("ffmpeg", "-v error -i " TEST_DATA "/baseline.h264 -c copy -bsf:v h264_metadata="
                             "sample_aspect_ratio=4/3:video_full_range_flag=1:colour_primaries=5:"
-                            "transfer_characteristics=6:matrix_coefficients=5 -metadata:s:v:0 rotate=270 -aspect 44:27 in.mp4"),
+                            "transfer_characteristics=6:matrix_coefficients=5 -metadata:s:v:0 rotate=270 "
+                            "-aspect 44:27 in.mp4"),
               0)
         << errors;
-    const std::string entries = "stream=sample_aspect_ratio,color_range,color_space,color_transfer,color_primaries"
-                                ":stream_tags=rotate -of default=nw=1";
+    const std::string entries =
+        "stream=sample_aspect_ratio,color_range,color_space,color_transfer,color_primaries"
+        ":stream_tags=rotate -of default=nw=1";
     const std::string source = probe("in.mp4", entries);
     EXPECT_NE(source.find("rotate=90"), std::string::npos) << source;
     EXPECT_NE(source.find("color_range=pc"), std::string::npos) << source;
@@ -153,7 +160,9 @@ TEST_F(InstalledTool, KeepsTheMeaningOfPictures) {
     EXPECT_EQ(probe("out/88x72.mp4", entries), source);
     EXPECT_EQ(probe("out/88x72.h264", entries) + "TAG:rotate=90\n", source);
     EXPECT_EQ(probe("out/90x90.mp4", "stream=sample_aspect_ratio"), "44:27\n\n");
-    ASSERT_EQ(run("kelvane", "process in.mp4 --module '" + (tree / "modules/grayscale.so").string() + "' -o out/gray"), 0)
+    ASSERT_EQ(run("kelvane",
+                  "process in.mp4 --module '" + (tree / "modules/grayscale.so").string() + "' -o out/gray"),
+              0)
         << errors;
     EXPECT_EQ(probe("out/gray.mp4", entries), source);
 }
@@ -183,16 +192,16 @@ TEST_F(InstalledTool, FailsInOneLineAndLeavesNothing) {
     ASSERT_EQ(run("ffmpeg", "-v error -f lavfi -i testsrc2 -frames:v 3 -c:v png other.mov"), 0) << errors;
     expectFailure("", 2, "subcommand");
     expectFailure("transcode in.h264 --bogus", 2, "--bogus");
-    for (const auto& [rendition, reason] :
-         std::vector<std::pair<std::string, std::string>>{{"641x360@800k", "even"},
-                                                          {"8x8@800k", "from 16 to 8192"},
-                                                          {"4096x2306@800k", "allowed are as many"},
-                                                          {"640x360@0", "bit rate"},
-                                                          {"640x360", "BITRATE"},
-                                                          {"640x360@800k,fps=61", "frameRate is 61"},
-                                                          {"640x360@800k,key=481", "keyInterval is 481"},
-                                                          {"640x360@800k,qp=40-20", "smallestQuantiser 40 is above"},
-                                                          {"640x360@800k -r 640x360@1M", "two renditions"}})
+    for (const auto& [rendition, reason] : std::vector<std::pair<std::string, std::string>>{
+             {"641x360@800k", "even"},
+             {"8x8@800k", "from 16 to 8192"},
+             {"4096x2306@800k", "allowed are as many"},
+             {"640x360@0", "bit rate"},
+             {"640x360", "BITRATE"},
+             {"640x360@800k,fps=61", "frameRate is 61"},
+             {"640x360@800k,key=481", "keyInterval is 481"},
+             {"640x360@800k,qp=40-20", "smallestQuantiser 40 is above"},
+             {"640x360@800k -r 640x360@1M", "two renditions"}})
         expectFailure("transcode in.h264 -o out -r " + rendition, 2, reason);
     expectFailure("transcode missing.mp4 -o out", 1, "no such file");
     expectFailure("transcode . -o out", 1, "directory");

@@ -50,9 +50,8 @@ protected:
                 const std::string& standardOutput = ".output") const {
         const pid_t child = fork();
         if (child == 0) {
-            const std::string command =
-                "exec '" + (tree / "bin" / program).string() + "' " + arguments + " >" + standardOutput +
-                                        " 2>.errors";
+            const std::string command = "exec '" + (tree / "bin" / program).string() + "' " + arguments +
+                                        " >" + standardOutput + " 2>.errors";
             if (chdir(directory.c_str()) == 0) execl("/bin/sh", "sh", "-c", command.c_str(), nullptr);
             _exit(127);
         }

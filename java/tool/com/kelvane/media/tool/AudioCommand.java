@@ -102,7 +102,8 @@ final class AudioCommand implements Callable<Integer> {
     }
 
     private static int targetRate(String name, int sourceRate) {
-        return name.endsWith(".opus") || name.endsWith(".aac") && !AacEncoder.SAMPLE_RATES.contains(sourceRate) ? OpusDecoder.SAMPLE_RATE : sourceRate;
+        return name.endsWith(".opus") || name.endsWith(".aac") && !AacEncoder.SAMPLE_RATES.contains(sourceRate)
+                ? OpusDecoder.SAMPLE_RATE : sourceRate;
     }
 
     private static void write(PcmFile sound, String name, Workspace workspace) throws IOException {

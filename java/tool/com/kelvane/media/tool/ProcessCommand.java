@@ -228,7 +228,8 @@ final class ProcessCommand implements Callable<Integer> {
         if (statistics.failed() > 0) {
             Summary.line("%-24s%d", "not encoded", statistics.failed());
         }
-        Summary.line("%-24s%d (%.1f kbit/s)", "encoded bytes", statistics.bytes(), Summary.kilobitsPerSecond(statistics.bytes(), seconds));
+        Summary.line("%-24s%d (%.1f kbit/s)", "encoded bytes", statistics.bytes(),
+                Summary.kilobitsPerSecond(statistics.bytes(), seconds));
         Summary.line("%-24s%.2f ms %s", passThrough ? "in the module" : "through the pipeline",
                 Summary.milliseconds(statistics.time(), statistics.pictures()),
                 passThrough ? "an access unit" : "a picture");

@@ -36,9 +36,9 @@ import picocli.CommandLine.Spec;
 @Command(name = "transcode", mixinStandardHelpOptions = true, versionProvider = Kelvane.Version.class,
         sortOptions = false, usageHelpAutoWidth = true,
         description = {"Decodes one H.264 stream once and encodes it into several renditions.", ""},
-        footer = {"", "DIR receives WxH.h264 and WxH.mp4 for every rendition, and contact-sheet.png, which shows the source and"
-                + " every rendition at four moments.", "", "Example:",
-                "  kelvane transcode in.mp4 -r 1280x720@2500k -r 640x360@800k,key=60"})
+        footer = {"", "DIR receives WxH.h264 and, with the sound, WxH.mp4 for every rendition, and contact-sheet.png, which shows"
+                + " the source and every rendition at four moments.", "", "Example:",
+                "  kelvane transcode in.mp4 -r 1280x720@2500k -r 640x360@800k,key=60 --start 1:30 --duration 20"})
 final class TranscodeCommand implements Callable<Integer> {
     private static final String SHEET = "contact-sheet.png";
 
@@ -51,11 +51,13 @@ final class TranscodeCommand implements Callable<Integer> {
 
     @Option(names = {"-r", "--rendition"}, paramLabel = "WxH@BITRATE[,...]", converter = RenditionRequest.Converter.class,
             description = {"A rendition; may be given several times. BITRATE is in bits per second, k and M multiply. Options:",
-                "  fps=N         pictures a second, 1-60, by leaving out others", "  key=N         key frame every N pictures, 1-480",
+                "  fps=N         pictures a second, 1-60: others are left out, evenly",
+                "  key=N         key frame every N pictures, 1-480",
                 "  qp=MIN-MAX    quantisers, 1-51", "  mode=quality  rate control by quality",
                 "  cabac         CABAC entropy coding",
                 "Default: the three largest usual sizes that fit into the source; at 1280x720 these are 1280x720@2500k,"
-                + " 854x480@1200k and 640x360@800k, with a key frame every 2 seconds."})
+                + " 854x480@1200k and 640x360@800k, with a key frame every 2 seconds and the source's rate, halved while it is"
+                + " above 60."})
     private List<RenditionRequest> renditions = new ArrayList<>();
 
     @Option(names = {"-o", "--output"}, paramLabel = "DIR", description = "Directory for the results, made if need be"
@@ -134,8 +136,8 @@ final class TranscodeCommand implements Callable<Integer> {
                 Results files = new Results(outputs, track.meaning(), heard, workspace);
                 VideoSource source = new VideoSource(track, timeline)) {
             transcoding = new Transcoding(track, timeline, rates, files);
-            double left = track.seconds() - start;
-            transcoding.run(wanted, source, duration == null ? Math.max(0, left) : left > 0 ? Math.min(left, duration) : duration);
+            double left = Math.max(0, track.seconds() - start);
+            transcoding.run(wanted, source, duration == null ? left : left > 0 ? Math.min(left, duration) : duration);
             checkProduced(track, transcoding);
             Progress.stage("writing MP4 files");
             files.finish();

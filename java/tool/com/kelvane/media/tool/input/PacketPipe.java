@@ -28,6 +28,7 @@ final class PacketPipe implements Closeable {
     private static final Pattern PACKET = Pattern.compile("0,( *-?\\d+, *){4}0x.*");
     private static final String TIME_BASE = "#tb 0: ";
     private static final String END = "";
+    private static final int KEY = 1; // the flag, where flags are printed
 
     private final Path path;
     private final MediaProgram.Running program;
@@ -98,7 +99,8 @@ final class PacketPipe implements Closeable {
             } else {
                 String[] fields = line.split(", *");
                 byte[] packet = bytes.readNBytes(Integer.parseInt(fields[4]));
-                boolean key = fields.length < 7 || !fields[6].startsWith("F=") || (Integer.decode(fields[6].substring(2)) & 1) == 1;
+                boolean key = fields.length < 7 || !fields[6].startsWith("F=")
+                        || (Integer.decode(fields[6].substring(2)) & KEY) != 0;
                 return new Packet(packet, time(fields[2]), time(fields[1]), Long.parseLong(fields[3]) * unit, key);
             }
         }

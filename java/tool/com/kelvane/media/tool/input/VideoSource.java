@@ -64,7 +64,8 @@ public final class VideoSource implements Closeable {
         if (!track.timed()) {
             int number = count + held.size();
             int[] order = timeline.displayOrder();
-            return Math.round(timeline.at(1000 / track.frameRate() * (order == null ? number : order[Math.min(number, order.length - 1)])));
+            int rank = order == null ? number : order[Math.min(number, order.length - 1)];
+            return Math.round(timeline.at(1000 / track.frameRate() * rank));
         }
         // Where a container leaves a time out, pictures go on at their rate.
         lastDecodingTime = Double.isNaN(packet.decodingTime()) ? lastDecodingTime + 1000 / track.frameRate()

@@ -123,7 +123,8 @@ public final class Comparison {
             graph.append("[cell").append(i).append(']');
         }
         return graph.append("vstack=inputs=").append(outputs.size() + 1).append(":shortest=1,select='")
-                .append(moments.stream().map(moment -> "eq(round(t*1000)," + (moment + SHIFT) + ")").collect(Collectors.joining("+")))
+                .append(moments.stream().map(moment -> "eq(round(t*1000)," + (moment + SHIFT) + ")")
+                        .collect(Collectors.joining("+")))
                 .append("',tile=").append(moments.size()).append("x1[pictures]\n").toString();
     }
 
