@@ -41,7 +41,7 @@ public record Case(int point, String label, Callable<?> body, List<String> optio
     public static String describe(Throwable thrown) {
         StringBuilder text = new StringBuilder();
         for (Throwable cause = thrown; cause != null; cause = cause.getCause()) {
-            text.append(text.length() == 0 ? "" : " <- ").append(cause.getClass().getSimpleName());
+            text.append(text.length() == 0 ? "" : " <- ").append(cause.getClass().getName().replaceAll(".*\\.", ""));
             if (cause.getMessage() != null) {
                 text.append(": ").append(cause.getMessage().strip().replaceAll("\\s*\\R\\s*", " / "));
             }
@@ -107,7 +107,8 @@ public record Case(int point, String label, Callable<?> body, List<String> optio
             }
             stuck |= thread.isAlive();
         }
-        return (interruption.equals("returns") ? "" : "the other call: " + interruption + "; ") + right + " right, " + wrong + " wrong, thrown " + thrown + (stuck ? ", threads stuck" : "");
+        String other = interruption.equals("returns") ? "" : "the other call: " + interruption + "; ";
+        return other + right + " right, " + wrong + " wrong, thrown " + thrown + (stuck ? ", threads stuck" : "");
     }
 
     /** The median of five runs of ten million calls; the loop is given the number of calls to make. */
@@ -124,21 +125,27 @@ public record Case(int point, String label, Callable<?> body, List<String> optio
         return String.format("%.1f ns", each[2]);
     }
 
-    /** Makes many objects that nobody keeps, collects garbage, and says what the process still holds. */
+    /**
+     * Makes many objects that nobody keeps, collects garbage, and says what the process still holds; then once more, as
+     * what is lost for good is lost twice.
+     */
     public static String forget(int count, Action make) throws Exception {
         make.run();
         collect();
         long files = openFiles();
         long memory = residentKilobytes();
-        for (int i = 0; i < count; i++) {
-            make.run();
+        StringBuilder text = new StringBuilder(count + " forgotten");
+        for (int round = 0; round < 2; round++) {
+            for (int i = 0; i < count; i++) {
+                make.run();
+            }
+            text.append(String.format("%s: open files +%d, resident +%d MB", round == 0 ? "" : "; as many again",
+                    openFiles() - files, (residentKilobytes() - memory) >> 10));
+            collect();
+            text.append(String.format(", once collected +%d, +%d MB", openFiles() - files,
+                    (residentKilobytes() - memory) >> 10));
         }
-        long filesFull = openFiles();
-        long memoryFull = residentKilobytes();
-        collect();
-        return String.format("%d forgotten: open files +%d, after collection +%d; resident +%d MB, after collection +%d MB",
-                count, filesFull - files, openFiles() - files, (memoryFull - memory) >> 10,
-                (residentKilobytes() - memory) >> 10);
+        return text.toString();
     }
 
     public static void collect() throws InterruptedException {

@@ -2,7 +2,7 @@ package neighbours;
 
 import java.util.List;
 
-/** One library in the comparison. A class in {@code neighbours.columns} that implements this is a column of the table. */
+/** One library in the comparison: each class in {@code neighbours.columns} is a column of the table. */
 public interface Column {
     String title();
 

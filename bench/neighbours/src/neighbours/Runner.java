@@ -93,13 +93,20 @@ public final class Runner {
         URLClassLoader second = new URLClassLoader(urls, ClassLoader.getPlatformClassLoader());
         String before = "first: " + smokeIn(first, column);
         if (!closeFirst) {
-            return before + "; second: " + smokeIn(second, column) + "; first again: " + smokeIn(first, column);
+            return before + "; second: " + smokeIn(second, column) + "; first again: " + smokeIn(first, column)
+                    + "; mapped: " + mappedLibraries();
         }
-        WeakReference<ClassLoader> collected = new WeakReference<>(first);
+        // As a control, a loader that has loaded a class and no natives.
+        URLClassLoader plain = new URLClassLoader(urls, ClassLoader.getPlatformClassLoader());
+        Class.forName(Case.class.getName(), true, plain);
+        List<WeakReference<ClassLoader>> closed = List.of(new WeakReference<>(first), new WeakReference<>(plain));
         first.close();
         first = null;
+        plain.close();
+        plain = null;
         Case.collect();
-        return before + "; closed, collected: " + (collected.get() == null) + "; second: " + smokeIn(second, column);
+        return before + "; closed, collected: " + (closed.get(0).get() == null) + " (one without natives: "
+                + (closed.get(1).get() == null) + "); second: " + smokeIn(second, column);
     }
 
     private static String smokeIn(ClassLoader loader, Column column) {
@@ -162,20 +169,24 @@ public final class Runner {
         }
     }
 
-    /** Starts a case. The mounts are shell commands, in a mount namespace of that process, before the machine starts. */
+    /** Starts a case. The mounts are shell commands, run in a mount namespace of its own before the machine starts. */
     private Started start(Column column, Case one, Scratch scratch, String mounts) throws IOException {
         Path result = Files.createTempFile(scratch.root, "result", "");
         Path output = Files.createTempFile(scratch.root, "output", "");
         Path crash = Path.of(result + ".hs_err");
-        String classPath = Stream.concat(Stream.of(out.resolve("classes")), jars(column).stream()).map(Path::toString)
-                .collect(Collectors.joining(":"));
+        String classPath = Stream.concat(Stream.of(out.resolve("classes")), jars(column).stream())
+                .map(Path::toString).collect(Collectors.joining(":"));
         List<String> command = new ArrayList<>();
         if (!mounts.isEmpty()) {
             command.addAll(List.of("unshare", "-m", "sh", "-ec", mounts + "; exec \"$@\"", "sh"));
         }
-        command.addAll(List.of("java", "-Xmx512m", "-XX:-CreateCoredumpOnCrash", "-XX:ErrorFile=" + crash,
+        command.addAll(List.of("java", "-Xmx512m", "-XX:ErrorFile=" + crash,
                 "-Duser.home=" + scratch.root.resolve("home"), "-Djava.io.tmpdir=" + scratch.root.resolve("tmp"), "-cp",
                 classPath));
+        if (one.point() == 9) {
+            // The heap is all there from the beginning, so that the memory that grows is what the natives hold.
+            command.addAll(List.of("-Xms512m", "-XX:+AlwaysPreTouch"));
+        }
         command.addAll(one.options());
         command.addAll(List.of("neighbours.Runner", "child", column.getClass().getSimpleName(), one.key(),
                 result.toString()));
@@ -188,8 +199,11 @@ public final class Runner {
     }
 
     private String finish(Started started) throws IOException, InterruptedException {
-        boolean ended = started.process.waitFor(60, TimeUnit.SECONDS);
+        boolean ended = started.process.waitFor(30, TimeUnit.SECONDS);
         if (!ended) {
+            // Has the virtual machine print its threads.
+            new ProcessBuilder("kill", "-QUIT", String.valueOf(started.process.pid())).start().waitFor();
+            Thread.sleep(2000);
             started.process.destroyForcibly().waitFor();
         }
         int code = started.process.exitValue();
@@ -197,7 +211,9 @@ public final class Runner {
         String said = Files.readString(started.output).strip();
         String text = result.length < 2 ? "" : (result[0].equals("threw") ? "exception: " : "") + result[1];
         if (!ended) {
-            text = "hangs (ended after 60 s) " + text;
+            Matcher main = Pattern.compile("\"main\".*\\R.*\\R((?:\\s+(?:at|-) .*\\R){1,5})").matcher(said);
+            text = "hangs (ended after 30 s) "
+                    + (main.find() ? main.group(1).strip().replaceAll("\\s*\\R\\s*", " / ") : "");
         } else if (Files.exists(started.crash)) {
             text = "JVM ended (" + code + "): " + crashReason(Files.readString(started.crash)) + " " + text;
         } else if (code != 0) {
@@ -331,8 +347,10 @@ public final class Runner {
                 }
                 results.forEach((label, text) -> System.out.printf("%s %d %s: %s%n", name, point, label, text));
                 rows.computeIfAbsent(point, p -> new StringBuilder("| " + p + ". " + POINTS.get(p) + " |")).append(' ')
-                        .append(results.entrySet().stream().map(each -> each.getKey() + ": " + shortened(each.getValue()))
-                                .collect(Collectors.joining("<br>"))).append(" |");
+                        .append(results.entrySet().stream()
+                                .map(each -> each.getKey() + ": " + shortened(each.getValue()))
+                                .collect(Collectors.joining("<br>")))
+                        .append(" |");
             }
         }
         Path report = out.resolve("report.md");

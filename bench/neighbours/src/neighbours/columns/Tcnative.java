@@ -264,6 +264,7 @@ public final class Tcnative implements Column {
                         return SSL.getCiphers(ssl).length == 2;
                     });
                 }),
+                new Case(6, "trust check does no harm", () -> handshake(() -> { })).with(direct),
                 new Case(6, "trust check (task) releases the engine", () -> handshake(() -> SHARED.get().release())),
                 new Case(6, "trust check in the native call releases the engine", () ->
                     handshake(() -> SHARED.get().release())).with(direct),
@@ -281,7 +282,8 @@ public final class Tcnative implements Column {
                 new Case(7, "raw: SSLContext.setMode of an SSL", () ->
                     "returns " + SSLContext.setMode(rawEngine(), SSL.SSL_MODE_RELEASE_BUFFERS)),
                 new Case(8, "protocols(TLSv9)", () -> "accepted " + SslContextBuilder.forClient()
-                    .sslProvider(SslProvider.OPENSSL_REFCNT).protocols("TLSv9").build()),
+                    .sslProvider(SslProvider.OPENSSL_REFCNT).protocols("TLSv9").build()
+                    .newEngine(UnpooledByteBufAllocator.DEFAULT).getEnabledProtocols().length + " protocols enabled"),
                 new Case(8, "engine.setEnabledProtocols(TLSv9)", () -> {
                     engine().setEnabledProtocols(new String[] {"TLSv9"});
                     return "accepted";
