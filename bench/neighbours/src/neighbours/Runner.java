@@ -80,6 +80,12 @@ public final class Runner {
                 new Case(2, "first closed and collected", () -> twoLoaders(column, true)),
                 new Case(11, "os.arch=aarch64", column::smoke).with("-Dos.arch=aarch64"),
                 new Case(11, "os.arch=sparc", column::smoke).with("-Dos.arch=sparc"),
+                new Case(10, "killed", () -> {
+                    column.smoke();
+                    String self = String.valueOf(ProcessHandle.current().pid());
+                    new ProcessBuilder("kill", "-KILL", self).start().waitFor();
+                    return "still alive";
+                }),
                 new Case(10, "mapped", () -> column.smoke() + "; mapped: " + mappedLibraries()));
     }
 
@@ -240,12 +246,20 @@ public final class Runner {
 
     /** Point 10, in which the folders are prepared, shared by two processes or spoilt between two. */
     private Map<String, String> unpacking(Column column) throws IOException, InterruptedException {
-        Case mapped = common(column).get(5);
+        Case killed = common(column).get(5);
+        Case mapped = common(column).get(6);
         Map<String, String> results = new LinkedHashMap<>();
         try (Scratch scratch = new Scratch()) {
             String used = finish(start(column, mapped, scratch, ""));
             results.put("where", used + "; left behind: " + scratch.files().stream()
                     .map(file -> scratch.root.relativize(file).toString()).limit(6).toList());
+        }
+        try (Scratch scratch = new Scratch()) {
+            finish(start(column, killed, scratch, ""));
+            finish(start(column, mapped, scratch, ""));
+            results.put("killed, then a good run", "left behind: " + scratch.files().stream()
+                    .map(file -> scratch.root.relativize(file).toString()).filter(file -> file.contains(".so")).limit(6)
+                    .toList());
         }
         int good = 0;
         int rounds = 5;
