@@ -30,7 +30,8 @@ public final class ClassLoaders {
             System.gc();
             Thread.sleep(20);
         }
-        System.out.println(first.get() == null ? "first class loader collected" : "first class loader stays");
+        // With the end of the line in it: the other thread's codecs print, too.
+        System.out.print(first.get() == null ? "first class loader collected\n" : "first class loader stays\n");
         deploy(urls, bothLoaded, false);
         done = true;
         other.join();
