@@ -11,6 +11,7 @@ namespace {
 class InstalledRepository : public testing::Test {
 protected:
     void SetUp() override {
+        ASSERT_NE(std::getenv("KELVANE_DIST"), nullptr) << "KELVANE_DIST must name the installed tree";
         ASSERT_TRUE(fs::exists(natives)) << "tools/build release maven-repository makes it";
         std::string pattern = fs::temp_directory_path() / "kelvane repository XXXXXX";
         ASSERT_NE(mkdtemp(pattern.data()), nullptr);
@@ -24,8 +25,8 @@ protected:
 
     std::string java(const std::string& arguments, const fs::path& home) const {
         return "(cd '" + (root / "work").string() + "' && env -u XDG_CACHE_HOME HOME='" + home.string() +
-               "' java -XX:TieredStopAtLevel=1 -Djava.io.tmpdir='" + (root / "tmp").string() + "' " + arguments +
-               " 2>&1)";
+               "' java -XX:TieredStopAtLevel=1 -Djava.io.tmpdir='" + (root / "tmp").string() + "' " +
+               arguments + " 2>&1)";
     }
     CommandResult runJava(const std::string& arguments) const { return run(java(arguments, root / "home")); }
 
@@ -58,7 +59,8 @@ protected:
 } // namespace
 
 TEST_F(InstalledRepository, WorksOnTheClassPathAndOnTheModulePath) {
-    const std::string modules = "-p " + jar + ":" + natives + " -cp " TEST_JAR " --add-modules com.kelvane.media";
+    const std::string modules =
+        "-p " + jar + ":" + natives + " -cp " TEST_JAR " --add-modules com.kelvane.media";
     for (const std::string& paths :
          {classPath, modules + " ", modules + ",com.kelvane.media.natives.linux.x86_64 "}) {
         SCOPED_TRACE(paths);
@@ -85,7 +87,9 @@ TEST_F(InstalledRepository, RepairsWhatIsWrongInTheCache) {
     const fs::path folder = cached();
 
     fs::resize_file(folder / "libavcodec.so.58", 100'000);
-    std::fstream(folder / "libopus.so.0", std::ios::in | std::ios::out | std::ios::binary).seekp(50'000) << "tampered";
+    std::fstream opus(folder / "libopus.so.0", std::ios::in | std::ios::out | std::ios::binary);
+    opus.seekp(50'000) << "tampered";
+    opus.close();
     fs::remove(folder / "libavutil.so.56");
     fs::rename(folder / "libswscale.so.5", root / "elsewhere");
     fs::create_symlink(root / "elsewhere", folder / "libswscale.so.5");
@@ -120,8 +124,9 @@ TEST_F(InstalledRepository, GivesEachClassLoaderALibraryOfItsOwn) {
     const std::string library = tree + "/lib/amd64-Linux-gpp/jni";
     const std::string main = " -cp " TEST_JAR " com.kelvane.media.test.ClassLoaders " TEST_JAR " ";
     for (const std::string& arguments :
-         {"-Dkelvane.library=" + library + "/libkelvane_media.so" + main + jar, main + tree + "/lib/kelvane-media.jar",
-          main + jar + " " + natives, "-Djava.library.path=/nowhere:" + library + main + jar}) {
+         {"-Dkelvane.library=" + library + "/libkelvane_media.so" + main + jar,
+          main + tree + "/lib/kelvane-media.jar", main + jar + " " + natives,
+          "-Djava.library.path=/nowhere:" + library + main + jar}) {
         SCOPED_TRACE(arguments);
         const CommandResult result = runJava(arguments);
         EXPECT_EQ(result.exitCode, 0);
@@ -135,25 +140,24 @@ TEST_F(InstalledRepository, TellsWhereItLooks) {
     const CommandResult found =
         runJava("-Dkelvane.openh264=/opt/openh264.so " + classPath + "com.kelvane.media.Places");
     const std::string folder = cached();
-    EXPECT_EQ(found.output, "null\n"
-                            "it is made for Linux with glibc on x86-64, and the C library of this machine is musl\n"
-                            "it is made for Linux with glibc on x86-64, and this is Mac OS X on x86_64\n" +
-                                folder + "\n/opt/openh264.so\n" + folder + "/libopenh264-1.8.0-linux64.4.so\n" +
-                                folder +
-                                "/libopenh264.so.7\n"
+    const std::string madeFor = "it is made for Linux with glibc on x86-64, and ";
+    EXPECT_EQ(found.output, "null\n" + madeFor + "the C library of this machine is musl\n" + madeFor +
+                                "this is Mac OS X on x86_64\n" + folder + "\n/opt/openh264.so\n" + folder +
+                                "/libopenh264-1.8.0-linux64.4.so\n" + folder + "/libopenh264.so.7\n" +
                                 "lib/amd64-Linux-gpp/jni/libopenh264-1.8.0-linux64.4.so\n"
                                 "libopenh264.so.7\nlibopenh264.so.6\nlibopenh264.so.5\nlibopenh264.so.4\n");
 
     const CommandResult foreign = runJava("-Dos.arch=aarch64 " + classPath + picture);
-    EXPECT_NE(foreign.output.find("UnsatisfiedLinkError: libkelvane_media.so could not be loaded: it is made for Linux "
-                                  "with glibc on x86-64, and this is Linux on aarch64. Tried:\n"
-                                  "  system property kelvane.library: not set\n"),
+    EXPECT_NE(foreign.output.find("UnsatisfiedLinkError: libkelvane_media.so could not be loaded: " + madeFor +
+                                  "this is Linux on aarch64. Tried:\n"
+                                  "  system property kelvane.library: not set\nTo fix it, "),
               std::string::npos)
         << foreign.output;
 
     const CommandResult none = runJava("-cp " + jar + ":" TEST_JAR " " + picture);
     for (const char* line : {"\n  installed tree: ", "\n  folder of the jar: ",
                              "\n  natives jar, unpacked in the cache: not on the class path or module path\n",
-                             "\n  java.library.path: ", "\nTo fix it, add the artifact com.kelvane:kelvane-media"})
+                             "\n  java.library.path: ",
+                             "\nTo fix it, add the artifact com.kelvane:kelvane-media"})
         EXPECT_NE(none.output.find(line), std::string::npos) << line << none.output;
 }
