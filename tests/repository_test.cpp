@@ -148,7 +148,8 @@ TEST_F(InstalledRepository, TellsWhereItLooks) {
                                 "libopenh264.so.7\nlibopenh264.so.6\nlibopenh264.so.5\nlibopenh264.so.4\n");
 
     const CommandResult foreign = runJava("-Dos.arch=aarch64 " + classPath + picture);
-    EXPECT_NE(foreign.output.find("UnsatisfiedLinkError: libkelvane_media.so could not be loaded: " + madeFor +
+    EXPECT_NE(foreign.output.find("UnsatisfiedLinkError: libkelvane_media.so could not be loaded: " +
+                                  madeFor +
                                   "this is Linux on aarch64. Tried:\n"
                                   "  system property kelvane.library: not set\nTo fix it, "),
               std::string::npos)

@@ -24,6 +24,7 @@ public final class ClassLoaders {
             e.printStackTrace(System.out);
             System.exit(1);
         });
+        other.setDaemon(true); // so that a failure of this thread ends the process, too
         other.start();
         WeakReference<ClassLoader> first = deploy(urls, bothLoaded, false);
         for (int i = 0; i < PATIENCE && first.get() != null; i++) {
