@@ -39,7 +39,8 @@ public:
     // was decoded but yielded nothing, and is left alone otherwise.
     int process(signed char* data, int size, uint32_t timestamp, int& newOutput);
 
-    // The same for the next picture that is held back for reordering, with its own time; 0 when there is none.
+    // The same for the next picture that is held back for reordering, with its own time; 0 when there is
+    // none.
     int drain(int& newOutput);
 
     // Makes the access unit itself pending.

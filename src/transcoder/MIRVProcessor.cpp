@@ -131,8 +131,7 @@ void MIRVProcessor::write(jobject listener, AVFrame* picture, JavaCall& java, ui
     for (uint32_t i = 0; i < count; ++i) {
         const bool encoded = encodePicture(outputs[i], picture);
         findReceiveVideo(java, listener);
-        if (receiveVideoMethod)
-            receiveVideo(java, listener, receiveVideoMethod, outputs[i], time, encoded);
+        if (receiveVideoMethod) receiveVideo(java, listener, receiveVideoMethod, outputs[i], time, encoded);
     }
 }
 
