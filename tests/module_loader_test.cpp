@@ -60,8 +60,14 @@ TEST(EngineModuleLoader, FindsModulesByTheirGuid) {
     moduleRecordOf("recorder").throwIn = "exported GetGuid";
     EXPECT_EQ(load(loader, modulePath("recorder")), 0u);
     const auto findAnother = [&] { EXPECT_EQ(loader.GetLibFunctions(topBitGuid, &found), 1); };
-    EXPECT_EQ(printedBy(findAnother, 2), "module threw in GetGuid: not a std::exception\n");
+    EXPECT_EQ(printedBy(findAnother, 2),
+              "module " + modulePath("recorder") + " threw in GetGuid: not a std::exception\n");
     moduleRecordOf("recorder").throwIn = "";
+
+    const std::string unknown = modulePath("faulty_new_interface");
+    EXPECT_EQ(printedBy([&] { EXPECT_EQ(load(loader, unknown, ""), 0u); }, 2),
+              "module " + unknown + " refused: built for interface 2, not 1\n");
+    EXPECT_FALSE(isMapped(unknown));
 }
 
 TEST(EngineModuleLoader, FillsItsTableAndUnmapsItUnlessProcessorsLive) {
