@@ -50,6 +50,7 @@ TEST(EngineModuleCheck, TellsEachFaultInWords) {
         {"frees", {"DestroyVideoProcessor: is ended by abort()", "DestroyVideoProcessor"}},
         {"leaks_in_close",
          {"bytes behind when its object is destroyed by DestroyVideoProcessor (without Close)"}},
+        {"grows", {"a stream holds about 1"}},
         {"shared_state", {"two streams in turns disturb each other"}},
         {"ends_process", {"ends the process with exit()", "Faulty::Process"}},
         {"never_returns", {"does not return within 1 seconds", "Faulty::Process"}, "--timeout 1"},

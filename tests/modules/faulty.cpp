@@ -13,8 +13,10 @@ KELVANE_MODULE_ENTRY unsigned int GetModuleInterface() { return OTHER_INTERFACE;
 
 #include <cstdlib>
 #include <cstring>
+#include <list>
 #include <stdexcept>
 #include <utility>
+#include <vector>
 
 extern "C" unsigned int nowhereDefined();
 
@@ -45,6 +47,7 @@ enum Fault {
     not_destroyed,   // forgets to
     frees,           // another address than it was given
     leaks_in_close,  // what only Close frees is lost without it
+    grows,           // with every picture, until its end
     shared_state,    // has its size in a static variable
     ends_process,    // by exit()
     never_returns,   // from Process
@@ -104,6 +107,7 @@ public:
             for (size_t i = sizeof deepest; i >= 4096; i -= 4096)
                 deepest[i - 1] = 1;
         }
+        if (fault == grows) history.emplace_back(100);
         if (fault == shared_state) data[0] = static_cast<unsigned char>(sharedWidth + sharedHeight);
         if (fault == ends_process) std::exit(0);
         if (fault == never_returns)
@@ -117,6 +121,7 @@ private:
     int width = 0; // pixels
     int height = 0;
     unsigned char* lines = nullptr;
+    std::list<std::vector<char>> history;
 };
 
 Faulty* theOnlyOne;

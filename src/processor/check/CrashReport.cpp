@@ -26,6 +26,7 @@
 namespace {
 
 constexpr size_t javaStackSize = size_t{1} << 20, stackGuardSize = size_t{16} << 20;
+constexpr size_t mostOfAPush = size_t{64} << 10;
 constexpr size_t handlerStackSize = size_t{256} << 10;
 
 struct Thread {
@@ -86,7 +87,9 @@ void sayPlace(uintptr_t instruction) {
             found = liesInModule(reinterpret_cast<uintptr_t>(frames[i]) - 1, offset);
     }
     if (!found) {
-        say("  at address %#zx, which is not in the module\n", instruction);
+        say("  at address %#zx, outside of the module: is its object, or the table of that, damaged or "
+            "freed?\n",
+            instruction);
         return;
     }
     const ModuleSymbols::Function* function = moduleSymbols->find(offset);
@@ -105,11 +108,11 @@ void sayPlace(uintptr_t instruction) {
 void sayOperation() {
     const char* operation = self ? self->operation.load() : nullptr;
     if (!operation)
-        say("FAULT: between two calls of the module: ");
+        say("\nFAULT: between two calls of the module: ");
     else if (self->size.width > 0)
-        say("FAULT: %s, pictures of %dx%d: ", operation, self->size.width, self->size.height);
+        say("\nFAULT: %s, pictures of %dx%d: ", operation, self->size.width, self->size.height);
     else
-        say("FAULT: %s: ", operation);
+        say("\nFAULT: %s: ", operation);
 }
 
 void sayAccess(const siginfo_t& signal, const ucontext_t& context) {
@@ -120,11 +123,12 @@ void sayAccess(const siginfo_t& signal, const ucontext_t& context) {
     const char* access = instruction == address ? "jumps" : isWrite ? "writes" : "reads";
     const BufferAddress buffer = findBuffer(address);
     const auto size = static_cast<ptrdiff_t>(buffer.size);
+    // A push lies just below the stack pointer; a large array moves that one itself.
     if (self && (stackPointer < self->stackStart ||
-                 (address < self->stackStart && address + stackGuardSize >= self->stackStart)))
+                 (address < self->stackStart && address + mostOfAPush >= stackPointer)))
         say("runs out of its stack, which has %zu kB, as a Java thread's has\n", javaStackSize / 1024);
     else if (signal.si_code == SI_KERNEL)
-        say("uses a wild pointer, which cannot be an address\n");
+        say("uses a pointer that is no address, or not aligned as its instruction wants\n");
     else if (buffer.name && buffer.isOver)
         say("%s byte %td of %s of an earlier call, which is gone\n", access, buffer.offset, buffer.name);
     else if (buffer.name && buffer.offset >= size)

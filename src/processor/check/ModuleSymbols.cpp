@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <memory>
@@ -31,6 +32,7 @@ std::string demangled(const char* symbol) {
 }
 
 ModuleSymbols::ModuleSymbols(const std::string& path) {
+    if (!std::filesystem::is_regular_file(path)) return;
     std::ifstream stream(path, std::ios::binary);
     const std::string file{std::istreambuf_iterator<char>(stream), {}};
     const auto header = recordAt<Elf64_Ehdr>(file, 0);
