@@ -39,6 +39,7 @@ struct Thread {
 };
 Thread threads[4];
 thread_local Thread* self = nullptr;
+std::atomic<pthread_t> reporter = 0; // of a crash; 0: nobody
 
 std::string moduleFile, fileToRemove;
 const ModuleSymbols* moduleSymbols = nullptr;
@@ -107,7 +108,9 @@ void sayPlace(uintptr_t instruction) {
 
 void sayOperation() {
     const char* operation = self ? self->operation.load() : nullptr;
-    if (!operation)
+    if (!self)
+        say("\nFAULT: on a thread that is not the caller's: ");
+    else if (!operation)
         say("\nFAULT: between two calls of the module: ");
     else if (self->size.width > 0)
         say("\nFAULT: %s, pictures of %dx%d: ", operation, self->size.width, self->size.height);
@@ -171,7 +174,7 @@ void sayAccess(const siginfo_t& signal, const ucontext_t& context) {
         // It jumped to nowhere: where it came from lies on top of the stack.
         instruction = *reinterpret_cast<const uintptr_t*>(context.uc_mcontext.gregs[REG_RSP]) - 1;
     sayPlace(instruction);
-    if (!self || !self->operation)
+    if (self && !self->operation)
         say("  an earlier call has damaged memory: valgrind or AddressSanitizer tell which\n");
     end();
 }
@@ -190,27 +193,32 @@ bool isOverdue(const Thread& thread) {
     return thread.isTaken && thread.operation && now() - thread.since >= mostSeconds;
 }
 
-void handle(int number, siginfo_t* signal, void* context) {
-    const int error = errno;
-    static std::atomic<bool> reporting = false;
-    if (number == SIGALRM) {
-        if (isTraced()) {
-            // A debugger may hold the process for as long as it likes.
-        } else if (self && isOverdue(*self)) {
-            if (!reporting.exchange(true)) reportSignal(number, *signal, *static_cast<ucontext_t*>(context));
-        } else {
-            for (const Thread& thread : threads) // the one to tell where it is
-                if (isOverdue(thread) && !pthread_equal(thread.id, pthread_self()))
-                    pthread_kill(thread.id, SIGALRM);
-        }
-        errno = error;
-        return;
+// Only one thread reports, and only for so long: the heap may be locked for ever.
+void report(int number, const siginfo_t& signal, const ucontext_t& context) {
+    pthread_t other = 0;
+    if (reporter.compare_exchange_strong(other, pthread_self())) {
+        const itimerval mostOfAReport{{0, 0}, {5, 0}};
+        setitimer(ITIMER_REAL, &mostOfAReport, nullptr);
+        reportSignal(number, signal, context);
     }
-    if (reporting.exchange(true)) {
+    if (number == SIGALRM) end();
+    if (pthread_equal(other, pthread_self())) {
         say("  its stack is damaged, so that the place cannot be told: is a local array overrun?\n");
         end();
     }
-    reportSignal(number, *signal, *static_cast<ucontext_t*>(context));
+    for (;;)
+        pause();
+}
+
+void handle(int number, siginfo_t* signal, void* context) {
+    const int error = errno;
+    const auto& processor = *static_cast<ucontext_t*>(context);
+    if (number != SIGALRM || reporter || (self && isOverdue(*self) && !isTraced()))
+        report(number, *signal, processor);
+    for (const Thread& thread : threads) // the one to tell where it is
+        if (isOverdue(thread) && !pthread_equal(thread.id, pthread_self()) && !isTraced())
+            pthread_kill(thread.id, SIGALRM);
+    errno = error;
 }
 
 void reportExit() {
@@ -264,7 +272,6 @@ void reportCrashes(const std::string& file, const ModuleSymbols& symbols, int se
     struct sigaction action {};
     action.sa_sigaction = handle;
     action.sa_flags = SA_SIGINFO | SA_ONSTACK | SA_RESTART | SA_NODEFER;
-    sigaddset(&action.sa_mask, SIGALRM);
     for (const int number : crashSignals)
         sigaction(number, &action, nullptr);
     std::atexit(reportExit);

@@ -81,12 +81,12 @@ std::string firstLine(std::string_view text) {
     return std::string(text.substr(0, text.find_first_of("\r\n")));
 }
 
-// What a module writes into the text of a report is its own matter; no control characters of ours.
+// The beginning of a hostile value, fit to be printed.
 std::string inQuotes(std::string_view text) {
     constexpr size_t longest = 40;
     std::string shown;
     for (const char c : text.substr(0, longest))
-        shown += static_cast<unsigned char>(c) < ' ' ? '.' : c;
+        shown += c < ' ' || c > '~' ? '.' : c;
     return "'" + shown + "'" +
            (text.size() > longest ? "... (" + std::to_string(text.size()) + " bytes)" : "");
 }
