@@ -190,28 +190,57 @@ TEST_F(PipelineTest, PassThroughTouchesNothingButWhatTheModuleChanges) {
     EXPECT_EQ(pipeline.read().timestamp, untouched);
 }
 
-TEST_F(PipelineTest, WhatAModuleThrowsCountsAsZero) {
-    Pipeline pipeline;
-    const auto reports = [&](const std::string& thrower, const std::string& call, int result, auto action) {
-        record.throwIn = thrower;
-        EXPECT_EQ(printedBy([&] { EXPECT_EQ(action(), result) << call; }, 2),
-                  "module threw in " + call + ": " + thrower + " fails\n");
-        record.throwIn = "";
+TEST_F(PipelineTest, WhatAModuleThrowsCountsAsZeroAndIsReportedOnce) {
+    const auto brew = [](Pipeline& pipeline) { return pipeline.brew(recorderGuid); };
+    const auto apply = [](Pipeline& pipeline) { return pipeline.apply(recorderGuid); };
+    const auto write = [&](Pipeline& pipeline) { return pipeline.write(0, units[0]); };
+    const auto resize = [&](Pipeline& pipeline) {
+        pipeline.write(0, units[0]);
+        return pipeline.write(1, resized[0]);
     };
-    const auto brew = [&] { return pipeline.brew(recorderGuid); };
-    const auto apply = [&] { return pipeline.apply(recorderGuid); };
-    reports("create", "CreateVideoProcessor", 1, brew);
-    brew();
-    reports("GetGuid", "GetGuid", -1, apply);
-    reports("Apply", "Apply", 0, apply);
-    reports("Open", "Open", 1, [&] { return pipeline.write(0, units[0]); });
-    reports("Reinit", "Reinit", 1, [&] { return pipeline.write(2, resized[0]); });
-    EXPECT_FALSE(pipeline.read().data.empty());
-    reports("Process", "Process", 1, [&] { return pipeline.write(1, resized[1]); });
+    const auto close = [](Pipeline& pipeline) { return pipeline.close(); };
+    struct Case {
+        const char *thrower, *operation;
+        int result;
+        std::function<int(Pipeline&)> action;
+    };
+    const Case cases[] = {{"create", "CreateVideoProcessor", 1, brew},
+                          {"GetGuid", "GetGuid", -1, apply},
+                          {"Apply", "Apply", 0, apply},
+                          {"Open", "Open", 1, write},
+                          {"Reinit", "Reinit", 1, resize},
+                          {"Process", "Process", 1, write},
+                          {"Close", "Close", 1, brew},
+                          {"delete", "~CModuleProcessor", 1, brew},
+                          {"destroy", "DestroyVideoProcessor", 1, close}};
+    const std::string module = "module " + modulePath("recorder") + " threw ";
+    for (const Case& each : cases) {
+        Pipeline pipeline;
+        if (each.thrower != std::string("create")) brew(pipeline);
+        record.throwIn = each.thrower;
+        EXPECT_EQ(printedBy([&] { EXPECT_EQ(each.action(pipeline), each.result) << each.thrower; }, 2),
+                  module + "in " + each.operation + ": " + each.thrower + " fails\n");
+        record.throwIn = "";
+    }
+
+    Pipeline pipeline;
+    brew(pipeline);
+    record.throwIn = "Process";
+    EXPECT_EQ(printedBy([&] { write(pipeline); }, 2), module + "in Process: Process fails\n");
+    EXPECT_EQ(printedBy([&] { write(pipeline), resize(pipeline); }, 2), "");
     EXPECT_TRUE(pipeline.read().data.empty());
-    reports("Close", "Close", 1, brew);
-    reports("delete", "~CModuleProcessor", 1, brew);
-    reports("destroy", "DestroyVideoProcessor", 1, [&] { return pipeline.close(); });
+    EXPECT_EQ(printedBy([&] { brew(pipeline), pipeline.close(); }, 2), module + "4 times in this pipeline\n");
+}
+
+TEST_F(PipelineTest, AModuleThatMakesNoProcessorIsNamed) {
+    const std::string noObject = modulePath("faulty_no_object");
+    printedBy([&] { AVCProcessor(loadLibrary)(javaEnv(), nullptr, javaString(noObject.c_str())); });
+    Pipeline pipeline;
+    const auto brew = [&] { EXPECT_EQ(pipeline.brew(0xfa017), 1); };
+    EXPECT_EQ(printedBy(brew, 2),
+              "module " + noObject + " made no processor: CreateVideoProcessor returned null\n");
+    EXPECT_EQ(printedBy(brew), "") << "it was found";
+    EXPECT_EQ(pipeline.apply(0xfa017), -1);
 }
 
 TEST_F(PipelineTest, WhatYieldsNothingSaysSo) {

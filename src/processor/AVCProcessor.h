@@ -26,6 +26,7 @@ public:
     uint8_t option1 = 1;
     uint8_t option2 = 0;
     uint8_t option3 = 1;
+    ModuleCaller callModule; // of the attached processor
 
     // Attaches the module with this GUID in place of the one attached, if any.
     void brew(unsigned int guid);

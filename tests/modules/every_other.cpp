@@ -20,7 +20,7 @@ public:
         return 1;
     }
     int Process(unsigned char*, int, int* timestamp) override {
-        *timestamp += delay * pictures;
+        *timestamp = static_cast<int>(*timestamp + 1LL * delay * pictures);
         return pictures++ % 2 == 0;
     }
     void Close() override {}
