@@ -391,19 +391,25 @@ TEST(EngineDecoder, RecoversFromCorruptStreams) {
 
 // FFmpeg waits for the rest of a picture whose end was lost.
 TEST(EngineDecoder, GoesOnAfterAPictureThatLostItsEnd) {
+    const auto loseHalf = [](Bytes& unit) { unit.resize(unit.size() / 2); };
+    const auto changeEntropyCoding = [](Bytes& unit) { // in the PPS: no slice can be decoded
+        constexpr uint8_t pps[] = {0, 0, 1, 0x68};
+        std::search(unit.begin(), unit.end(), pps, pps + 4)[4] ^= 0x20;
+    };
     const struct {
         const char* vector;
-        size_t damaged,
-            resumed; // access units: the one that is cut in half, the one with which pictures are back
+        void (*damage)(Bytes& accessUnit);
+        size_t damaged, resumed; // access units: the damaged one, and the one with which pictures are back
     } cases[] = {
-        {"size_change.h264", 4, 5}, // at an IDR picture with other parameter sets
-        {"fields.h264", 7, 17},     // a second field; with the IDR picture's second field
-        {"refresh.h264", 40, 72},   // without any IDR picture, after as many pictures as are waited for
+        {"size_change.h264", loseHalf, 4, 5},          // at an IDR picture with other parameter sets
+        {"baseline.h264", changeEntropyCoding, 0, 10}, // the same
+        {"fields.h264", loseHalf, 7, 17},              // a second field; with that of the IDR picture
+        {"refresh.h264", loseHalf, 40, 72},            // without any, after as many as are waited for
     };
-    for (const auto& [vector, damaged, resumed] : cases) {
+    for (const auto& [vector, damage, damaged, resumed] : cases) {
         SCOPED_TRACE(vector);
         std::vector<Bytes> units = accessUnits(vector);
-        units.at(damaged).resize(units[damaged].size() / 2);
+        damage(units.at(damaged));
         VideoDecoder decoder;
         printedBy([&] {
             decoder.open();

@@ -42,6 +42,15 @@ struct Pipeline {
         sizeInfo = bytesOf(info);
         return result;
     }
+    int drain() {
+        const LocalFrame references;
+        jbyteArray info = javaArray(4);
+        const int result = AVCProcessor(drain)(javaEnv(), nullptr, info, handle);
+        sizeInfo = bytesOf(info);
+        return result;
+    }
+    jlong pictureTime() { return AVCProcessor(pictureTime)(javaEnv(), nullptr, handle); }
+    bool attached() { return AVCProcessor(attached)(javaEnv(), nullptr, handle); }
     Output read() {
         const LocalFrame references;
         jbyteArray time = javaArray(4), data = javaArray(engine().outputSize);
@@ -51,7 +60,7 @@ struct Pipeline {
     VideoProcessor& engine() { return *reinterpret_cast<VideoProcessor*>(handle); }
 
     jlong handle;
-    Bytes sizeInfo; // after the last write
+    Bytes sizeInfo; // after the last write or drain
 };
 
 class PipelineTest : public testing::Test {
@@ -87,8 +96,16 @@ TEST_F(PipelineTest, WithoutAModuleTheStreamIsEncodedAgain) {
         EXPECT_EQ(pipeline.read().timestamp, untouched);
         if (result) encoded.push_back(output.data);
     }
+    while (pipeline.drain()) {
+        const Output output = pipeline.read();
+        EXPECT_EQ(pipeline.sizeInfo, bigEndian(output.data.size()));
+        EXPECT_EQ(output.timestamp, bigEndian(static_cast<size_t>(pipeline.pictureTime())));
+        encoded.push_back(output.data);
+    }
+    EXPECT_EQ(pipeline.sizeInfo, untouched);
     const std::vector<Picture> source = referenceDecode(reordered), decoded = referenceDecode(encoded);
-    ASSERT_EQ(decoded.size(), source.size() - 2) << "two pictures stay in the decoder";
+    ASSERT_EQ(decoded.size(), source.size());
+    EXPECT_EQ(pipeline.pictureTime(), (4294967290 + source.back().accessUnit) & 0xFFFFFFFF);
     for (size_t i = 0; i < decoded.size(); ++i)
         EXPECT_GT(psnr(decoded[i].i420, source[i].i420, source[i].i420.size()), 40) << i;
 }
@@ -125,9 +142,11 @@ TEST_F(PipelineTest, AModuleGetsEveryCallInOrder) {
 TEST_F(PipelineTest, BrewReplacesTheModule) {
     Pipeline pipeline;
     EXPECT_EQ(pipeline.apply(recorderGuid), -1);
+    EXPECT_FALSE(pipeline.attached());
     EXPECT_EQ(pipeline.write(0, units[0]), 1);
     for (const jint i : {1, 2}) {
         pipeline.brew(recorderGuid);
+        EXPECT_TRUE(pipeline.attached());
         EXPECT_EQ(pipeline.write(i, units[static_cast<size_t>(i)]), 1);
     }
     EXPECT_EQ(pipeline.write(3, resized[0]), 1);
@@ -185,6 +204,8 @@ TEST_F(PipelineTest, PassThroughTouchesNothingButWhatTheModuleChanges) {
         pipeline.brew(recorderGuid);
         expected.back() = 1;
     }
+    EXPECT_EQ(pipeline.drain(), 0);
+    EXPECT_EQ(pipeline.pictureTime(), 0);
     EXPECT_EQ(pipeline.write(5, {}), 1);
     EXPECT_EQ(pipeline.sizeInfo, bigEndian(0));
     EXPECT_EQ(pipeline.read().timestamp, untouched);
@@ -274,6 +295,9 @@ TEST_F(PipelineTest, NullAndShortArgumentsAreHarmless) {
                   EXPECT_EQ(AVCProcessor(read)(env, nullptr, info, data, 0), 0);
                   EXPECT_EQ(AVCProcessor(read)(env, nullptr, nullptr, data, handle), 0);
                   EXPECT_EQ(AVCProcessor(read)(env, nullptr, info, nullptr, handle), 0);
+                  EXPECT_EQ(AVCProcessor(drain)(env, nullptr, info, 0), 0);
+                  EXPECT_EQ(AVCProcessor(drain)(env, nullptr, nullptr, handle), 0);
+                  EXPECT_FALSE(AVCProcessor(attached)(env, nullptr, 0));
                   EXPECT_FALSE(AVCProcessor(close)(env, nullptr, 0));
               }),
               "loading no/such.so\nmodule not found \nfound 0\n");

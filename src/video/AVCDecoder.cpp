@@ -65,9 +65,8 @@ int pictureStart(const signed char* data, int size) {
 // every later one, without an error: it does not begin them. In a stream in good order it begins each one but
 // a second field, which follows a first, is no IDR picture and belongs to the frame already begun. (It also
 // drops redundant slices and what lacks its parameter sets; giving up nothing then changes nothing.)
-bool VideoDecoder::isStuck(const signed char* data, int size) {
+bool VideoDecoder::isRefused(int start) {
     constexpr int longestRefusal = 32; // pictures, where no IDR picture shows the end of the damage
-    const int start = pictureStart(data, size);
     if (start == 0 || picturesBegun == 0) return false;
     return ++refusedPictures >= longestRefusal || start == idrSlice;
 }
@@ -104,15 +103,25 @@ int VideoDecoder::decode(signed char* data, int size, unsigned int time) {
     if (av_new_packet(&packet, size) < 0) return 0;
     packet.pts = int64_t{time} * 1000;
     std::memcpy(packet.data, data, static_cast<size_t>(size));
+    // FFmpeg does begin an IDR frame behind an unfinished picture, but with that one's parameter sets, in
+    // which it may fail again. Each IDR picture comes out or is held back; of those that are, FFmpeg knows
+    // the number.
+    if (unseenIdrPictures > context->has_b_frames && pictureStart(data, size) == idrSlice) {
+        giveUpPicture();
+        unseenIdrPictures = 0;
+    }
     const uint64_t begunBefore = picturesBegun;
     int got = 0;
     avcodec_decode_video2(context.get(), frame.get(), &got, &packet);
-    if (got > 0 || picturesBegun != begunBefore) {
+    if (got > 0) {
+        refusedPictures = unseenIdrPictures = 0;
+    } else if (const int start = pictureStart(data, size); picturesBegun != begunBefore) {
         refusedPictures = 0;
-    } else if (isStuck(data, size)) {
+        if (start == idrSlice) ++unseenIdrPictures;
+    } else if (isRefused(start)) {
         giveUpPicture();
         avcodec_decode_video2(context.get(), frame.get(), &got, &packet);
-        refusedPictures = 0;
+        refusedPictures = unseenIdrPictures = 0;
     }
     timestamp = time;
     av_packet_unref(&packet);
@@ -144,7 +153,7 @@ int VideoDecoder::drain() {
         avcodec_flush_buffers(context.get());
         context->has_b_frames = 0; // the delay that FFmpeg learnt from the old stream
         picturesBegun = 0;
-        refusedPictures = 0;
+        refusedPictures = unseenIdrPictures = 0;
     }
     return receive(got);
 }

@@ -37,9 +37,10 @@ public:
 private:
     int receive(int got);
     static int beginPicture(AVCodecContext* codecContext, AVFrame* picture, int flags);
-    bool isStuck(const signed char* data, int size);
+    bool isRefused(int start);
     void giveUpPicture();
 
-    uint64_t picturesBegun = 0;  // by FFmpeg, in this stream
-    int32_t refusedPictures = 0; // in a row, which FFmpeg was given and did not begin
+    uint64_t picturesBegun = 0;    // by FFmpeg, in this stream
+    int32_t refusedPictures = 0;   // in a row, which FFmpeg was given and did not begin
+    int32_t unseenIdrPictures = 0; // begun since a picture last came out
 };
