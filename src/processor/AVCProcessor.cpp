@@ -171,6 +171,21 @@ JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_AVCProcessor_loadL
     return guid;
 }
 
+JNIEXPORT jstring JNICALL Java_com_kelvane_media_transform_codec_AVCProcessor_problem(JNIEnv* env, jclass,
+                                                                                      jstring path) {
+    if (!path) return nullptr;
+    JavaCall java(env);
+    const JavaString file(java, path);
+    char text[512];
+    if (!file.get() || !findModuleProblem(file.get(), text, sizeof text)) return nullptr;
+    // A symbol's name may be any bytes, and Java takes modified UTF-8 alone.
+    for (char* byte = text; *byte; ++byte)
+        if (*byte & 0x80) *byte = '?';
+    jstring problem = env->NewStringUTF(text);
+    java.deferException();
+    return problem;
+}
+
 JNIEXPORT jlong JNICALL Java_com_kelvane_media_transform_codec_AVCProcessor_open(JNIEnv*, jclass,
                                                                                  jint frameRate, jint bitRate,
                                                                                  jint mode, jint option1,

@@ -51,6 +51,10 @@ struct ProcessorFunctionPointers {
     void (*destroy_video_processor)(CModuleProcessor* processor) = nullptr;
 };
 
+// Opens a library with all its symbols resolved, which LoadLib does not ask for, and closes it again. True when it
+// cannot be opened or an entry point is absent; `text` then says which, cut to `size` bytes.
+bool findModuleProblem(const char* path, char* text, size_t size);
+
 // Opens module libraries and finds them again by their GUID. Loads may overlap each other and look-ups.
 class CLibLoader {
 public:

@@ -40,6 +40,7 @@ public final class Pipeline implements AutoCloseable {
     private final byte[] number = new byte[Integer.BYTES];
     private final ByteBuffer value = ByteBuffer.wrap(number);
     private long lastTime;
+    private volatile long sourceTime;
     private volatile long pictures;
     private volatile long dropped;
     private volatile long failed;
@@ -165,7 +166,16 @@ public final class Pipeline implements AutoCloseable {
         bytes += size;
         int shift = module == null ? 0 : value.getInt(0) - (int) given;
         long own = passThrough ? lastTime : Times.nearest(AVCProcessor.pictureTime(handle), lastTime);
+        sourceTime = own;
         return new AccessUnit(data, own + shift);
+    }
+
+    /**
+     * {@return the time of the picture that came out last, in milliseconds, as it was before the module moved it} During a
+     * callback of {@link #drain} that is the picture at hand.
+     */
+    public long sourceTime() {
+        return sourceTime;
     }
 
     /** {@return what this pipeline has done so far} Any thread may ask, at any time, also after {@link #close}. */

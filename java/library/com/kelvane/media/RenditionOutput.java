@@ -15,6 +15,7 @@ final class RenditionOutput {
     // reach into.
     private byte[] bytes = new byte[0];
     private int size;
+    private boolean wanted = true;
     private long nanoseconds;
     private RuntimeException refused;
     private volatile long pictures;
@@ -57,10 +58,19 @@ final class RenditionOutput {
         }
     }
 
-    /** Scales and encodes the transcoder's picture at hand. */
+    /** Says whether the picture at hand is to be encoded. */
+    void choose(boolean isWanted) {
+        wanted = isWanted;
+    }
+
+    /** Scales and encodes the transcoder's picture at hand, if it is wanted. */
     void encode(long transcoder) {
-        long begin = System.nanoTime();
         size = 0;
+        nanoseconds = 0;
+        if (!wanted) {
+            return;
+        }
+        long begin = System.nanoTime();
         boolean encoded = MIRVProcessor.encode(index, this, transcoder) == 1;
         nanoseconds = System.nanoTime() - begin;
         totalNanoseconds += nanoseconds;

@@ -38,6 +38,7 @@ public final class Transcoder implements AutoCloseable {
     private final List<Rendition> renditions;
     private final RenditionOutput[] outputs;
     private final ParallelEncoding parallel;
+    private final Selection selection;
     private volatile long pictures;
     private volatile long decodeNanoseconds;
     private long lastTime;
@@ -47,6 +48,7 @@ public final class Transcoder implements AutoCloseable {
         engine = Engine.open("Transcoder", () -> MIRVProcessor.open(renditions.size()), MIRVProcessor::close);
         outputs = IntStream.range(0, renditions.size()).mapToObj(i -> new RenditionOutput(i, renditions.get(i)))
                 .toArray(RenditionOutput[]::new);
+        selection = settings.selection;
         parallel = settings.executor == null || outputs.length == 1 ? null : new ParallelEncoding(settings.executor, outputs);
     }
 
@@ -137,6 +139,9 @@ public final class Transcoder implements AutoCloseable {
         pictures++;
         long time = Times.nearest(MIRVProcessor.pictureTime(handle), lastTime);
         Failures failures = new Failures();
+        for (int i = 0; i < outputs.length; i++) {
+            outputs[i].choose(selection == null || selection.wants(i, time));
+        }
         if (parallel != null) {
             parallel.encode(handle);
         }
@@ -178,6 +183,21 @@ public final class Transcoder implements AutoCloseable {
         engine.close();
     }
 
+    /** Decides which pictures a rendition gets, to thin out a stream or to begin and end between its key pictures. */
+    @FunctionalInterface
+    public interface Selection {
+        /**
+         * Asked for each decoded picture, in display order, and for each rendition in turn, on the thread that called
+         * {@link #write} or {@link #drain}. What it throws ends that call before the picture is encoded.
+         *
+         * @param index the rendition's position in {@link #renditions}
+         * @param time the picture's presentation time in milliseconds
+         * @return whether the picture is to be encoded; otherwise the rendition goes on as if it had not been there, and its
+         *         figures do not count it
+         */
+        boolean wants(int index, long time);
+    }
+
     /**
      * What a transcoder has done.
      *
@@ -206,6 +226,7 @@ public final class Transcoder implements AutoCloseable {
 
         private final List<Rendition> renditions = new ArrayList<>();
         private Executor executor;
+        private Selection selection;
 
         private Builder() {
         }
@@ -229,6 +250,17 @@ public final class Transcoder implements AutoCloseable {
          */
         public Builder renditions(Iterable<Rendition> settings) {
             settings.forEach(this::rendition);
+            return this;
+        }
+
+        /**
+         * Leaves pictures out of renditions.
+         *
+         * @param choice decides for each picture
+         * @return this builder
+         */
+        public Builder select(Selection choice) {
+            selection = Objects.requireNonNull(choice, "choice");
             return this;
         }
 

@@ -1,10 +1,10 @@
 package com.kelvane.media.bench;
 
-import com.kelvane.media.transform.codec.AACDecoder;
-import com.kelvane.media.transform.codec.AACEncoder;
-import com.kelvane.media.transform.codec.MPADecoder;
-import com.kelvane.media.transform.codec.NOpusDecoder;
-import com.kelvane.media.transform.codec.NOpusEncoder;
+import com.kelvane.media.AacDecoder;
+import com.kelvane.media.AacEncoder;
+import com.kelvane.media.Mp3Decoder;
+import com.kelvane.media.OpusDecoder;
+import com.kelvane.media.OpusEncoder;
 
 /** One stream through each sound engine, from open to close, as a server would drive it. Sound is stereo. */
 public final class AudioLoops {
@@ -12,50 +12,42 @@ public final class AudioLoops {
     }
 
     public static void decodeAac(byte[] config, byte[][] accessUnits) {
-        byte[] info = new byte[5];
-        byte[] pcm = new byte[4096];
-        long decoder = AACDecoder.open(config);
-        for (byte[] accessUnit : accessUnits) {
-            AACDecoder.decode(accessUnit, info, pcm, decoder);
+        try (AacDecoder decoder = AacDecoder.open(config)) {
+            for (byte[] accessUnit : accessUnits) {
+                decoder.decode(accessUnit);
+            }
         }
-        AACDecoder.close(decoder);
     }
 
     public static void encodeAac(int sampleRate, byte[][] blocks) {
-        byte[] info = new byte[6];
-        byte[] accessUnit = new byte[4096];
-        long encoder = AACEncoder.open(2, sampleRate);
-        for (byte[] block : blocks) {
-            AACEncoder.encode(block, info, accessUnit, encoder);
+        try (AacEncoder encoder = AacEncoder.builder().sampleRate(sampleRate).open()) {
+            for (byte[] block : blocks) {
+                encoder.encode(block);
+            }
         }
-        AACEncoder.close(encoder);
     }
 
     public static void decodeMp3(byte[][] frames) {
-        byte[] info = new byte[5];
-        byte[] pcm = new byte[4608];
-        long decoder = MPADecoder.open();
-        for (byte[] frame : frames) {
-            MPADecoder.decode(frame, info, pcm, decoder);
+        try (Mp3Decoder decoder = Mp3Decoder.open()) {
+            for (byte[] frame : frames) {
+                decoder.decode(frame);
+            }
         }
-        MPADecoder.close(decoder);
     }
 
     public static void decodeOpus(byte[][] packets) {
-        byte[] pcm = new byte[5760 * 4];
-        long decoder = NOpusDecoder.open(2, 0);
-        for (byte[] packet : packets) {
-            NOpusDecoder.decode(packet, pcm, decoder);
+        try (OpusDecoder decoder = OpusDecoder.open(2)) {
+            for (byte[] packet : packets) {
+                decoder.decode(packet);
+            }
         }
-        NOpusDecoder.close(decoder);
     }
 
     public static void encodeOpus(int bitrate, byte[][] frames) {
-        byte[] packet = new byte[3828];
-        long encoder = NOpusEncoder.open(2, bitrate, 20);
-        for (byte[] frame : frames) {
-            NOpusEncoder.encode(frame, packet, encoder);
+        try (OpusEncoder encoder = OpusEncoder.builder().bitrate(bitrate).open()) {
+            for (byte[] frame : frames) {
+                encoder.encode(frame);
+            }
         }
-        NOpusEncoder.close(encoder);
     }
 }

@@ -1,45 +1,78 @@
 package com.kelvane.media.bench;
 
+import com.kelvane.media.AccessUnit;
+import com.kelvane.media.EncodedPicture;
+import com.kelvane.media.Rendition;
+import com.kelvane.media.Transcoder;
 import com.kelvane.media.transform.codec.MIRVProcessor;
 import java.io.IOException;
 import java.lang.management.ManagementFactory;
 import java.nio.ByteBuffer;
 import java.nio.file.Files;
 import java.nio.file.Path;
-import java.util.ArrayList;
 import java.util.Arrays;
 import java.util.List;
 
 /**
- * The transcoder through Java, as a media server drives it: the CPU time of the calling thread and the process's
- * memory, round by round. Arguments: STREAM.h264 ROUNDS WIDTHxHEIGHT@BITRATE...
+ * The transcoder as a media server drives it, through the typed API or through the native methods alone: the CPU time of the
+ * calling thread and the process's memory, round by round. Arguments: api|natives STREAM.h264 ROUNDS
+ * WIDTHxHEIGHT@BITRATE...
  */
 public final class TranscodeLoop {
+    private static final int FRAME_RATE = 30;
+    private static final int KEY_INTERVAL = 60;
+
     private long bytes;
     private int pictures;
 
     public static void main(String[] arguments) throws IOException {
-        List<byte[]> units = accessUnits(Files.readAllBytes(Path.of(arguments[0])));
-        String[] renditions = Arrays.copyOfRange(arguments, 2, arguments.length);
-        for (int round = 0; round < Integer.parseInt(arguments[1]); round++) {
+        boolean api = arguments[0].equals("api");
+        List<byte[]> units = AccessUnit.split(Files.readAllBytes(Path.of(arguments[1])));
+        String[] renditions = Arrays.copyOfRange(arguments, 3, arguments.length);
+        for (int round = 0; round < Integer.parseInt(arguments[2]); round++) {
             TranscodeLoop loop = new TranscodeLoop();
             long before = ManagementFactory.getThreadMXBean().getCurrentThreadCpuTime();
-            loop.transcode(units, renditions);
+            if (api) {
+                loop.throughApi(units, renditions);
+            } else {
+                loop.throughNatives(units, renditions);
+            }
             long after = ManagementFactory.getThreadMXBean().getCurrentThreadCpuTime();
-            System.err.printf("through Java: %d pictures, %d bytes, %.2f s of CPU, %d MB resident%n",
+            System.err.printf("%s: %d pictures, %d bytes, %.2f s of CPU, %d MB resident%n", arguments[0],
                     loop.pictures / renditions.length, loop.bytes, (after - before) / 1e9, residentMegabytes());
         }
     }
 
-    private void transcode(List<byte[]> units, String[] renditions) {
+    private void throughApi(List<byte[]> units, String[] renditions) {
+        Transcoder.Builder builder = Transcoder.builder();
+        for (String rendition : renditions) {
+            String[] numbers = rendition.split("[x@]");
+            builder.rendition(Rendition.of(Integer.parseInt(numbers[0]), Integer.parseInt(numbers[1]))
+                    .bitrate(Integer.parseInt(numbers[2])).frameRate(FRAME_RATE).keyInterval(KEY_INTERVAL));
+        }
+        try (Transcoder transcoder = builder.open()) {
+            long time = 0;
+            for (byte[] unit : units) {
+                transcoder.write(unit, 33 * time++, this::count);
+            }
+            transcoder.drain(this::count);
+        }
+    }
+
+    private void count(EncodedPicture picture) {
+        pictures++;
+        bytes += picture.data().remaining();
+    }
+
+    private void throughNatives(List<byte[]> units, String[] renditions) {
         long handle = MIRVProcessor.open(renditions.length);
         for (int id = 1; id <= renditions.length; id++) {
             String[] numbers = renditions[id - 1].split("[x@]");
             MIRVProcessor.apply(id, "videoWidth", numbers[0], handle);
             MIRVProcessor.apply(id, "videoHeight", numbers[1], handle);
             MIRVProcessor.apply(id, "videoBR", numbers[2], handle);
-            MIRVProcessor.apply(id, "videoFPS", "30", handle);
-            MIRVProcessor.apply(id, "videoKey", "60", handle);
+            MIRVProcessor.apply(id, "videoFPS", Integer.toString(FRAME_RATE), handle);
+            MIRVProcessor.apply(id, "videoKey", Integer.toString(KEY_INTERVAL), handle);
         }
         MIRVProcessor.start(handle);
         long time = 0;
@@ -55,20 +88,6 @@ public final class TranscodeLoop {
             pictures++;
             bytes += data.remaining();
         }
-    }
-
-    private static List<byte[]> accessUnits(byte[] stream) {
-        List<byte[]> units = new ArrayList<>();
-        int start = 0;
-        for (int at = 1; at <= stream.length; at++) {
-            boolean delimiter = at + 5 <= stream.length && stream[at] == 0 && stream[at + 1] == 0
-                    && stream[at + 2] == 0 && stream[at + 3] == 1 && stream[at + 4] == 9;
-            if (delimiter || at == stream.length) {
-                units.add(Arrays.copyOfRange(stream, start, at));
-                start = at;
-            }
-        }
-        return units;
     }
 
     private static long residentMegabytes() throws IOException {

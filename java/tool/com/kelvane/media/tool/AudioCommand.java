@@ -1,16 +1,26 @@
 package com.kelvane.media.tool;
 
-import com.kelvane.media.transform.codec.AACEncoder;
-import com.kelvane.media.transform.codec.AVCDecoder;
-import com.kelvane.media.transform.codec.NOpusEncoder;
+import com.kelvane.media.AacEncoder;
+import com.kelvane.media.OpusDecoder;
+import com.kelvane.media.OpusEncoder;
+import com.kelvane.media.VideoDecoder;
+import com.kelvane.media.tool.input.AudioTrack;
+import com.kelvane.media.tool.input.PcmFile;
+import com.kelvane.media.tool.input.SoundPackets;
+import com.kelvane.media.tool.output.OggOpusWriter;
+import com.kelvane.media.tool.output.Workspace;
+import com.kelvane.media.tool.shell.Caller;
+import com.kelvane.media.tool.shell.Failure;
+import com.kelvane.media.tool.shell.MediaProgram;
+import com.kelvane.media.tool.shell.Progress;
 import java.io.BufferedOutputStream;
 import java.io.IOException;
 import java.io.OutputStream;
 import java.nio.file.Files;
 import java.nio.file.Path;
 import java.util.ArrayList;
-import java.util.Arrays;
 import java.util.List;
+import java.util.Optional;
 import java.util.concurrent.Callable;
 import picocli.CommandLine.Command;
 import picocli.CommandLine.Model.CommandSpec;
@@ -25,12 +35,7 @@ import picocli.CommandLine.Spec;
         footer = {"", "An .aac file cannot say that its first 1024 samples are the encoder's lead-in, nor where in its last"
                 + " 1024 the sound ends.", "", "Example:", "  kelvane audio song.mp3 -o song.opus"})
 final class AudioCommand implements Callable<Integer> {
-    private static final List<Integer> AAC_RATES =
-            List.of(96000, 88200, 64000, 48000, 44100, 32000, 24000, 22050, 16000, 12000, 11025, 8000, 7350);
-    private static final int AAC_BLOCK = 1024;
-    private static final int OPUS_RATE = 48000;
-    private static final int OPUS_FRAME = 960;
-    private static final int OPUS_LEAD_IN = 312;   // by which libopus's encoder lags behind
+    private static final int ADTS_HEADER = 7; // bytes
     private static final int OPUS_BITS_PER_SECOND = 48000; // for each channel
 
     @Spec
@@ -46,26 +51,26 @@ final class AudioCommand implements Callable<Integer> {
 
     @Override
     public Integer call() throws IOException {
-        Path result = Caller.DIRECTORY.resolve(output).normalize();
+        Path result = Caller.path(output);
         String name = String.valueOf(result.getFileName());
         check(name.matches(".+\\.(wav|aac|opus)"), "OUT must end in .wav, .aac or .opus");
-        AudioTrack track = AudioTrack.open(Caller.DIRECTORY.resolve(input).normalize());
-        check(!Files.exists(result) || !Files.isSameFile(result, track.file().path()),
+        AudioTrack track = AudioTrack.open(Caller.path(input));
+        check(!Workspace.wouldReplace(track.file().path(), result.getParent(), List.of(name)),
                 result + " is the input itself; name another file with -o");
-        AVCDecoder.close(AVCDecoder.open()); // silences FFmpeg's log for the whole process
+        VideoDecoder.open().close(); // silences FFmpeg's log for the whole process
         long begin = System.nanoTime();
         double seconds;
         long bytes;
         int lost = 0;
         try (Workspace workspace = new Workspace(result.getParent())) {
             Progress.stage("reading " + track.file().path().getFileName());
-            Pcm sound;
+            PcmFile sound;
             if (track.isPcm()) {
                 sound = convert(List.of("-i", track.file().path().toString(), "-map", "0:" + track.index()),
                         targetRate(name, track.sampleRate()), Math.max(1, Math.min(2, track.channels())), workspace);
             } else {
-                SoundPackets source = new SoundPackets(track, workspace);
-                Pcm decoded = source.decode();
+                SoundPackets source = new SoundPackets(track, workspace.folder());
+                PcmFile decoded = source.decode();
                 lost = source.lost();
                 int rate = targetRate(name, decoded.sampleRate());
                 sound = rate == decoded.sampleRate() ? decoded
@@ -97,10 +102,10 @@ final class AudioCommand implements Callable<Integer> {
     }
 
     private static int targetRate(String name, int sourceRate) {
-        return name.endsWith(".opus") || name.endsWith(".aac") && !AAC_RATES.contains(sourceRate) ? OPUS_RATE : sourceRate;
+        return name.endsWith(".opus") || name.endsWith(".aac") && !AacEncoder.SAMPLE_RATES.contains(sourceRate) ? OpusDecoder.SAMPLE_RATE : sourceRate;
     }
 
-    private static void write(Pcm sound, String name, Workspace workspace) throws IOException {
+    private static void write(PcmFile sound, String name, Workspace workspace) throws IOException {
         if (name.endsWith(".wav")) {
             List<String> arguments = new ArrayList<>(sound.asInput());
             arguments.addAll(List.of("-c", "copy", "-f", "wav", name));
@@ -116,46 +121,36 @@ final class AudioCommand implements Callable<Integer> {
         }
     }
 
-    private static void encodeAac(Pcm sound, OutputStream file) throws IOException {
-        // One block late for the look-ahead, another for the second half of each block's transform.
-        int blocks = blocks(sound.samples(), AAC_BLOCK) + 2;
-        byte[] info = new byte[6];
-        byte[] unit = new byte[2048 * sound.channels()];
-        int rateIndex = AAC_RATES.indexOf(sound.sampleRate());
-        long encoder = AACEncoder.open(sound.channels(), sound.sampleRate());
-        checkMade(encoder, "AAC");
-        try {
-            sound.forEachBlock(AAC_BLOCK, blocks, block -> {
-                int size = AACEncoder.encode(block, info, unit, encoder);
-                if (size > 0) {
-                    int length = size + 7;
-                    file.write(new byte[] {(byte) 0xff, (byte) 0xf1, (byte) (1 << 6 | rateIndex << 2),
-                        (byte) (sound.channels() << 6 | length >> 11), (byte) (length >> 3), (byte) (length << 5 | 0x1f),
-                        (byte) 0xfc});
-                    file.write(unit, 0, size);
+    private static void encodeAac(PcmFile sound, OutputStream file) throws IOException {
+        int rateIndex = AacEncoder.SAMPLE_RATES.indexOf(sound.sampleRate());
+        PcmFile.Consumer writer = unit -> {
+            int length = unit.length + ADTS_HEADER;
+            file.write(new byte[] {(byte) 0xff, (byte) 0xf1, (byte) (1 << 6 | rateIndex << 2),
+                (byte) (sound.channels() << 6 | length >> 11), (byte) (length >> 3), (byte) (length << 5 | 0x1f), (byte) 0xfc});
+            file.write(unit);
+        };
+        try (AacEncoder encoder = AacEncoder.builder().channels(sound.channels()).sampleRate(sound.sampleRate()).open()) {
+            sound.forEachBlock(AacEncoder.SAMPLES_PER_BLOCK, blocks(sound.samples(), AacEncoder.SAMPLES_PER_BLOCK), block -> {
+                Optional<byte[]> unit = encoder.encode(block);
+                if (unit.isPresent()) {
+                    writer.accept(unit.get());
                 }
             });
-        } finally {
-            AACEncoder.close(encoder);
+            List<byte[]> last = new ArrayList<>();
+            encoder.drain(last::add);
+            for (byte[] unit : last) {
+                writer.accept(unit);
+            }
         }
     }
 
-    private static void encodeOpus(Pcm sound, OutputStream file) throws IOException {
-        long end = sound.samples() + OPUS_LEAD_IN;
-        byte[] packet = new byte[3828];
-        OggOpusWriter ogg = new OggOpusWriter(file, sound.channels(), OPUS_LEAD_IN);
-        long encoder = NOpusEncoder.open(sound.channels(), OPUS_BITS_PER_SECOND * sound.channels(), 20);
-        checkMade(encoder, "Opus");
-        try {
-            sound.forEachBlock(OPUS_FRAME, blocks(end, OPUS_FRAME), block -> {
-                int size = NOpusEncoder.encode(block, packet, encoder);
-                if (size <= 1) {
-                    throw new Failure("libopus could not encode the sound");
-                }
-                ogg.write(Arrays.copyOf(packet, size));
-            });
-        } finally {
-            NOpusEncoder.close(encoder);
+    private static void encodeOpus(PcmFile sound, OutputStream file) throws IOException {
+        long end = sound.samples() + OpusEncoder.LEAD_IN;
+        OggOpusWriter ogg = new OggOpusWriter(file, sound.channels(), OpusEncoder.LEAD_IN);
+        try (OpusEncoder encoder = OpusEncoder.builder().channels(sound.channels())
+                .bitrate(OPUS_BITS_PER_SECOND * sound.channels()).open()) {
+            sound.forEachBlock(OpusEncoder.SAMPLES_PER_FRAME, blocks(end, OpusEncoder.SAMPLES_PER_FRAME),
+                    block -> ogg.write(encoder.encode(block)));
         }
         ogg.finish(end);
     }
@@ -164,14 +159,8 @@ final class AudioCommand implements Callable<Integer> {
         return Math.toIntExact((samples + samplesPerBlock - 1) / samplesPerBlock);
     }
 
-    private static void checkMade(long encoder, String codec) {
-        if (encoder <= 0) {
-            throw new Failure("the library could not make an encoder for %s", codec);
-        }
-    }
-
-    private static Pcm convert(List<String> from, int sampleRate, int channels, Workspace workspace) throws IOException {
-        Pcm converted = new Pcm(workspace.path("converted.pcm"), sampleRate, channels);
+    private static PcmFile convert(List<String> from, int sampleRate, int channels, Workspace workspace) throws IOException {
+        PcmFile converted = new PcmFile(workspace.path("converted.pcm"), sampleRate, channels);
         List<String> arguments = new ArrayList<>(from);
         arguments.addAll(List.of("-ar", Integer.toString(sampleRate), "-ac", Integer.toString(channels),
                 "-f", "s16le", converted.path().toString()));

@@ -1,10 +1,14 @@
 package com.kelvane.media.tool;
 
+import com.kelvane.media.MediaException;
+import com.kelvane.media.tool.output.Workspace;
+import com.kelvane.media.tool.shell.Caller;
+import com.kelvane.media.tool.shell.Failure;
 import java.io.IOException;
 import java.io.PrintWriter;
-import picocli.CommandLine;
 import picocli.CommandLine.Command;
 import picocli.CommandLine.IVersionProvider;
+import picocli.CommandLine;
 
 /** The command-line tool. Exit codes: 0 done, 1 failed, 2 wrong usage; every error is one line on standard error. */
 @Command(name = "kelvane", description = "H.264 and sound transcoding and processing with the Kelvane media library.",
@@ -41,7 +45,7 @@ public final class Kelvane {
     }
 
     private static String explain(Throwable failure) {
-        if (failure instanceof Failure) {
+        if (failure instanceof Failure || failure instanceof MediaException) {
             return failure.getMessage();
         }
         if (failure instanceof IOException) {

@@ -1,6 +1,18 @@
 package com.kelvane.media.tool;
 
-import com.kelvane.media.transform.codec.AVCProcessor;
+import com.kelvane.media.Pipeline;
+import com.kelvane.media.ProcessingModule;
+import com.kelvane.media.tool.input.AccessUnits;
+import com.kelvane.media.tool.input.VideoTrack;
+import com.kelvane.media.tool.output.Comparison;
+import com.kelvane.media.tool.output.ContactSheet;
+import com.kelvane.media.tool.output.RenditionOutput;
+import com.kelvane.media.tool.output.RenditionRequest;
+import com.kelvane.media.tool.output.Summary;
+import com.kelvane.media.tool.output.Workspace;
+import com.kelvane.media.tool.shell.Caller;
+import com.kelvane.media.tool.shell.Failure;
+import com.kelvane.media.tool.shell.Progress;
 import java.io.IOException;
 import java.nio.file.Files;
 import java.nio.file.Path;
@@ -16,6 +28,7 @@ import picocli.CommandLine.Option;
 import picocli.CommandLine.ParameterException;
 import picocli.CommandLine.Parameters;
 import picocli.CommandLine.Spec;
+import picocli.CommandLine.TypeConversionException;
 
 @Command(name = "process", mixinStandardHelpOptions = true, versionProvider = Kelvane.Version.class,
         sortOptions = false, usageHelpAutoWidth = true,
@@ -26,8 +39,6 @@ final class ProcessCommand implements Callable<Integer> {
     private static final int SMALLEST_BITRATE = 256_000;
     private static final int LARGEST_RATE = 60;
     private static final double BITS_PER_SAMPLE = 0.1;
-    private static final int DECODING = 3;
-    private static final int PASS_THROUGH = 1;
 
     @Spec
     private CommandSpec command;
@@ -41,7 +52,7 @@ final class ProcessCommand implements Callable<Integer> {
 
     @Option(names = "--set", paramLabel = "KEY=VALUE", converter = SettingConverter.class,
             description = "A setting for the module; may be given several times.")
-    private List<ProcessingModule.Setting> settings = List.of();
+    private List<Setting> settings = List.of();
 
     @Option(names = "--rate", paramLabel = "N", description = "Pictures per second that bits are shared out for, 1-60; there is"
             + " a key frame every 2 N pictures (default: the source's rate).")
@@ -59,50 +70,62 @@ final class ProcessCommand implements Callable<Integer> {
             + " ${DEFAULT-VALUE}).")
     private Path out = Path.of("processed");
 
-    static final class SettingConverter implements ITypeConverter<ProcessingModule.Setting> {
+    record Setting(String key, String value) {
+    }
+
+    static final class SettingConverter implements ITypeConverter<Setting> {
         @Override
-        public ProcessingModule.Setting convert(String text) {
+        public Setting convert(String text) {
             int equals = text.indexOf('=');
-            Rendition.Converter.check(equals > 0, text + ": expected KEY=VALUE");
-            return new ProcessingModule.Setting(text.substring(0, equals), text.substring(equals + 1));
+            if (equals <= 0) {
+                throw new TypeConversionException(text + ": expected KEY=VALUE");
+            }
+            return new Setting(text.substring(0, equals), text.substring(equals + 1));
         }
     }
 
     static final class BitrateConverter implements ITypeConverter<Integer> {
         @Override
         public Integer convert(String text) {
-            return Rendition.Converter.bitrate(text);
+            return RenditionRequest.Converter.bitrate(text);
         }
     }
 
     @Override
     public Integer call() throws IOException {
         check(rate == null || rate >= 1 && rate <= LARGEST_RATE, "--rate takes whole numbers from 1 to " + LARGEST_RATE);
-        Path results = Caller.DIRECTORY.resolve(out).normalize();
+        Path results = Caller.path(out);
         check(results.getFileName() != null, "-o takes a path with a file name");
         VideoTrack track = VideoTrack.given(input);
-        for (String extension : List.of(".h264", ".mp4", ".png")) {
-            check(!track.path().equals(results.resolveSibling(results.getFileName() + extension)), track.path()
-                    + " would be overwritten by its own result; name another with -o");
+        if (!passThrough) {
+            track.checkPictures();
         }
-        ProcessingModule module = new ProcessingModule(Caller.DIRECTORY.resolve(library).normalize());
+        String name = results.getFileName().toString();
+        for (Path source : List.of(track.path(), Caller.path(library))) {
+            check(!Files.exists(source) || !Workspace.wouldReplace(source, results.getParent(),
+                    List.of(name + ".h264", name + ".mp4", name + ".png")),
+                    source + " would be overwritten by its own result; name another with -o");
+        }
+        ProcessingModule module = ProcessingModule.load(Caller.path(library));
         int pictures = rate != null ? rate : (int) Math.max(1, Math.min(LARGEST_RATE, Math.round(track.frameRate())));
         int bits = bitrate != null ? bitrate
                 : (int) Math.max(SMALLEST_BITRATE, BITS_PER_SAMPLE * track.width() * track.height() * pictures);
-        long pipeline = AVCProcessor.open(pictures, bits, passThrough ? PASS_THROUGH : DECODING, 1, 0, 1);
-        if (pipeline == 0) {
-            throw new Failure("the library could not make a pipeline");
-        }
-        try {
-            module.attach(settings, pipeline);
-            try (Workspace workspace = new Workspace(results.getParent())) {
-                process(track, module, pipeline, results.getFileName().toString(), workspace);
-            }
-        } finally {
-            AVCProcessor.close(pipeline);
+        Pipeline.Builder builder = Pipeline.builder().module(module).frameRate(pictures).bitrate(bits);
+        settings.forEach(setting -> builder.setting(setting.key, setting.value));
+        try (Pipeline pipeline = open(passThrough ? builder.passThrough() : builder);
+                Workspace workspace = new Workspace(results.getParent())) {
+            process(track, module, pipeline, name, workspace);
         }
         Caller.OUTPUT.println("results: " + results + ".*");
         return 0;
+    }
+
+    private static Pipeline open(Pipeline.Builder builder) {
+        try {
+            return builder.open();
+        } catch (IllegalArgumentException refusedSetting) {
+            throw new Failure("%s", refusedSetting.getMessage());
+        }
     }
 
     private void check(boolean right, String message) {
@@ -111,27 +134,28 @@ final class ProcessCommand implements Callable<Integer> {
         }
     }
 
-    private void process(VideoTrack track, ProcessingModule module, long pipeline, String name, Workspace workspace)
+    private void process(VideoTrack track, ProcessingModule module, Pipeline pipeline, String name, Workspace workspace)
             throws IOException {
         Progress.stage("reading " + track.path().getFileName());
-        AccessUnits source = new AccessUnits(track, 0, 0, workspace);
+        AccessUnits source = new AccessUnits(track, 0, 0, workspace.folder());
         Progress.clear();
         Summary.head(source, track);
         // The encoder leaves out the last column and row of an odd size.
-        Rendition size = passThrough ? Rendition.plain(track.width(), track.height(), 0)
-                : Rendition.plain(track.width() / 2 * 2, track.height() / 2 * 2, 0);
-        RenditionOutput output = new RenditionOutput(size, track.frameRate(), true, workspace);
-        Processing processing = new Processing(track.reorderDepth(), passThrough, output);
+        RenditionOutput output = passThrough
+                ? new RenditionOutput(track.width(), track.height(), track.frameRate(), true, workspace)
+                : new RenditionOutput(track.width() / 2 * 2, track.height() / 2 * 2, track.frameRate(), true, workspace);
+        Processing processing = new Processing(pipeline, output);
         try (output) {
-            processing.run(source, pipeline);
+            processing.run(source);
         }
-        checkProduced(track, module, processing, output);
+        Pipeline.Statistics statistics = pipeline.statistics();
+        checkProduced(track, module, statistics);
 
         Progress.stage("writing the MP4 file");
         RenditionOutput.makeContainers(List.of(output), workspace);
         Progress.stage("comparing with the source");
-        List<Long> moments = PictureTimes.moments(processing.kept());
-        double seconds = processing.times().seconds(track.frameRate());
+        List<Long> moments = processing.kept().moments();
+        double seconds = processing.kept().seconds(track.frameRate());
         Comparison comparison = new Comparison(track, source, List.of(output), moments, workspace);
         Map<String, String> files = new LinkedHashMap<>();
         files.put(output.streamName(), name + ".h264");
@@ -145,19 +169,18 @@ final class ProcessCommand implements Callable<Integer> {
         }
         workspace.publish(List.copyOf(files.values()));
         Progress.clear();
-        summarise(processing, output, seconds);
-        Summary.notes(source, track, processing.times().count(), comparison);
+        summarise(statistics, seconds);
+        Summary.notes(source, statistics.pictures(), comparison);
     }
 
-    private static void checkProduced(VideoTrack track, ProcessingModule module, Processing processing,
-                                      RenditionOutput output) {
-        if (processing.times().count() == 0) {
+    private static void checkProduced(VideoTrack track, ProcessingModule module, Pipeline.Statistics statistics) {
+        if (statistics.pictures() == 0) {
             throw new Failure("no picture of %s could be decoded", track.path());
         }
-        if (processing.dropped() == processing.times().count()) {
+        if (statistics.dropped() == statistics.pictures()) {
             throw new Failure("%s dropped every picture, so there is nothing to write", module.file());
         }
-        if (output.pictures() == 0) {
+        if (statistics.dropped() + statistics.failed() == statistics.pictures()) {
             throw new Failure("pictures were decoded but none encoded; another --rate or --bitrate may help, or a source of"
                     + " another size");
         }
@@ -168,24 +191,24 @@ final class ProcessCommand implements Callable<Integer> {
         List<ContactSheet.Label> labels = List.of(
                 new ContactSheet.Label("before", List.of(track.width() + "x" + track.height(),
                         String.format("%.2f pictures/s", track.frameRate()))),
-                new ContactSheet.Label("after", List.of(module.file().getFileName().toString(),
-                        String.format("%.0f kbit/s", output.kilobitsPerSecond(seconds)),
-                        "PSNR-Y " + Summary.decibels(comparison.psnr(0)))));
+                Summary.label("after", output, seconds, comparison.psnr(0)));
         ContactSheet.draw(track.path().getFileName().toString(), comparison.grid(), comparison.cellHeights(), labels, moments,
                 file);
     }
 
-    private void summarise(Processing processing, RenditionOutput output, double seconds) {
+    private void summarise(Pipeline.Statistics statistics, double seconds) {
+        long kept = statistics.pictures() - statistics.dropped() - statistics.failed();
         Summary.line("");
-        Summary.line("%-24s%d", passThrough ? "access units in" : "pictures in", processing.times().count());
-        Summary.line("%-24s%d", "kept", output.pictures());
-        Summary.line("%-24s%d", "dropped by the module", processing.dropped());
-        if (output.skipped() > 0) {
-            Summary.line("%-24s%d", "not encoded", output.skipped());
+        Summary.line("%-24s%d", passThrough ? "access units in" : "pictures in", statistics.pictures());
+        Summary.line("%-24s%d", "kept", kept);
+        Summary.line("%-24s%d", "dropped by the module", statistics.dropped());
+        if (statistics.failed() > 0) {
+            Summary.line("%-24s%d", "not encoded", statistics.failed());
         }
-        Summary.line("%-24s%d (%.1f kbit/s)", "encoded bytes", output.bytes(), output.kilobitsPerSecond(seconds));
-        Summary.line("%-24s%.2f ms %s", passThrough ? "in the module" : "in module and encoder",
-                processing.millisecondsPerPicture(), passThrough ? "an access unit" : "a picture");
+        Summary.line("%-24s%d (%.1f kbit/s)", "encoded bytes", statistics.bytes(), statistics.bytes() * 8 / seconds / 1000);
+        Summary.line("%-24s%.2f ms %s", passThrough ? "in the module" : "through the pipeline",
+                Summary.milliseconds(statistics.time(), statistics.pictures()),
+                passThrough ? "an access unit" : "a picture");
         Summary.line("");
     }
 }

@@ -1,88 +1,50 @@
 package com.kelvane.media.tool;
 
-import com.kelvane.media.transform.codec.AVCDecoder;
-import com.kelvane.media.transform.codec.AVCProcessor;
+import com.kelvane.media.AccessUnit;
+import com.kelvane.media.Pipeline;
+import com.kelvane.media.VideoDecoder;
+import com.kelvane.media.tool.input.AccessUnits;
+import com.kelvane.media.tool.output.PictureTimes;
+import com.kelvane.media.tool.output.RenditionOutput;
+import com.kelvane.media.tool.shell.Progress;
 import java.io.IOException;
-import java.nio.ByteBuffer;
-import java.util.ArrayList;
-import java.util.List;
+import java.io.UncheckedIOException;
 
 /** Runs a source's access units through a processing pipeline. */
 final class Processing {
-    private static final int UNTOUCHED = -1;
-
-    private final boolean passThrough;
-    private final PictureTimes times;
+    private final Pipeline pipeline;
     private final RenditionOutput output;
-    private final List<Long> kept = new ArrayList<>();
-    private int dropped;
-    private long nanoseconds;
+    private final PictureTimes kept = new PictureTimes();
 
-    /** @param reorderDepth pictures that the source's decoder may hold back */
-    Processing(int reorderDepth, boolean passThrough, RenditionOutput output) {
-        this.passThrough = passThrough;
+    Processing(Pipeline pipeline, RenditionOutput output) {
+        this.pipeline = pipeline;
         this.output = output;
-        times = new PictureTimes(passThrough ? 0 : reorderDepth);
     }
 
-    void run(AccessUnits source, long pipeline) throws IOException {
-        long decoder = AVCDecoder.open(); // also silences FFmpeg's log for the whole process
+    void run(AccessUnits source) throws IOException {
+        VideoDecoder.open().close(); // silences FFmpeg's log for the whole process
         try (AccessUnits.Reader reader = source.read(); Progress progress = new Progress(source.count())) {
             for (int i = 0; i < source.count(); i++) {
-                times.add(source.time(i));
-                write(reader.next(), pipeline, decoder);
-                progress.update(i + 1, times.count(), times.last());
+                pipeline.write(reader.next(), source.time(i)).ifPresent(this::take);
+                progress.update(i + 1, pipeline.statistics().pictures(), kept.last());
             }
-        } finally {
-            AVCDecoder.close(decoder);
+            pipeline.drain(this::take);
+        } catch (UncheckedIOException fromCallback) {
+            throw fromCallback.getCause();
         }
     }
 
-    private void write(byte[] accessUnit, long pipeline, long decoder) throws IOException {
-        long begin = System.nanoTime();
-        if (!passThrough) {
-            // Decodes once more, alone, to tell the decoder's time from that of module and encoder; the picture is refused.
-            AVCDecoder.decode(accessUnit, new byte[6], new byte[0], decoder);
+    private void take(AccessUnit unit) {
+        kept.add(pipeline.sourceTime());
+        try {
+            output.write(unit.bytes(), unit.time(), pipeline.sourceTime());
+        } catch (IOException problem) {
+            throw new UncheckedIOException(problem);
         }
-        long decoded = System.nanoTime();
-        // With reordered pictures this is not the access unit's own time: the module is to get that of the picture it sees.
-        ByteBuffer number = ByteBuffer.allocate(Integer.BYTES).putInt(0, UNTOUCHED);
-        int result = AVCProcessor.write(times.next(), accessUnit, number.array(), pipeline);
-        nanoseconds += System.nanoTime() - decoded - (decoded - begin);
-        int size = number.getInt(0);
-        if (size == UNTOUCHED && result != 1) {
-            return;
-        }
-        times.take();
-        if (size == UNTOUCHED) {
-            dropped++;
-        } else if (size == 0) {
-            output.skip();
-        } else {
-            byte[] data = new byte[size];
-            AVCProcessor.read(number.array(), data, pipeline);
-            output.write(ByteBuffer.wrap(data), Integer.toUnsignedLong(number.getInt(0)), times.last());
-            kept.add(times.last());
-        }
-    }
-
-    /** Times of the decoded pictures or, in pass-through mode, of the access units. */
-    PictureTimes times() {
-        return times;
     }
 
     /** Times in the source of the pictures that were delivered. */
-    List<Long> kept() {
+    PictureTimes kept() {
         return kept;
-    }
-
-    /** Pictures that the module did not keep. */
-    int dropped() {
-        return dropped;
-    }
-
-    /** Time that a picture takes in module and encoder or, in pass-through mode, an access unit in the module. */
-    double millisecondsPerPicture() {
-        return nanoseconds / 1e6 / times.count();
     }
 }

@@ -1,7 +1,19 @@
 package com.kelvane.media.tool;
 
+import com.kelvane.media.Rendition;
+import com.kelvane.media.Transcoder;
+import com.kelvane.media.tool.input.AccessUnits;
+import com.kelvane.media.tool.input.VideoTrack;
+import com.kelvane.media.tool.output.Comparison;
+import com.kelvane.media.tool.output.ContactSheet;
+import com.kelvane.media.tool.output.RenditionOutput;
+import com.kelvane.media.tool.output.RenditionRequest;
+import com.kelvane.media.tool.output.Summary;
+import com.kelvane.media.tool.output.Workspace;
+import com.kelvane.media.tool.shell.Caller;
+import com.kelvane.media.tool.shell.Failure;
+import com.kelvane.media.tool.shell.Progress;
 import java.io.IOException;
-import java.nio.file.Files;
 import java.nio.file.Path;
 import java.util.ArrayList;
 import java.util.HashSet;
@@ -22,7 +34,6 @@ import picocli.CommandLine.Spec;
                 + " every rendition at four moments.", "", "Example:",
                 "  kelvane transcode in.mp4 -r 1280x720@2500k -r 640x360@800k,key=60"})
 final class TranscodeCommand implements Callable<Integer> {
-    private static final Path OPENH264 = Path.of("lib/amd64-Linux-gpp/jni/libopenh264-1.8.0-linux64.4.so");
     private static final String SHEET = "contact-sheet.png";
 
     @Spec
@@ -32,14 +43,14 @@ final class TranscodeCommand implements Callable<Integer> {
             + " without it a demonstration clip.")
     private Path input;
 
-    @Option(names = {"-r", "--rendition"}, paramLabel = "WxH@BITRATE[,...]", converter = Rendition.Converter.class,
+    @Option(names = {"-r", "--rendition"}, paramLabel = "WxH@BITRATE[,...]", converter = RenditionRequest.Converter.class,
             description = {"A rendition; may be given several times. BITRATE is in bits per second, k and M multiply. Options:",
                 "  fps=N         rate that bits are shared out for, 1-60", "  key=N         key frame every N pictures, 1-480",
                 "  qp=MIN-MAX    quantisers, 1-51", "  mode=quality  rate control by quality",
                 "  cabac         CABAC entropy coding",
                 "Default: the three largest usual sizes that fit into the source; at 1280x720 these are 1280x720@2500k,"
                 + " 854x480@1200k and 640x360@800k, with a key frame every 2 seconds."})
-    private List<Rendition> renditions = new ArrayList<>();
+    private List<RenditionRequest> renditions = new ArrayList<>();
 
     @Option(names = {"-o", "--output"}, paramLabel = "DIR", description = "Directory for the results, made if need be"
             + " (default: ${DEFAULT-VALUE}).")
@@ -55,18 +66,17 @@ final class TranscodeCommand implements Callable<Integer> {
     public Integer call() throws IOException {
         checkUsage();
         VideoTrack track = VideoTrack.given(input);
-        if (!Files.exists(OPENH264)) {
-            throw new Failure("OpenH264 is missing at %s; tools/setup puts it there", OPENH264.toAbsolutePath());
-        }
-        List<Rendition> wanted = (renditions.isEmpty() ? Rendition.ladder(track) : renditions).stream()
-                .map(rendition -> rendition.completed(track.frameRate())).toList();
-        Path results = Caller.DIRECTORY.resolve(directory).normalize();
+        track.checkPictures();
+        List<Rendition> wanted = (renditions.isEmpty() ? RenditionRequest.ladder(track) : renditions).stream()
+                .map(request -> request.completed(track.frameRate())).toList();
+        Path results = Caller.path(directory);
+        List<String> files = new ArrayList<>(List.of(SHEET));
         for (Rendition rendition : wanted) {
-            Path container = results.resolve(rendition.size() + ".mp4");
-            Path stream = results.resolve(rendition.size() + ".h264");
-            check(!track.path().equals(container) && !track.path().equals(stream), track.path()
-                    + " would be overwritten by its own rendition; name another directory with -o");
+            String size = rendition.width() + "x" + rendition.height();
+            files.addAll(List.of(size + ".mp4", size + ".h264"));
         }
+        check(!Workspace.wouldReplace(track.path(), results, files),
+                track.path() + " would be overwritten by its own rendition; name another directory with -o");
         try (Workspace workspace = new Workspace(results)) {
             transcode(track, wanted, workspace);
         }
@@ -76,8 +86,9 @@ final class TranscodeCommand implements Callable<Integer> {
 
     private void checkUsage() {
         Set<String> sizes = new HashSet<>();
-        for (Rendition rendition : renditions) {
-            check(sizes.add(rendition.size()), "there are two renditions of " + rendition.size()
+        for (RenditionRequest request : renditions) {
+            String size = request.settings().width() + "x" + request.settings().height();
+            check(sizes.add(size), "there are two renditions of " + size
                     + "; files are named after sizes, so each can be made once");
         }
         check(start >= 0 && start < 1e9, "--start takes seconds, 0 or more");
@@ -92,29 +103,28 @@ final class TranscodeCommand implements Callable<Integer> {
 
     private void transcode(VideoTrack track, List<Rendition> wanted, Workspace workspace) throws IOException {
         Progress.stage("reading " + track.path().getFileName());
-        AccessUnits source = new AccessUnits(track, start, duration == null ? 0 : duration, workspace);
+        AccessUnits source = new AccessUnits(track, start, duration == null ? 0 : duration, workspace.folder());
         Progress.clear();
         Summary.head(source, track);
         List<RenditionOutput> outputs = new ArrayList<>();
-        Transcoding transcoding;
+        Transcoding transcoding = new Transcoding(outputs);
         try {
             for (Rendition rendition : wanted) {
-                outputs.add(new RenditionOutput(rendition, track.frameRate(), false, workspace));
+                outputs.add(new RenditionOutput(rendition.width(), rendition.height(), track.frameRate(), false, workspace));
             }
-            transcoding = new Transcoding(track.reorderDepth(), outputs);
-            transcoding.run(source);
+            transcoding.run(wanted, source);
         } finally {
             for (RenditionOutput output : outputs) {
                 output.close();
             }
         }
-        checkProduced(track, transcoding, outputs);
+        checkProduced(track, transcoding.statistics());
 
         Progress.stage("writing MP4 files");
         RenditionOutput.makeContainers(outputs, workspace);
         Progress.stage("comparing with the source");
         double seconds = transcoding.times().seconds(track.frameRate());
-        List<Long> moments = PictureTimes.moments(transcoding.times().all());
+        List<Long> moments = transcoding.times().moments();
         Comparison comparison = new Comparison(track, source, outputs, moments, workspace);
         List<String> files = new ArrayList<>();
         for (RenditionOutput output : outputs) {
@@ -126,22 +136,23 @@ final class TranscodeCommand implements Callable<Integer> {
         }
         workspace.publish(files);
         Progress.clear();
-        Summary.print(source, track, transcoding, outputs, seconds, comparison);
+        Summary.table(outputs, transcoding.statistics(), seconds, comparison);
+        long pictures = transcoding.statistics().pictures();
+        Summary.line("%d pictures, %.1f s of video, in %.2f s: %.0f pictures a second, %.1f times real time; %.2f s of CPU in"
+                + " the transcoding thread", pictures, seconds, transcoding.seconds(), pictures / transcoding.seconds(),
+                seconds / transcoding.seconds(), transcoding.cpuSeconds());
+        Summary.notes(source, pictures, comparison);
     }
 
-    private static void checkProduced(VideoTrack track, Transcoding transcoding, List<RenditionOutput> outputs) {
-        if (transcoding.times().count() == 0) {
+    private static void checkProduced(VideoTrack track, Transcoder.Statistics statistics) {
+        if (statistics.pictures() == 0) {
             throw new Failure("no picture of %s could be decoded", track.path());
         }
-        List<String> empty = outputs.stream().filter(output -> output.pictures() == 0)
-                .map(output -> output.rendition().size()).toList();
-        if (empty.size() == outputs.size()) {
-            throw new Failure("pictures were decoded but none encoded; is %s an OpenH264 library? tools/setup puts one there",
-                    OPENH264.toAbsolutePath());
-        }
-        if (!empty.isEmpty()) {
-            throw new Failure("OpenH264 refused the settings of %s; change its size, bit rate or quantisers",
-                    String.join(", ", empty));
+        for (Transcoder.RenditionStatistics rendition : statistics.renditions()) {
+            if (rendition.pictures() == 0) {
+                throw new Failure("pictures were decoded but OpenH264 encoded none for %dx%d; change its size, bit rate or"
+                        + " quantisers", rendition.rendition().width(), rendition.rendition().height());
+            }
         }
     }
 
@@ -151,7 +162,7 @@ final class TranscodeCommand implements Callable<Integer> {
         labels.add(new ContactSheet.Label("source", List.of(track.width() + "x" + track.height(),
                 String.format("%.2f pictures/s", track.frameRate()))));
         for (int i = 0; i < outputs.size(); i++) {
-            labels.add(Summary.label(outputs.get(i), seconds, comparison.psnr(i)));
+            labels.add(Summary.label(outputs.get(i).size(), outputs.get(i), seconds, comparison.psnr(i)));
         }
         ContactSheet.draw(track.path().getFileName().toString(), comparison.grid(), comparison.cellHeights(), labels, moments,
                 workspace.path(SHEET));

@@ -97,6 +97,27 @@ final class TranscoderTest {
     }
 
     @Test
+    void leavesOutPicturesThatAreNotSelected() {
+        List<AccessUnit> source = Vectors.timed(Vectors.REORDERED);
+        for (Transcoder.Builder builder : List.of(Transcoder.builder(), Transcoder.builder().parallel(Runnable::run))) {
+            List<List<Long>> times = List.of(new ArrayList<>(), new ArrayList<>(), new ArrayList<>());
+            try (Transcoder transcoder = builder.renditions(LADDER)
+                    .select((index, time) -> index == 0 || time >= 200 && time / 40 % 2 == 1).open()) {
+                run(transcoder, source, picture -> {
+                    assertEquals(times.get(picture.index()).size() % 10 == 0 && picture.index() == 0
+                            || times.get(picture.index()).isEmpty(), picture.isKey());
+                    times.get(picture.index()).add(picture.time());
+                });
+                assertEquals(30, transcoder.statistics().renditions().get(0).pictures());
+                assertEquals(13, transcoder.statistics().renditions().get(1).pictures());
+                assertEquals(0, transcoder.statistics().renditions().get(1).skipped());
+            }
+            assertEquals(LongStream.range(2, 15).mapToObj(i -> 80 * i + 40).toList(), times.get(1));
+            assertEquals(times.get(1), times.get(2));
+        }
+    }
+
+    @Test
     void goesOnWithAnotherStreamAfterDrain() {
         List<AccessUnit> source = Vectors.timed(Vectors.REORDERED);
         List<Vectors.Encoded> pictures = new ArrayList<>();

@@ -1,5 +1,8 @@
-package com.kelvane.media.tool;
+package com.kelvane.media.tool.output;
 
+import com.kelvane.media.tool.input.AccessUnits;
+import com.kelvane.media.tool.input.VideoTrack;
+import com.kelvane.media.tool.shell.MediaProgram;
 import java.awt.image.BufferedImage;
 import java.io.IOException;
 import java.nio.file.Files;
@@ -15,7 +18,7 @@ import javax.imageio.ImageIO;
  * Compares the renditions with the source, pictures of the same time with one another: PSNR of the luma, and small
  * pictures of a few moments. One run of FFmpeg decodes everything once.
  */
-final class Comparison {
+public final class Comparison {
     private static final int CELL_WIDTH = 320;
     private static final String SOURCE = "source.mkv";
     private static final String SCRIPT = "comparison.txt";
@@ -31,7 +34,7 @@ final class Comparison {
      * @param outputs finished renditions
      * @param moments times of the pictures to show, in milliseconds, ascending
      */
-    Comparison(VideoTrack track, AccessUnits source, List<RenditionOutput> outputs, List<Long> moments, Workspace workspace)
+    public Comparison(VideoTrack track, AccessUnits source, List<RenditionOutput> outputs, List<Long> moments, Workspace workspace)
             throws IOException {
         try (AccessUnits.Reader reader = source.read(); MatroskaWriter timed = new MatroskaWriter(workspace.path(SOURCE),
                 track.width(), track.height(), track.frameRate(), true)) {
@@ -44,8 +47,7 @@ final class Comparison {
         cellHeights = new int[outputs.size() + 1];
         cellHeights[0] = cellHeight(track.width(), track.height());
         for (int i = 0; i < outputs.size(); i++) {
-            Rendition rendition = outputs.get(i).rendition();
-            cellHeights[i + 1] = cellHeight(rendition.width(), rendition.height());
+            cellHeights[i + 1] = cellHeight(outputs.get(i).width(), outputs.get(i).height());
         }
         Files.writeString(workspace.path(SCRIPT), graph(outputs, moments));
         List<String> command = new ArrayList<>(List.of("-v", "info", "-copyts"));
@@ -64,22 +66,22 @@ final class Comparison {
     }
 
     /** PSNR-Y of a rendition in dB: infinite when nothing differs, NaN when it could not be measured. */
-    double psnr(int rendition) {
+    public double psnr(int rendition) {
         return psnr[rendition];
     }
 
     /** The pictures: a row for the source and for each rendition, a column for each moment; null when there are none. */
-    BufferedImage grid() {
+    public BufferedImage grid() {
         return grid;
     }
 
     /** Heights of the rows in pixels. */
-    int[] cellHeights() {
+    public int[] cellHeights() {
         return cellHeights;
     }
 
     /** Number of source pictures of which a part was lost and made up by the decoder. */
-    int damagedPictures() {
+    public int damagedPictures() {
         return damagedPictures;
     }
 
@@ -99,10 +101,10 @@ final class Comparison {
         }
         graph.append(";\n[source0]").append(cell(0));
         for (int i = 1; i <= outputs.size(); i++) {
-            Rendition rendition = outputs.get(i - 1).rendition();
+            RenditionOutput output = outputs.get(i - 1);
             for (String[] ends : new String[][] {{"source" + i, "reference"}, {i + ":v", "result"}}) {
                 graph.append(String.format("[%s]scale=%d:%d:flags=bicubic,format=yuv420p[%s%d];\n", ends[0],
-                        rendition.width(), rendition.height(), ends[1], i));
+                        output.width(), output.height(), ends[1], i));
             }
             graph.append(String.format("[result%d][reference%1$d]psnr@%1$d=shortest=1,", i)).append(cell(i));
         }

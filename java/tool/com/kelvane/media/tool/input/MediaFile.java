@@ -1,5 +1,7 @@
-package com.kelvane.media.tool;
+package com.kelvane.media.tool.input;
 
+import com.kelvane.media.tool.shell.Failure;
+import com.kelvane.media.tool.shell.MediaProgram;
 import java.io.IOException;
 import java.nio.file.Files;
 import java.nio.file.Path;
@@ -18,9 +20,9 @@ import java.util.stream.Collectors;
  * @param streams what was asked for of each stream, by FFmpeg's names
  * @param format the same of the container
  */
-record MediaFile(Path path, List<Map<String, String>> streams, Map<String, String> format) {
+public record MediaFile(Path path, List<Map<String, String>> streams, Map<String, String> format) {
     /** @param entries which entries to look up, in FFprobe's notation; needs the streams' codec_type and codec_name */
-    static MediaFile open(Path path, String entries) throws IOException {
+    public static MediaFile open(Path path, String entries) throws IOException {
         if (!Files.exists(path)) {
             throw new Failure("%s: no such file", path);
         }
@@ -42,7 +44,7 @@ record MediaFile(Path path, List<Map<String, String>> streams, Map<String, Strin
     }
 
     /** Runs FFprobe on the file and hands on the lines it prints, entries separated by bars. */
-    void probe(List<String> arguments, Consumer<String> lines) throws IOException {
+    public void probe(List<String> arguments, Consumer<String> lines) throws IOException {
         List<String> command = new ArrayList<>(List.of("-v", "error", "-of", "compact"));
         command.addAll(arguments);
         command.add(path.toString());
@@ -53,7 +55,7 @@ record MediaFile(Path path, List<Map<String, String>> streams, Map<String, Strin
     }
 
     /** The first stream that is wanted; a failure that begins with the file's name when there is none. */
-    Map<String, String> stream(Predicate<Map<String, String>> wanted, String problem) {
+    public Map<String, String> stream(Predicate<Map<String, String>> wanted, String problem) {
         return streams.stream().filter(wanted).findFirst().orElseThrow(() -> new Failure("%s %s; found: %s", path, problem,
                 streams.isEmpty() ? "nothing" : streams.stream()
                         .map(stream -> stream.getOrDefault("codec_type", "unknown") + " "
@@ -62,7 +64,7 @@ record MediaFile(Path path, List<Map<String, String>> streams, Map<String, Strin
     }
 
     /** 0 when there is none. */
-    static double number(Map<String, String> entries, String name) {
+    public static double number(Map<String, String> entries, String name) {
         try {
             return Double.parseDouble(entries.getOrDefault(name, "0"));
         } catch (NumberFormatException notAvailable) {
@@ -70,7 +72,7 @@ record MediaFile(Path path, List<Map<String, String>> streams, Map<String, Strin
         }
     }
 
-    static Map<String, String> entries(String line) {
+    public static Map<String, String> entries(String line) {
         Map<String, String> entries = new HashMap<>();
         for (String entry : line.split("\\|")) {
             int equals = entry.indexOf('=');

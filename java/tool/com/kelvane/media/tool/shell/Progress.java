@@ -1,7 +1,7 @@
-package com.kelvane.media.tool;
+package com.kelvane.media.tool.shell;
 
 /** Says how far a run is: one line rewritten on a terminal, otherwise a plain line every few seconds. */
-final class Progress implements AutoCloseable {
+public final class Progress implements AutoCloseable {
     private static final double TERMINAL_INTERVAL = 0.2;
     private static final double PLAIN_INTERVAL = 5;
     private static final String CLEAR_LINE = "\r\033[K";
@@ -11,7 +11,7 @@ final class Progress implements AutoCloseable {
     private double next = Caller.TERMINAL ? TERMINAL_INTERVAL : PLAIN_INTERVAL;
 
     /** @param total access units, or blocks of sound */
-    Progress(int total) {
+    public Progress(int total) {
         this.total = total;
     }
 
@@ -20,7 +20,7 @@ final class Progress implements AutoCloseable {
      * @param pictures pictures decoded; 0 says nothing of them
      * @param time presentation time reached, in milliseconds
      */
-    void update(int done, int pictures, long time) {
+    public void update(int done, long pictures, long time) {
         double seconds = (System.nanoTime() - begin) / 1e9;
         if (seconds < next) {
             return;
@@ -35,14 +35,14 @@ final class Progress implements AutoCloseable {
     }
 
     /** Shows on a terminal what goes on without counting. */
-    static void stage(String what) {
+    public static void stage(String what) {
         if (Caller.TERMINAL) {
             Caller.OUTPUT.print(CLEAR_LINE + what);
             Caller.OUTPUT.flush();
         }
     }
 
-    static void clear() {
+    public static void clear() {
         stage("");
     }
 

@@ -1,4 +1,4 @@
-package com.kelvane.media.tool;
+package com.kelvane.media.tool.output;
 
 import java.awt.Color;
 import java.awt.Font;
@@ -11,9 +11,9 @@ import java.util.List;
 import javax.imageio.ImageIO;
 
 /** Draws pictures in labelled rows, a column for each moment. */
-final class ContactSheet {
+public final class ContactSheet {
     /** A row's label: what it shows, in large letters, and figures about it, each on a line of its own. */
-    record Label(String name, List<String> figures) {
+    public record Label(String name, List<String> figures) {
     }
 
     private static final int MARGIN = 28;
@@ -36,7 +36,7 @@ final class ContactSheet {
      * @param rowHeights in pixels, as many as labels
      * @param moments times of the columns in milliseconds
      */
-    static void draw(String title, BufferedImage grid, int[] rowHeights, List<Label> labels, List<Long> moments, Path file)
+    public static void draw(String title, BufferedImage grid, int[] rowHeights, List<Label> labels, List<Long> moments, Path file)
             throws IOException {
         int cellWidth = grid.getWidth() / moments.size();
         int width = MARGIN + LABEL_WIDTH + moments.size() * (cellWidth + GAP) - GAP + MARGIN;

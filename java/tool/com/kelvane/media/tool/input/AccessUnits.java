@@ -1,5 +1,7 @@
-package com.kelvane.media.tool;
+package com.kelvane.media.tool.input;
 
+import com.kelvane.media.tool.shell.Failure;
+import com.kelvane.media.tool.shell.MediaProgram;
 import java.io.BufferedInputStream;
 import java.io.Closeable;
 import java.io.IOException;
@@ -16,19 +18,17 @@ import java.util.Map;
 import java.util.stream.Stream;
 
 /**
- * A track's access units in decoding order, as an Annex-B file in the workspace, each with its size and its presentation
+ * A track's access units in decoding order, as an Annex-B file in a working folder, each with its size and its presentation
  * time. Every access unit begins with a delimiter.
  */
-final class AccessUnits {
-    /** Name of the Annex-B file in the workspace. */
-    static final String FILE = "source.h264";
+public final class AccessUnits {
+    private static final String FILE = "source.h264";
 
     private static final String PACKETS = "source.framecrc";
     private static final byte[] DELIMITER = {0, 0, 0, 1, 9};
 
     /** Seconds to read beyond the end that is asked for, to have in any case what its last pictures refer to. */
     private static final double READ_AHEAD = 10;
-
 
     /** One access unit; its time in milliseconds, at first from any origin. */
     private record Unit(int size, boolean keyFrame, boolean timed, double time) {
@@ -46,9 +46,10 @@ final class AccessUnits {
      *
      * @param start seconds, brought forward to the key frame at or before it
      * @param duration seconds from start, 0 for all
+     * @param folder where the file is put
      */
-    AccessUnits(VideoTrack track, double start, double duration, Workspace workspace) throws IOException {
-        stream = workspace.path(FILE);
+    public AccessUnits(VideoTrack track, double start, double duration, Path folder) throws IOException {
+        stream = folder.resolve(FILE);
         List<String> command = new ArrayList<>(List.of("-v", "error"));
         if (duration > 0 && !track.raw()) {
             // Spares reading a long file to its end; what to keep is decided below. With raw streams FFmpeg cannot.
@@ -61,13 +62,13 @@ final class AccessUnits {
                     "-bsf:v", "h264_mp4toannexb,h264_metadata=aud=insert", "-f", output.get(0), output.get(1)));
         }
         var error = new MediaProgram.FirstError(track.path());
-        int exitCode = MediaProgram.FFMPEG.run(workspace.folder(), command, line -> { }, error);
+        int exitCode = MediaProgram.FFMPEG.run(folder, command, line -> { }, error);
         if (exitCode != 0) {
             throw new Failure("the video of %s could not be copied out of it: %s", track.path(), error);
         }
-        readPackets(workspace.path(PACKETS));
+        readPackets(folder.resolve(PACKETS));
         if (units.stream().anyMatch(unit -> !unit.timed)) {
-            timeByDisplayOrder(track, workspace);
+            timeByDisplayOrder(track, folder);
         }
         if (units.isEmpty()) {
             throw new Failure("%s has no pictures", track.path());
@@ -78,24 +79,24 @@ final class AccessUnits {
             if (start > seconds) {
                 throw new Failure("%s ends after %.1f seconds; begin earlier with --start", track.path(), seconds);
             }
-            cut(1000 * start, duration > 0 ? 1000 * (start + duration) : Double.POSITIVE_INFINITY, workspace);
+            cut(1000 * start, duration > 0 ? 1000 * (start + duration) : Double.POSITIVE_INFINITY, folder);
         }
         damage = duration == 0 && track.seconds() > seconds + 1
                 ? String.format("its video ends after %.1f of the announced %.1f seconds", seconds, track.seconds())
                 : error.isEmpty() ? null : error.toString();
     }
 
-    int count() {
+    public int count() {
         return units.size();
     }
 
     /** Presentation time of an access unit in milliseconds; the earliest of all is 0. */
-    long time(int index) {
+    public long time(int index) {
         return Math.round(units.get(index).time);
     }
 
     /** What is wrong with the file, or null. */
-    String damage() {
+    public String damage() {
         return damage;
     }
 
@@ -118,12 +119,12 @@ final class AccessUnits {
     }
 
     /** Gives a stream without timestamps the times of its average rate, in the order in which its pictures are shown. */
-    private void timeByDisplayOrder(VideoTrack track, Workspace workspace) throws IOException {
+    private void timeByDisplayOrder(VideoTrack track, Path folder) throws IOException {
         double interval = 1000 / track.frameRate();
         Map<Long, Integer> ranks = new HashMap<>();
         if (track.reorderDepth() > 0) {
             // The position of a shown picture's packet tells which access unit it came from; its samples do not matter.
-            MediaProgram.FFPROBE.run(workspace.folder(), List.of("-v", "quiet", "-threads", "2", "-skip_idct", "all",
+            MediaProgram.FFPROBE.run(folder, List.of("-v", "quiet", "-threads", "2", "-skip_idct", "all",
                     "-skip_loop_filter", "all", "-f", "h264", "-show_entries", "frame=pkt_pos", "-of", "compact=p=0:nk=1",
                     FILE), line -> ranks.put(Long.parseLong(line), ranks.size()), line -> { });
         }
@@ -147,7 +148,7 @@ final class AccessUnits {
     }
 
     /** Keeps what decoding the pictures from one time up to another takes. */
-    private void cut(double from, double to, Workspace workspace) throws IOException {
+    private void cut(double from, double to, Path folder) throws IOException {
         int first = 0;
         int end = 0;
         for (int i = 0; i < units.size(); i++) {
@@ -162,7 +163,7 @@ final class AccessUnits {
         units = new ArrayList<>(units.subList(first, end));
         beginAtZero();
         long length = units.stream().mapToLong(Unit::size).sum();
-        Path whole = workspace.path("whole.h264");
+        Path whole = folder.resolve("whole.h264");
         Files.move(stream, whole, StandardCopyOption.ATOMIC_MOVE);
         try (FileChannel source = FileChannel.open(whole);
                 FileChannel target = FileChannel.open(stream, StandardOpenOption.CREATE, StandardOpenOption.WRITE)) {
@@ -173,19 +174,19 @@ final class AccessUnits {
         Files.delete(whole);
     }
 
-    Reader read() throws IOException {
+    public Reader read() throws IOException {
         return new Reader();
     }
 
     /** Reads the access units one after the other. */
-    final class Reader implements Closeable {
+    public final class Reader implements Closeable {
         private final InputStream input = new BufferedInputStream(Files.newInputStream(stream), 1 << 16);
         private int index;
 
         private Reader() throws IOException {
         }
 
-        byte[] next() throws IOException {
+        public byte[] next() throws IOException {
             byte[] unit = input.readNBytes(units.get(index++).size);
             for (int i = 0; i < DELIMITER.length; i++) {
                 if (i >= unit.length || unit[i] != DELIMITER[i]) {

@@ -1,5 +1,8 @@
-package com.kelvane.media.tool;
+package com.kelvane.media.tool.input;
 
+import com.kelvane.media.tool.shell.Failure;
+import com.kelvane.media.tool.shell.MediaProgram;
+import com.kelvane.media.tool.shell.Progress;
 import java.io.BufferedInputStream;
 import java.io.BufferedOutputStream;
 import java.io.IOException;
@@ -13,14 +16,15 @@ import java.util.ArrayList;
 import java.util.Arrays;
 import java.util.List;
 import java.util.Map;
+import java.util.Optional;
 
-/** A track's packets in the workspace, and what the container says of the sound's beginning and end. */
-final class SoundPackets {
+/** A track's packets in a working folder, and what the container says of the sound's beginning and end. */
+public final class SoundPackets {
     private static final String PACKETS = "source.packets";
     private static final String FIRST = "first.adts";
 
     private final AudioTrack track;
-    private final Workspace workspace;
+    private final Path folder;
     private final List<Integer> sizes = new ArrayList<>();
     private long leadIn;          // samples that the encoder put before the sound
     private long padding;         // samples behind the end in the last packet
@@ -28,9 +32,9 @@ final class SoundPackets {
     private int lost;
 
     /** Copies the track out of its container. */
-    SoundPackets(AudioTrack track, Workspace workspace) throws IOException {
+    public SoundPackets(AudioTrack track, Path folder) throws IOException {
         this.track = track;
-        this.workspace = workspace;
+        this.folder = folder;
         String index = Integer.toString(track.index());
         track.file().probe(List.of("-select_streams", index, "-show_packets"), line -> {
             if (line.startsWith("packet|")) {
@@ -44,9 +48,9 @@ final class SoundPackets {
             command.addAll(List.of("-map", "0:" + index, "-c", "copy", "-frames:a", "1", "-f", "adts", FIRST));
         }
         var error = new MediaProgram.FirstError(track.file().path());
-        int exitCode = MediaProgram.FFMPEG.run(workspace.folder(), command, line -> { }, error);
+        int exitCode = MediaProgram.FFMPEG.run(folder, command, line -> { }, error);
         long bytes = sizes.stream().mapToLong(Integer::longValue).sum();
-        if (exitCode != 0 || sizes.isEmpty() || Files.size(workspace.path(PACKETS)) != bytes) {
+        if (exitCode != 0 || sizes.isEmpty() || Files.size(folder.resolve(PACKETS)) != bytes) {
             throw new Failure("the sound of %s could not be copied out of it: %s", track.file().path(), error);
         }
     }
@@ -60,46 +64,46 @@ final class SoundPackets {
         lastSeconds = MediaFile.number(packet, "duration_time");
     }
 
-    int count() {
+    public int count() {
         return sizes.size();
     }
 
     /** Packets that {@link #decode} could not decode; as much silence stands in for them. */
-    int lost() {
+    public int lost() {
         return lost;
     }
 
     /** Decodes all packets, without what the encoder added before and behind the sound. */
-    Pcm decode() throws IOException {
-        Pcm pcm = new Pcm(workspace.path("decoded.pcm"), track.sampleRate(), track.channels());
-        int bytesPerSample = Pcm.BYTES_PER_SAMPLE * track.channels();
+    public PcmFile decode() throws IOException {
+        PcmFile pcm = new PcmFile(folder.resolve("decoded.pcm"), track.decodedRate(), track.channels());
+        int bytesPerSample = PcmFile.BYTES_PER_SAMPLE * track.channels();
         long samples = 0;
-        int last = 0;
-        byte[] config = track.codec().equals("aac") ? configuration(Files.readAllBytes(workspace.path(FIRST))) : null;
-        try (InputStream input = new BufferedInputStream(Files.newInputStream(workspace.path(PACKETS)), 1 << 16);
+        byte[] silence = {};
+        byte[] config = track.codec().equals("aac") ? configuration(Files.readAllBytes(folder.resolve(FIRST))) : null;
+        try (InputStream input = new BufferedInputStream(Files.newInputStream(folder.resolve(PACKETS)), 1 << 16);
                 OutputStream output = new BufferedOutputStream(Files.newOutputStream(pcm.path()), 1 << 16);
                 SoundDecoder decoder = new SoundDecoder(track, config);
                 Progress progress = new Progress(count())) {
             for (int i = 0; i < count(); i++) {
-                int decoded = decoder.decode(withoutHeader(input.readNBytes(sizes.get(i))));
-                if (decoded == 0) {
+                Optional<byte[]> decoded = decoder.decode(withoutHeader(input.readNBytes(sizes.get(i))));
+                if (decoded.isEmpty()) {
                     lost++;
-                    Arrays.fill(decoder.pcm(), (byte) 0);
-                    decoded = last;
+                } else if (silence.length != decoded.get().length) {
+                    silence = new byte[decoded.get().length];
                 }
-                int skipped = (int) Math.max(0, Math.min(decoded, leadIn - samples));
-                output.write(decoder.pcm(), skipped * bytesPerSample, (decoded - skipped) * bytesPerSample);
-                samples += decoded;
-                last = decoded;
-                progress.update(i + 1, 0, 1000 * samples / track.sampleRate());
+                byte[] sound = decoded.orElse(silence);
+                int skipped = (int) Math.max(0, Math.min(sound.length, (leadIn - samples) * bytesPerSample));
+                output.write(sound, skipped, sound.length - skipped);
+                samples += sound.length / bytesPerSample;
+                progress.update(i + 1, 0, 1000 * samples / pcm.sampleRate());
             }
         }
         if (lost == count()) {
             throw new Failure("no sound of %s could be decoded", track.file().path());
         }
-        long tail = padding > 0 ? padding : last - Math.round(lastSeconds * track.sampleRate());
+        long tail = padding > 0 ? padding : silence.length / bytesPerSample - Math.round(lastSeconds * pcm.sampleRate());
         // Containers that count in milliseconds round a whole packet's duration.
-        if (lastSeconds > 0 && tail > track.sampleRate() / 1000) {
+        if (lastSeconds > 0 && tail > pcm.sampleRate() / 1000) {
             try (FileChannel file = FileChannel.open(pcm.path(), StandardOpenOption.WRITE)) {
                 file.truncate(Math.max(0, file.size() - tail * bytesPerSample));
             }

@@ -1,5 +1,6 @@
-package com.kelvane.media.tool;
+package com.kelvane.media.tool.input;
 
+import com.kelvane.media.tool.shell.Progress;
 import java.io.IOException;
 import java.io.InputStream;
 import java.nio.file.Files;
@@ -8,34 +9,34 @@ import java.util.Arrays;
 import java.util.List;
 
 /**
- * A file of interleaved 16-bit samples in the workspace.
+ * A file of interleaved 16-bit samples.
  *
  * @param sampleRate in Hz
  */
-record Pcm(Path path, int sampleRate, int channels) {
-    static final int BYTES_PER_SAMPLE = 2;
+public record PcmFile(Path path, int sampleRate, int channels) {
+    public static final int BYTES_PER_SAMPLE = 2;
 
     /** Takes one block of samples. */
-    interface Consumer {
+    public interface Consumer {
         void accept(byte[] block) throws IOException;
     }
 
-    long samples() throws IOException {
+    public long samples() throws IOException {
         return Files.size(path) / (BYTES_PER_SAMPLE * channels);
     }
 
-    double seconds() throws IOException {
+    public double seconds() throws IOException {
         return (double) samples() / sampleRate;
     }
 
     /** How FFmpeg is told to read the file. */
-    List<String> asInput() {
+    public List<String> asInput() {
         return List.of("-f", "s16le", "-ar", Integer.toString(sampleRate), "-ac", Integer.toString(channels),
                 "-i", path.toString());
     }
 
     /** Hands on the samples in so many blocks of the same size; behind the end they are silent. */
-    void forEachBlock(int samples, int count, Consumer consumer) throws IOException {
+    public void forEachBlock(int samples, int count, Consumer consumer) throws IOException {
         byte[] block = new byte[samples * channels * BYTES_PER_SAMPLE];
         try (InputStream input = Files.newInputStream(path); Progress progress = new Progress(count)) {
             for (int i = 0; i < count; i++) {

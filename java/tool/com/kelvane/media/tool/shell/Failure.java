@@ -1,4 +1,4 @@
-package com.kelvane.media.tool;
+package com.kelvane.media.tool.shell;
 
 import java.io.FileNotFoundException;
 import java.io.IOException;
@@ -8,15 +8,15 @@ import java.nio.file.FileSystemException;
 import java.nio.file.NoSuchFileException;
 
 /** Ends a command with exit code 1; the message says in one line what is wrong and what to do. */
-final class Failure extends RuntimeException {
+public final class Failure extends RuntimeException {
     private static final long serialVersionUID = 1;
 
-    Failure(String message, Object... values) {
+    public Failure(String message, Object... values) {
         super(String.format(message, values));
     }
 
     /** What went wrong with a file, which most of Java's own messages leave to the exception's class. */
-    static String reason(IOException problem) {
+    public static String reason(IOException problem) {
         if (!(problem instanceof FileSystemException) || problem instanceof FileNotFoundException) {
             String message = problem.getMessage() == null ? problem.toString() : problem.getMessage();
             return problem.getCause() instanceof IOException ? message + " " + reason((IOException) problem.getCause())

@@ -1,4 +1,4 @@
-package com.kelvane.media.tool;
+package com.kelvane.media.tool.output;
 
 import java.io.ByteArrayOutputStream;
 import java.io.IOException;
@@ -11,7 +11,7 @@ import java.nio.charset.StandardCharsets;
  * Writes Opus packets of 20 ms into an Ogg stream. FFmpeg's copy out of another container would round the end of the sound
  * to a packet's or a millisecond's.
  */
-final class OggOpusWriter {
+public final class OggOpusWriter {
     private static final int FIRST_PAGE = 2;
     private static final int LAST_PAGE = 4;
     private static final int MOST_SEGMENTS = 255;
@@ -35,7 +35,7 @@ final class OggOpusWriter {
     private int pages;
 
     /** @param leadIn samples per channel that players are to drop at the start */
-    OggOpusWriter(OutputStream file, int channels, int leadIn) throws IOException {
+    public OggOpusWriter(OutputStream file, int channels, int leadIn) throws IOException {
         this.file = file;
         append(littleEndian(19).put(ascii("OpusHead")).put((byte) 1).put((byte) channels).putShort((short) leadIn)
                 .putInt(48000).array());
@@ -45,7 +45,7 @@ final class OggOpusWriter {
         writePage(0, 0);
     }
 
-    void write(byte[] packet) throws IOException {
+    public void write(byte[] packet) throws IOException {
         if (lengths.size() + packet.length / 255 + 1 > MOST_SEGMENTS) {
             writePage(0, position);
         }
@@ -54,7 +54,7 @@ final class OggOpusWriter {
     }
 
     /** @param end samples per channel with the lead-in; what the last packet holds beyond is not to be heard */
-    void finish(long end) throws IOException {
+    public void finish(long end) throws IOException {
         writePage(LAST_PAGE, end);
     }
 

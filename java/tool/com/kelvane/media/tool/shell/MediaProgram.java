@@ -1,4 +1,4 @@
-package com.kelvane.media.tool;
+package com.kelvane.media.tool.shell;
 
 import java.io.BufferedReader;
 import java.io.File;
@@ -15,7 +15,7 @@ import java.util.concurrent.ConcurrentHashMap;
 import java.util.function.Consumer;
 
 /** Runs FFmpeg's programs of the installed tree, which do the container work; the library handles none. */
-enum MediaProgram {
+public enum MediaProgram {
     FFMPEG("ffmpeg", "-nostdin", "-nostats", "-y"),
     FFPROBE("ffprobe");
 
@@ -35,7 +35,7 @@ enum MediaProgram {
      * @param folder its working directory
      * @return its exit code
      */
-    int run(Path folder, List<String> arguments, Consumer<String> output, Consumer<String> errors) throws IOException {
+    public int run(Path folder, List<String> arguments, Consumer<String> output, Consumer<String> errors) throws IOException {
         List<String> command = new ArrayList<>(start);
         command.addAll(arguments);
         Process process;
@@ -61,7 +61,7 @@ enum MediaProgram {
     }
 
     /** Ends the programs that still run, for the virtual machine's own end. */
-    static void endAll() {
+    public static void endAll() {
         RUNNING.forEach(Process::destroyForcibly);
         for (Process process : RUNNING) {
             process.onExit().join();
@@ -77,11 +77,11 @@ enum MediaProgram {
     }
 
     /** The first error line of a run, without the name and address of the object or the file that it begins with. */
-    static final class FirstError implements Consumer<String> {
+    public static final class FirstError implements Consumer<String> {
         private final String subject;
         private volatile String text = "";
 
-        FirstError(Object subject) {
+        public FirstError(Object subject) {
             this.subject = subject + ": ";
         }
 
@@ -93,7 +93,7 @@ enum MediaProgram {
             }
         }
 
-        boolean isEmpty() {
+        public boolean isEmpty() {
             return text.isEmpty();
         }
 

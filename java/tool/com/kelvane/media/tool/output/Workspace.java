@@ -1,5 +1,8 @@
-package com.kelvane.media.tool;
+package com.kelvane.media.tool.output;
 
+import com.kelvane.media.tool.shell.Failure;
+import com.kelvane.media.tool.shell.MediaProgram;
+import com.kelvane.media.tool.shell.Progress;
 import java.io.IOException;
 import java.nio.file.DirectoryNotEmptyException;
 import java.nio.file.Files;
@@ -12,7 +15,7 @@ import java.util.stream.Stream;
  * A temporary folder inside the result directory, where everything is written until it is complete; results move to
  * their final names by rename. Whatever else lies in it goes with it, also when the virtual machine is interrupted.
  */
-final class Workspace implements AutoCloseable {
+public final class Workspace implements AutoCloseable {
     private static volatile boolean interrupted;
 
     private final Path directory;
@@ -22,7 +25,7 @@ final class Workspace implements AutoCloseable {
     private boolean published;
 
     /** Makes the directory if need be. */
-    Workspace(Path directory) {
+    public Workspace(Path directory) {
         this.directory = directory;
         Path ancestor = directory;
         while (!Files.exists(ancestor)) {
@@ -40,20 +43,31 @@ final class Workspace implements AutoCloseable {
         Runtime.getRuntime().addShutdownHook(hook);
     }
 
-    static boolean interrupted() {
+    /** Whether one of these files in a directory is one that is only to be read, by whatever name. */
+    public static boolean wouldReplace(Path source, Path directory, List<String> names) throws IOException {
+        for (String name : names) {
+            Path result = directory.resolve(name);
+            if (Files.exists(result) && Files.isSameFile(result, source)) {
+                return true;
+            }
+        }
+        return false;
+    }
+
+    public static boolean interrupted() {
         return interrupted;
     }
 
-    Path folder() {
+    public Path folder() {
         return folder;
     }
 
-    Path path(String name) {
+    public Path path(String name) {
         return folder.resolve(name);
     }
 
     /** Moves finished files to their final names. */
-    synchronized void publish(List<String> names) throws IOException {
+    public synchronized void publish(List<String> names) throws IOException {
         if (interrupted) {
             throw new IOException("interrupted");
         }

@@ -1,8 +1,11 @@
-package com.kelvane.media.tool;
+package com.kelvane.media.tool.input;
 
+import com.kelvane.media.tool.shell.Caller;
+import com.kelvane.media.tool.shell.Failure;
 import java.io.IOException;
 import java.nio.file.Path;
 import java.util.Map;
+import java.util.Set;
 
 /**
  * The H.264 track of an input file, as its headers describe it.
@@ -14,13 +17,13 @@ import java.util.Map;
  * @param seconds announced duration, 0 when the file announces none
  * @param raw whether the file is a bare Annex-B stream, which has neither timestamps nor an index
  */
-record VideoTrack(Path path, int index, int width, int height, String pixelFormat, double frameRate, int reorderDepth,
+public record VideoTrack(Path path, int index, int width, int height, String pixelFormat, double frameRate, int reorderDepth,
                   double seconds, boolean raw) {
     private static final Path DEMO = Path.of("share/kelvane/demo.mp4");
 
     /** @param input as the caller gave it; null stands for the demonstration clip */
-    static VideoTrack given(Path input) throws IOException {
-        Path path = input == null ? DEMO.toAbsolutePath() : Caller.DIRECTORY.resolve(input).normalize();
+    public static VideoTrack given(Path input) throws IOException {
+        Path path = input == null ? DEMO.toAbsolutePath() : Caller.path(input);
         MediaFile file = MediaFile.open(path, "stream=index,codec_type,codec_name,width,height,pix_fmt,has_b_frames,"
                 + "avg_frame_rate,r_frame_rate,duration:stream_disposition=attached_pic:format=format_name,duration");
         Map<String, String> video = file.stream(
@@ -38,9 +41,12 @@ record VideoTrack(Path path, int index, int width, int height, String pixelForma
                 "h264".equals(file.format().get("format_name")));
     }
 
-    /** Whether the transcoder shows the track's colours: it takes every picture for 8-bit 4:2:0. */
-    boolean hasPlainPictures() {
-        return "yuv420p".equals(pixelFormat) || "yuvj420p".equals(pixelFormat);
+    /** Fails when the pictures are not of 8-bit 4:2:0, for which the codecs would take them. */
+    public void checkPictures() {
+        if (pixelFormat != null && !Set.of("yuv420p", "yuvj420p", "unknown").contains(pixelFormat)) {
+            throw new Failure("the pictures of %s are %s, and the codecs work on 8-bit 4:2:0 alone; convert it first:"
+                    + " ffmpeg -i INPUT -pix_fmt yuv420p -c:a copy OUTPUT", path, pixelFormat);
+        }
     }
 
     private static double rate(Map<String, String> entries, String name) {

@@ -1,4 +1,4 @@
-package com.kelvane.media.tool;
+package com.kelvane.media.tool.output;
 
 import java.io.BufferedOutputStream;
 import java.io.ByteArrayOutputStream;
@@ -17,7 +17,7 @@ import java.util.List;
  * Writes H.264 access units with their presentation times into a Matroska file, which FFmpeg then copies into a container
  * of choice, or decodes: a raw stream would lose the times.
  */
-final class MatroskaWriter implements Closeable {
+public final class MatroskaWriter implements Closeable {
     private static final int SLICE_IDR = 5;
     private static final int SEQUENCE_PARAMETERS = 7;
     private static final int PICTURE_PARAMETERS = 8;
@@ -35,7 +35,7 @@ final class MatroskaWriter implements Closeable {
      * @param keepParameterSets whether access units keep theirs, which may change in mid-stream; otherwise those of the
      *     first one serve for all
      */
-    MatroskaWriter(Path path, int width, int height, double frameRate, boolean keepParameterSets) throws IOException {
+    public MatroskaWriter(Path path, int width, int height, double frameRate, boolean keepParameterSets) throws IOException {
         file = new DataOutputStream(new BufferedOutputStream(Files.newOutputStream(path), 1 << 16));
         this.width = width;
         this.height = height;
@@ -49,7 +49,7 @@ final class MatroskaWriter implements Closeable {
      * @param accessUnit Annex-B
      * @param time when it is shown, in milliseconds
      */
-    void write(byte[] accessUnit, long time) throws IOException {
+    public void write(byte[] accessUnit, long time) throws IOException {
         ByteArrayOutputStream payload = new ByteArrayOutputStream(accessUnit.length + 16);
         DataOutputStream sample = new DataOutputStream(payload);
         byte[] sequence = null;

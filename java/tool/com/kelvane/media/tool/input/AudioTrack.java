@@ -1,5 +1,7 @@
-package com.kelvane.media.tool;
+package com.kelvane.media.tool.input;
 
+import com.kelvane.media.OpusDecoder;
+import com.kelvane.media.tool.shell.Failure;
 import java.io.IOException;
 import java.nio.file.Path;
 import java.util.Map;
@@ -12,10 +14,10 @@ import java.util.Set;
  * @param codec FFmpeg's name
  * @param sampleRate in Hz
  */
-record AudioTrack(MediaFile file, int index, String codec, int sampleRate, int channels) {
+public record AudioTrack(MediaFile file, int index, String codec, int sampleRate, int channels) {
     private static final Set<String> DECODED = Set.of("aac", "mp3", "opus");
 
-    static AudioTrack open(Path path) throws IOException {
+    public static AudioTrack open(Path path) throws IOException {
         MediaFile file = MediaFile.open(path, "stream=index,codec_type,codec_name,profile,sample_rate,channels");
         Map<String, String> sound = file.stream(
                 stream -> DECODED.contains(stream.get("codec_name"))
@@ -35,7 +37,12 @@ record AudioTrack(MediaFile file, int index, String codec, int sampleRate, int c
         return track;
     }
 
-    boolean isPcm() {
+    /** The rate of what the library's decoder makes of it, in Hz: Opus has but one. */
+    int decodedRate() {
+        return codec.equals("opus") ? OpusDecoder.SAMPLE_RATE : sampleRate;
+    }
+
+    public boolean isPcm() {
         return !DECODED.contains(codec);
     }
 }
