@@ -156,7 +156,7 @@ int main(int argc, char** argv) {
             destroyEncoder(rendition.encoder);
             bytes += rendition.bytes;
         }
-        std::printf("bare: %d pictures, %lld bytes, %.2f s of CPU\n", pictures, bytes,
+        std::printf("bare: %d pictures, %lld bytes, %.3f s of CPU\n", pictures, bytes,
                     cpuSeconds() - before);
     }
 }

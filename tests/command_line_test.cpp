@@ -292,11 +292,13 @@ TEST_F(InstalledTool, SaysWhatIsWrongWithAModule) {
         const char* reason;
     } cases[] = {
         {"--module none.so", 1, "none.so: no such file"},
-        {"--module in.h264", 1, "in.h264 is not a shared library"},
+        {"--module in.h264", 1, "in.h264 is no processing module: invalid ELF header"},
         {"--module " + modules + "no_get_guid.so", 1, "does not export GetGuid"},
         {"--module " + modules + "no_create.so", 1, "does not export CreateVideoProcessor"},
         {"--module " + modules + "no_destroy.so", 1, "does not export DestroyVideoProcessor"},
-        {"--module " + modules + "makes_none.so", 1, "makes_none.so made no object"},
+        {"--module " + modules + "faulty_undefined.so", 1, "undefined symbol: nowhereDefined"},
+        {"--module " + modules + "faulty_new_interface.so", 1, "could not be loaded.*kelvane-module-check"},
+        {"--module " + modules + "faulty_no_object.so", 1, "faulty_no_object.so made no object"},
         {"--module " + mosaic + " --set block=16 --set region=1,2", 1, "refused the setting region=1,2"},
         {"--module " + mosaic + " --set region", 2, "expected KEY=VALUE"},
         {"--module " + mosaic + " -o in", 2, "would be overwritten"},

@@ -2,10 +2,15 @@
 #include "support/JavaMachine.h"
 #include "support/Output.h"
 #include "video/AVCDecoder.h"
+#include "video/I420.h"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstring>
+
+// The decoding calls of FFmpeg 4 that are meant here are deprecated there.
+#pragma GCC diagnostic ignored "-Wdeprecated-declarations"
 
 #define AVCDecoder(name) Java_com_kelvane_media_transform_codec_AVCDecoder_##name
 
@@ -25,33 +30,105 @@ public:
     int decode(const Bytes& input, jbyteArray info, jbyteArray output) {
         return AVCDecoder(decode)(javaEnv(), nullptr, javaArray(input), info, output, handle);
     }
+    int drain(jbyteArray info, jbyteArray output) {
+        return AVCDecoder(drain)(javaEnv(), nullptr, info, output, handle);
+    }
     jlong handle = 0;
 };
 
+// What a call answers.
+struct Answer {
+    Answer(bool got, const AVFrame& frame) {
+        if (!got) return;
+        time = frame.pkt_pts;
+        const MallocBuffer packed = packPicture(frame);
+        picture.assign(packed.get(), packed.get() + packedPictureSize(frame.width, frame.height));
+    }
+    bool operator==(const Answer&) const = default;
+
+    int64_t time = -1;
+    Bytes picture;
+};
+
+Answer decodeWith(VideoDecoder& decoder, Bytes unit, uint32_t time) {
+    const int got = decoder.decode(signedBytes(unit), static_cast<int>(unit.size()), time);
+    return {got == 1, *decoder.frame};
+}
+
+Answer drainWith(VideoDecoder& decoder) {
+    const int got = decoder.drain();
+    return {got == 1, *decoder.frame};
+}
+
+// FFmpeg's decoder without anything of ours around it.
+class BareDecoder {
+public:
+    BareDecoder() {
+        context->flags2 |= AV_CODEC_FLAG2_CHUNKS;
+        context->flags |= AV_CODEC_FLAG_TRUNCATED;
+        EXPECT_EQ(avcodec_open2(context.get(), nullptr, nullptr), 0);
+    }
+    Answer decode(const Bytes& unit, uint32_t time) {
+        AVPacket packet;
+        av_new_packet(&packet, static_cast<int>(unit.size()));
+        std::copy(unit.begin(), unit.end(), packet.data);
+        packet.pts = int64_t{time} * 1000;
+        int got = 0;
+        avcodec_decode_video2(context.get(), frame.get(), &got, &packet);
+        av_packet_unref(&packet);
+        return {got > 0, *frame};
+    }
+
+private:
+    const CodecContextOwner context{avcodec_alloc_context3(avcodec_find_decoder(AV_CODEC_ID_H264))};
+    const FrameOwner frame{av_frame_alloc()};
+};
+
+// The same stream in other pieces: runs of one to `longest` NAL units.
+std::vector<Bytes> inRuns(const std::vector<Bytes>& units, size_t longest) {
+    Bytes stream;
+    for (const Bytes& unit : units)
+        stream.insert(stream.end(), unit.begin(), unit.end());
+    constexpr uint8_t startCode[] = {0, 0, 0, 1};
+    std::vector<Bytes> runs;
+    size_t left = 0;
+    for (size_t at = 0; at < stream.size(); ++at) {
+        const bool shortCode =
+            stream[at] == 0 && at + 2 < stream.size() && stream[at + 1] == 0 && stream[at + 2] == 1;
+        const bool longCode = at + 3 < stream.size() && std::equal(startCode, startCode + 4, &stream[at]);
+        if (shortCode || longCode) {
+            if (left == 0) {
+                runs.emplace_back();
+                left = 1 + runs.size() % longest;
+            }
+            --left;
+            runs.back().insert(runs.back().end(), startCode, startCode + 4);
+            at += longCode ? 3 : 2;
+        } else {
+            runs.back().push_back(stream[at]);
+        }
+    }
+    return runs;
+}
+
 } // namespace
 
-TEST(Decoder, PicturesEqualFFmpegsOwn) {
-    const struct {
-        const char* vector;
-        size_t heldBack; // by reordering, at the end of the stream
-    } cases[] = {{"baseline.h264", 0},
-                 {"bframes.h264", 2},
-                 {"size_change.h264", 0},
-                 {"yuv422.h264", 0},
-                 {"odd.h264", 0}};
-    for (const auto& [vector, heldBack] : cases) {
+TEST(Decoder, PicturesEqualFFmpegsOwnToTheLast) {
+    for (const char* vector :
+         {"baseline.h264", "bframes.h264", "size_change.h264", "yuv422.h264", "odd.h264", "fields.h264"}) {
         SCOPED_TRACE(vector);
         const std::vector<Bytes> units = accessUnits(vector);
         const std::vector<Picture> expected = referenceDecode(units);
-        ASSERT_EQ(expected.size(), units.size());
         JavaDecoder decoder;
         size_t decoded = 0;
         printedBy([&] {
-            for (const Bytes& unit : units) {
+            for (size_t call = 0;; ++call) {
                 const LocalFrame references;
-                const Picture& next = expected.at(decoded);
+                const Picture& next = expected.at(std::min(decoded, expected.size() - 1));
                 jbyteArray info = javaArray(6), output = javaArray(static_cast<int>(next.i420.size()));
-                const int result = decoder.decode(unit, info, output);
+                const int result = call < units.size() ? decoder.decode(units[call], info, output)
+                                                       : decoder.drain(info, output);
+                if (result == 0 && call >= units.size()) break;
                 if (result == 0) continue;
                 ASSERT_EQ(result, 1);
                 EXPECT_TRUE(bytesOf(output) == next.i420) << "picture " << decoded;
@@ -62,8 +139,73 @@ TEST(Decoder, PicturesEqualFFmpegsOwn) {
                 ++decoded;
             }
         });
-        EXPECT_EQ(decoded, units.size() - heldBack);
+        EXPECT_EQ(decoded, expected.size());
     }
+}
+
+// Whatever pieces a stream comes in, and wherever it begins: what FFmpeg's decoder makes of it comes out,
+// call by call. Most of these kinds have long runs of calls without a picture.
+TEST(EngineDecoder, AnswersEveryCallAsFFmpegDoes) {
+    const struct {
+        const char* vector;
+        size_t from;
+    } streams[] = {{"slices.h264", 0},  {"slices.h264", 5},  {"bframes.h264", 7}, {"refresh.h264", 0},
+                   {"refresh.h264", 3}, {"fields.h264", 0},  {"fields.h264", 3},  {"size_change.h264", 0},
+                   {"bframes.h264", 0}, {"baseline.h264", 4}};
+    for (const auto& [vector, from] : streams) {
+        std::vector<Bytes> units = accessUnits(vector);
+        units.erase(units.begin(), units.begin() + static_cast<std::ptrdiff_t>(from));
+        const std::vector<Bytes> joined = accessUnits("slices.h264");
+        units.insert(units.end(), joined.begin(), joined.end());
+        for (const auto& pieces : {units, inRuns(units, 1), inRuns(units, 3)}) {
+            SCOPED_TRACE(testing::Message()
+                         << vector << " from " << from << ", " << pieces.size() << " pieces");
+            VideoDecoder decoder;
+            BareDecoder bare;
+            int pictures = 0;
+            printedBy([&] {
+                decoder.open();
+                for (uint32_t i = 0; i < pieces.size(); ++i) {
+                    const Answer expected = bare.decode(pieces[i], i);
+                    ASSERT_TRUE(decodeWith(decoder, pieces[i], i) == expected) << "call " << i;
+                    pictures += expected.time >= 0;
+                }
+            });
+            EXPECT_GT(pictures, 20);
+        }
+    }
+}
+
+TEST(EngineDecoder, IsAsNewOnceDrained) {
+    VideoDecoder used;
+    printedBy([&] {
+        EXPECT_EQ(used.drain(), 0) << "before open";
+        used.open();
+        EXPECT_EQ(used.drain(), 0);
+        for (const char* vector :
+             {"bframes.h264", "slices.h264", "fields.h264", "odd.h264", "bframes.h264"}) {
+            VideoDecoder fresh;
+            fresh.open();
+            std::vector<Bytes> units = accessUnits(vector);
+            if (used.pictureTime == 0) units.resize(1); // the first stream has one picture
+            size_t pictures = 0;
+            for (uint32_t i = 1; i <= units.size(); ++i) {
+                const Answer expected = decodeWith(fresh, units[i - 1], i);
+                ASSERT_TRUE(decodeWith(used, units[i - 1], i) == expected) << vector << ", call " << i;
+                pictures += expected.time >= 0;
+            }
+            for (Answer expected = drainWith(fresh); expected.time >= 0;
+                 expected = drainWith(fresh), ++pictures) {
+                ASSERT_TRUE(drainWith(used) == expected) << vector;
+                EXPECT_EQ(used.pictureTime * int64_t{1000}, expected.time);
+                EXPECT_EQ(used.pictureReady, 1);
+            }
+            EXPECT_EQ(used.drain(), 0);
+            EXPECT_EQ(used.pictureReady, 0);
+            EXPECT_EQ(used.drain(), 0);
+            EXPECT_EQ(pictures, std::string(vector) == "fields.h264" ? units.size() / 2 : units.size());
+        }
+    });
 }
 
 TEST(EngineDecoder, PicturesCarryTheTimestampOfTheirAccessUnit) {
@@ -79,7 +221,6 @@ TEST(EngineDecoder, PicturesCarryTheTimestampOfTheirAccessUnit) {
                 decoder.decode(signedBytes(units[i]), static_cast<int>(units[i].size()), first + i);
             EXPECT_EQ(decoder.pictureReady, result);
             EXPECT_EQ(decoder.timestamp, first + i);
-#pragma GCC diagnostic ignored "-Wdeprecated-declarations"
             if (result == 1) {
                 EXPECT_EQ(decoder.frame->pkt_pts, (first + expected[decoded++].accessUnit) * 1000);
             }
@@ -150,6 +291,46 @@ TEST(EngineDecoder, RejectsInputWithoutALongStartCode) {
     EXPECT_EQ(neverOpened.decode(signedBytes(startCode), 4, 6), 0);
 }
 
+TEST(Decoder, APictureOfANewSizeWaitsToBeTaken) {
+    const LocalFrame references;
+    JNIEnv* env = javaEnv();
+    const std::vector<Bytes> units = accessUnits("bframes.h264");
+    const std::vector<Picture> expected = referenceDecode(units);
+    const int size = static_cast<int>(expected[0].i420.size());
+    JavaDecoder decoder;
+    jbyteArray info = javaArray(6), tooSmall = javaArray(size - 1), output = javaArray(size);
+    const auto take = [&](jbyteArray picture) {
+        return AVCDecoder(take)(env, nullptr, info, picture, decoder.handle);
+    };
+    const auto time = [&] { return AVCDecoder(pictureTime)(env, nullptr, decoder.handle); };
+    printedBy([&] {
+        EXPECT_EQ(take(output), 0);
+        EXPECT_EQ(time(), 0);
+        size_t decoded = 0;
+        for (size_t call = 0; decoded < expected.size(); ++call) {
+            const LocalFrame callReferences;
+            const jlong timestamp = static_cast<jlong>(call) - 5; // the low 32 bits count
+            const int result = call < units.size()
+                                   ? AVCDecoder(decodeAt)(env, nullptr, timestamp, javaArray(units[call]),
+                                                          info, tooSmall, decoder.handle)
+                                   : decoder.drain(info, tooSmall);
+            if (result == 0) {
+                EXPECT_EQ(take(output), 0) << "a new call ends the waiting";
+                continue;
+            }
+            EXPECT_EQ(result, -size);
+            EXPECT_EQ(time(), (expected[decoded].accessUnit - 5) & 0xFFFFFFFF);
+            if (decoded++ % 2) continue; // this one is left behind
+            EXPECT_EQ(take(tooSmall), -size);
+            EXPECT_EQ(take(output), 1);
+            EXPECT_TRUE(bytesOf(output) == expected[decoded - 1].i420);
+            EXPECT_EQ(take(output), 0);
+        }
+        EXPECT_EQ(decoder.drain(info, tooSmall), 0);
+        EXPECT_EQ(take(output), 0);
+    });
+}
+
 TEST(Decoder, NullArraysAndShortInfoAreHarmless) {
     const LocalFrame references;
     JNIEnv* env = javaEnv();
@@ -161,6 +342,8 @@ TEST(Decoder, NullArraysAndShortInfoAreHarmless) {
         EXPECT_EQ(AVCDecoder(decode)(env, nullptr, input, nullptr, output, decoder.handle), 0);
         EXPECT_EQ(AVCDecoder(decode)(env, nullptr, input, info, nullptr, decoder.handle), 0);
         EXPECT_EQ(AVCDecoder(decode)(env, nullptr, input, info, output, 0), 0);
+        EXPECT_EQ(AVCDecoder(drain)(env, nullptr, nullptr, output, decoder.handle), 0);
+        EXPECT_EQ(AVCDecoder(take)(env, nullptr, info, nullptr, decoder.handle), 0);
     });
     EXPECT_EQ(printed, "");
     EXPECT_EQ(bytesOf(info), Bytes(6, 0xEE));
@@ -195,7 +378,6 @@ TEST(EngineDecoder, RecoversFromCorruptStreams) {
             Bytes unit = good[i];
             if (decoder.decode(signedBytes(unit), static_cast<int>(unit.size()),
                                static_cast<uint32_t>(i + 1)) == 1)
-#pragma GCC diagnostic ignored "-Wdeprecated-declarations"
                 if (decoder.frame->pkt_pts > 0) units.push_back(decoder.frame->pkt_pts / 1000 - 1);
         }
         decoder.close();
@@ -205,4 +387,38 @@ TEST(EngineDecoder, RecoversFromCorruptStreams) {
     for (size_t i = 0; i < units.size(); ++i)
         order.push_back(expected[i].accessUnit);
     EXPECT_EQ(units, order);
+}
+
+// FFmpeg waits for the rest of a picture whose end was lost.
+TEST(EngineDecoder, GoesOnAfterAPictureThatLostItsEnd) {
+    const auto loseHalf = [](Bytes& unit) { unit.resize(unit.size() / 2); };
+    const auto changeEntropyCoding = [](Bytes& unit) { // in the PPS: no slice can be decoded
+        constexpr uint8_t pps[] = {0, 0, 1, 0x68};
+        std::search(unit.begin(), unit.end(), pps, pps + 4)[4] ^= 0x20;
+    };
+    const struct {
+        const char* vector;
+        void (*damage)(Bytes& accessUnit);
+        size_t damaged, resumed; // access units: the damaged one, and the one with which pictures are back
+    } cases[] = {
+        {"size_change.h264", loseHalf, 4, 5},          // at an IDR picture with other parameter sets
+        {"baseline.h264", changeEntropyCoding, 0, 10}, // the same
+        {"fields.h264", loseHalf, 7, 17},              // a second field; with that of the IDR picture
+        {"refresh.h264", loseHalf, 40, 72},            // without any, after as many as are waited for
+    };
+    for (const auto& [vector, damage, damaged, resumed] : cases) {
+        SCOPED_TRACE(vector);
+        std::vector<Bytes> units = accessUnits(vector);
+        damage(units.at(damaged));
+        VideoDecoder decoder;
+        printedBy([&] {
+            decoder.open();
+            for (size_t i = 0; i < units.size(); ++i) {
+                const bool picture = decodeWith(decoder, units[i], static_cast<uint32_t>(i)).time >= 0;
+                if (i >= damaged && i <= resumed) {
+                    EXPECT_EQ(picture, i == resumed) << i;
+                }
+            }
+        });
+    }
 }

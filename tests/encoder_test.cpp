@@ -226,8 +226,11 @@ TEST_F(Encoder, JavaMethodsKeepTheBytesInTheEngine) {
         EXPECT_FALSE(encoder->output);
         EXPECT_EQ(AVCEncoder(encode)(env, nullptr, javaArray(pictureSize), nullptr, 0), 0);
         AVCEncoder(close)(env, nullptr, 0);
+        EXPECT_EQ(AVCEncoder(loadLibrary)(env, nullptr, nullptr), 0);
     });
     EXPECT_EQ(printed, "");
+    EXPECT_EQ(printedBy([&] { EXPECT_EQ(AVCEncoder(loadLibrary)(env, nullptr, javaString("none")), 1); }),
+              "pointers pre loaded\n");
     EXPECT_EQ(printedBy([&] { AVCEncoder(close)(env, nullptr, handle); }), "AVC encoder codec closed\n");
     EXPECT_EQ(library.created, library.destroyed);
 }

@@ -116,6 +116,7 @@ TEST(FFmpegEncoder, LimitsItsParametersAndFillsItsArrays) {
         const std::string printed =
             printedBy([&] { handle = OpenH264Encoder(open)(env, nullptr, 176, 144, frameRate, bitRate, 9); });
         EXPECT_EQ(printed.find("Codec init\navcodec_open2: 176 " + configured), 0u) << printed;
+        EXPECT_EQ(OpenH264Encoder(status)(env, nullptr, handle), 0);
         jbyteArray data = javaArray(picture), info = javaArray(8);
         EXPECT_EQ(OpenH264Encoder(encode)(env, nullptr, data, info, handle), 1);
         const auto size = static_cast<ptrdiff_t>(reinterpret_cast<VideoEncoder*>(handle)->encodedSize);
@@ -138,5 +139,7 @@ TEST(FFmpegEncoder, LimitsItsParametersAndFillsItsArrays) {
     }
     const jlong unopened = OpenH264Encoder(open)(env, nullptr, 0, 0, 15, 0, 0);
     EXPECT_GT(unopened, 0);
+    EXPECT_EQ(OpenH264Encoder(status)(env, nullptr, unopened), 1);
+    EXPECT_EQ(OpenH264Encoder(status)(env, nullptr, 0), 1);
     OpenH264Encoder(close)(env, nullptr, unopened);
 }

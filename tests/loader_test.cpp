@@ -73,6 +73,23 @@ TEST_F(Loader, LoadsOnceAndRetriesAfterFailures) {
     EXPECT_GE(functions.getCodecVersion().uMajor, 1u);
 }
 
+TEST_F(Loader, LoadsFromElsewhere) {
+    fs::create_directories(elsewhere);
+    const fs::path file = home / COpenLoaderImpl::libraryPath;
+    fs::current_path(elsewhere);
+    COpenLoaderImpl loader;
+    EXPECT_EQ(printedBy([&] {
+                  EXPECT_EQ(loader.LoadLibFrom(PARTIAL_OPENH264), 0);
+                  EXPECT_EQ(loader.LoadLibFrom(file.c_str()), 2);
+                  EXPECT_EQ(loader.LoadLibFrom("no/such.so"), 2);
+                  EXPECT_EQ(loader.LoadLib(), 2);
+              }),
+              "could not load pointers\nloaded pointers\npointers pre loaded\npointers pre loaded\n");
+    EncoderLibFunctions functions;
+    loader.GetLibFunctions(&functions);
+    EXPECT_GE(functions.getCodecVersion().uMajor, 1u);
+}
+
 TEST_F(Loader, ConcurrentFirstLoadsGiveWholeRecords) {
     const std::string printed = printedBy([] {
         for (int round = 0; round < 50; ++round) {

@@ -60,8 +60,14 @@ TEST(EngineModuleLoader, FindsModulesByTheirGuid) {
     moduleRecordOf("recorder").throwIn = "exported GetGuid";
     EXPECT_EQ(load(loader, modulePath("recorder")), 0u);
     const auto findAnother = [&] { EXPECT_EQ(loader.GetLibFunctions(topBitGuid, &found), 1); };
-    EXPECT_EQ(printedBy(findAnother, 2), "module threw in GetGuid: not a std::exception\n");
+    EXPECT_EQ(printedBy(findAnother, 2),
+              "module " + modulePath("recorder") + " threw in GetGuid: not a std::exception\n");
     moduleRecordOf("recorder").throwIn = "";
+
+    const std::string unknown = modulePath("faulty_new_interface");
+    EXPECT_EQ(printedBy([&] { EXPECT_EQ(load(loader, unknown, ""), 0u); }, 2),
+              "module " + unknown + " refused: built for interface 2, not 1\n");
+    EXPECT_FALSE(isMapped(unknown));
 }
 
 TEST(EngineModuleLoader, FillsItsTableAndUnmapsItUnlessProcessorsLive) {
@@ -116,16 +122,23 @@ TEST(EngineExampleModules, MosaicChangesItsRegionsOnly) {
     EXPECT_EQ(processed(*module, flat), flat);
 }
 
-// What the guide for module authors promises: the installed examples build in a folder of their own.
-TEST(InstalledModules, BuildAgainstTheInstalledHeaderAlone) {
+// What the guide for module authors promises: the installed examples, and the template with its test, build
+// in a folder of their own.
+TEST(InstalledModules, BuildAgainstTheInstalledTreeAlone) {
     const std::filesystem::path tree = std::getenv("KELVANE_DIST");
     const std::filesystem::path folder = std::filesystem::temp_directory_path() / "kelvane modules";
     std::filesystem::remove_all(folder);
-    std::filesystem::copy(tree / "examples/modules", folder);
-    const CommandResult built = run("cd '" + folder.string() + "' && cmake -B build '-DKELVANE_INCLUDE=" +
-                                    (tree / "include").string() + "' 2>&1 && cmake --build build 2>&1");
-    ASSERT_EQ(built.exitCode, 0) << built.output;
+    std::filesystem::copy(tree / "examples/modules", folder, std::filesystem::copy_options::recursive);
+    const auto build = [&](const std::string& source, const std::string& more) {
+        const CommandResult built = run("cd '" + (folder / source).string() +
+                                        "' && cmake -B build '-DCMAKE_PREFIX_PATH=" + tree.string() +
+                                        "' 2>&1 && cmake --build build 2>&1" + more);
+        EXPECT_EQ(built.exitCode, 0) << built.output;
+    };
+    build(".", "");
+    build("template", " && ctest --test-dir build --output-on-failure --no-tests=error 2>&1");
     CLibLoaderImpl loader;
-    EXPECT_EQ(load(loader, folder / "build/mosaic.so"), 0x6d6f7361u);
+    for (const char* module : {"build/mosaic.so", "build/solarize.so", "template/build/mymodule.so"})
+        EXPECT_NE(load(loader, folder / module), 0u);
     std::filesystem::remove_all(folder);
 }

@@ -42,6 +42,15 @@ struct Pipeline {
         sizeInfo = bytesOf(info);
         return result;
     }
+    int drain() {
+        const LocalFrame references;
+        jbyteArray info = javaArray(4);
+        const int result = AVCProcessor(drain)(javaEnv(), nullptr, info, handle);
+        sizeInfo = bytesOf(info);
+        return result;
+    }
+    jlong pictureTime() { return AVCProcessor(pictureTime)(javaEnv(), nullptr, handle); }
+    bool attached() { return AVCProcessor(attached)(javaEnv(), nullptr, handle); }
     Output read() {
         const LocalFrame references;
         jbyteArray time = javaArray(4), data = javaArray(engine().outputSize);
@@ -51,7 +60,7 @@ struct Pipeline {
     VideoProcessor& engine() { return *reinterpret_cast<VideoProcessor*>(handle); }
 
     jlong handle;
-    Bytes sizeInfo; // after the last write
+    Bytes sizeInfo; // after the last write or drain
 };
 
 class PipelineTest : public testing::Test {
@@ -87,8 +96,16 @@ TEST_F(PipelineTest, WithoutAModuleTheStreamIsEncodedAgain) {
         EXPECT_EQ(pipeline.read().timestamp, untouched);
         if (result) encoded.push_back(output.data);
     }
+    while (pipeline.drain()) {
+        const Output output = pipeline.read();
+        EXPECT_EQ(pipeline.sizeInfo, bigEndian(output.data.size()));
+        EXPECT_EQ(output.timestamp, bigEndian(static_cast<size_t>(pipeline.pictureTime())));
+        encoded.push_back(output.data);
+    }
+    EXPECT_EQ(pipeline.sizeInfo, untouched);
     const std::vector<Picture> source = referenceDecode(reordered), decoded = referenceDecode(encoded);
-    ASSERT_EQ(decoded.size(), source.size() - 2) << "two pictures stay in the decoder";
+    ASSERT_EQ(decoded.size(), source.size());
+    EXPECT_EQ(pipeline.pictureTime(), (4294967290 + source.back().accessUnit) & 0xFFFFFFFF);
     for (size_t i = 0; i < decoded.size(); ++i)
         EXPECT_GT(psnr(decoded[i].i420, source[i].i420, source[i].i420.size()), 40) << i;
 }
@@ -125,9 +142,11 @@ TEST_F(PipelineTest, AModuleGetsEveryCallInOrder) {
 TEST_F(PipelineTest, BrewReplacesTheModule) {
     Pipeline pipeline;
     EXPECT_EQ(pipeline.apply(recorderGuid), -1);
+    EXPECT_FALSE(pipeline.attached());
     EXPECT_EQ(pipeline.write(0, units[0]), 1);
     for (const jint i : {1, 2}) {
         pipeline.brew(recorderGuid);
+        EXPECT_TRUE(pipeline.attached());
         EXPECT_EQ(pipeline.write(i, units[static_cast<size_t>(i)]), 1);
     }
     EXPECT_EQ(pipeline.write(3, resized[0]), 1);
@@ -185,33 +204,64 @@ TEST_F(PipelineTest, PassThroughTouchesNothingButWhatTheModuleChanges) {
         pipeline.brew(recorderGuid);
         expected.back() = 1;
     }
+    EXPECT_EQ(pipeline.drain(), 0);
+    EXPECT_EQ(pipeline.pictureTime(), 0);
     EXPECT_EQ(pipeline.write(5, {}), 1);
     EXPECT_EQ(pipeline.sizeInfo, bigEndian(0));
     EXPECT_EQ(pipeline.read().timestamp, untouched);
 }
 
-TEST_F(PipelineTest, WhatAModuleThrowsCountsAsZero) {
-    Pipeline pipeline;
-    const auto reports = [&](const std::string& thrower, const std::string& call, int result, auto action) {
-        record.throwIn = thrower;
-        EXPECT_EQ(printedBy([&] { EXPECT_EQ(action(), result) << call; }, 2),
-                  "module threw in " + call + ": " + thrower + " fails\n");
-        record.throwIn = "";
+TEST_F(PipelineTest, WhatAModuleThrowsCountsAsZeroAndIsReportedOnce) {
+    const auto brew = [](Pipeline& pipeline) { return pipeline.brew(recorderGuid); };
+    const auto apply = [](Pipeline& pipeline) { return pipeline.apply(recorderGuid); };
+    const auto write = [&](Pipeline& pipeline) { return pipeline.write(0, units[0]); };
+    const auto resize = [&](Pipeline& pipeline) {
+        pipeline.write(0, units[0]);
+        return pipeline.write(1, resized[0]);
     };
-    const auto brew = [&] { return pipeline.brew(recorderGuid); };
-    const auto apply = [&] { return pipeline.apply(recorderGuid); };
-    reports("create", "CreateVideoProcessor", 1, brew);
-    brew();
-    reports("GetGuid", "GetGuid", -1, apply);
-    reports("Apply", "Apply", 0, apply);
-    reports("Open", "Open", 1, [&] { return pipeline.write(0, units[0]); });
-    reports("Reinit", "Reinit", 1, [&] { return pipeline.write(2, resized[0]); });
-    EXPECT_FALSE(pipeline.read().data.empty());
-    reports("Process", "Process", 1, [&] { return pipeline.write(1, resized[1]); });
+    const auto close = [](Pipeline& pipeline) { return pipeline.close(); };
+    struct Case {
+        const char *thrower, *operation;
+        int result;
+        std::function<int(Pipeline&)> action;
+    };
+    const Case cases[] = {{"create", "CreateVideoProcessor", 1, brew},
+                          {"GetGuid", "GetGuid", -1, apply},
+                          {"Apply", "Apply", 0, apply},
+                          {"Open", "Open", 1, write},
+                          {"Reinit", "Reinit", 1, resize},
+                          {"Process", "Process", 1, write},
+                          {"Close", "Close", 1, brew},
+                          {"delete", "~CModuleProcessor", 1, brew},
+                          {"destroy", "DestroyVideoProcessor", 1, close}};
+    const std::string module = "module " + modulePath("recorder") + " threw ";
+    for (const Case& each : cases) {
+        Pipeline pipeline;
+        if (each.thrower != std::string("create")) brew(pipeline);
+        record.throwIn = each.thrower;
+        EXPECT_EQ(printedBy([&] { EXPECT_EQ(each.action(pipeline), each.result) << each.thrower; }, 2),
+                  module + "in " + each.operation + ": " + each.thrower + " fails\n");
+        record.throwIn = "";
+    }
+
+    Pipeline pipeline;
+    brew(pipeline);
+    record.throwIn = "Process";
+    EXPECT_EQ(printedBy([&] { write(pipeline); }, 2), module + "in Process: Process fails\n");
+    EXPECT_EQ(printedBy([&] { write(pipeline), resize(pipeline); }, 2), "");
     EXPECT_TRUE(pipeline.read().data.empty());
-    reports("Close", "Close", 1, brew);
-    reports("delete", "~CModuleProcessor", 1, brew);
-    reports("destroy", "DestroyVideoProcessor", 1, [&] { return pipeline.close(); });
+    EXPECT_EQ(printedBy([&] { brew(pipeline), pipeline.close(); }, 2), module + "4 times in this pipeline\n");
+}
+
+TEST_F(PipelineTest, AModuleThatMakesNoProcessorIsNamed) {
+    const std::string noObject = modulePath("faulty_no_object");
+    printedBy([&] { AVCProcessor(loadLibrary)(javaEnv(), nullptr, javaString(noObject.c_str())); });
+    Pipeline pipeline;
+    const auto brew = [&] { EXPECT_EQ(pipeline.brew(0xfa017), 1); };
+    EXPECT_EQ(printedBy(brew, 2),
+              "module " + noObject + " made no processor: CreateVideoProcessor returned null\n");
+    EXPECT_EQ(printedBy(brew), "") << "it was found";
+    EXPECT_EQ(pipeline.apply(0xfa017), -1);
 }
 
 TEST_F(PipelineTest, WhatYieldsNothingSaysSo) {
@@ -245,6 +295,9 @@ TEST_F(PipelineTest, NullAndShortArgumentsAreHarmless) {
                   EXPECT_EQ(AVCProcessor(read)(env, nullptr, info, data, 0), 0);
                   EXPECT_EQ(AVCProcessor(read)(env, nullptr, nullptr, data, handle), 0);
                   EXPECT_EQ(AVCProcessor(read)(env, nullptr, info, nullptr, handle), 0);
+                  EXPECT_EQ(AVCProcessor(drain)(env, nullptr, info, 0), 0);
+                  EXPECT_EQ(AVCProcessor(drain)(env, nullptr, nullptr, handle), 0);
+                  EXPECT_FALSE(AVCProcessor(attached)(env, nullptr, 0));
                   EXPECT_FALSE(AVCProcessor(close)(env, nullptr, 0));
               }),
               "loading no/such.so\nmodule not found \nfound 0\n");

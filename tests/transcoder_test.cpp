@@ -36,6 +36,16 @@ public:
         const LocalFrame references;
         return MIRVProcessor(write)(javaEnv(), nullptr, listener, timestamp, javaArray(unit), handle);
     }
+    int decode(jlong timestamp, const Bytes& unit) {
+        const LocalFrame references;
+        return MIRVProcessor(decode)(javaEnv(), nullptr, timestamp, javaArray(unit), handle);
+    }
+    int encode(int position, jobject listener) {
+        return MIRVProcessor(encode)(javaEnv(), nullptr, position, listener, handle);
+    }
+    int drain(jobject listener) { return MIRVProcessor(drain)(javaEnv(), nullptr, listener, handle); }
+    jlong pictureTime() { return MIRVProcessor(pictureTime)(javaEnv(), nullptr, handle); }
+    int status(int position) { return MIRVProcessor(status)(javaEnv(), nullptr, position, handle); }
     CoderOut& output(int i) {
         return reinterpret_cast<MIRVProcessor*>(handle)->outputs[static_cast<size_t>(i)];
     }
@@ -224,13 +234,29 @@ TEST_F(Transcoder, PicturesKeepTheirOwnTimesThroughReordering) {
         JavaTranscoder transcoder(1);
         transcoder.addRendition(1, 160, 96);
         transcoder.start();
-        for (size_t i = 0; i < reordered.size(); ++i)
-            transcoder.write(listener.object(), 90'000 + static_cast<jlong>(i), reordered[i]);
+        size_t pictures = 0;
+        for (size_t i = 0; i < reordered.size(); ++i) {
+            pictures +=
+                transcoder.write(listener.object(), 90'000 + static_cast<jlong>(i), reordered[i]) == 1;
+            EXPECT_EQ(transcoder.pictureTime(), pictures ? 90'000 + expected[pictures - 1].accessUnit : 0);
+        }
+        const auto calls = listener.take();
+        for (size_t i = 0; i < calls.size(); ++i)
+            EXPECT_EQ(calls[i].timestamp, 90'000 + static_cast<int>(i));
+
+        // At the end of the stream, the callbacks carry the pictures' own times as well.
+        EXPECT_EQ(transcoder.drain(listener.object()), 1);
+        EXPECT_EQ(transcoder.drain(nullptr), 1);
+        EXPECT_EQ(listener.take().size(), 1u);
+        EXPECT_EQ(transcoder.encode(0, listener.object()), 1);
+        EXPECT_EQ(listener.take().at(0).timestamp, transcoder.pictureTime());
+        EXPECT_EQ(transcoder.pictureTime(), 90'000 + expected.back().accessUnit);
+        EXPECT_EQ(transcoder.drain(listener.object()), 0);
+        EXPECT_TRUE(listener.take().empty());
+        EXPECT_EQ(transcoder.encode(0, listener.object()), 0);
+        EXPECT_FALSE(listener.take().at(0).hasData);
     });
-    const auto calls = listener.take();
-    for (size_t i = 0; i < calls.size(); ++i)
-        EXPECT_EQ(calls[i].timestamp, 90'000 + static_cast<int>(i));
-    ASSERT_EQ(library.timestamps.size(), reordered.size() - 2);
+    ASSERT_EQ(library.timestamps.size(), reordered.size());
     for (size_t i = 0; i < library.timestamps.size(); ++i)
         EXPECT_EQ(library.timestamps[i], 90'000 + expected[i].accessUnit);
 }
@@ -245,7 +271,11 @@ TEST_F(Transcoder, OneOutputsFailureLeavesTheOthersAlone) {
         transcoder.addRendition(3, -96, 80);
         transcoder.apply(3, "debug", "1");
         transcoder.addRendition(4, 2'000'000, 2'000'000); // no memory for such a picture
+        EXPECT_EQ(transcoder.status(1), 2);
         transcoder.start();
+        const int statuses[] = {0, 0, -1}; // the first one opens, and fails at every picture
+        for (const int position : {0, 1, 2})
+            EXPECT_EQ(transcoder.status(position), statuses[position]);
         for (size_t i = 0; i < 3; ++i)
             transcoder.write(listener.object(), 0, units[i]);
         library.skipPictures = true;
@@ -314,6 +344,11 @@ TEST_F(Transcoder, NullsZeroHandlesAndBadCountsAreHarmless) {
             EXPECT_EQ(MIRVProcessor(write)(env, nullptr, listener.object(), 0, javaArray(units[0]), 0), 0);
             EXPECT_EQ(MIRVProcessor(apply)(env, nullptr, 1, javaString("debug"), javaString("1"), 0), 0);
             EXPECT_EQ(MIRVProcessor(start)(env, nullptr, 0), 1);
+            EXPECT_EQ(MIRVProcessor(decode)(env, nullptr, 0, javaArray(units[0]), 0), 0);
+            EXPECT_EQ(MIRVProcessor(encode)(env, nullptr, 0, listener.object(), 0), 0);
+            EXPECT_EQ(MIRVProcessor(drain)(env, nullptr, listener.object(), 0), 0);
+            EXPECT_EQ(MIRVProcessor(pictureTime)(env, nullptr, 0), 0);
+            EXPECT_EQ(MIRVProcessor(status)(env, nullptr, 0, 0), 2);
             EXPECT_EQ(MIRVProcessor(close)(env, nullptr, 0), 0);
         }),
         "MIRVProcessor_apply \nMIRVProcessor_close \n");
@@ -332,35 +367,84 @@ TEST_F(Transcoder, NullsZeroHandlesAndBadCountsAreHarmless) {
                   }),
                   "");
         EXPECT_EQ(transcoder.output(0).index, 0);
+        EXPECT_EQ(transcoder.decode(0, units[0]), 1);
+        for (const int position : {-1, 1, 65'536}) {
+            EXPECT_EQ(transcoder.encode(position, listener.object()), 0);
+            EXPECT_EQ(transcoder.status(position), 2);
+        }
+        EXPECT_EQ(transcoder.encode(0, nullptr), 0);
         EXPECT_EQ(transcoder.write(listener.object(), 0, {}), 0);
     });
     EXPECT_TRUE(listener.take().empty());
 }
 
-TEST_F(Transcoder, RunsOnTwoThreadsAtOnce) {
-    std::vector<Bytes> streams[2];
-    printedBy([&] {
-        const auto transcode = [this](std::vector<Bytes>& stream) {
+// The halves of write(), the second on a thread for each rendition, call back as write() itself does, and
+// different transcoders run at the same time.
+TEST_F(Transcoder, RenditionsAndTranscodersRunOnThreadsOfTheirOwn) {
+    constexpr int renditions = 3;
+    const auto onThread = [](const auto& work) {
+        return std::thread([&work] {
             {
                 const LocalFrame local;
-                Listener listener;
-                JavaTranscoder transcoder(1);
-                transcoder.addRendition(1, 96, 80);
-                for (const Bytes& unit : units)
-                    transcoder.write(listener.object(), 0, unit);
-                for (Listener::Call& call : listener.take())
-                    stream.push_back(std::move(call.data));
+                work();
             }
             JavaVM* machine = nullptr;
             javaEnv()->GetJavaVM(&machine);
             machine->DetachCurrentThread();
-        };
-        std::thread first(transcode, std::ref(streams[0])), second(transcode, std::ref(streams[1]));
-        first.join();
-        second.join();
+        });
+    };
+    const auto prepare = [](JavaTranscoder& transcoder) {
+        for (int id = 1; id <= renditions; ++id)
+            transcoder.addRendition(id, 32 * id, 48);
+    };
+    std::vector<Bytes> whole, halves;
+    const auto writeAll = [&] {
+        Listener listener;
+        JavaTranscoder transcoder(renditions);
+        prepare(transcoder);
+        for (const Bytes& unit : units)
+            transcoder.write(listener.object(), 0, unit);
+        for (Listener::Call& call : listener.take())
+            whole.push_back(std::move(call.data));
+    };
+    const auto encodeApart = [&] {
+        JavaTranscoder transcoder(renditions);
+        prepare(transcoder);
+        for (size_t i = 0; i < units.size(); ++i) {
+            const LocalFrame local;
+            EXPECT_EQ(transcoder.decode(static_cast<jlong>(i) + (jlong{1} << 32), units[i]), 1);
+            Bytes encoded[renditions];
+            const auto encode = [&](int position) {
+                Listener listener;
+                EXPECT_EQ(transcoder.encode(position, listener.object()), 1);
+                const auto calls = listener.take();
+                ASSERT_EQ(calls.size(), 1u);
+                EXPECT_EQ(calls[0].index, position + 1);
+                EXPECT_EQ(calls[0].timestamp, static_cast<int>(i));
+                encoded[position] = calls[0].data;
+            };
+            const auto second = [&] { encode(1); };
+            const auto third = [&] { encode(2); };
+            std::thread threads[] = {onThread(second), onThread(third)};
+            encode(0);
+            for (std::thread& thread : threads)
+                thread.join();
+            halves.insert(halves.end(), encoded, encoded + renditions);
+        }
+        Listener listener;
+        EXPECT_EQ(transcoder.decode(7, noUnit), -1);
+        EXPECT_EQ(transcoder.encode(2, listener.object()), 0) << "the last picture is no longer at hand";
+        const auto calls = listener.take();
+        EXPECT_EQ(calls.at(0).timestamp, 7);
+        EXPECT_FALSE(calls.at(0).hasData);
+    };
+    printedBy([&] {
+        std::thread other = onThread(writeAll);
+        encodeApart();
+        other.join();
     });
-    EXPECT_EQ(streams[0].size(), units.size());
-    EXPECT_TRUE(streams[0] == streams[1]) << "the same input gives the same bytes";
+    EXPECT_EQ(whole.size(), units.size() * renditions);
+    EXPECT_TRUE(whole == halves) << "the same input gives the same bytes";
 }
 
 TEST(EngineRendition, WritesEachPictureAndFreesWhatItMade) {
@@ -385,5 +469,41 @@ TEST(EngineRendition, WritesEachPictureAndFreesWhatItMade) {
         EXPECT_EQ(output.write(picture.get(), &packet), 0);
         output.close();
         output.close();
+    });
+}
+
+// What MIRVProcessor.encode does without Java around it; ThreadSanitizer watches.
+TEST(EngineRendition, SeveralEncodeOnePictureAtOnce) {
+    constexpr size_t count = 4;
+    const std::vector<Bytes> units = accessUnits("baseline.h264");
+    printedBy([&] {
+        VideoDecoder decoder;
+        decoder.open();
+        CoderOut outputs[count];
+        for (size_t i = 0; i < count; ++i) {
+            outputs[i].bitrate = 200'000;
+            if (i % 2) outputs[i].width = outputs[i].height = 96; // the others take the picture's size
+        }
+        for (Bytes unit : units) {
+            ASSERT_EQ(
+                decoder.decode(reinterpret_cast<signed char*>(unit.data()), static_cast<int>(unit.size()), 0),
+                1);
+            bool encoded[count] = {};
+            std::vector<std::thread> threads;
+            for (size_t i = 0; i < count; ++i)
+                threads.emplace_back([&, i] { encoded[i] = outputs[i].encode(decoder.frame.get()); });
+            for (std::thread& thread : threads)
+                thread.join();
+            EXPECT_EQ(std::count(encoded, encoded + count, true), std::ptrdiff_t{count});
+        }
+        for (size_t i = 2; i < count; ++i) {
+            const NativeOpenH264Encoder &encoder = *outputs[i].coder, &twin = *outputs[i - 2].coder;
+            ASSERT_EQ(encoder.outputSize, twin.outputSize);
+            EXPECT_EQ(
+                std::memcmp(encoder.output.get(), twin.output.get(), static_cast<size_t>(encoder.outputSize)),
+                0);
+        }
+        for (CoderOut& output : outputs)
+            output.close();
     });
 }

@@ -1,10 +1,12 @@
 // Takes the colour out of pictures. Setting: "strength", 0 (leaves them alone) to 100 (no colour, the
 // default).
 
+#include <kelvane/i420.h>
 #include <kelvane/module.h>
 
 #include <cstdlib>
 #include <cstring>
+#include <initializer_list>
 
 namespace {
 
@@ -32,13 +34,13 @@ public:
     }
 
     int Process(unsigned char* data, int size, int*) override {
-        const long luma = long{width} * height;
-        const long chroma = 2L * (width / 2) * (height / 2);
-        // Without an announced size, this is pass-through mode, or the object was attached late: hands off.
-        if (luma == 0 || luma + chroma > size) return 1;
-        for (long i = luma; i < luma + chroma; ++i) {
-            const int colour = data[i] - 128;
-            data[i] = static_cast<unsigned char>(128 + colour * (100 - strength) / 100);
+        I420View picture;
+        if (!I420Of(&picture, data, size, width, height)) return 1;
+        for (const I420Plane& chroma : {picture.u, picture.v}) {
+            for (long i = 0; i < long{chroma.width} * chroma.height; ++i) {
+                const int colour = chroma.data[i] - 128;
+                chroma.data[i] = static_cast<unsigned char>(128 + colour * (100 - strength) / 100);
+            }
         }
         return 1;
     }

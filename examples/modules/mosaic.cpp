@@ -2,6 +2,7 @@
 // a region, which may lie outside the picture (64 at most); "clear" removes all of them, whatever its value;
 // "block", 2 to 256 pixels, is the side of the mosaic's squares (16).
 
+#include <kelvane/i420.h>
 #include <kelvane/module.h>
 
 #include <algorithm>
@@ -30,12 +31,13 @@ bool parse(const char* text, int* numbers, int count) {
 }
 
 // Gives each square of a plane's region its mean value.
-void pixelate(unsigned char* plane, int width, int height, Region region, int block) {
-    const int right = std::min(region.right, width), bottom = std::min(region.bottom, height);
+void pixelate(const I420Plane& plane, Region region, int block) {
+    const int width = plane.width;
+    const int right = std::min(region.right, width), bottom = std::min(region.bottom, plane.height);
     for (int top = std::max(region.top, 0); top < bottom; top += block) {
         for (int left = std::max(region.left, 0); left < right; left += block) {
             const int columns = std::min(block, right - left), rows = std::min(block, bottom - top);
-            unsigned char* const square = plane + top * width + left;
+            unsigned char* const square = plane.data + top * width + left;
             int sum = 0;
             for (int row = 0; row < rows; ++row)
                 sum = std::accumulate(square + row * width, square + row * width + columns, sum);
@@ -71,14 +73,13 @@ public:
         return 1;
     }
     int Process(unsigned char* data, int size, int*) override {
-        const long luma = long{width} * height, chroma = long{width / 2} * (height / 2);
-        // Without an announced size, this is pass-through mode, or the object was attached late: hands off.
-        if (luma + 2 * chroma > size) return 1;
+        I420View picture;
+        if (!I420Of(&picture, data, size, width, height)) return 1;
         for (const Region& r : regions) {
-            pixelate(data, width, height, r, block);
+            pixelate(picture.y, r, block);
             const Region half = {r.left / 2, r.top / 2, (r.right + 1) / 2, (r.bottom + 1) / 2};
-            for (unsigned char* plane : {data + luma, data + luma + chroma})
-                pixelate(plane, width / 2, height / 2, half, block / 2);
+            pixelate(picture.u, half, block / 2);
+            pixelate(picture.v, half, block / 2);
         }
         return 1;
     }

@@ -45,17 +45,23 @@ void VideoProcessor::brew(unsigned int guid) {
     if (processor) {
         callModule("Close", [&] { processor->Close(); });
         callModule("~CModuleProcessor", [&] { delete processor; });
+        callModule.finish();
         processor = nullptr;
         --loader.liveProcessors;
     }
     ProcessorFunctionPointers module;
     loader.GetLibFunctions(guid, &module);
-    if (module.create_video_processor && module.destroy_video_processor)
-        processor = callModule("CreateVideoProcessor", module.create_video_processor);
+    if (!module.create_video_processor || !module.destroy_video_processor) {
+        std::printf("Module not found. %d  Did you forget to preload it? \n", static_cast<int>(guid));
+        return;
+    }
+    callModule.finish(reinterpret_cast<const void*>(module.create_video_processor));
+    processor = callModule("CreateVideoProcessor", module.create_video_processor);
     if (processor)
         ++loader.liveProcessors;
-    else
-        std::printf("Module not found. %d  Did you forget to preload it? \n", static_cast<int>(guid));
+    else if (!callModule.thrown)
+        std::fprintf(stderr, "module %s made no processor: CreateVideoProcessor returned null\n",
+                     callModule.name());
 }
 
 void VideoProcessor::unbrew() {
@@ -165,6 +171,21 @@ JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_AVCProcessor_loadL
     return guid;
 }
 
+JNIEXPORT jstring JNICALL Java_com_kelvane_media_transform_codec_AVCProcessor_problem(JNIEnv* env, jclass,
+                                                                                      jstring path) {
+    if (!path) return nullptr;
+    JavaCall java(env);
+    const JavaString file(java, path);
+    char text[512];
+    if (!file.get() || !findModuleProblem(file.get(), text, sizeof text)) return nullptr;
+    // A symbol's name may be any bytes, and Java takes modified UTF-8 alone.
+    for (char* byte = text; *byte; ++byte)
+        if (*byte & 0x80) *byte = '?';
+    jstring problem = env->NewStringUTF(text);
+    java.deferException();
+    return problem;
+}
+
 JNIEXPORT jlong JNICALL Java_com_kelvane_media_transform_codec_AVCProcessor_open(JNIEnv*, jclass,
                                                                                  jint frameRate, jint bitRate,
                                                                                  jint mode, jint option1,
@@ -199,9 +220,10 @@ JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_AVCProcessor_apply
                                                                                  jlong guid, jstring key,
                                                                                  jstring value,
                                                                                  jlong handle) {
-    const VideoProcessor* pipeline = proc_ctx.GetProcessor(handle);
+    VideoProcessor* pipeline = proc_ctx.GetProcessor(handle);
     if (!pipeline || !pipeline->processor || !key || !value) return -1;
     CModuleProcessor& processor = *pipeline->processor;
+    ModuleCaller& callModule = pipeline->callModule;
     if (guid != jlong{callModule("GetGuid", [&] { return processor.GetGuid(); })}) return -1;
     JavaCall java(env);
     const JavaString keyText(java, key);

@@ -26,6 +26,7 @@ public:
     uint8_t option1 = 1;
     uint8_t option2 = 0;
     uint8_t option3 = 1;
+    ModuleCaller callModule; // of the attached processor
 
     // Attaches the module with this GUID in place of the one attached, if any.
     void brew(unsigned int guid);
@@ -39,7 +40,8 @@ public:
     // was decoded but yielded nothing, and is left alone otherwise.
     int process(signed char* data, int size, uint32_t timestamp, int& newOutput);
 
-    // The same for the next picture that is held back for reordering, with its own time; 0 when there is none.
+    // The same for the next picture that is held back for reordering, with its own time; 0 when there is
+    // none.
     int drain(int& newOutput);
 
     // Makes the access unit itself pending.

@@ -13,11 +13,59 @@ void resolve(void* library, const char* symbol, const char* name, Function& func
     if (!function) std::cout << "failed to linked " << name << " \n";
 }
 
+template <class Function>
+unsigned int call(const char* name, Function* entryPoint) {
+    return ModuleCaller(reinterpret_cast<const void*>(entryPoint))(name, entryPoint);
+}
+
+// Modules that tell no interface are taken as they are.
+bool interfaceIsKnown(void* library) {
+    const auto getInterface = reinterpret_cast<unsigned int (*)()>(dlsym(library, "GetModuleInterface"));
+    if (!getInterface) return true;
+    const unsigned int number = call("GetModuleInterface", getInterface);
+    if (number == KELVANE_MODULE_INTERFACE) return true;
+    std::fprintf(stderr, "module %s refused: built for interface %u, not %u\n",
+                 ModuleCaller(reinterpret_cast<const void*>(getInterface)).name(), number,
+                 KELVANE_MODULE_INTERFACE);
+    return false;
+}
+
 } // namespace
 
-void reportThrown(const char* operationName, const char* text) {
+const char* ModuleCaller::name() const {
+    Dl_info library;
+    return place && dladdr(place, &library) && library.dli_fname ? library.dli_fname : "of no known file";
+}
+
+void ModuleCaller::caught(const char* operationName, const char* text) {
+    if (thrown++) return;
     const auto firstLine = static_cast<int>(std::strcspn(text, "\r\n"));
-    std::fprintf(stderr, "module threw in %s: %.*s\n", operationName, firstLine, text);
+    std::fprintf(stderr, "module %s threw in %s: %.*s\n", name(), operationName, firstLine, text);
+}
+
+void ModuleCaller::finish(const void* entryPoint) {
+    if (thrown > 1) std::fprintf(stderr, "module %s threw %d times in this pipeline\n", name(), thrown);
+    thrown = 0;
+    place = entryPoint;
+}
+
+bool findModuleProblem(const char* path, char* text, size_t size) {
+    const LibraryOwner library(dlopen(path, RTLD_NOW));
+    if (!library) {
+        const char* reason = dlerror();
+        // The loader's text begins with the path, which the caller knows.
+        const size_t known = std::strlen(path);
+        if (std::strncmp(reason, path, known) == 0 && std::strncmp(reason + known, ": ", 2) == 0)
+            reason += known + 2;
+        std::snprintf(text, size, "%s", reason);
+        return true;
+    }
+    for (const char* name : {"GetGuid", "CreateVideoProcessor", "DestroyVideoProcessor"}) {
+        if (dlsym(library.get(), name)) continue;
+        std::snprintf(text, size, "it does not export %s", name);
+        return true;
+    }
+    return false;
 }
 
 CLibLoaderImpl::~CLibLoaderImpl() {
@@ -42,9 +90,9 @@ int CLibLoaderImpl::LoadLib(const char* path) {
     resolve(library.get(), "GetGuid", "get_guid", found.get_guid);
     resolve(library.get(), "CreateVideoProcessor", "create_video_processor", found.create_video_processor);
     resolve(library.get(), "DestroyVideoProcessor", "destroy_video_processor", found.destroy_video_processor);
-    if (!found.get_guid || !found.destroy_video_processor) return 0;
+    if (!found.get_guid || !found.destroy_video_processor || !interfaceIsKnown(library.get())) return 0;
     std::cout << "linked module \n";
-    const unsigned int guid = callModule("GetGuid", found.get_guid);
+    const unsigned int guid = call("GetGuid", found.get_guid);
     modules[moduleCount].functions = found;
     modules[moduleCount].libHandle = std::move(library);
     ++moduleCount;
@@ -53,7 +101,7 @@ int CLibLoaderImpl::LoadLib(const char* path) {
 
 int CLibLoaderImpl::GetLibFunctions(unsigned int guid, ProcessorFunctionPointers* functions) {
     for (uint32_t i = 0, count = moduleCount; i < count; ++i) {
-        if (callModule("GetGuid", modules[i].functions.get_guid) != guid) continue;
+        if (call("GetGuid", modules[i].functions.get_guid) != guid) continue;
         *functions = modules[i].functions;
         return 1;
     }

@@ -9,21 +9,40 @@
 #include <exception>
 #include <mutex>
 
-// One line on standard error.
-void reportThrown(const char* operationName, const char* text);
+// Calls one module for one owner. What the module throws ends here and counts as a result of 0. The first
+// exception is reported on standard error at once; how many there were, if more, when the owner is done.
+class ModuleCaller {
+public:
+    // `entryPoint` lies in the module's library and so tells its name.
+    explicit ModuleCaller(const void* entryPoint = nullptr) : place(entryPoint) {}
+    ~ModuleCaller() { finish(); }
+    ModuleCaller(const ModuleCaller&) = delete;
+    ModuleCaller& operator=(const ModuleCaller&) = delete;
 
-// Calls a module. What it throws ends here: it is reported and counts as a result of 0.
-template <class Operation>
-auto callModule(const char* operationName, Operation operation) -> decltype(operation()) {
-    try {
-        return operation();
-    } catch (const std::exception& exception) {
-        reportThrown(operationName, exception.what());
-    } catch (...) {
-        reportThrown(operationName, "not a std::exception");
+    template <class Operation>
+    auto operator()(const char* operationName, Operation operation) -> decltype(operation()) {
+        try {
+            return operation();
+        } catch (const std::exception& exception) {
+            caught(operationName, exception.what());
+        } catch (...) {
+            caught(operationName, "not a std::exception");
+        }
+        return decltype(operation())();
     }
-    return decltype(operation())();
-}
+
+    // Done with the module: the next call is of the one that `entryPoint` lies in.
+    void finish(const void* entryPoint = nullptr);
+    // File of the module.
+    const char* name() const;
+
+    int thrown = 0; // exceptions so far
+
+private:
+    void caught(const char* operationName, const char* text);
+
+    const void* place;
+};
 
 // Entry points of one module; all null when there is no such module.
 struct ProcessorFunctionPointers {
@@ -32,11 +51,15 @@ struct ProcessorFunctionPointers {
     void (*destroy_video_processor)(CModuleProcessor* processor) = nullptr;
 };
 
+// Opens a library with all its symbols resolved, which LoadLib does not ask for, and closes it again. True when it
+// cannot be opened or an entry point is absent; `text` then says which, cut to `size` bytes.
+bool findModuleProblem(const char* path, char* text, size_t size);
+
 // Opens module libraries and finds them again by their GUID. Loads may overlap each other and look-ups.
 class CLibLoader {
 public:
     // Loads one module; returns its GUID, or 0 when the library cannot be opened, lacks "GetGuid" or
-    // "DestroyVideoProcessor", or finds no room.
+    // "DestroyVideoProcessor", was built for an interface that is not ours, or finds no room.
     virtual int LoadLib(const char* path) = 0;
     // Copies the entry points of the first module loaded that has this GUID and returns 1, or sets them to
     // null and returns 0.

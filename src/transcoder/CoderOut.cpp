@@ -102,6 +102,16 @@ int CoderOut::write(AVFrame* in, AVPacket* packet) {
     return 0;
 }
 
+bool CoderOut::encode(AVFrame* in) {
+    AVPacket packet;
+    av_init_packet(&packet);
+    packet.data = nullptr;
+    packet.size = 0;
+    const int encoded = write(in, &packet);
+    const MallocBuffer copy(packet.data);
+    return encoded == 1;
+}
+
 void CoderOut::close() {
     std::printf("CoderOut::close index %d  w %d, h %d\n", index, width, height);
     frame.reset();

@@ -33,6 +33,10 @@ public:
     // encoder's `output`, and a copy of it, for the caller to free(), in the empty `packet`; otherwise 0.
     int write(AVFrame* in, AVPacket* packet);
 
+    // write() for those who read the encoder's `output`. Different renditions may encode one picture at the
+    // same time, on threads of their own.
+    bool encode(AVFrame* in);
+
     void close();
 
 private:

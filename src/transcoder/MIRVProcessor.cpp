@@ -24,16 +24,6 @@ constexpr Setting settings[] = {
 
 MIRVProcessor* processorOf(jlong handle) { return reinterpret_cast<MIRVProcessor*>(handle); }
 
-bool encodePicture(CoderOut& output, AVFrame* picture) {
-    AVPacket packet;
-    av_init_packet(&packet);
-    packet.data = nullptr;
-    packet.size = 0;
-    const int encoded = output.write(picture, &packet);
-    const MallocBuffer copy(packet.data); // the listener is given the encoder's own bytes
-    return encoded == 1;
-}
-
 // Null for a class without the method.
 jmethodID receiveVideoOf(JNIEnv* env, jclass listenerClass) {
     jmethodID method = env->GetMethodID(listenerClass, "receiveVideo", "(IILjava/nio/ByteBuffer;)V");
@@ -129,10 +119,9 @@ int MIRVProcessor::drain() {
 
 void MIRVProcessor::write(jobject listener, AVFrame* picture, JavaCall& java, uint32_t time) {
     for (uint32_t i = 0; i < count; ++i) {
-        const bool encoded = encodePicture(outputs[i], picture);
+        const bool encoded = outputs[i].encode(picture);
         findReceiveVideo(java, listener);
-        if (receiveVideoMethod)
-            receiveVideo(java, listener, receiveVideoMethod, outputs[i], time, encoded);
+        if (receiveVideoMethod) receiveVideo(java, listener, receiveVideoMethod, outputs[i], time, encoded);
     }
 }
 
@@ -146,7 +135,7 @@ void MIRVProcessor::dropFrame(JavaCall& java, jobject listener, uint32_t time) {
 int MIRVProcessor::encode(JavaCall& java, jobject listener, uint32_t position) const {
     if (position >= count || !listener) return 0;
     CoderOut& output = outputs[position];
-    const bool encoded = decoder->pictureReady && encodePicture(output, decoder->frame.get());
+    const bool encoded = decoder->pictureReady && output.encode(decoder->frame.get());
     // Looked up each time: what write() keeps is for one thread.
     jclass type = java.env->GetObjectClass(listener);
     jmethodID method = receiveVideoOf(java.env, type);

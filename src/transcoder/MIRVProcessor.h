@@ -44,9 +44,9 @@ public:
     // Tells the listener, once for each output, that there is nothing for this input.
     void dropFrame(JavaCall& java, jobject listener, uint32_t time);
 
-    // Hands the decoder's picture to one output; the listener gets its access unit, or null. Changes nothing but
-    // that output, so that different outputs can be encoded on different threads at once. Returns 1 when there
-    // is an access unit.
+    // Hands the decoder's picture to one output; the listener gets its access unit, or null. Changes nothing
+    // but that output, so that different outputs can be encoded on different threads at once. Returns 1 when
+    // there is an access unit.
     int encode(JavaCall& java, jobject listener, uint32_t position) const;
 
     // Gives back what is held in the virtual machine; to be called before the destructor.

@@ -24,6 +24,8 @@ void VideoDecoder::open() {
         context->flags2 |= AV_CODEC_FLAG2_CHUNKS;
         context->flags |= AV_CODEC_FLAG_TRUNCATED;
         context->refcounted_frames = 0;
+        context->get_buffer2 = beginPicture;
+        context->opaque = this;
     }
     frame.reset(av_frame_alloc());
     if (!context || avcodec_open2(context.get(), codec, nullptr) < 0) {
@@ -36,24 +38,52 @@ void VideoDecoder::open() {
     }
 }
 
+// FFmpeg asks for a buffer once for each frame that it begins: the only sign that it has taken a slice.
+int VideoDecoder::beginPicture(AVCodecContext* codecContext, AVFrame* picture, int flags) {
+    ++static_cast<VideoDecoder*>(codecContext->opaque)->picturesBegun;
+    return avcodec_default_get_buffer2(codecContext, picture, flags);
+}
+
 namespace {
 
-bool hasIdrSlice(const signed char* data, int size) {
-    for (int i = 0; i + 3 < size; ++i)
-        if (data[i] == 0 && data[i + 1] == 0 && data[i + 2] == 1 && (data[i + 3] & 31) == 5) return true;
-    return false;
+enum NalUnitType { otherSlice = 1, idrSlice = 5 };
+
+// The NAL unit type of the first slice when that begins a picture, 0 otherwise.
+int pictureStart(const signed char* data, int size) {
+    for (int i = 0; i + 4 < size; ++i) {
+        if (data[i] != 0 || data[i + 1] != 0 || data[i + 2] != 1) continue;
+        const int type = data[i + 3] & 31;
+        if (type != otherSlice && type != idrSlice) continue;
+        return data[i + 4] < 0 ? type : 0; // the top bit alone is the macroblock number 0
+    }
+    return 0;
 }
 
 } // namespace
 
 // Taking pictures in chunks, FFmpeg's decoder waits for the rest of a picture whose end was lost and refuses
-// every later one, without an error. What gives that away is silence: in good order, pictures are withheld
-// for reordering only. An IDR picture needs nothing of what came before it, so it is the place to start
-// afresh; a stream without IDR pictures gets a fresh start once the silence is longer than any reordering.
-bool VideoDecoder::isStuck(const signed char* data, int size) const {
-    constexpr int mostWithheldFields = 32;
-    return callsWithoutPicture > mostWithheldFields ||
-           (callsWithoutPicture > context->has_b_frames && hasIdrSlice(data, size));
+// every later one, without an error: it does not begin them. In a stream in good order it begins each one but
+// a second field, which follows a first, is no IDR picture and belongs to the frame already begun. (It also
+// drops redundant slices and what lacks its parameter sets; giving up nothing then changes nothing.)
+bool VideoDecoder::isRefused(int start) {
+    constexpr int longestRefusal = 32; // pictures, where no IDR picture shows the end of the damage
+    if (start == 0 || picturesBegun == 0) return false;
+    return ++refusedPictures >= longestRefusal || start == idrSlice;
+}
+
+// A call that is not in chunks ends the wait, as every packet does where FFmpeg is given whole ones; the
+// pictures that are held back and those that are referred to stay. An access unit delimiter has no effect
+// of its own.
+void VideoDecoder::giveUpPicture() {
+    uint8_t delimiter[] = {0, 0, 0, 1, 9, 0xF0};
+    AVPacket lone;
+    av_init_packet(&lone);
+    lone.data = delimiter;
+    lone.size = sizeof delimiter;
+    context->flags2 &= ~AV_CODEC_FLAG2_CHUNKS;
+    int got = 0;
+    avcodec_decode_video2(context.get(), frame.get(), &got, &lone);
+    context->flags2 |= AV_CODEC_FLAG2_CHUNKS;
 }
 
 int VideoDecoder::decode(signed char* data, int size, unsigned int time) {
@@ -73,14 +103,26 @@ int VideoDecoder::decode(signed char* data, int size, unsigned int time) {
     if (av_new_packet(&packet, size) < 0) return 0;
     packet.pts = int64_t{time} * 1000;
     std::memcpy(packet.data, data, static_cast<size_t>(size));
+    // FFmpeg does begin an IDR frame behind an unfinished picture, but with that one's parameter sets, in
+    // which it may fail again. Each IDR picture comes out or is held back; of those that are, FFmpeg knows
+    // the number.
+    if (unseenIdrPictures > context->has_b_frames && pictureStart(data, size) == idrSlice) {
+        giveUpPicture();
+        unseenIdrPictures = 0;
+    }
+    const uint64_t begunBefore = picturesBegun;
     int got = 0;
     avcodec_decode_video2(context.get(), frame.get(), &got, &packet);
-    if (got <= 0 && isStuck(data, size)) {
-        avcodec_flush_buffers(context.get());
+    if (got > 0) {
+        refusedPictures = unseenIdrPictures = 0;
+    } else if (const int start = pictureStart(data, size); picturesBegun != begunBefore) {
+        refusedPictures = 0;
+        if (start == idrSlice) ++unseenIdrPictures;
+    } else if (isRefused(start)) {
+        giveUpPicture();
         avcodec_decode_video2(context.get(), frame.get(), &got, &packet);
-        callsWithoutPicture = 0;
+        refusedPictures = unseenIdrPictures = 0;
     }
-    callsWithoutPicture = got > 0 ? 0 : callsWithoutPicture + 1;
     timestamp = time;
     av_packet_unref(&packet);
     return receive(got);
@@ -110,7 +152,8 @@ int VideoDecoder::drain() {
     if (got <= 0) {
         avcodec_flush_buffers(context.get());
         context->has_b_frames = 0; // the delay that FFmpeg learnt from the old stream
-        callsWithoutPicture = 0;
+        picturesBegun = 0;
+        refusedPictures = unseenIdrPictures = 0;
     }
     return receive(got);
 }

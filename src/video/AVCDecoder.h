@@ -36,7 +36,11 @@ public:
 
 private:
     int receive(int got);
-    bool isStuck(const signed char* data, int size) const;
+    static int beginPicture(AVCodecContext* codecContext, AVFrame* picture, int flags);
+    bool isRefused(int start);
+    void giveUpPicture();
 
-    int32_t callsWithoutPicture = 0; // in a row, before the present one
+    uint64_t picturesBegun = 0;    // by FFmpeg, in this stream
+    int32_t refusedPictures = 0;   // in a row, which FFmpeg was given and did not begin
+    int32_t unseenIdrPictures = 0; // begun since a picture last came out
 };

@@ -20,7 +20,7 @@ public:
         return 1;
     }
     int Process(unsigned char*, int, int* timestamp) override {
-        *timestamp += delay * pictures;
+        *timestamp = static_cast<int>(*timestamp + 1LL * delay * pictures);
         return pictures++ % 2 == 0;
     }
     void Close() override {}
@@ -33,10 +33,5 @@ private:
 } // namespace
 
 unsigned int GetGuid() { return 0xe5e5e5e5; }
-CModuleProcessor* CreateVideoProcessor() {
-#ifdef MAKES_NONE
-    return nullptr;
-#endif
-    return new EveryOther;
-}
+CModuleProcessor* CreateVideoProcessor() { return new EveryOther; }
 void DestroyVideoProcessor(CModuleProcessor* processor) { delete processor; }

@@ -104,8 +104,9 @@ public final class AacEncoder implements AutoCloseable {
 
     /**
      * Frees the native engine; nothing when that was done before.
+     * When another thread uses this encoder, the engine is freed when that call returns.
      *
-     * @throws IllegalStateException if this encoder is in use
+     * @throws IllegalStateException if it is called from a callback of this encoder
      */
     @Override
     public void close() {

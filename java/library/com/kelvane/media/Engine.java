@@ -30,7 +30,7 @@ final class Engine {
 
     private final Lifetime lifetime;
     private final Cleaner.Cleanable cleanable;
-    // The thread that is inside; null when none is; CLOSED from close on.
+    // The thread that is inside; null when none is; a Closing thread when another has called close meanwhile; then CLOSED.
     private Object user;
 
     private Engine(Lifetime lifetime) {
@@ -81,31 +81,45 @@ final class Engine {
 
     /** Lets the thread that is inside out. */
     void exit() {
-        USER.setRelease(this, null);
+        if (!USER.compareAndSet(this, Thread.currentThread(), null)) {
+            USER.setVolatile(this, CLOSED);
+            free();
+        }
         // Otherwise this object may be unreachable, and its engine freed, while a native method still runs.
         Reference.reachabilityFence(this);
     }
 
     /**
-     * Frees the engine; nothing when that was done before.
+     * Frees the engine; nothing when that was done before. When another thread is inside, which is how a server ends a
+     * stream, that thread frees it on its way out.
      *
-     * @throws IllegalStateException if somebody is inside
+     * @throws IllegalStateException if the calling thread itself is inside
      */
     void close() {
         Object inside = USER.compareAndExchange(this, null, CLOSED);
-        if (inside == CLOSED) {
-            return;
+        while (inside instanceof Thread) {
+            if (inside == Thread.currentThread()) {
+                throw refusal("close", inside);
+            }
+            Object found = USER.compareAndExchange(this, inside, new Closing((Thread) inside));
+            if (found == inside) {
+                return;
+            }
+            inside = found == null ? USER.compareAndExchange(this, null, CLOSED) : found;
         }
-        if (inside != null) {
-            throw refusal("close", inside);
+        if (inside == null) {
+            free();
         }
+    }
+
+    private void free() {
         lifetime.closed = true;
         cleanable.clean();
     }
 
     private IllegalStateException refusal(String operation, Object inside) {
         String call = lifetime.name + "." + operation;
-        if (inside == CLOSED) {
+        if (!(inside instanceof Thread)) {
             return new IllegalStateException(call + ": this " + lifetime.name + " is closed");
         }
         if (inside == Thread.currentThread()) {
@@ -114,6 +128,9 @@ final class Engine {
         }
         return new IllegalStateException(call + ": this " + lifetime.name + " is in use by the thread \""
                 + ((Thread) inside).getName() + "\"; one thread may use it at a time");
+    }
+
+    private record Closing(Thread inside) {
     }
 
     /** What outlives the engine's object: all that freeing it takes. */

@@ -1,10 +1,17 @@
 package com.kelvane.media;
 
-import java.io.File;
+import java.io.IOException;
 import java.net.URISyntaxException;
+import java.nio.charset.StandardCharsets;
+import java.nio.file.DirectoryStream;
+import java.nio.file.Files;
 import java.nio.file.Path;
+import java.util.ArrayList;
 import java.util.LinkedHashMap;
+import java.util.List;
+import java.util.Locale;
 import java.util.Map;
+import java.util.stream.Stream;
 
 /**
  * Loads the native library, {@code libkelvane_media.so}, for the classes whose methods it holds. Those classes call
@@ -16,11 +23,34 @@ import java.util.Map;
  * <li>the file named by the system property {@code kelvane.library};
  * <li>{@code amd64-Linux-gpp/jni/libkelvane_media.so}, then {@code libkelvane_media.so}, in the folder of the jar that
  *     holds this class;
+ * <li>the natives jar (classifier {@code linux-x86_64}) on the class path or module path. Its libraries are unpacked
+ *     once for each user, to {@code $XDG_CACHE_HOME/kelvane-media} or {@code ~/.cache/kelvane-media}, and compared with
+ *     the jar at every later start. Where that is impossible, or forbidden to hold programs, each process unpacks them
+ *     to {@code java.io.tmpdir} and deletes the files as soon as they are loaded;
  * <li>{@code java.library.path}.
  * </ol>
+ *
+ * <p>Class loaders that each have this class, as those of web applications do, each get a native library of their own,
+ * whatever the place: the second one loads a copy, which it makes in {@code java.io.tmpdir} or in the cache and deletes
+ * at once.
+ *
+ * <p>The library is made for Linux with glibc on x86-64. On another platform only the system property is heeded.
  */
 public final class NativeLibrary {
     private static final String FILE = "libkelvane_media.so";
+    private static final String SUPPORTED = "Linux with glibc on x86-64";
+
+    private static final String OPENH264_OF_TREE = "libopenh264-1.8.0-linux64.4.so";
+    private static final String OPENH264_PATH = "lib/amd64-Linux-gpp/jni/" + OPENH264_OF_TREE;
+    private static final List<String> OPENH264_NAMES =
+            List.of("libopenh264.so.7", "libopenh264.so.6", "libopenh264.so.5", "libopenh264.so.4");
+
+    private interface Place {
+        /** Loads the library and tells the folder it lies in, or null. */
+        Path load() throws IOException;
+    }
+
+    private static Path directory; // set by tryPlaces: no initialiser may follow that one
 
     // Kept as a text, not thrown from the initialiser: each class that needs the library reports the reasons at its
     // first use, where the virtual machine would report them for the first class only.
@@ -41,47 +71,181 @@ public final class NativeLibrary {
         }
     }
 
-    static java.util.List<String> openH264Places() {
-        return java.util.List.of("lib/amd64-Linux-gpp/jni/libopenh264-1.8.0-linux64.4.so", "libopenh264.so.7");
+    /** The folder that holds the loaded library and those it needs; null when it is not known or is gone. */
+    static Path directory() {
+        return directory;
+    }
+
+    /** Where OpenH264 may be, best place first: paths of files, which need not exist, and names for the linker. */
+    static List<String> openH264Places() {
+        List<String> places = new ArrayList<>();
+        String property = System.getProperty("kelvane.openh264");
+        if (property != null) {
+            places.add(property);
+        }
+        if (directory != null) {
+            places.add(directory.resolve(OPENH264_OF_TREE).toString());
+            places.add(directory.resolve(OPENH264_NAMES.get(0)).toString());
+        }
+        places.add(OPENH264_PATH);
+        places.addAll(OPENH264_NAMES);
+        return places;
+    }
+
+    /** Why the library cannot work on a platform; null when it can. */
+    static String unsupported(String system, String architecture, Stream<String> memoryMap) {
+        if (!"Linux".equals(system) || !List.of("amd64", "x86_64").contains(architecture)) {
+            return "it is made for " + SUPPORTED + ", and this is " + system + " on " + architecture;
+        }
+        if (memoryMap.anyMatch(line -> line.contains("/ld-musl-"))) {
+            return "it is made for " + SUPPORTED + ", and the C library of this machine is musl";
+        }
+        return null;
     }
 
     private static String tryPlaces() {
-        Map<String, Runnable> places = new LinkedHashMap<>();
+        Map<String, Place> places = new LinkedHashMap<>();
         places.put("system property kelvane.library", NativeLibrary::loadFromProperty);
-        places.put("installed tree", () -> loadBesideJar("amd64-Linux-gpp/jni/" + FILE));
-        places.put("folder of the jar", () -> loadBesideJar(FILE));
-        places.put("java.library.path", () -> System.loadLibrary("kelvane_media"));
+        String unsupported = unsupportedHere();
+        if (unsupported == null) {
+            places.put("installed tree", () -> loadFile(besideJar("amd64-Linux-gpp/jni/" + FILE)));
+            places.put("folder of the jar", () -> loadFile(besideJar(FILE)));
+            places.put("natives jar, unpacked in the cache", NativeLibrary::loadFromCache);
+            places.put("natives jar, unpacked for this process", NativeLibrary::loadUnpacked);
+            places.put("java.library.path", NativeLibrary::loadFromLibraryPath);
+        }
 
-        StringBuilder failure = new StringBuilder(FILE + " could not be loaded. Tried:");
-        for (Map.Entry<String, Runnable> place : places.entrySet()) {
+        StringBuilder failure = new StringBuilder(FILE + " could not be loaded");
+        failure.append(unsupported == null ? "." : ": " + unsupported + ".").append(" Tried:");
+        for (Map.Entry<String, Place> place : places.entrySet()) {
             try {
-                place.getValue().run();
+                directory = place.getValue().load();
                 return null;
-            } catch (UnsatisfiedLinkError e) {
-                failure.append("\n  ").append(place.getKey()).append(": ").append(e.getMessage());
+            } catch (UnsatisfiedLinkError | IOException | RuntimeException e) {
+                failure.append("\n  ").append(place.getKey()).append(": ").append(reason(e));
             }
         }
-        return failure.append("\nTo fix it, set -Dkelvane.library=/path/to/" + FILE
-                + " or run from an installed tree (lib/kelvane-media.jar beside lib/amd64-Linux-gpp/jni/" + FILE + ").")
-                .toString();
+        failure.append("\nTo fix it, ");
+        if (unsupported == null) {
+            failure.append("add the artifact com.kelvane:kelvane-media of classifier linux-x86_64 to the class path,")
+                    .append(" run from an installed tree (lib/kelvane-media.jar beside lib/amd64-Linux-gpp/jni/")
+                    .append(FILE).append("), or");
+        } else {
+            failure.append("run it on " + SUPPORTED + ", or build it for this platform and");
+        }
+        return failure.append(" set -Dkelvane.library=/path/to/" + FILE + ".").toString();
     }
 
-    private static void loadFromProperty() {
+    private static String unsupportedHere() {
+        try (Stream<String> memoryMap = Files.lines(Path.of("/proc/self/maps"), StandardCharsets.ISO_8859_1)) {
+            return unsupported(System.getProperty("os.name"), System.getProperty("os.arch"), memoryMap);
+        } catch (IOException | RuntimeException e) {
+            return unsupported(System.getProperty("os.name"), System.getProperty("os.arch"), Stream.of());
+        }
+    }
+
+    private static String reason(Throwable e) {
+        return e instanceof UnsatisfiedLinkError || e.getClass() == IOException.class ? e.getMessage() : e.toString();
+    }
+
+    private static Path loadFromProperty() throws IOException {
         String file = System.getProperty("kelvane.library");
         if (file == null) {
             throw new UnsatisfiedLinkError("not set");
         }
-        System.load(new File(file).getAbsolutePath());
+        return loadFile(Path.of(file));
     }
 
-    private static void loadBesideJar(String file) {
-        Path jar;
+    private static Path besideJar(String file) {
         try {
-            jar = Path.of(NativeLibrary.class.getProtectionDomain().getCodeSource().getLocation().toURI());
+            return Path.of(NativeLibrary.class.getProtectionDomain().getCodeSource().getLocation().toURI())
+                    .resolveSibling(file);
         } catch (RuntimeException | URISyntaxException e) {
             // A class loader may give no code source, or one that is no file (a jar inside a jar).
             throw new UnsatisfiedLinkError("the place of the jar is unknown (" + e + ")");
         }
-        System.load(jar.resolveSibling(file).toString());
+    }
+
+    private static Path loadFromCache() throws IOException {
+        return loadFile(new NativesJar().unpackInto(PrivateFolder.cache()).resolve(FILE));
+    }
+
+    private static Path loadUnpacked() throws IOException {
+        NativesJar jar = new NativesJar();
+        Path folder = PrivateFolder.temporary();
+        try {
+            jar.unpackAll(folder);
+            System.load(folder.resolve(FILE).toString());
+        } finally {
+            PrivateFolder.delete(folder); // what is loaded stays, and nothing is left behind when the process is killed
+        }
+        return null;
+    }
+
+    private static Path loadFromLibraryPath() throws IOException {
+        UnsatisfiedLinkError failure = null;
+        for (String folder : System.getProperty("java.library.path", "").split(":")) {
+            Path file = Path.of(folder, FILE);
+            if (!folder.isEmpty() && Files.exists(file)) {
+                try {
+                    return loadFile(file);
+                } catch (UnsatisfiedLinkError e) {
+                    failure = e;
+                }
+            }
+        }
+        if (failure != null) {
+            throw failure;
+        }
+        System.loadLibrary("kelvane_media"); // a class loader may know a place of its own
+        return null;
+    }
+
+    private static Path loadFile(Path file) throws IOException {
+        Path library = file.toRealPath();
+        try {
+            System.load(library.toString());
+        } catch (UnsatisfiedLinkError e) {
+            if (!String.valueOf(e.getMessage()).toLowerCase(Locale.ROOT).contains("loaded in another classloader")) {
+                throw e;
+            }
+            loadCopy(library);
+        }
+        return library.getParent();
+    }
+
+    // The virtual machine lets a file be loaded by one class loader, so that another one loads a copy, of this library
+    // alone: those it needs are the process's in any case.
+    private static void loadCopy(Path file) throws IOException {
+        try {
+            loadCopy(file, PrivateFolder.temporary());
+        } catch (UnsatisfiedLinkError | IOException inTemporary) {
+            try {
+                loadCopy(file, PrivateFolder.temporary(PrivateFolder.cache()));
+            } catch (UnsatisfiedLinkError | IOException inCache) {
+                throw new UnsatisfiedLinkError("it is loaded by another class loader, and no copy of it could be:"
+                        + " " + reason(inTemporary) + "; " + reason(inCache));
+            }
+        }
+    }
+
+    private static void loadCopy(Path file, Path folder) throws IOException {
+        // FFmpeg's libraries of an installed tree look for the others in "../lib", too: a folder in java.io.tmpdir
+        // itself would have that where anybody can put files.
+        Path copies = folder.resolve("copy");
+        try {
+            Files.createDirectory(copies);
+            Path copy = Files.copy(file, copies.resolve(FILE));
+            try (DirectoryStream<Path> siblings = Files.newDirectoryStream(file.getParent(),
+                    "lib{av,sw,opus,openh264}*.so*")) {
+                for (Path sibling : siblings) {
+                    Files.createSymbolicLink(copies.resolve(sibling.getFileName()), sibling);
+                }
+            }
+            System.load(copy.toString());
+        } finally {
+            PrivateFolder.delete(copies);
+            PrivateFolder.delete(folder);
+        }
     }
 }

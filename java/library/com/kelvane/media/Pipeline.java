@@ -185,8 +185,9 @@ public final class Pipeline implements AutoCloseable {
 
     /**
      * Frees the native engine and the module's object; nothing when that was done before.
+     * When another thread uses this pipeline, the engine is freed when that call returns.
      *
-     * @throws IllegalStateException if this pipeline is in use
+     * @throws IllegalStateException if it is called from a callback of this pipeline
      */
     @Override
     public void close() {

@@ -174,8 +174,9 @@ public final class Transcoder implements AutoCloseable {
 
     /**
      * Frees the native engines; nothing when that was done before. Pictures that were not drained are lost.
+     * When another thread uses this transcoder, the engine is freed when that call returns.
      *
-     * @throws IllegalStateException if this transcoder is in use
+     * @throws IllegalStateException if it is called from a callback of this transcoder
      */
     @Override
     public void close() {

@@ -132,8 +132,9 @@ public final class VideoDecoder implements AutoCloseable {
 
     /**
      * Frees the native engine; nothing when that was done before.
+     * When another thread uses this decoder, the engine is freed when that call returns.
      *
-     * @throws IllegalStateException if this decoder is in use
+     * @throws IllegalStateException if it is called from a callback of this decoder
      */
     @Override
     public void close() {

@@ -75,7 +75,8 @@
  *
  * <p>One engine is used by one thread at a time, not always by the same one; different engines are independent. Use after
  * {@code close}, use by two threads at once and use from an engine's own callback throw an
- * {@link java.lang.IllegalStateException} that says which of these it was, and change nothing.
+ * {@link java.lang.IllegalStateException} that says which of these it was, and change nothing. {@code close} may come from
+ * another thread at any time: the call under way ends as it would have, and then frees the engine.
  *
  * <h2>Errors</h2>
  *

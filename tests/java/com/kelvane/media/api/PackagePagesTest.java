@@ -9,14 +9,31 @@ import java.nio.file.Files;
 import java.nio.file.Path;
 import java.util.regex.Matcher;
 import java.util.regex.Pattern;
+import javax.tools.ToolProvider;
+import org.junit.jupiter.api.Test;
 import org.junit.jupiter.api.io.TempDir;
 import org.junit.jupiter.params.ParameterizedTest;
 import org.junit.jupiter.params.provider.ValueSource;
 
-/** The example program on each package's page compiles as it stands there, and runs. */
+/** The example programs on the packages' pages and in the README compile as they stand there, and run. */
 final class PackagePagesTest {
     @TempDir
     private Path folder;
+
+    @Test
+    void exampleOfTheReadmeCompiles() throws Exception {
+        String text = Files.readString(Path.of(System.getProperty("test.library.sources"), "../../README.md"));
+        Matcher example = Pattern.compile("```java\n(.*?public final class (\\w+).*?)```", Pattern.DOTALL).matcher(text);
+        assertTrue(example.find());
+        Path program = folder.resolve(example.group(2) + ".java");
+        Files.writeString(program, example.group(1));
+        assertEquals(0, ToolProvider.getSystemJavaCompiler().run(null, null, null, "-d", folder.toString(),
+                "-cp", libraryJar(), program.toString()));
+    }
+
+    private static String libraryJar() {
+        return System.getProperty("java.class.path").split(File.pathSeparator)[1];
+    }
 
     @ParameterizedTest
     @ValueSource(strings = {"com/kelvane/media", "com/kelvane/media/transform/codec"})
@@ -29,7 +46,7 @@ final class PackagePagesTest {
         Process run = new ProcessBuilder(System.getProperty("java.home") + "/bin/java", "-Xcheck:jni",
                 "-Dkelvane.library=" + System.getProperty("kelvane.library"),
                 "-Dkelvane.openh264=" + System.getProperty("kelvane.openh264"),
-                "-cp", System.getProperty("java.class.path").split(File.pathSeparator)[1], program.toString(),
+                "-cp", libraryJar(), program.toString(),
                 Path.of(System.getProperty("test.data"), Vectors.REORDERED).toString())
                 .directory(folder.toFile()).redirectErrorStream(true).start();
         String output = new String(run.getInputStream().readAllBytes(), StandardCharsets.UTF_8);

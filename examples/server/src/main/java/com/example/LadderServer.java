@@ -57,7 +57,10 @@ public final class LadderServer {
                 time += MILLISECONDS_PER_PICTURE;
             }
             transcoder.drain(picture -> send(picture, files.get(picture.index())));
-            return stream + ": " + transcoder.statistics();
+            Transcoder.Statistics figures = transcoder.statistics();
+            return String.format("%s: %d pictures, decoded in %d ms, encoded in %s", stream, figures.pictures(),
+                    figures.decodeTime().toMillis(), figures.renditions().stream()
+                            .map(rendition -> rendition.encodeTime().toMillis() + " ms").toList());
         } finally {
             for (OutputStream file : files) {
                 file.close();

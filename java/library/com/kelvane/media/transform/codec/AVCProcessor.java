@@ -56,6 +56,15 @@ public final class AVCProcessor {
     public static native int loadLibrary(String path);
 
     /**
+     * Looks for what is wrong with a module before it is loaded: {@code loadLibrary} tells little, and resolves functions
+     * only when they are called, where one that is nowhere ends the process. The library is opened and closed again.
+     *
+     * @param path as for {@code loadLibrary}
+     * @return what is missing, in the dynamic loader's words; null when nothing is, and for a null path
+     */
+    public static native String problem(String path);
+
+    /**
      * Makes a pipeline without a module. The encoder is made at the first picture, with the picture's size, and made
      * anew when the size changes.
      *

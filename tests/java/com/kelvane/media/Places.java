@@ -1,0 +1,17 @@
+package com.kelvane.media;
+
+import java.util.stream.Stream;
+
+/** Shows what {@link NativeLibrary} tells the rest of its package. */
+public final class Places {
+    public static void main(String[] arguments) {
+        String glibc = "7f0000000000-7f0000001000 r-xp 00000000 08:01 1 /lib/x86_64-linux-gnu/libc.so.6";
+        String musl = "7f0000000000-7f0000001000 r-xp 00000000 08:01 1 /lib/ld-musl-x86_64.so.1";
+        System.out.println(NativeLibrary.unsupported("Linux", "amd64", Stream.of(glibc)));
+        System.out.println(NativeLibrary.unsupported("Linux", "amd64", Stream.of(glibc, musl)));
+        System.out.println(NativeLibrary.unsupported("Mac OS X", "x86_64", Stream.of()));
+        System.out.println(NativeLibrary.directory());
+        System.out.println(String.join("\n", NativeLibrary.openH264Places()));
+        NativeLibrary.load();
+    }
+}

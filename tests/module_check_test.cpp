@@ -1,0 +1,121 @@
+#include "support/Modules.h"
+#include "support/Output.h"
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+
+namespace {
+
+CommandResult check(const std::string& arguments) { return run(MODULE_CHECK " " + arguments + " 2>&1"); }
+
+} // namespace
+
+TEST(EngineModuleCheck, TellsEachFaultInWords) {
+    struct Case {
+        const char* module;
+        std::vector<const char*> words;
+        const char* options = "";
+    };
+    const Case cases[] = {
+        {"overrun",
+         {"Process, pictures of 640x360: writes outside of the picture: byte 1 behind its end",
+          "Faulty::Process"}},
+        {"far_overrun",
+         {"writes outside of the picture: byte 1 behind its end (it has 345600 bytes)", "Faulty::Process"}},
+        {"overread", {"reads outside of the picture: byte 1 behind its end", "Faulty::Process"}},
+        {"underrun", {"writes outside of the picture: byte 1 ahead of its start", "Faulty::Process"}},
+        {"rgb", {"writes outside of the picture: byte 1 behind its end", "Faulty::Process"}},
+        {"late", {"pictures of 1x1: writes outside of the picture: byte"}},
+        {"keeps_picture", {"writes byte 0 of the picture of an earlier call", "Faulty::Process"}},
+        {"long_timestamp", {"writes outside of the timestamp: byte 1 behind its end (it has 4 bytes)"}},
+        {"no_object", {"CreateVideoProcessor returned null"}},
+        {"no_guid", {"GetGuid returned 0"}},
+        {"two_guids", {"GetGuid of the object returned 1024024, the exported one 1024023"}},
+        {"one_object", {"the same object twice"}},
+        {"throws", {"Process throws: no table for this picture\n", "times: Process throws"}},
+        {"throws_in_apply", {"Apply of 'depth' = '' throws: stoi\n"}, "--set depth=1"},
+        {"undefined", {"undefined symbol: nowhereDefined", "-Wl,--no-undefined"}},
+        {"null_in_open", {"Open, pictures of 640x360: writes through a null pointer", "Faulty::Open"}},
+        {"divides", {"Process, pictures of 1x1: divides by zero", "Faulty::Process"}},
+        {"deep",
+         {"Process, pictures of 640x360: runs out of its stack, which has 1024 kB", "Faulty::Process"}},
+        {"fixed_buffer", {"Apply of 'depth' = '9999", "its stack is damaged"}, "--set depth=1"},
+        {"writes_value",
+         {"writes byte 0 of the value of a setting, which is for reading only"},
+         "--set depth=1"},
+        {"refuses", {"the setting 'depth' = '1' is refused: Apply returned 0"}, "--set depth=1"},
+        {"not_destroyed", {"bytes behind when its object is destroyed by DestroyVideoProcessor"}},
+        {"frees", {"DestroyVideoProcessor: is ended by abort()", "DestroyVideoProcessor"}},
+        {"leaks_in_close",
+         {"bytes behind when its object is destroyed by DestroyVideoProcessor (without Close)"}},
+        {"grows", {"a stream holds about 1"}},
+        {"shared_state", {"two streams in turns disturb each other"}},
+        {"ends_process", {"ends the process with exit()", "Faulty::Process"}},
+        {"never_returns", {"does not return within 1 seconds", "Faulty::Process"}, "--timeout 1"},
+        {"new_interface", {"it is built for interface 2"}},
+        {"no_entry_point", {"CreateVideoProcessor is not exported"}},
+    };
+    for (const Case& each : cases) {
+        const CommandResult found =
+            check(modulePath("faulty_" + std::string(each.module)) + " --frames 10 " + each.options);
+        EXPECT_EQ(found.exitCode, 1) << each.module << "\n" << found.output;
+        EXPECT_NE(found.output.find("FAULT: "), std::string::npos) << each.module << "\n" << found.output;
+        for (const char* words : each.words)
+            EXPECT_NE(found.output.find(words), std::string::npos) << each.module << ": " << words << "\n"
+                                                                   << found.output;
+    }
+}
+
+TEST(EngineModuleCheck, FindsNothingWrongWithGoodModules) {
+    const std::string examples = EXAMPLE_MODULES "/";
+    for (const std::string& module :
+         {examples + "grayscale.so --set strength=20", examples + "solarize.so --set threshold=9",
+          examples + "mosaic.so --set region=1,1,99,99 --set block=3 --set clear=",
+          modulePath("mymodule") + " --set amount=9", modulePath("every_other") + " --set delay=1"}) {
+        for (const char* options : {" --frames 10", " --plain --picture 33x17"}) {
+            const CommandResult found = check(module + options);
+            EXPECT_EQ(found.exitCode, 0) << module << options << "\n" << found.output;
+            EXPECT_NE(found.output.find("no fault found\n"), std::string::npos) << found.output;
+        }
+    }
+}
+
+TEST(EngineModuleCheck, ProcessesPictures) {
+    namespace fs = std::filesystem;
+    const fs::path folder = fs::temp_directory_path() / "kelvane_check";
+    fs::create_directories(folder);
+    const auto write = [&](const char* name, const std::string& bytes) {
+        std::ofstream(folder / name, std::ios::binary) << bytes;
+        return (folder / name).string();
+    };
+    const std::string in = "(<0d\xf0\xfa",
+                      kept = "YUV4MPEG2 W2 H2 F30000:1001 Ip A1:1 C420mpeg2\nFRAME\n(<0d\x80\x80";
+    const std::string y4m =
+        write("in.y4m", "YUV4MPEG2 W2 H2 F30000:1001 C420jpeg XA\nFRAME\n" + in + "FRAME\n" + in);
+    const std::string deep = write("deep.y4m", "YUV4MPEG2 W2 H2 F25:1 C420p10\nFRAME\n");
+    const std::string raw = write("in.yuv", in + in + "x"), out = write("out.y4m", "");
+    const std::string grayscale = EXAMPLE_MODULES "/grayscale.so ";
+    EXPECT_EQ(check(grayscale + y4m + " --frames 1 -o " + out).exitCode, 0);
+    std::ifstream written(folder / "out.y4m", std::ios::binary);
+    EXPECT_EQ(std::string(std::istreambuf_iterator<char>(written), {}), kept);
+    const std::pair<std::string, const char*> failures[] = {
+        {deep, "420p10, not 8-bit 4:2:0"},
+        {raw, "a raw one needs --picture"},
+        {raw + " --picture 2x2", "in the middle of a picture"},
+        {folder / "none.y4m", "No such file"}};
+    for (const auto& [arguments, reason] : failures) {
+        const CommandResult failed = check(grayscale + arguments + " -o " + (folder / "no.y4m").string());
+        EXPECT_EQ(failed.exitCode, 1) << failed.output;
+        EXPECT_NE(failed.output.find(reason), std::string::npos) << failed.output;
+    }
+    for (const char* wrong :
+         {"", "a b c", "a --set x", "a --picture 0x2", "a --picture 3x2 -o b", "a --frames x", "a --nope"})
+        EXPECT_EQ(check(wrong).exitCode, 2) << wrong;
+    size_t files = 0;
+    for ([[maybe_unused]] const auto& entry : fs::directory_iterator(folder))
+        ++files;
+    EXPECT_EQ(files, 4u) << "nothing half-written stays";
+    fs::remove_all(folder);
+}

@@ -1,0 +1,164 @@
+#include "support/InstalledTool.h"
+#include "support/Output.h"
+
+#include <gtest/gtest.h>
+
+#include <map>
+
+namespace {
+
+// The artifacts of build/maven-repository, used from an empty working directory by a user with an empty home.
+class InstalledRepository : public testing::Test {
+protected:
+    void SetUp() override {
+        ASSERT_NE(std::getenv("KELVANE_DIST"), nullptr) << "KELVANE_DIST must name the installed tree";
+        ASSERT_TRUE(fs::exists(natives)) << "tools/build release maven-repository makes it";
+        std::string pattern = fs::temp_directory_path() / "kelvane repository XXXXXX";
+        ASSERT_NE(mkdtemp(pattern.data()), nullptr);
+        root = fs::canonical(pattern);
+        for (const char* folder : {"home", "work", "tmp"})
+            fs::create_directory(root / folder);
+    }
+    void TearDown() override {
+        if (!root.empty()) fs::remove_all(root);
+    }
+
+    std::string java(const std::string& arguments, const fs::path& home) const {
+        return "(cd '" + (root / "work").string() + "' && env -u XDG_CACHE_HOME HOME='" + home.string() +
+               "' java -XX:TieredStopAtLevel=1 -Djava.io.tmpdir='" + (root / "tmp").string() + "' " +
+               arguments + " 2>&1)";
+    }
+    CommandResult runJava(const std::string& arguments) const { return run(java(arguments, root / "home")); }
+
+    // The folder of the libraries in the cache.
+    fs::path cached() const {
+        const fs::path cache = root / "home/.cache/kelvane-media";
+        EXPECT_EQ(names(cache).size(), 1);
+        return cache / *names(cache).begin();
+    }
+    std::map<std::string, std::string> cachedContents() const {
+        std::map<std::string, std::string> found;
+        for (const std::string& name : names(cached()))
+            found[name] = contents(cached() / name);
+        return found;
+    }
+    void expectPicture(const CommandResult& result, const std::string& place) const {
+        EXPECT_EQ(result.exitCode, 0) << result.output;
+        EXPECT_NE(result.output.find("loaded " + place), std::string::npos) << result.output;
+        EXPECT_EQ(names(root / "tmp"), std::set<std::string>{});
+    }
+
+    const fs::path repository = fs::path(MAVEN_REPOSITORY) / "com/kelvane/kelvane-media" / PROJECT_VERSION;
+    const std::string jar = repository / "kelvane-media-" PROJECT_VERSION ".jar";
+    const std::string natives = repository / "kelvane-media-" PROJECT_VERSION "-linux-x86_64.jar";
+    const std::string classPath = "-cp " + jar + ":" + natives + ":" TEST_JAR " ";
+    const std::string picture = "com.kelvane.media.test.Picture";
+    fs::path root;
+};
+
+} // namespace
+
+TEST_F(InstalledRepository, WorksOnTheClassPathAndOnTheModulePath) {
+    const std::string modules =
+        "-p " + jar + ":" + natives + " -cp " TEST_JAR " --add-modules com.kelvane.media";
+    for (const std::string& paths :
+         {classPath, modules + " ", modules + ",com.kelvane.media.natives.linux.x86_64 "}) {
+        SCOPED_TRACE(paths);
+        expectPicture(runJava(paths + picture), root / "home/.cache/kelvane-media/");
+        EXPECT_EQ(names(cached()).size(), 8);
+        for (const fs::path& folder : {cached(), cached().parent_path()})
+            EXPECT_EQ(fs::status(folder).permissions(), fs::perms::owner_all) << folder;
+    }
+}
+
+TEST_F(InstalledRepository, UnpacksOnceForFourProcessesThatStartTogether) {
+    const std::string start = java(classPath + picture, root / "home") + " & ";
+    const CommandResult result = run(start + "a=$!; " + start + "b=$!; " + start + "c=$!; " + start +
+                                     "wait $! && wait $a && wait $b && wait $c");
+    expectPicture(result, cached().string());
+    const auto unpacked = fs::last_write_time(cached() / "libkelvane_media.so");
+    expectPicture(runJava(classPath + picture), cached().string());
+    EXPECT_EQ(fs::last_write_time(cached() / "libkelvane_media.so"), unpacked);
+}
+
+TEST_F(InstalledRepository, RepairsWhatIsWrongInTheCache) {
+    ASSERT_EQ(runJava(classPath + picture).exitCode, 0);
+    const auto sound = cachedContents();
+    const fs::path folder = cached();
+
+    fs::resize_file(folder / "libavcodec.so.58", 100'000);
+    std::fstream opus(folder / "libopus.so.0", std::ios::in | std::ios::out | std::ios::binary);
+    opus.seekp(50'000) << "tampered";
+    opus.close();
+    fs::remove(folder / "libavutil.so.56");
+    fs::rename(folder / "libswscale.so.5", root / "elsewhere");
+    fs::create_symlink(root / "elsewhere", folder / "libswscale.so.5");
+    std::ofstream(folder / "libz.so.1") << "found before the machine's own";
+
+    expectPicture(runJava(classPath + picture), folder.string());
+    EXPECT_TRUE(cachedContents() == sound);
+    EXPECT_TRUE(fs::is_regular_file(fs::symlink_status(folder / "libswscale.so.5")));
+}
+
+TEST_F(InstalledRepository, UnpacksForTheProcessAloneWhereNoCacheIsSafe) {
+    ASSERT_EQ(runJava(classPath + picture).exitCode, 0);
+    const fs::path ownTemporary = root / "tmp/kelvane-media-";
+    {
+        SCOPED_TRACE("a home that is read-only, for root as well");
+        expectPicture(run(java(classPath + picture, "/proc")), ownTemporary);
+    }
+    for (const fs::path& folder : {cached(), cached().parent_path()}) {
+        SCOPED_TRACE(folder);
+        fs::permissions(folder, fs::perms::group_write, fs::perm_options::add);
+        expectPicture(runJava(classPath + picture), ownTemporary);
+        fs::permissions(folder, fs::perms::owner_all);
+    }
+    if (geteuid() == 0) {
+        ASSERT_EQ(chown(cached().c_str(), 1, 1), 0);
+        expectPicture(runJava(classPath + picture), ownTemporary);
+    }
+}
+
+TEST_F(InstalledRepository, GivesEachClassLoaderALibraryOfItsOwn) {
+    const std::string tree = std::getenv("KELVANE_DIST");
+    const std::string library = tree + "/lib/amd64-Linux-gpp/jni";
+    const std::string main = " -cp " TEST_JAR " com.kelvane.media.test.ClassLoaders " TEST_JAR " ";
+    for (const std::string& arguments :
+         {"-Dkelvane.library=" + library + "/libkelvane_media.so" + main + jar,
+          main + tree + "/lib/kelvane-media.jar", main + jar + " " + natives,
+          "-Djava.library.path=/nowhere:" + library + main + jar}) {
+        SCOPED_TRACE(arguments);
+        const CommandResult result = runJava(arguments);
+        EXPECT_EQ(result.exitCode, 0);
+        for (const char* line : {"first class loader collected\n", "other class loader went on\n"})
+            EXPECT_NE(result.output.find(line), std::string::npos) << result.output;
+        EXPECT_EQ(names(root / "tmp"), std::set<std::string>{});
+    }
+}
+
+TEST_F(InstalledRepository, TellsWhereItLooks) {
+    const CommandResult found =
+        runJava("-Dkelvane.openh264=/opt/openh264.so " + classPath + "com.kelvane.media.Places");
+    const std::string folder = cached();
+    const std::string madeFor = "it is made for Linux with glibc on x86-64, and ";
+    EXPECT_EQ(found.output, "null\n" + madeFor + "the C library of this machine is musl\n" + madeFor +
+                                "this is Mac OS X on x86_64\n" + folder + "\n/opt/openh264.so\n" + folder +
+                                "/libopenh264-1.8.0-linux64.4.so\n" + folder + "/libopenh264.so.7\n" +
+                                "lib/amd64-Linux-gpp/jni/libopenh264-1.8.0-linux64.4.so\n"
+                                "libopenh264.so.7\nlibopenh264.so.6\nlibopenh264.so.5\nlibopenh264.so.4\n");
+
+    const CommandResult foreign = runJava("-Dos.arch=aarch64 " + classPath + picture);
+    EXPECT_NE(foreign.output.find("UnsatisfiedLinkError: libkelvane_media.so could not be loaded: " +
+                                  madeFor +
+                                  "this is Linux on aarch64. Tried:\n"
+                                  "  system property kelvane.library: not set\nTo fix it, "),
+              std::string::npos)
+        << foreign.output;
+
+    const CommandResult none = runJava("-cp " + jar + ":" TEST_JAR " " + picture);
+    for (const char* line : {"\n  installed tree: ", "\n  folder of the jar: ",
+                             "\n  natives jar, unpacked in the cache: not on the class path or module path\n",
+                             "\n  java.library.path: ",
+                             "\nTo fix it, add the artifact com.kelvane:kelvane-media"})
+        EXPECT_NE(none.output.find(line), std::string::npos) << line << none.output;
+}
