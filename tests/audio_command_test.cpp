@@ -63,6 +63,34 @@ TEST_F(InstalledAudio, KeepsSoundAndLength) {
     }
 }
 
+TEST_F(InstalledAudio, KeepsItsPlaceBesidePictures) {
+    for (const auto& [source, file] :
+         std::vector<std::pair<std::string, std::string>>{{"stereo.mp3", "in.mp4"},
+                                                          {"mono.mp3", "in.mkv"},
+                                                          {"stereo.m4a", "in.mp4"},
+                                                          {"fec.opus", "in.mkv"}}) {
+        SCOPED_TRACE(source);
+        ASSERT_EQ(run("ffmpeg", "-v error -y -i " TEST_DATA "/baseline.h264 -i " TEST_DATA "/" + source +
+                                    " -c copy " + file),
+                  0);
+        ASSERT_EQ(run("kelvane", "transcode --no-compare -r 88x72@200k -o out " + file), 0) << errors;
+        EXPECT_EQ(probe("-select_streams a out/88x72.mp4", "stream=codec_name"), "aac\n");
+        // A result begins with the pictures.
+        const double begin = std::stod(probe("-select_streams v " + file, "stream=start_time"));
+        const Samples original = decoded(file, 48000, 1), result = decoded("out/88x72.mp4", 48000, 1);
+        ASSERT_GT(std::min(original.size(), result.size()), 16000u);
+        double best = 0;
+        int shift = 0;
+        for (int lag = -3000; lag <= 3000; ++lag) {
+            double alike = 0;
+            for (size_t i = 4000; i < 12000; ++i)
+                alike += original[i] * result[i + static_cast<size_t>(lag)];
+            if (alike > best) best = alike, shift = lag;
+        }
+        EXPECT_NEAR(shift / 48000.0, -begin, 0.001);
+    }
+}
+
 TEST_F(InstalledAudio, ReadsWavOfAnyRate) {
     ASSERT_EQ(run("ffmpeg", "-v error -f lavfi -i sine=frequency=700:sample_rate=37800:duration=0.5 in.wav"),
               0)

@@ -47,6 +47,9 @@ TEST_F(InstalledTool, KeepsTimesOfVariableFrameRateAndCutsToThePicture) {
     // From picture 10 (0.64 s), two behind a key frame, to 13 (0.92 s); the next is shown at 1.04 s.
     ASSERT_EQ(run("kelvane", "transcode in.mp4 -r 160x90@200k -o part --start 00:0.6 --duration 0.4"), 0)
         << errors;
+    std::smatch compared;
+    ASSERT_TRUE(std::regex_search(output, compared, std::regex("\n160x90 +4 .* ([0-9.]+) dB "))) << output;
+    EXPECT_GT(std::stod(compared[1]), 30) << "with the pictures behind the cut";
     EXPECT_EQ(probe("part/160x90.mp4", "packet=pts_time,flags"),
               "0.040000,K_\n0.120000,__\n0.240000,__\n0.320000,__\n");
     expectFailure("transcode in.mp4 -o new --start 1:60", 2, "expected seconds, mm:ss");

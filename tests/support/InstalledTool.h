@@ -79,7 +79,9 @@ protected:
         SCOPED_TRACE(arguments);
         const std::set<std::string> before = names(directory);
         EXPECT_EQ(run("kelvane", arguments), exitCode);
-        EXPECT_TRUE(std::regex_match(errors, std::regex("(module [^\n]*\n)?kelvane[^\n]*" + reason + "[^\n]*\n"))) << errors;
+        EXPECT_TRUE(
+            std::regex_match(errors, std::regex("(module [^\n]*\n)?kelvane[^\n]*" + reason + "[^\n]*\n")))
+            << errors;
         EXPECT_EQ(names(directory), before);
     }
 

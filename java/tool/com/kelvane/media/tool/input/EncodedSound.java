@@ -5,7 +5,6 @@ import java.io.ByteArrayOutputStream;
 import java.io.IOException;
 import java.util.ArrayDeque;
 import java.util.Arrays;
-import java.util.List;
 import java.util.Optional;
 import java.util.Queue;
 
@@ -36,10 +35,11 @@ final class EncodedSound implements AacSource {
         encoder = AacEncoder.builder().channels(channels).sampleRate(sampleRate).open();
         if (track.isPcm()) {
             decoder = null;
-            packets = PacketPipe.ofPcm(track.file().path(), track.index(), sampleRate, channels);
+            packets = PacketPipe.ofPcm(track.file().path(), track.index(), track.file().seek(timeline), sampleRate,
+                    channels);
         } else {
             decoder = new SoundDecoder(track, null);
-            packets = new PacketPipe(track.file().path(), track.index(), List.of(), "");
+            packets = new PacketPipe(track.file().path(), track.index(), track.file().seek(timeline), "");
         }
     }
 

@@ -71,6 +71,13 @@ public record MediaFile(Path path, List<Map<String, String>> streams, Map<String
                         .map(String::strip).distinct().collect(Collectors.joining(", "))));
     }
 
+    /** FFmpeg's options that spare reading what comes before a result, where the container has an index. */
+    List<String> seek(Timeline timeline) {
+        double seconds = timeline.origin() / 1000 - 1;
+        return seconds > 0 && (hasFormat("mov") || hasFormat("matroska")) ? List.of("-ss", String.format("%.3f", seconds))
+                : List.of();
+    }
+
     /** Whether the container is, or may be, one of FFmpeg's name. */
     boolean hasFormat(String name) {
         return List.of(format.getOrDefault("format_name", "").split(",")).contains(name);

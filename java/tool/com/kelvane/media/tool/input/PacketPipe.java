@@ -53,8 +53,8 @@ final class PacketPipe implements Closeable {
     }
 
     /** Packets of PCM as samples of 16 bits. */
-    static PacketPipe ofPcm(Path path, int index, int sampleRate, int channels) {
-        return new PacketPipe(path, index, List.of(), List.of("-ar", Integer.toString(sampleRate), "-ac",
+    static PacketPipe ofPcm(Path path, int index, List<String> before, int sampleRate, int channels) {
+        return new PacketPipe(path, index, before, List.of("-ar", Integer.toString(sampleRate), "-ac",
                 Integer.toString(channels), "-c", "pcm_s16le"), "s16le");
     }
 

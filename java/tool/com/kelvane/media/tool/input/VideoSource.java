@@ -4,7 +4,6 @@ import com.kelvane.media.AccessUnit;
 import java.io.Closeable;
 import java.io.IOException;
 import java.util.ArrayDeque;
-import java.util.List;
 import java.util.Queue;
 
 /**
@@ -29,13 +28,7 @@ public final class VideoSource implements Closeable {
         this.track = track;
         this.timeline = timeline;
         begun = !track.timed();
-        // With an index FFmpeg finds the key frame at or before this second.
-        packets = open(track, track.indexed() ? timeline.origin() / 1000 - 1 : 0);
-    }
-
-    static PacketPipe open(VideoTrack track, double seek) {
-        return new PacketPipe(track.path(), track.index(),
-                seek > 0 ? List.of("-ss", String.format("%.3f", seek)) : List.of(), FILTER);
+        packets = new PacketPipe(track.path(), track.index(), track.file().seek(timeline), FILTER);
     }
 
     /** The next access unit that is to be decoded; null at the end. */

@@ -64,11 +64,6 @@ public record VideoTrack(MediaFile file, int index, int width, int height, Strin
         return !file.hasFormat("h264");
     }
 
-    /** Whether a picture can be found without reading all that comes before it. */
-    boolean indexed() {
-        return file.hasFormat("mov") || file.hasFormat("matroska");
-    }
-
     /** Fails when the pictures are not of 8-bit 4:2:0, for which the codecs would take them. */
     public void checkPictures() {
         if (pixelFormat != null && !Set.of("yuv420p", "yuvj420p", "unknown").contains(pixelFormat)) {

@@ -47,11 +47,15 @@ public final class Workspace implements AutoCloseable {
             removeAbandoned(directory);
             folder = Files.createTempDirectory(directory, PREFIX);
             lock = FileChannel.open(folder.resolve(LOCK), StandardOpenOption.CREATE, StandardOpenOption.WRITE);
-            lock.tryLock();
         } catch (IOException unwritable) {
             removeMadeDirectories();
             throw new Failure("cannot write in %s (%s); name another directory with -o", directory,
                     Failure.reason(unwritable));
+        }
+        try {
+            lock.tryLock();
+        } catch (IOException noLocks) {
+            // Nobody can take it then, and the folder stays where it is.
         }
         Runtime.getRuntime().addShutdownHook(hook);
     }
