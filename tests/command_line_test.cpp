@@ -310,6 +310,22 @@ TEST_F(InstalledTool, SaysWhatIsWrongWithAModule) {
         expectFailure("process in.h264 " + arguments, exitCode, reason);
 }
 
+TEST_F(InstalledTool, TellsOfACrashInsideAModule) {
+    EXPECT_EQ(run("kelvane", "process in.h264 --module " TEST_TREE "/modules/faulty_null_in_open.so -o out"),
+              128 + SIGABRT);
+    const std::regex report("crashed while the module \\S+/faulty_null_in_open.so was at work, in "
+                            "\\[faulty_null_in_open.so.*Faulty::Open.*\nthe report is (.*);");
+    std::smatch file;
+    ASSERT_TRUE(std::regex_search(errors, file, report)) << errors;
+    EXPECT_TRUE(fs::exists(file[1].str()) && fs::path(file[1].str()).parent_path() == directory) << file[1];
+    // What the module printed comes through a filter, which may end after the process does.
+    for (int i = 0; i < 100 && errors.find("last words\n") == std::string::npos; ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        errors = contents(path(".errors"));
+    }
+    EXPECT_NE(errors.find("last words\n"), std::string::npos) << errors;
+}
+
 TEST_F(InstalledTool, LeavesNothingWhenInterruptedOrKilled) {
     const auto folder = [&] {
         std::error_code ignored;

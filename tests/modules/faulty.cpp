@@ -11,6 +11,7 @@ KELVANE_MODULE_ENTRY unsigned int GetModuleInterface() { return OTHER_INTERFACE;
 
 #include <kelvane/i420.h>
 
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <list>
@@ -65,7 +66,7 @@ public:
     unsigned int GetGuid() override { return ::GetGuid() + (fault == two_guids); }
     int Open(unsigned short newWidth, unsigned short newHeight, unsigned char* mode, unsigned char*,
              unsigned char*, unsigned char*) override {
-        if (fault == null_in_open) mode = nullptr;
+        if (fault == null_in_open) std::puts("last words"), mode = nullptr;
         if (fault == null_in_open) *static_cast<unsigned char volatile*>(mode) = 1;
         if (fault == leaks_in_close) lines = static_cast<unsigned char*>(std::malloc(1000));
         return Reinit(newWidth, newHeight);

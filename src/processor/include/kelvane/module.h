@@ -61,9 +61,10 @@ public:
     // bytes of Y, then h / 2 rows of w / 2 bytes of U, then as many of V, divisions rounded down, nothing
     // between rows or planes. `size` is w * h * 12 / 8, so that an odd size leaves a few bytes that mean
     // nothing. The pipeline works with 8-bit 4:2:0 alone: see the guide for sources that are anything else.
-    // `*timestamp` is the time of the access unit that was written last, in the caller's unit
-    // (milliseconds, as a rule); what is left there is delivered with the encoded picture. Return 0 to drop
-    // the picture, anything else to have it encoded and delivered.
+    // `*timestamp` is the time of the access unit that was written last or, for the pictures that come out at
+    // the end of a stream, their own, in the caller's unit (milliseconds, as a rule); what is left there is
+    // delivered with the encoded picture. Return 0 to drop the picture, anything else to have it encoded and
+    // delivered.
     //
     // Pass-through mode: `data` is the access unit as the caller wrote it (H.264 NAL units, as a rule each
     // behind a start code), `size` its length, which may be 0, and `*timestamp` its time. Both are delivered
