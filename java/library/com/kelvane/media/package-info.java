@@ -87,7 +87,7 @@
  * <h2>Native library</h2>
  *
  * <p>The first engine loads it; {@link com.kelvane.media.NativeLibrary} tells from where. It prints lines about what it does
- * on standard output. The H.264 encoder of a transcoder is the OpenH264 library, which is looked for beside it and where
+ * on standard output; FFmpeg's own log, which would have a line for each damage in a stream, is silenced. The H.264 encoder of a transcoder is the OpenH264 library, which is looked for beside it and where
  * the system property {@code kelvane.openh264} says.
  *
  * <h2>Flight Recorder</h2>
