@@ -79,9 +79,9 @@ protected:
         SCOPED_TRACE(arguments);
         const std::set<std::string> before = names(directory);
         EXPECT_EQ(run("kelvane", arguments), exitCode);
-        EXPECT_TRUE(
-            std::regex_match(errors, std::regex("(module [^\n]*\n)?kelvane[^\n]*" + reason + "[^\n]*\n")))
-            << errors;
+        // The library's own words of a module come through a filter, sooner or later than the tool's.
+        const std::string said = std::regex_replace(errors, std::regex("module [^\n]*\n"), "");
+        EXPECT_TRUE(std::regex_match(said, std::regex("kelvane[^\n]*" + reason + "[^\n]*\n"))) << errors;
         EXPECT_EQ(names(directory), before);
     }
 
