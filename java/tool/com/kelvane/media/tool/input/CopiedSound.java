@@ -15,7 +15,7 @@ final class CopiedSound implements AacSource {
     CopiedSound(AudioTrack track, Timeline timeline) throws IOException {
         this.track = track;
         this.timeline = timeline;
-        packets = new PacketPipe(track.file().path(), track.index(), track.file().seek(timeline), "");
+        packets = new PacketPipe(track.file(), track.index(), track.file().seek(timeline), "");
         byte[] stored = storedConfiguration();
         PacketPipe.Packet packet = packets.next();
         // With ADTS every packet has a header that amounts to one.

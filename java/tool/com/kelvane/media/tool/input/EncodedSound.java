@@ -35,11 +35,11 @@ final class EncodedSound implements AacSource {
         encoder = AacEncoder.builder().channels(channels).sampleRate(sampleRate).open();
         if (track.isPcm()) {
             decoder = null;
-            packets = PacketPipe.ofPcm(track.file().path(), track.index(), track.file().seek(timeline), sampleRate,
+            packets = PacketPipe.ofPcm(track.file(), track.index(), track.file().seek(timeline), sampleRate,
                     channels);
         } else {
             decoder = new SoundDecoder(track, null);
-            packets = new PacketPipe(track.file().path(), track.index(), track.file().seek(timeline), "");
+            packets = new PacketPipe(track.file(), track.index(), track.file().seek(timeline), "");
         }
     }
 

@@ -24,7 +24,7 @@ public record MediaFile(Path path, List<Map<String, String>> streams, Map<String
     private static final String ENTRIES = "stream=index,codec_type,codec_name,profile,width,height,pix_fmt,has_b_frames,"
             + "avg_frame_rate,r_frame_rate,duration,start_time,sample_aspect_ratio,color_range,color_space,color_transfer,"
             + "color_primaries,sample_rate,channels:stream_disposition=attached_pic,default:stream_tags=rotate"
-            + ":format=format_name,duration";
+            + ":format=format_name,duration,start_time";
 
     public static MediaFile open(Path path) throws IOException {
         if (!Files.exists(path)) {
@@ -71,11 +71,16 @@ public record MediaFile(Path path, List<Map<String, String>> streams, Map<String
                         .map(String::strip).distinct().collect(Collectors.joining(", "))));
     }
 
-    /** FFmpeg's options that spare reading what comes before a result, where the container has an index. */
-    List<String> seek(Timeline timeline) {
-        double seconds = timeline.origin() / 1000 - 1;
-        return seconds > 0 && (hasFormat("mov") || hasFormat("matroska")) ? List.of("-ss", String.format("%.3f", seconds))
-                : List.of();
+    /** The second to begin reading at for a result, after the file's own start; 0 where the container has no index. */
+    double seek(Timeline timeline) {
+        return hasFormat("mov") || hasFormat("matroska") ? Math.max(0, timeline.origin() / 1000 - 1 - start()) : 0;
+    }
+
+    /** The time at which the first of its tracks begins, in seconds. */
+    double start() {
+        return streams.stream().filter(stream -> List.of("video", "audio").contains(stream.get("codec_type")))
+                .filter(stream -> hasFormat("mpegts") && number(stream, "start_time") != 0)
+                .mapToDouble(stream -> number(stream, "start_time")).min().orElse(number(format, "start_time"));
     }
 
     /** Whether the container is, or may be, one of FFmpeg's name. */

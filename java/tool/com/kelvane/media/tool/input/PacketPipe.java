@@ -20,32 +20,35 @@ final class PacketPipe implements Closeable {
      *
      * @param time of presentation, NaN when the container has none
      * @param decodingTime never above that of presentation, NaN when the container has none
+     * @param shown false where an edit list has it decoded for others alone
      */
-    record Packet(byte[] bytes, double time, double decodingTime, double duration, boolean key) {
+    record Packet(byte[] bytes, double time, double decodingTime, double duration, boolean key, boolean shown) {
     }
 
     // stream, decoding time, presentation time, duration, size, checksum, flags unless it is a key frame
     private static final Pattern PACKET = Pattern.compile("0,( *-?\\d+, *){4}0x.*");
     private static final String TIME_BASE = "#tb 0: ";
     private static final String END = "";
-    private static final int KEY = 1; // the flag, where flags are printed
+    private static final int KEY = 1;
+    private static final int NOT_SHOWN = 4;
 
     private final Path path;
     private final MediaProgram.Running program;
     private final InputStream bytes;
     private final BlockingQueue<String> lines = new LinkedBlockingQueue<>();
     private final MediaProgram.FirstError error;
+    private final double begin; // of the times that FFmpeg tells, in milliseconds
     private double unit;
     private boolean ended;
 
     /**
      * Packets as they are.
      *
-     * @param before FFmpeg's options for the input
+     * @param from second of the source to begin at or before; 0 to begin at the beginning
      * @param filter FFmpeg's bitstream filters, may be empty
      */
-    PacketPipe(Path path, int index, List<String> before, String filter) {
-        this(path, index, before, copy(filter), "data");
+    PacketPipe(MediaFile file, int index, double from, String filter) {
+        this(file, index, from, copy(filter), "data");
     }
 
     private static List<String> copy(String filter) {
@@ -53,22 +56,30 @@ final class PacketPipe implements Closeable {
     }
 
     /** Packets of PCM as samples of 16 bits. */
-    static PacketPipe ofPcm(Path path, int index, List<String> before, int sampleRate, int channels) {
-        return new PacketPipe(path, index, before, List.of("-ar", Integer.toString(sampleRate), "-ac",
+    static PacketPipe ofPcm(MediaFile file, int index, double from, int sampleRate, int channels) {
+        return new PacketPipe(file, index, from, List.of("-ar", Integer.toString(sampleRate), "-ac",
                 Integer.toString(channels), "-c", "pcm_s16le"), "s16le");
     }
 
-    private PacketPipe(Path path, int index, List<String> before, List<String> conversion, String format) {
-        this.path = path;
+    private PacketPipe(MediaFile file, int index, double from, List<String> conversion, String format) {
+        path = file.path();
+        // FFmpeg counts from there.
+        begin = 1000 * (file.start() + from);
         error = new MediaProgram.FirstError(path);
-        List<String> command = new ArrayList<>(List.of("-v", "error", "-copyts"));
-        command.addAll(before);
+        List<String> command = new ArrayList<>(List.of("-v", "error"));
+        if (from > 0) {
+            command.addAll(List.of("-ss", String.format("%.6f", from)));
+        }
         command.addAll(List.of("-i", path.toString()));
         // Both outputs carry the same packets: one their sizes and times, which come first, the other the bytes.
         for (List<String> output : List.of(List.of("framecrc", "pipe:2"), List.of(format, "pipe:1"))) {
             command.addAll(List.of("-map", "0:" + index));
             command.addAll(conversion);
             command.addAll(List.of("-flush_packets", "1", "-f", output.get(0), output.get(1)));
+        }
+        if (file.hasFormat("mpegts")) {
+            // Where its times jump, FFmpeg closes the gap of all tracks alike that it has to do with.
+            command.addAll(List.of("-map", "0:v?", "-map", "0:a?", "-c", "copy", "-f", "null", "-"));
         }
         program = MediaProgram.FFMPEG.start(path.getParent(), command, false, this::read);
         bytes = new BufferedInputStream(program.output(), 1 << 16);
@@ -99,9 +110,10 @@ final class PacketPipe implements Closeable {
             } else {
                 String[] fields = line.split(", *");
                 byte[] packet = bytes.readNBytes(Integer.parseInt(fields[4]));
-                boolean key = fields.length < 7 || !fields[6].startsWith("F=")
-                        || (Integer.decode(fields[6].substring(2)) & KEY) != 0;
-                return new Packet(packet, time(fields[2]), time(fields[1]), Long.parseLong(fields[3]) * unit, key);
+                // Flags are printed unless they are those of a key frame alone.
+                int flags = fields.length > 6 && fields[6].startsWith("F=") ? Integer.decode(fields[6].substring(2)) : KEY;
+                return new Packet(packet, time(fields[2]), time(fields[1]), Long.parseLong(fields[3]) * unit,
+                        (flags & KEY) != 0, (flags & NOT_SHOWN) == 0);
             }
         }
         return null;
@@ -109,7 +121,7 @@ final class PacketPipe implements Closeable {
 
     private double time(String field) {
         long time = Long.parseLong(field);
-        return time == Long.MIN_VALUE ? Double.NaN : time * unit;
+        return time == Long.MIN_VALUE ? Double.NaN : time * unit + begin;
     }
 
     private String take() throws IOException {

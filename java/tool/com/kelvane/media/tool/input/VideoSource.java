@@ -1,6 +1,7 @@
 package com.kelvane.media.tool.input;
 
 import com.kelvane.media.AccessUnit;
+import com.kelvane.media.tool.shell.Failure;
 import java.io.Closeable;
 import java.io.IOException;
 import java.util.ArrayDeque;
@@ -28,7 +29,7 @@ public final class VideoSource implements Closeable {
         this.track = track;
         this.timeline = timeline;
         begun = !track.timed();
-        packets = new PacketPipe(track.path(), track.index(), track.file().seek(timeline), FILTER);
+        packets = new PacketPipe(track.file(), track.index(), track.file().seek(timeline), FILTER);
     }
 
     /** The next access unit that is to be decoded; null at the end. */
@@ -40,6 +41,10 @@ public final class VideoSource implements Closeable {
                 break;
             }
             AccessUnit unit = new AccessUnit(packet.bytes(), timeOf(packet));
+            if (!packet.shown() && unit.time() >= 0 && count + held.size() > 0) {
+                throw new Failure("%s has an edit list of several parts, which only a player can follow; make one part of it"
+                        + " first: ffmpeg -i INPUT OUTPUT", track.path());
+            }
             if (!begun && packet.key() && unit.time() <= 0) {
                 held.clear();
                 heldBytes = 0;
