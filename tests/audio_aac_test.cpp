@@ -86,19 +86,6 @@ TEST(AACDecoder, DeliversNoFrameOfAnotherSize) {
     }
 }
 
-TEST(EngineAAC, SurvivesDamageAndLeaksNothing) {
-    const SoundStream stream = soundStream("stereo.m4a");
-    AudioDecoder decoder;
-    std::copy(stream.config.begin(), stream.config.end(), decoder.config);
-    decoder.configSize = static_cast<uint8_t>(stream.config.size());
-    EXPECT_GT(decodeDamaged(decoder, stream.packets, AV_INPUT_BUFFER_PADDING_SIZE), 0);
-
-    AudioEncoder encoder;
-    encoder.open();
-    for (int i = 0; i < 2; ++i)
-        EXPECT_EQ(encoder.encode(Samples(1024).data()) > 0, i > 0);
-}
-
 TEST(AACEncoder, SoundComesBackChannelByChannel) {
     for (const int channels : {1, 2}) {
         const auto count = static_cast<size_t>(channels);

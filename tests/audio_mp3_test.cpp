@@ -35,8 +35,3 @@ TEST(MP3Decoder, TellsWhatHappensToIt) {
     written(longer, 4608);
     EXPECT_EQ(printedBy([&] { MPADecoder(close)(env, nullptr, handle); }), "MP3 decoder codec closed\n");
 }
-
-TEST(EngineMP3Decoder, SurvivesDamagedFrames) {
-    MP3AudioDecoder decoder;
-    EXPECT_GT(decodeDamaged(decoder, soundStream("stereo.mp3").packets), 0);
-}

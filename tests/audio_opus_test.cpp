@@ -126,12 +126,6 @@ TEST(OpusDecoder, TakesTheRedundantCopyWhenAskedTo) {
     EXPECT_TRUE(decodeAll(1, 2, packets).empty()) << "no such choice";
 }
 
-TEST(EngineOpusDecoder, SurvivesDamagedPackets) {
-    NOpusDecoder decoder;
-    decoder.channels = 2;
-    EXPECT_GT(decodeDamaged(decoder, soundStream("fec.opus").packets), 0);
-}
-
 TEST(OpusEncoder, AppliesItsSettings) {
     const struct {
         int channels, bitrate;

@@ -352,43 +352,6 @@ TEST(Decoder, NullArraysAndShortInfoAreHarmless) {
     EXPECT_TRUE(bytesOf(output) == referenceDecode({unit}).at(0).i420);
 }
 
-TEST(EngineDecoder, RecoversFromCorruptStreams) {
-    const std::vector<Bytes> good = accessUnits("bframes.h264");
-    const std::vector<Picture> expected = referenceDecode(good);
-    uint32_t random = 1;
-    const auto next = [&](size_t range) { return (random = random * 1664525 + 1013904223) % range; };
-    VideoDecoder decoder;
-    std::string printed = printedBy([&] {
-        decoder.open();
-        for (int round = 0; round < 20; ++round) {
-            for (Bytes unit : good) {
-                for (int flips = 0; flips < 4; ++flips)
-                    unit[4 + next(unit.size() - 4)] ^= static_cast<uint8_t>(1 << next(8));
-                unit.resize(4 + next(unit.size() - 3));
-                const int result = decoder.decode(signedBytes(unit), static_cast<int>(unit.size()), 0);
-                ASSERT_TRUE(result == 0 || result == 1);
-            }
-        }
-    });
-    // From its next IDR picture on, the good stream decodes as ever; what the wrecks left behind comes out
-    // before.
-    std::vector<int64_t> units;
-    printed += printedBy([&] {
-        for (size_t i = 0; i < good.size(); ++i) {
-            Bytes unit = good[i];
-            if (decoder.decode(signedBytes(unit), static_cast<int>(unit.size()),
-                               static_cast<uint32_t>(i + 1)) == 1)
-                if (decoder.frame->pkt_pts > 0) units.push_back(decoder.frame->pkt_pts / 1000 - 1);
-        }
-        decoder.close();
-    });
-    ASSERT_GT(units.size(), 12u);
-    std::vector<int64_t> order;
-    for (size_t i = 0; i < units.size(); ++i)
-        order.push_back(expected[i].accessUnit);
-    EXPECT_EQ(units, order);
-}
-
 // FFmpeg waits for the rest of a picture whose end was lost.
 TEST(EngineDecoder, GoesOnAfterAPictureThatLostItsEnd) {
     const auto loseHalf = [](Bytes& unit) { unit.resize(unit.size() / 2); };

@@ -308,18 +308,3 @@ TEST_F(PipelineTest, NullAndShortArgumentsAreHarmless) {
     EXPECT_EQ(bytesOf(info), bigEndian(0));
     EXPECT_EQ(pipeline.read().timestamp, untouched);
 }
-
-// Without the virtual machine, so that the leak check sees everything a pipeline leaves behind.
-TEST(EnginePipeline, FreesAllItHolds) {
-    printedBy([] {
-        VideoProcessor* pipeline = proc_ctx.NewProcessor();
-        pipeline->decoder.reset(avc_dec_ctx.NewCodec());
-        pipeline->decoder->open();
-        int size = 0;
-        for (Bytes unit : accessUnits("size_change.h264"))
-            pipeline->process(reinterpret_cast<signed char*>(&unit[0]), int(unit.size()), 0, size);
-        EXPECT_GT(size, 0);
-        pipeline->close();
-        EXPECT_TRUE(proc_ctx.RemoveProcessor(pipeline->handle));
-    });
-}

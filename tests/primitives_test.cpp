@@ -10,6 +10,7 @@ extern "C" {
 
 #include <climits>
 #include <cstring>
+#include <random>
 
 #pragma GCC diagnostic ignored "-Wdeprecated-declarations" // AVPicture, in FFmpeg 4
 

@@ -17,6 +17,46 @@ extern "C" {
 // The decoding calls of FFmpeg 4 that are meant here are deprecated there.
 #pragma GCC diagnostic ignored "-Wdeprecated-declarations"
 
+namespace {
+
+enum NalUnitType { otherSlice = 1, idrSlice = 5 };
+
+// A picture of the highest level of the standard, 6.2, has at most so many macroblocks.
+constexpr int largestPicture = 139264;
+// Of one picture. FFmpeg numbers them in 16 bits, of which one value means that there is none.
+constexpr int mostSlices = 8192;
+// Of one access unit. FFmpeg keeps more than 4 KB for each that it ever found in one.
+constexpr int mostNalUnits = mostSlices + 2048;
+// Bytes of one access unit: a picture of the highest level, uncompressed, with 14-bit samples in full chroma.
+constexpr int largestAccessUnit = largestPicture * (768 * 14 + 128) / 8;
+
+// What FFmpeg is going to find in an access unit.
+struct Contents {
+    int nalUnits = 0;
+    int slices = 0;
+    int pictureStart = 0; // the NAL unit type of the first slice when that begins a picture
+};
+
+Contents contentsOf(const signed char* data, int size) {
+    Contents contents;
+    const signed char* const end = data + size;
+    // memchr, since a start code ends with the rarest of its bytes.
+    for (const signed char* at = data + 2; at < end; ++at) {
+        at = static_cast<const signed char*>(std::memchr(at, 1, static_cast<size_t>(end - at)));
+        if (!at) break;
+        if (at[-1] != 0 || at[-2] != 0) continue;
+        ++contents.nalUnits;
+        if (end - at < 3) break;
+        const int type = at[1] & 31;
+        if (type != otherSlice && type != idrSlice) continue;
+        // The top bit alone is the macroblock number 0.
+        if (contents.slices++ == 0 && at[2] < 0) contents.pictureStart = type;
+    }
+    return contents;
+}
+
+} // namespace
+
 void VideoDecoder::open() {
     codec = avcodec_find_decoder(AV_CODEC_ID_H264);
     context.reset(avcodec_alloc_context3(codec));
@@ -24,6 +64,7 @@ void VideoDecoder::open() {
         context->flags2 |= AV_CODEC_FLAG2_CHUNKS;
         context->flags |= AV_CODEC_FLAG_TRUNCATED;
         context->refcounted_frames = 0;
+        context->get_format = acceptSize;
         context->get_buffer2 = beginPicture;
         context->opaque = this;
     }
@@ -38,28 +79,18 @@ void VideoDecoder::open() {
     }
 }
 
+// FFmpeg asks for the format before it takes any memory for pictures of a new size.
+AVPixelFormat VideoDecoder::acceptSize(AVCodecContext* codecContext, const AVPixelFormat* formats) {
+    const int64_t macroblocks = int64_t{codecContext->coded_width / 16} * (codecContext->coded_height / 16);
+    if (macroblocks > largestPicture) return AV_PIX_FMT_NONE;
+    return avcodec_default_get_format(codecContext, formats);
+}
+
 // FFmpeg asks for a buffer once for each frame that it begins: the only sign that it has taken a slice.
 int VideoDecoder::beginPicture(AVCodecContext* codecContext, AVFrame* picture, int flags) {
     ++static_cast<VideoDecoder*>(codecContext->opaque)->picturesBegun;
     return avcodec_default_get_buffer2(codecContext, picture, flags);
 }
-
-namespace {
-
-enum NalUnitType { otherSlice = 1, idrSlice = 5 };
-
-// The NAL unit type of the first slice when that begins a picture, 0 otherwise.
-int pictureStart(const signed char* data, int size) {
-    for (int i = 0; i + 4 < size; ++i) {
-        if (data[i] != 0 || data[i + 1] != 0 || data[i + 2] != 1) continue;
-        const int type = data[i + 3] & 31;
-        if (type != otherSlice && type != idrSlice) continue;
-        return data[i + 4] < 0 ? type : 0; // the top bit alone is the macroblock number 0
-    }
-    return 0;
-}
-
-} // namespace
 
 // Taking pictures in chunks, FFmpeg's decoder waits for the rest of a picture whose end was lost and refuses
 // every later one, without an error: it does not begin them. In a stream in good order it begins each one but
@@ -84,6 +115,16 @@ void VideoDecoder::giveUpPicture() {
     int got = 0;
     avcodec_decode_video2(context.get(), frame.get(), &got, &lone);
     context->flags2 |= AV_CODEC_FLAG2_CHUNKS;
+    slicesGiven = 0;
+}
+
+// Strangers can write what FFmpeg pays for dearly, or what it takes for something else.
+bool VideoDecoder::admit(int size, int nalUnits, int slices) {
+    if (size > largestAccessUnit || nalUnits > mostNalUnits || slices > mostSlices) return false;
+    // In chunks, the slices of a picture may come in any number of calls.
+    if (slicesGiven + slices > mostSlices) giveUpPicture();
+    slicesGiven += slices;
+    return true;
 }
 
 int VideoDecoder::decode(signed char* data, int size, unsigned int time) {
@@ -99,6 +140,8 @@ int VideoDecoder::decode(signed char* data, int size, unsigned int time) {
     }
     // FFmpeg reads through null in a context that failed to open.
     if (!frame || !context || !avcodec_is_open(context.get())) return 0;
+    const Contents contents = contentsOf(data, size);
+    if (!admit(size, contents.nalUnits, contents.slices)) return 0;
     // av_new_packet makes the private, padded copy; reference-counted, so that FFmpeg takes no second one.
     if (av_new_packet(&packet, size) < 0) return 0;
     packet.pts = int64_t{time} * 1000;
@@ -106,7 +149,7 @@ int VideoDecoder::decode(signed char* data, int size, unsigned int time) {
     // FFmpeg does begin an IDR frame behind an unfinished picture, but with that one's parameter sets, in
     // which it may fail again. Each IDR picture comes out or is held back; of those that are, FFmpeg knows
     // the number.
-    if (unseenIdrPictures > context->has_b_frames && pictureStart(data, size) == idrSlice) {
+    if (unseenIdrPictures > context->has_b_frames && contents.pictureStart == idrSlice) {
         giveUpPicture();
         unseenIdrPictures = 0;
     }
@@ -115,14 +158,15 @@ int VideoDecoder::decode(signed char* data, int size, unsigned int time) {
     avcodec_decode_video2(context.get(), frame.get(), &got, &packet);
     if (got > 0) {
         refusedPictures = unseenIdrPictures = 0;
-    } else if (const int start = pictureStart(data, size); picturesBegun != begunBefore) {
+    } else if (picturesBegun != begunBefore) {
         refusedPictures = 0;
-        if (start == idrSlice) ++unseenIdrPictures;
-    } else if (isRefused(start)) {
+        if (contents.pictureStart == idrSlice) ++unseenIdrPictures;
+    } else if (isRefused(contents.pictureStart)) {
         giveUpPicture();
         avcodec_decode_video2(context.get(), frame.get(), &got, &packet);
         refusedPictures = unseenIdrPictures = 0;
     }
+    if (picturesBegun != begunBefore) slicesGiven = contents.slices;
     timestamp = time;
     av_packet_unref(&packet);
     return receive(got);
@@ -153,7 +197,7 @@ int VideoDecoder::drain() {
         avcodec_flush_buffers(context.get());
         context->has_b_frames = 0; // the delay that FFmpeg learnt from the old stream
         picturesBegun = 0;
-        refusedPictures = unseenIdrPictures = 0;
+        refusedPictures = unseenIdrPictures = slicesGiven = 0;
     }
     return receive(got);
 }

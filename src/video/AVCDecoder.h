@@ -25,7 +25,8 @@ public:
 
     // `data`: an Annex-B access unit that starts with 00 00 00 01; `time` comes back as the pkt_pts of the
     // picture that this access unit carries, multiplied by 1000. Returns 1 when a picture is ready, 0 when
-    // none is (corrupt data included), -1 when the input has no start code.
+    // none is (corrupt data and what no level of the standard allows included), -1 when the input has no
+    // start code.
     int decode(signed char* data, int size, unsigned int time);
 
     // Brings out the next picture that is held back for reordering, as decode() does. Returns 0 when there is
@@ -36,11 +37,14 @@ public:
 
 private:
     int receive(int got);
+    static AVPixelFormat acceptSize(AVCodecContext* codecContext, const AVPixelFormat* formats);
     static int beginPicture(AVCodecContext* codecContext, AVFrame* picture, int flags);
+    bool admit(int size, int nalUnits, int slices);
     bool isRefused(int start);
     void giveUpPicture();
 
     uint64_t picturesBegun = 0;    // by FFmpeg, in this stream
     int32_t refusedPictures = 0;   // in a row, which FFmpeg was given and did not begin
     int32_t unseenIdrPictures = 0; // begun since a picture last came out
+    int32_t slicesGiven = 0;       // to FFmpeg, since it began its present picture or gave one up
 };

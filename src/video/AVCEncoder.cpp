@@ -24,7 +24,7 @@ void NativeOpenH264Encoder::open() {
     // A load that another thread had under way may have failed.
     if (loader.GetLibFunctions(&library) != 2) return;
     ISVCEncoder* created = nullptr;
-    library.createEncoder(&created);
+    withoutExceptions([&] { return library.createEncoder(&created); });
     if (!created) {
         status = 1;
         std::puts("could not open noh264");
@@ -74,7 +74,7 @@ void NativeOpenH264Encoder::open() {
     layer.sSliceArgument.uiSliceMode = SM_SINGLE_SLICE;
     layer.sSliceArgument.uiSliceNum = 0;
 
-    if (encoder->InitializeExt(&param) != 0) status = -1;
+    if (withoutExceptions([&] { return encoder->InitializeExt(&param); }) != 0) status = -1;
     if (debug)
         std::puts(status == 0 ? "opened and configured h264 encoder." : "could not configure noh264 codec.");
 }
@@ -101,7 +101,7 @@ int NativeOpenH264Encoder::encode(unsigned char* picture, int size, unsigned int
     source.iPicHeight = static_cast<int>(height);
     source.uiTimeStamp = timestamp;
     SFrameBSInfo encoded{};
-    if (encoder->EncodeFrame(&source, &encoded) != 0) {
+    if (withoutExceptions([&] { return encoder->EncodeFrame(&source, &encoded); }) != 0) {
         if (debug) std::puts("error ");
         return 0;
     }

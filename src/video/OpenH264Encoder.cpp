@@ -4,6 +4,7 @@
 #include "bridge/Registries.h"
 #include "com_kelvane_media_transform_codec_OpenH264Encoder.h"
 #include "video/I420.h"
+#include "video/OpenH264Loader.h"
 
 extern "C" {
 #include <libavformat/avformat.h>
@@ -49,7 +50,8 @@ void VideoEncoder::open() {
     for (const auto& [name, value] : privateOptions)
         av_opt_set(context->priv_data, name, value, AV_OPT_SEARCH_CHILDREN);
     std::printf("avcodec_open2: %d  : %d : %d : %d\n", width, height, frameRate, bitRate);
-    if (const int result = avcodec_open2(context.get(), codec, nullptr); result < 0) {
+    const int result = withoutExceptions([&] { return avcodec_open2(context.get(), codec, nullptr); });
+    if (result < 0) {
         std::printf("AVC encoder codec not opened %d\n", result);
         return;
     }
@@ -91,7 +93,8 @@ int VideoEncoder::encode(signed char* data, int length, unsigned int timestamp) 
     unpackPicture(reinterpret_cast<const uint8_t*>(data), *frame);
     frame->pts = int64_t{timestamp} * 1000;
     int got = 0;
-    if (avcodec_encode_video2(context.get(), &packet, frame.get(), &got) < 0 || packet.size > length) {
+    const auto send = [&] { return avcodec_encode_video2(context.get(), &packet, frame.get(), &got); };
+    if (withoutExceptions(send) < 0 || packet.size > length) {
         std::puts("AVC encoder failed to encode frame");
         got = 0;
     }

@@ -7,6 +7,7 @@
 #include <atomic>
 #include <cstdint>
 #include <mutex>
+#include <new>
 
 // Entry points of the OpenH264 library; all null while it is not loaded.
 struct EncoderLibFunctions {
@@ -14,6 +15,17 @@ struct EncoderLibFunctions {
     void (*destroyEncoder)(ISVCEncoder* encoder) = nullptr;
     OpenH264Version (*getCodecVersion)() = nullptr;
 };
+
+// The result of a call into OpenH264, or of FFmpeg around it; -1 for the std::bad_alloc that it lets through when it is
+// out of memory, and which would end the Java virtual machine.
+template <class Call>
+int withoutExceptions(Call call) {
+    try {
+        return call();
+    } catch (const std::bad_alloc&) {
+        return -1;
+    }
+}
 
 // Opens the OpenH264 library at run time. All operations may be called from several threads at once.
 class COpenLoader {

@@ -3,7 +3,6 @@
 #include "support/JavaMachine.h"
 #include "support/Output.h"
 
-#include <random>
 
 using Samples = std::vector<int16_t>;
 
@@ -41,26 +40,3 @@ Bytes written(jbyteArray array, int size);
 using DecodeMethod = jint (*)(JNIEnv*, jclass, jbyteArray, jbyteArray, jbyteArray, jlong);
 int comparedWithFFmpeg(AVCodecID codec, DecodeMethod decode, jlong handle, const SoundStream& stream,
                        int sampleRate, int channels);
-
-// An engine's whole life, with packets of flipped bits and another length: how many of them give samples.
-template <class Decoder>
-int decodeDamaged(Decoder& decoder, const std::vector<Bytes>& packets, size_t padding = 0) {
-    std::minstd_rand random;
-    int delivered = 0;
-    const auto live = [&] {
-        decoder.open();
-        for (int round = 0; round < 40; ++round)
-            for (Bytes packet : packets) {
-                for (int flips = 0; flips < 3; ++flips)
-                    packet[random() % packet.size()] ^= static_cast<uint8_t>(1 << random() % 8);
-                const size_t size = 1 + random() % (2 * packet.size());
-                packet.resize(size);
-                packet.resize(size + padding);
-                packet.shrink_to_fit();
-                delivered += decoder.decode(packet.data(), static_cast<int>(size)) > 0;
-            }
-        decoder.close();
-    };
-    printedBy(live, 2); // libopus's complaints
-    return delivered;
-}

@@ -1,0 +1,456 @@
+#include "fuzz/Subjects.h"
+#include "support/Output.h"
+#include "support/failing_malloc.h"
+#include "transcoder/CoderOut.h"
+#include "video/AVCDecoder.h"
+#include "video/AVCEncoder.h"
+
+#include <dlfcn.h>
+#include <execinfo.h>
+#include <gtest/gtest.h>
+#include <malloc.h>
+#include <sys/mman.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <map>
+#include <thread>
+
+namespace {
+
+using Answers = std::vector<uint64_t>;
+
+// How many times as long as in ./check the tests with chance in them run: see docs/reliability.md.
+int effort() {
+    const char* factor = std::getenv("KELVANE_EFFORT");
+    return factor ? std::max(1, std::atoi(factor)) : 1;
+}
+
+// What the engines print, libopus's complaints included, is not looked at.
+void quietly(const std::function<void()>& action) {
+    printedBy([&] { printedBy(action, 2); });
+}
+
+const SubjectKind& kindNamed(const std::string& name) {
+    return *std::ranges::find(subjectKinds(), name, &SubjectKind::name);
+}
+
+std::unique_ptr<Subject> opened(const SubjectKind& kind, const Script& script) {
+    std::unique_ptr<Subject> subject = kind.make();
+    subject->open(script);
+    return subject;
+}
+
+Answers outcomes(Answers answers) {
+    std::erase(answers, 0u);
+    return answers;
+}
+
+bool endsWith(const Answers& answers, const Answers& end) {
+    return answers.size() >= end.size() && std::equal(end.rbegin(), end.rend(), answers.rbegin());
+}
+
+// Two streams, of which the first does not end: what came out of both.
+Answers playTwice(Subject& subject, const Script& script, uint32_t first, uint32_t second) {
+    Answers answers = play(subject, script, first, false);
+    const Answers more = play(subject, script, second, true);
+    answers.insert(answers.end(), more.begin(), more.end());
+    return outcomes(answers);
+}
+
+int sizeOf(const Bytes& bytes) { return static_cast<int>(bytes.size()); }
+
+} // namespace
+
+// Whatever a stranger writes: seeds with faults of every kind, through the whole life of every engine.
+TEST(EngineReliability, OutlivesHostileInput) {
+    for (const SubjectKind& kind : subjectKinds()) {
+        std::minstd_rand random(20261123);
+        int delivered = 0;
+        quietly([&] {
+            for (const char* file : kind.seeds)
+                for (int round = 0; round < 4 * effort(); ++round) {
+                    const Bytes bytes = written(kind, spoilt(seedOf(kind, file), random));
+                    delivered += outcomes(live(kind, scriptOf(kind, bytes.data(), bytes.size()))).size() > 0;
+                }
+        });
+        EXPECT_GT(delivered, 0) << kind.name;
+    }
+}
+
+// One fault in every call. An engine that is then drained, as at the end of a stream, answers the next stream
+// as a new one does; one that is not shows every picture from the second key picture on, and most from the
+// first.
+TEST(EngineReliability, ServesTheNextGoodInputAfterAnyBadOne) {
+    std::map<std::string, std::array<int, faults>> done;
+    int streams = 0, fromTheFirst = 0, asNew = 0;
+    for (const SubjectKind& kind : subjectKinds()) {
+        if (kind.input == SubjectKind::noise) continue;
+        for (const char* file : kind.seeds) {
+            const Script good = seedOf(kind, file);
+            constexpr uint32_t first = 100'000, second = 200'000;
+            Answers alone, both;
+            quietly([&] {
+                alone = play(*opened(kind, good), good, first, true);
+                both = playTwice(*opened(kind, good), good, first, second);
+            });
+            const size_t pictures = outcomes(alone).size();
+            if (pictures == 0 && std::string(file) == "tiny.h264") continue; // too small for an encoder
+            ASSERT_GE(both.size() + !kind.exact, 2 * pictures) << kind.name << " " << file;
+            const Answers secondPass(both.begin() + static_cast<ptrdiff_t>(pictures), both.end());
+            for (int fault = 0; fault < faults; ++fault) {
+                SCOPED_TRACE(std::string(kind.name) + " " + file + ", fault " + std::to_string(fault));
+                std::minstd_rand random(static_cast<unsigned>(1 + fault));
+                // Packets are few and fast; transcoders and pipelines have the same decoder inside. Five
+                // flips for one cut.
+                const int share = kind.input == SubjectKind::packets ? 6 * effort()
+                                  : kind.exact                       ? effort()
+                                                                     : std::max(1, effort() / 8);
+                for (int round = 0; round < (fault == flip ? 5 : 1) * share; ++round) {
+                    Script bad = good;
+                    for (size_t i = bad.calls.size(); i-- > 0;) {
+                        const bool disorder =
+                            fault == drop || fault == repeat; // some calls have to stay as they are
+                        if (!disorder || i % 4 == static_cast<size_t>(round % 4))
+                            spoil(bad, i, static_cast<Fault>(fault), random);
+                        ++done[kind.name][static_cast<size_t>(fault)];
+                    }
+                    Answers drained, answers;
+                    quietly([&] {
+                        const auto subject = opened(kind, good);
+                        play(*subject, bad, 0, true);
+                        drained = play(*subject, good, first, true);
+                        const auto other = opened(kind, good);
+                        play(*other, bad, 0, false);
+                        answers = playTwice(*other, good, first, second);
+                    });
+                    if (!kind.exact) { // encoders and sound depend on what was before
+                        EXPECT_GE(outcomes(drained).size() + 1, pictures); // as does which one a module drops
+                        EXPECT_GE(answers.size() + 1, 2 * pictures);
+                        continue;
+                    }
+                    EXPECT_TRUE(endsWith(answers, secondPass));
+                    if (kind.input == SubjectKind::packets) continue;
+                    ++streams;
+                    fromTheFirst += endsWith(answers, both);
+                    asNew += drained == alone;
+                }
+            }
+        }
+    }
+    for (const auto& [name, counts] : done)
+        std::printf(
+            "%s: %d flips, %d truncations, %d calls in streams with calls left out, %d doubled, %d swapped\n",
+            name.c_str(), counts[flip], counts[cut], counts[drop], counts[repeat], counts[swap]);
+    std::printf(
+        "%d damaged H.264 streams; every picture from the first key picture on: %d, drained first: %d\n",
+        streams, fromTheFirst, asNew);
+    EXPECT_GT(fromTheFirst, streams * 9 / 10);
+    EXPECT_GT(asNew, streams * 9 / 10);
+}
+
+TEST(EngineReliability, FollowsEveryChangeOfSize) {
+    constexpr int sizes = 24;
+    std::vector<Bytes> keyPictures;
+    Script script;
+    quietly([&] {
+        for (uint32_t i = 0; i < sizes; ++i) {
+            NativeOpenH264Encoder encoder;
+            encoder.width = 16 + 2 * (i * 7 % sizes) * (i % 3 + 1);
+            encoder.height = 16 + 2 * (i * 5 % sizes) * ((i + 1) % 3 + 1);
+            encoder.bitrate = 100'000;
+            encoder.open();
+            Bytes grey(encoder.width * encoder.height * 3 / 2, static_cast<uint8_t>(100 + i));
+            EXPECT_EQ(encoder.encode(grey.data(), sizeOf(grey), 0), 1) << i;
+            keyPictures.emplace_back(encoder.output.get(), encoder.output.get() + encoder.outputSize);
+        }
+        for (const Bytes& from : keyPictures)
+            for (const Bytes& to : keyPictures)
+                script.calls.insert(script.calls.end(), {from, to});
+    });
+    for (const char* name : {"h264", "transcoder", "pipeline"}) {
+        size_t delivered = 0;
+        quietly([&] { delivered = outcomes(live(kindNamed(name), script)).size(); });
+        // The module of this pipeline drops every other picture.
+        EXPECT_EQ(delivered, script.calls.size() / (std::string(name) == "pipeline" ? 2 : 1)) << name;
+    }
+}
+
+namespace {
+
+class BitWriter {
+public:
+    explicit BitWriter(int nalUnitHeader) { put(8, static_cast<uint32_t>(nalUnitHeader)); }
+    BitWriter& put(int count, uint32_t value) {
+        while (count-- > 0) {
+            if (bits++ % 8 == 0) payload.push_back(0);
+            payload.back() |= static_cast<uint8_t>((value >> count & 1) << (7 - (bits - 1) % 8));
+        }
+        return *this;
+    }
+    BitWriter& golomb(uint32_t value) {
+        int length = 0;
+        while ((value + 1) >> (length + 1))
+            ++length;
+        return put(length, 0).put(length + 1, value + 1);
+    }
+    // The NAL unit behind its start code, with the bytes in it that keep start codes out.
+    Bytes unit() {
+        put(1, 1);
+        Bytes escaped{0, 0, 0, 1};
+        size_t zeros = 0;
+        for (const uint8_t byte : payload) {
+            if (zeros >= 2 && byte <= 3) escaped.push_back(3), zeros = 0;
+            escaped.push_back(byte);
+            zeros = byte == 0 ? zeros + 1 : 0;
+        }
+        return escaped;
+    }
+
+private:
+    Bytes payload;
+    int bits = 0;
+};
+
+Bytes parameterSets(uint32_t macroblocksWide, uint32_t macroblocksHigh) {
+    BitWriter sequence(0x67), picture(0x68);
+    sequence.put(8, 66).put(8, 0).put(8, 62).golomb(0); // baseline, level 6.2
+    sequence.golomb(0).golomb(2).golomb(1).put(1, 0);   // pictures in order, one to refer to
+    sequence.golomb(macroblocksWide - 1).golomb(macroblocksHigh - 1).put(1, 1).put(1, 1).put(2, 0);
+    picture.golomb(0).golomb(0).put(2, 0).golomb(0).golomb(0).golomb(0).put(3, 0);
+    picture.golomb(0).golomb(0).golomb(0).put(3, 0);
+    Bytes sets = sequence.unit();
+    const Bytes more = picture.unit();
+    sets.insert(sets.end(), more.begin(), more.end());
+    return sets;
+}
+
+// A slice of an IDR picture: grey macroblocks, of one byte each.
+Bytes greySlice(uint32_t firstMacroblock, uint32_t count) {
+    BitWriter slice(0x65);
+    slice.golomb(firstMacroblock).golomb(7).golomb(0).put(4, 0).golomb(0).put(2, 0).golomb(0);
+    while (count-- > 0)
+        slice.put(8, 0x27);
+    return slice.unit();
+}
+
+Bytes operator+(Bytes first, const Bytes& second) {
+    first.insert(first.end(), second.begin(), second.end());
+    return first;
+}
+
+// A picture of one slice for each macroblock, in so many calls.
+std::vector<Bytes> slicedPicture(uint32_t wide, uint32_t high, uint32_t calls) {
+    std::vector<Bytes> pieces(calls);
+    pieces[0] = parameterSets(wide, high);
+    for (uint32_t i = 0; i < wide * high; ++i) {
+        const Bytes slice = greySlice(i, 1);
+        Bytes& piece = pieces[i * calls / (wide * high)];
+        piece.insert(piece.end(), slice.begin(), slice.end());
+    }
+    return pieces;
+}
+
+int pictures(VideoDecoder& decoder, std::vector<Bytes> calls) {
+    int count = 0;
+    for (Bytes& call : calls)
+        count += decoder.decode(reinterpret_cast<signed char*>(call.data()), sizeOf(call), 0) == 1;
+    return count;
+}
+
+} // namespace
+
+// What FFmpeg would pay for dearly, or mistake, does not reach it; what is just within the limits does, and
+// the next good stream always.
+TEST(EngineReliability, KeepsFromFFmpegWhatItCannotTake) {
+    const std::vector<Bytes> good = seedOf(kindNamed("h264"), "baseline.h264").calls;
+    Bytes emptyUnits = parameterSets(2, 2), fewer;
+    for (int i = 0; i < 10'300; ++i) {
+        if (i == 10'000) fewer = emptyUnits + greySlice(0, 4);
+        emptyUnits.insert(emptyUnits.end(), {0, 0, 1, 9});
+    }
+    emptyUnits = std::move(emptyUnits) + greySlice(0, 4);
+    const struct {
+        const char* name;
+        std::vector<Bytes> calls;
+        int pictures;
+    } cases[] = {
+        {"16384x16128", {parameterSets(1024, 1008) + greySlice(0, 4)}, 0},
+        {"one macroblock row above level 6.2", {parameterSets(1024, 137) + greySlice(0, 4)}, 0},
+        {"8192 slices", slicedPicture(128, 64, 1), 1},
+        {"8320 slices", slicedPicture(128, 65, 1), 0},
+        {"8192 slices in 4 calls", slicedPicture(128, 64, 4), 1},
+        {"8320 slices in 4 calls, given up after 3", slicedPicture(128, 65, 4), 1},
+        {"10,003 NAL units", {fewer}, 1},
+        {"10,303 NAL units", {emptyUnits}, 0},
+        {"more bytes than any picture has", {Bytes(190'000'000)}, 0},
+    };
+    for (auto [name, calls, expected] : cases) {
+        if (sizeOf(calls[0]) == 190'000'000) calls[0][3] = 1;
+        quietly([&] {
+            VideoDecoder decoder;
+            decoder.open();
+            EXPECT_EQ(pictures(decoder, good), 30) << name;
+            const auto before = mallinfo2();
+            EXPECT_EQ(pictures(decoder, calls), expected) << name;
+            const auto after = mallinfo2();
+            EXPECT_LT(after.uordblks + after.hblkhd, before.uordblks + before.hblkhd + 80'000'000) << name;
+            EXPECT_GE(pictures(decoder, good), 29) << name;
+            EXPECT_EQ(pictures(decoder, good), 30) << name;
+        });
+    }
+}
+
+// Engines know nothing of each other: 1 to 32 at once give the bytes that they give alone.
+TEST(EngineReliability, EnginesAtOnceAreAsAlone) {
+    struct Life {
+        const SubjectKind* kind;
+        Script script;
+        Answers alone;
+    };
+    std::vector<Life> lives;
+    quietly([&] {
+        for (const SubjectKind& kind : subjectKinds()) {
+            Script script = seedOf(kind, kind.seeds[0]);
+            if (script.calls.size() > 12) script.calls.resize(12);
+            lives.push_back({&kind, script, live(kind, script)});
+            EXPECT_FALSE(outcomes(lives.back().alone).empty()) << kind.name;
+        }
+    });
+    std::vector<size_t> counts{2, 9, 32};
+    if (effort() > 1) {
+        counts.clear();
+        for (size_t count = 1; count <= 32; ++count)
+            counts.push_back(count);
+    }
+    for (const size_t count : counts) {
+        std::vector<Answers> answers(count);
+        quietly([&] {
+            std::vector<std::thread> threads;
+            for (size_t i = 0; i < count; ++i)
+                threads.emplace_back([&, i] {
+                    const Life& life = lives[i % lives.size()];
+                    answers[i] = live(*life.kind, life.script);
+                });
+            for (std::thread& thread : threads)
+                thread.join();
+        });
+        for (size_t i = 0; i < count; ++i)
+            EXPECT_TRUE(answers[i] == lives[i % lives.size()].alone)
+                << lives[i % lives.size()].kind->name << " beside " << count - 1 << " others";
+    }
+}
+
+namespace {
+
+// What became of an engine's life in a process of its own.
+struct Outcome {
+    size_t delivered;
+    AllocationRecord record;
+    void* crash[24]; // return addresses
+};
+Outcome* outcome; // shared with that process
+
+extern "C" void reportCrash(int) {
+    backtrace(outcome->crash, std::size(Outcome().crash));
+    std::fill_n(outcome->crash, 2, nullptr); // this function, and what calls it for the system
+    _exit(1);
+}
+
+// File and function of the first of the addresses that lies in no library of the system's.
+template <size_t count>
+std::string placeOf(void* const (&addresses)[count]) {
+    for (void* address : addresses) {
+        Dl_info info;
+        if (!address || !dladdr(address, &info)) continue;
+        const std::string file =
+            std::string(info.dli_fname).substr(std::string(info.dli_fname).rfind('/') + 1);
+        if (std::ranges::none_of(
+                std::array{"libc.so", "failing_malloc", "libavutil", "libgcc_s", "libstdc++"},
+                [&](const char* name) { return file.find(name) != std::string::npos; }))
+            return file + " " + (info.dli_sname ? info.dli_sname : "?");
+    }
+    return "no code"; // a null function was called
+}
+
+void liveFailing(AllocationRecord& record, const SubjectKind& kind, const Script& script, long failAt) {
+    const std::unique_ptr<Subject> subject = kind.make();
+    size_t delivered = 0;
+    record = {true, 0, failAt, 0, {}};
+    subject->open(script);
+    for (const Bytes& call : script.calls)
+        delivered += subject->give(call, 1) != 0;
+    for (int i = 0; subject->drain() && i < 20; ++i)
+        ++delivered;
+    subject->close();
+    record.counting = false;
+    outcome->delivered = delivered;
+    outcome->record = record;
+}
+
+} // namespace
+
+// Run apart from the others, with the counting allocation functions preloaded.
+TEST(Allocation, EachOneMayFail) {
+    const auto find = reinterpret_cast<AllocationRecord* (*)()>(dlsym(RTLD_DEFAULT, "allocationRecord"));
+    ASSERT_TRUE(find) << "LD_PRELOAD must name the library failing_malloc";
+    AllocationRecord& record = *find();
+    outcome = static_cast<Outcome*>(
+        mmap(nullptr, sizeof(Outcome), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+    constexpr long most = 2000;
+    const long step = effort() > 1 ? 1 : 17;
+    for (const SubjectKind& kind : subjectKinds()) {
+        if (std::string(kind.name) == "primitives") continue; // whose input takes memory itself
+        Script script = seedOf(kind, kind.seeds[0]);
+        if (script.calls.size() > 6) script.calls.resize(6);
+        long allocations = 0, lives = 0, poorer = 0;
+        std::map<std::string, int> crashes, leaks;
+        quietly([&] {
+            const size_t expected = outcomes(live(kind, script)).size();
+            liveFailing(record, kind, script, 0); // what lasts longer than engines is made in the first life
+            liveFailing(record, kind, script, 0);
+            allocations = outcome->record.allocations;
+            EXPECT_EQ(outcome->delivered, expected) << kind.name;
+            EXPECT_EQ(outcome->record.live, 0) << kind.name;
+            for (long k = 1; k <= std::min(most, allocations); k += step, ++lives) {
+                std::memset(static_cast<void*>(outcome), 0, sizeof *outcome);
+                const pid_t child = fork();
+                if (child == 0) {
+                    for (const int signal : {SIGSEGV, SIGABRT, SIGBUS, SIGFPE, SIGILL})
+                        std::signal(signal, reportCrash);
+                    try {
+                        liveFailing(record, kind, script, k);
+                    } catch (...) { // which no native method may let through
+                        std::ranges::copy(std::array{record.site[3], record.site[4], record.site[5]},
+                                          outcome->crash);
+                        _exit(2);
+                    }
+                    _exit(0);
+                }
+                int status = 0;
+                waitpid(child, &status, 0);
+                if (status != 0)
+                    ++crashes[(WEXITSTATUS(status) == 2 ? "an exception from " : "a crash in ") +
+                              placeOf(outcome->crash)];
+                else if (outcome->record.live != 0)
+                    ++leaks[placeOf(outcome->record.site)];
+                else
+                    poorer += outcome->delivered < expected;
+            }
+        });
+        std::printf("%s: %ld allocations, %ld lives with one that fails; %ld deliver less\n", kind.name,
+                    allocations, lives, poorer);
+        // FFmpeg and OpenH264 do not check each of theirs: docs/reliability.md. Nothing of ours may go wrong.
+        for (const auto& wrong : {crashes, leaks})
+            for (const auto& [place, count] : wrong)
+                EXPECT_EQ(place.find("kelvane"), std::string::npos) << kind.name << ": " << place;
+        for (const auto& [place, count] : crashes)
+            std::printf("  %d: %s\n", count, place.c_str());
+        for (const auto& [place, count] : leaks)
+            std::printf("  %d leak where the one fails of %s\n", count, place.c_str());
+    }
+}
