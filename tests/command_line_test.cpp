@@ -12,8 +12,8 @@ TEST_F(InstalledTool, MakesPlayableRenditionsInDisplayOrder) {
     EXPECT_EQ(errors, "");
     EXPECT_EQ(summary.find("MIRVProcessor"), std::string::npos) << "the library's diagnostics are mixed in:\n"
                                                                 << summary;
-    EXPECT_EQ(names(path("out put")), (std::set<std::string>{"320x180.h264", "320x180.mp4", "160x90.h264",
-                                                             "160x90.mp4", "contact-sheet.png"}));
+    EXPECT_EQ(names(path("out put")), (std::set<std::string>{"320x180", "320x180.mp4", "160x90", "160x90.mp4",
+                                                             "contact-sheet.png", "master.m3u8"}));
     EXPECT_EQ(contents(path("out put/contact-sheet.png")).substr(0, 4), "\x89PNG");
     for (const std::string size : {"320x180", "160x90"}) {
         SCOPED_TRACE(size);
@@ -143,6 +143,77 @@ TEST_F(InstalledTool, CarriesSoundInStepWithThePictures) {
     expectFailure("transcode two.mp4 --audio 3 -o new", 1, "has 2 sound tracks");
 }
 
+TEST_F(InstalledTool, CutsAllRenditionsAtTheSameTimes) {
+    // A change of scene at 3.3 s, where OpenH264 begins anew, and rates that fit neither one another nor the
+    // segments.
+    ASSERT_EQ(run("ffmpeg",
+                  "-v error -f lavfi -i testsrc2=size=320x180:rate=60000/1001 -f lavfi -i sine=frequency=440"
+                  " -t 7 -vf \"hue=h='if(gt(t,3.3),180,0)',drawbox=t=fill:color=white:enable='gt(t,3.3)'\""
+                  " -c:v libopenh264 -b:v 800k -c:a aac in.mp4"),
+              0)
+        << errors;
+    const std::string call =
+        "transcode in.mp4 -o out --segment 2 -r 320x180@500k,key=50 -r 160x90@200k,fps=25,cabac"
+        " -r 96x54@100k,fps=10 ";
+    for (const std::string options : {"", "--no-mp4 --no-compare"}) { // over what is there
+        ASSERT_EQ(run("kelvane", call + options), 0) << errors;
+        EXPECT_EQ(output.find("is not cut"), std::string::npos) << output;
+    }
+    EXPECT_NE(output.find("320x180: key=50 does not fit into segments of 2 s, 120 pictures"),
+              std::string::npos)
+        << output;
+    EXPECT_FALSE(fs::exists(path("out/160x90.h264")));
+
+    const std::string master = contents(path("out/master.m3u8"));
+    std::vector<double> cuts;
+    for (const std::string rendition : {"320x180", "160x90", "96x54", "sound"}) {
+        SCOPED_TRACE(rendition);
+        std::vector<double> begins;
+        double seconds = 0, peak = 0;
+        for (int i = 0; fs::exists(path("out/" + rendition + "/" + std::to_string(i) + ".m4s")); ++i) {
+            const std::string segment = contents(path("out/" + rendition + "/" + std::to_string(i) + ".m4s"));
+            std::ofstream(path("segment.mp4"), std::ios::binary)
+                << contents(path("out/" + rendition + "/init.mp4")) << segment;
+            const std::string first = probe("-read_intervals %+#1 segment.mp4", "packet=pts_time,flags");
+            EXPECT_NE(first.find(",K"), std::string::npos) << first;
+            begins.push_back(std::stod(first));
+            if (i > 0) peak = std::max(peak, 8 * static_cast<double>(segment.size()) / 2.05);
+        }
+        ASSERT_EQ(begins.size(), 4u);
+        if (cuts.empty()) cuts = begins;
+        for (size_t i = 0; i < cuts.size(); ++i) {
+            EXPECT_NEAR(begins[i], cuts[i], rendition == "sound" ? 0.15 : 0.0011) << i;
+            EXPECT_NEAR(begins[i], 2 * static_cast<double>(i), 0.15) << i;
+        }
+        std::istringstream playlist(contents(path("out/" + rendition + "/media.m3u8")));
+        for (std::string line; std::getline(playlist, line);)
+            if (line.starts_with("#EXTINF:")) seconds += std::stod(line.substr(8));
+        EXPECT_NEAR(seconds, 7, 0.12);
+        const std::string stream =
+            probe("out/" + rendition + "/media.m3u8", "stream=width,profile,level -of default=nw=1");
+        if (rendition == "sound") continue;
+        std::smatch variant;
+        const std::regex line(
+            "BANDWIDTH=([0-9]+),AVERAGE-BANDWIDTH=([0-9]+),CODECS=\"avc1.([0-9a-f]{6}),mp4a.40.2\","
+            "RESOLUTION=" +
+            rendition + ",FRAME-RATE=([0-9.]+),AUDIO=\"sound\"\n" + rendition + "/media.m3u8\n");
+        ASSERT_TRUE(std::regex_search(master, variant, line)) << master;
+        EXPECT_GE(std::stod(variant[1]), peak);
+        EXPECT_GE(std::stod(variant[1]), std::stod(variant[2]));
+        EXPECT_EQ(variant[4], rendition == "320x180"  ? "59.940"
+                              : rendition == "160x90" ? "25.000"
+                                                      : "10.000");
+        const std::string profile = variant[3].str().substr(0, 2), level = variant[3].str().substr(4);
+        EXPECT_NE(stream.find(profile == "42" ? "profile=Constrained Baseline\n" : "profile=High\n"),
+                  std::string::npos)
+            << profile << stream;
+        EXPECT_NE(stream.find("level=" + std::to_string(std::stoi(level, nullptr, 16)) + "\n"),
+                  std::string::npos)
+            << level << stream;
+    }
+    expectFailure("transcode out/320x180/media.m3u8 -r 320x180@500k -o out", 2, "would be overwritten");
+}
+
 TEST_F(InstalledTool, KeepsTheMeaningOfPictures) {
     ASSERT_EQ(run("ffmpeg", "-v error -i " TEST_DATA "/baseline.h264 -c copy -bsf:v h264_metadata="
                             "sample_aspect_ratio=4/3:video_full_range_flag=1:colour_primaries=5:"
@@ -156,7 +227,7 @@ TEST_F(InstalledTool, KeepsTheMeaningOfPictures) {
     const std::string source = probe("in.mp4", entries);
     EXPECT_NE(source.find("rotate=90"), std::string::npos) << source;
     EXPECT_NE(source.find("color_range=pc"), std::string::npos) << source;
-    ASSERT_EQ(run("kelvane", "transcode in.mp4 -r 88x72@300k -r 90x90@200k -o out"), 0) << errors;
+    ASSERT_EQ(run("kelvane", "transcode in.mp4 -r 88x72@300k -r 90x90@200k --raw -o out"), 0) << errors;
     std::smatch row;
     ASSERT_TRUE(std::regex_search(output, row, std::regex("\n88x72 .* ([0-9.]+) dB "))) << output;
     EXPECT_GT(std::stod(row[1]), 30) << "compared in the same range";
@@ -206,6 +277,12 @@ TEST_F(InstalledTool, FailsInOneLineAndLeavesNothing) {
              {"640x360@800k,qp=40-20", "smallestQuantiser 40 is above"},
              {"640x360@800k -r 640x360@1M", "two renditions"}})
         expectFailure("transcode in.h264 -o out -r " + rendition, 2, reason);
+    expectFailure("transcode in.h264 -o out --segment 61", 2, "from 1 to 60");
+    expectFailure("transcode in.h264 -o out --no-hls --no-mp4", 2, "nothing to make");
+    fs::create_directory(path("sound"));
+    std::ofstream(path("sound/song.mp3")) << "mine";
+    expectFailure("transcode in.h264 -o .", 1, "sound holds something else");
+    EXPECT_EQ(contents(path("sound/song.mp3")), "mine");
     expectFailure("transcode missing.mp4 -o out", 1, "no such file");
     expectFailure("transcode . -o out", 1, "directory");
     expectFailure("transcode text -o out", 1, "not a media file");
@@ -222,9 +299,10 @@ TEST_F(InstalledTool, NeverReplacesItsSource) {
     fs::create_directory_symlink("deep/er", path("er"));
     fs::create_symlink("deep/160x90.h264", path("in.h264"));
     const std::string stream = contents(path("in.h264"));
-    for (const std::string call :
-         {"transcode in.h264 -r 160x90@100k -o link", "transcode link/160x90.h264 -r 160x90@100k -o er/..",
-          "transcode er/../160x90.h264 -r 160x90@100k -o deep", "process in.h264 -o link/160x90 --module x"})
+    for (const std::string call : {"transcode in.h264 -r 160x90@100k --raw -o link",
+                                   "transcode link/160x90.h264 -r 160x90@100k --raw -o er/..",
+                                   "transcode er/../160x90.h264 -r 160x90@100k --raw -o deep",
+                                   "process in.h264 -o link/160x90 --module x"})
         expectFailure(call, 2, "would be overwritten");
     EXPECT_EQ(contents(path("deep/160x90.h264")), stream);
     EXPECT_EQ(run("kelvane", "transcode in.h264 -r 160x90@100k -o er"), 0) << errors;
@@ -330,7 +408,7 @@ TEST_F(InstalledTool, LeavesNothingWhenInterruptedOrKilled) {
     const auto folder = [&] {
         std::error_code ignored;
         for (const auto& entry : fs::directory_iterator(path("out"), ignored))
-            if (fs::exists(entry.path() / "4096x2304.h264")) return entry.path();
+            if (fs::exists(entry.path() / "4096x2304")) return entry.path();
         return fs::path();
     };
     const auto startAndWait = [&] { // the demonstration clip: for half a minute
@@ -359,8 +437,8 @@ TEST_F(InstalledTool, LeavesNothingWhenInterruptedOrKilled) {
     for (int i = 0; i < 100 && std::system(holders.c_str()) == 0; ++i)
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
     EXPECT_NE(std::system(holders.c_str()), 0);
-    ASSERT_EQ(run("kelvane", "transcode in.h264 -r 160x90@100k --no-compare -o out"), 0) << errors;
-    EXPECT_EQ(names(path("out")), (std::set<std::string>{"160x90.h264", "160x90.mp4"}));
+    ASSERT_EQ(run("kelvane", "transcode in.h264 -r 160x90@100k --no-compare --no-hls -o out"), 0) << errors;
+    EXPECT_EQ(names(path("out")), (std::set<std::string>{"160x90.mp4"}));
     EXPECT_EQ(run("kelvane", "transcode in.h264 -r 160x90@100k -o out", "/dev/full"), 1);
     EXPECT_EQ(errors, "kelvane: standard output cannot be written to\n");
 }

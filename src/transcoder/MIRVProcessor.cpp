@@ -244,6 +244,15 @@ JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_MIRVProcessor_stat
     return rendition.coder ? rendition.coder->status : notOpened;
 }
 
+JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_MIRVProcessor_requestKey(JNIEnv*, jclass,
+                                                                                       jint output,
+                                                                                       jlong handle) {
+    MIRVProcessor* processor = processorOf(handle);
+    if (!processor || static_cast<uint32_t>(output) >= processor->count) return 0;
+    CoderOut& rendition = processor->outputs[static_cast<uint32_t>(output)];
+    return rendition.coder ? rendition.coder->requestKey() : 0;
+}
+
 JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_MIRVProcessor_apply(JNIEnv* env, jclass,
                                                                                   jint index, jstring key,
                                                                                   jstring value,

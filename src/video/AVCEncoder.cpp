@@ -136,6 +136,10 @@ int NativeOpenH264Encoder::encode(unsigned char* picture, int size, unsigned int
     return 1;
 }
 
+int NativeOpenH264Encoder::requestKey() {
+    return encoder && status == 0 && encoder->ForceIntraFrame(true) == 0;
+}
+
 void NativeOpenH264Encoder::close() {
     encoder.reset();
     output.reset();

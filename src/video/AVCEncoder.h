@@ -41,5 +41,9 @@ public:
     // an access unit, 0 when there is none (too short a picture, a skipped picture, an error).
     int encode(unsigned char* picture, int size, unsigned int timestamp);
 
+    // Makes the next picture that is encoded a key frame, from which the GOP length is counted anew. Returns
+    // 1 when the library takes the request.
+    int requestKey();
+
     void close();
 };

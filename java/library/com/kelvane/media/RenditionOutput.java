@@ -63,6 +63,12 @@ final class RenditionOutput {
         wanted = isWanted;
     }
 
+    /** Makes the picture at hand a key picture; the encoder must not be at work. */
+    void requestKey(long transcoder) {
+        // A rendition of the source's size opens its encoder at its first picture, a key picture anyway.
+        MIRVProcessor.requestKey(index, transcoder);
+    }
+
     /** Scales and encodes the transcoder's picture at hand, if it is wanted. */
     void encode(long transcoder) {
         size = 0;

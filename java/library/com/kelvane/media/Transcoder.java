@@ -39,6 +39,7 @@ public final class Transcoder implements AutoCloseable {
     private final RenditionOutput[] outputs;
     private final ParallelEncoding parallel;
     private final Selection selection;
+    private final KeyPictures keyPictures;
     private volatile long pictures;
     private volatile long decodeNanoseconds;
     private long lastTime;
@@ -49,6 +50,7 @@ public final class Transcoder implements AutoCloseable {
         outputs = IntStream.range(0, renditions.size()).mapToObj(i -> new RenditionOutput(i, renditions.get(i)))
                 .toArray(RenditionOutput[]::new);
         selection = settings.selection;
+        keyPictures = settings.keyPictures;
         parallel = settings.executor == null || outputs.length == 1 ? null : new ParallelEncoding(settings.executor, outputs);
     }
 
@@ -140,7 +142,11 @@ public final class Transcoder implements AutoCloseable {
         long time = Times.nearest(MIRVProcessor.pictureTime(handle), lastTime);
         Failures failures = new Failures();
         for (int i = 0; i < outputs.length; i++) {
-            outputs[i].choose(selection == null || selection.wants(i, time));
+            boolean wanted = selection == null || selection.wants(i, time);
+            outputs[i].choose(wanted);
+            if (wanted && keyPictures != null && keyPictures.isKey(i, time)) {
+                outputs[i].requestKey(handle);
+            }
         }
         if (parallel != null) {
             parallel.encode(handle);
@@ -198,6 +204,21 @@ public final class Transcoder implements AutoCloseable {
         boolean wants(int index, long time);
     }
 
+    /** Decides which pictures are to be key pictures, so that segments may begin with them at the same time everywhere. */
+    @FunctionalInterface
+    public interface KeyPictures {
+        /**
+         * Asked for each picture that a rendition gets, right after {@link Selection#wants} where there is a selection. What
+         * it throws ends the call before the picture is encoded.
+         *
+         * @param index the rendition's position in {@link #renditions}
+         * @param time the picture's presentation time in milliseconds
+         * @return whether the picture must be a key picture; the rendition's key interval is counted from it. Otherwise that
+         *         interval, and the encoder at a change of scene, decide
+         */
+        boolean isKey(int index, long time);
+    }
+
     /**
      * What a transcoder has done.
      *
@@ -227,6 +248,7 @@ public final class Transcoder implements AutoCloseable {
         private final List<Rendition> renditions = new ArrayList<>();
         private Executor executor;
         private Selection selection;
+        private KeyPictures keyPictures;
 
         private Builder() {
         }
@@ -261,6 +283,17 @@ public final class Transcoder implements AutoCloseable {
          */
         public Builder select(Selection choice) {
             selection = Objects.requireNonNull(choice, "choice");
+            return this;
+        }
+
+        /**
+         * Chooses key pictures beyond those of the renditions' key intervals.
+         *
+         * @param choice decides for each picture
+         * @return this builder
+         */
+        public Builder keys(KeyPictures choice) {
+            keyPictures = Objects.requireNonNull(choice, "choice");
             return this;
         }
 

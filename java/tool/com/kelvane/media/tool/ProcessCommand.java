@@ -9,6 +9,7 @@ import com.kelvane.media.tool.input.VideoSource;
 import com.kelvane.media.tool.input.VideoTrack;
 import com.kelvane.media.tool.output.Comparison;
 import com.kelvane.media.tool.output.ContactSheet;
+import com.kelvane.media.tool.output.Products;
 import com.kelvane.media.tool.output.RenditionOutput;
 import com.kelvane.media.tool.output.RenditionRequest;
 import com.kelvane.media.tool.output.Results;
@@ -42,6 +43,7 @@ import picocli.CommandLine.TypeConversionException;
         footer = {"", "Results are OUT.h264, OUT.mp4 and OUT.png, which shows four moments before and after.", "", "Example:",
                 "  kelvane process in.mp4 --module modules/mosaic.so --set region=200,200,400,300"})
 final class ProcessCommand implements Callable<Integer> {
+    private static final Products PRODUCTS = new Products(true, true, 0);
     private static final int SMALLEST_BITRATE = 256_000;
     private static final int LARGEST_RATE = 60;
     private static final double BITS_PER_SAMPLE = 0.1;
@@ -160,7 +162,7 @@ final class ProcessCommand implements Callable<Integer> {
         String damage;
         int accessUnits;
         try (AacSource heard = audio == null ? null : AacSource.open(audio, timeline);
-                Results files = new Results(List.of(output), track.meaning(), heard, workspace);
+                Results files = new Results(List.of(output), PRODUCTS, track.meaning(), heard, workspace);
                 VideoSource source = new VideoSource(track, timeline)) {
             processing = new Processing(pipeline, files);
             processing.run(source, track.seconds());
@@ -177,7 +179,7 @@ final class ProcessCommand implements Callable<Integer> {
         if (!noComparison) {
             Progress.stage("comparing with the source");
             try (VideoSource source = new VideoSource(track, timeline)) {
-                comparison = new Comparison(track, source, List.of(output), moments, workspace);
+                comparison = new Comparison(track, source, List.of(output), PRODUCTS, List.of(), moments, workspace);
             }
         }
         Map<String, String> files = new LinkedHashMap<>();

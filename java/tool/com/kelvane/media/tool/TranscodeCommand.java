@@ -1,30 +1,24 @@
 package com.kelvane.media.tool;
 
 import com.kelvane.media.Rendition;
-import com.kelvane.media.Transcoder;
-import com.kelvane.media.tool.input.AacSource;
-import com.kelvane.media.tool.input.AudioTrack;
-import com.kelvane.media.tool.input.Timeline;
-import com.kelvane.media.tool.input.VideoSource;
 import com.kelvane.media.tool.input.VideoTrack;
-import com.kelvane.media.tool.output.Comparison;
-import com.kelvane.media.tool.output.ContactSheet;
+import com.kelvane.media.tool.output.Hls;
 import com.kelvane.media.tool.output.RenditionOutput;
 import com.kelvane.media.tool.output.RenditionRequest;
-import com.kelvane.media.tool.output.Results;
 import com.kelvane.media.tool.output.Summary;
 import com.kelvane.media.tool.output.Workspace;
 import com.kelvane.media.tool.shell.Caller;
 import com.kelvane.media.tool.shell.FFmpegLog;
 import com.kelvane.media.tool.shell.Failure;
-import com.kelvane.media.tool.shell.Progress;
 import java.io.IOException;
+import java.nio.file.Files;
 import java.nio.file.Path;
 import java.util.ArrayList;
 import java.util.HashSet;
 import java.util.List;
 import java.util.Set;
 import java.util.concurrent.Callable;
+import java.util.stream.IntStream;
 import picocli.CommandLine.Command;
 import picocli.CommandLine.Mixin;
 import picocli.CommandLine.Model.CommandSpec;
@@ -36,12 +30,11 @@ import picocli.CommandLine.Spec;
 @Command(name = "transcode", mixinStandardHelpOptions = true, versionProvider = Kelvane.Version.class,
         sortOptions = false, usageHelpAutoWidth = true,
         description = {"Decodes one H.264 stream once and encodes it into several renditions.", ""},
-        footer = {"", "DIR receives WxH.h264 and, with the sound, WxH.mp4 for every rendition, and contact-sheet.png, which shows"
-                + " the source and every rendition at four moments.", "", "Example:",
+        footer = {"", "DIR receives, with the sound, an HLS ladder (master.m3u8 and a folder of segments for each rendition) and"
+                + " WxH.mp4 for every rendition, and contact-sheet.png, which shows the source and every rendition at four"
+                + " moments.", "", "Example:",
                 "  kelvane transcode in.mp4 -r 1280x720@2500k -r 640x360@800k,key=60 --start 1:30 --duration 20"})
 final class TranscodeCommand implements Callable<Integer> {
-    private static final String SHEET = "contact-sheet.png";
-
     @Spec
     private CommandSpec command;
 
@@ -79,6 +72,9 @@ final class TranscodeCommand implements Callable<Integer> {
             + " more: PSNR and contact sheet.")
     private boolean noComparison;
 
+    @Mixin
+    private ResultOptions made;
+
     @Override
     public Integer call() throws IOException {
         checkUsage();
@@ -88,18 +84,27 @@ final class TranscodeCommand implements Callable<Integer> {
         List<Rendition> wanted = requests.stream()
                 .map(request -> request.completed(track.frameRate())).toList();
         List<Double> rates = requests.stream().map(request -> request.pictureRate(track.frameRate())).toList();
+        List<RenditionOutput> outputs = IntStream.range(0, wanted.size()).mapToObj(i -> new RenditionOutput(
+                wanted.get(i).width(), wanted.get(i).height(), rates.get(i), false)).toList();
         Path results = Caller.path(directory);
-        List<String> files = new ArrayList<>(List.of(SHEET));
-        for (Rendition rendition : wanted) {
-            String size = rendition.width() + "x" + rendition.height();
-            files.addAll(List.of(size + ".mp4", size + ".h264"));
-        }
-        check(!Workspace.wouldReplace(track.path(), results, files),
+        List<String> folders = made.folders(outputs);
+        check(!Workspace.wouldReplace(track.path(), results, made.files(outputs))
+                && !Workspace.holds(results, folders, track.path()),
                 track.path() + " would be overwritten by its own rendition; name another directory with -o");
-        try (Workspace workspace = new Workspace(results)) {
-            transcode(track, wanted, rates, workspace);
+        for (String folder : folders) {
+            if (Files.exists(results.resolve(folder)) && !Hls.isOurs(results.resolve(folder))) {
+                throw new Failure("%s holds something else than segments, and is not replaced; name another directory with"
+                        + " -o", results.resolve(folder));
+            }
         }
-        Caller.OUTPUT.println("results: " + results);
+        try (Workspace workspace = new Workspace(results)) {
+            FFmpegLog.silence();
+            Summary.head(track);
+            double length = duration == null ? Double.POSITIVE_INFINITY : duration;
+            new TranscodeRun(track, sound.choose(track), start, length, fitted(wanted, requests, rates), outputs, made,
+                    workspace).run(!noComparison);
+        }
+        Summary.line("results: %s", results);
         return 0;
     }
 
@@ -111,6 +116,7 @@ final class TranscodeCommand implements Callable<Integer> {
                     + "; files are named after sizes, so each can be made once");
         }
         check(duration == null || duration > 0, "--duration takes more than 0");
+        check(made.problem() == null, made.problem());
     }
 
     private void check(boolean right, String message) {
@@ -119,84 +125,20 @@ final class TranscodeCommand implements Callable<Integer> {
         }
     }
 
-    private void transcode(VideoTrack track, List<Rendition> wanted, List<Double> rates, Workspace workspace)
-            throws IOException {
-        FFmpegLog.silence();
-        Summary.head(track);
-        AudioTrack audio = sound.choose(track);
-        Timeline timeline = track.timeline(audio, start, duration == null ? Double.POSITIVE_INFINITY : duration);
-        List<RenditionOutput> outputs = new ArrayList<>();
+    /** The renditions with key intervals that fit the segments; says where those that were asked for do not. */
+    private List<Rendition> fitted(List<Rendition> wanted, List<RenditionRequest> requests, List<Double> rates) {
+        int segment = made.products().segmentSeconds();
+        if (!made.products().hls()) {
+            return wanted;
+        }
+        List<Rendition> fitted = new ArrayList<>();
         for (int i = 0; i < wanted.size(); i++) {
-            outputs.add(new RenditionOutput(wanted.get(i).width(), wanted.get(i).height(), rates.get(i), false));
-        }
-        Transcoding transcoding;
-        String damage;
-        int accessUnits;
-        try (AacSource heard = audio == null ? null : AacSource.open(audio, timeline);
-                Results files = new Results(outputs, track.meaning(), heard, workspace);
-                VideoSource source = new VideoSource(track, timeline)) {
-            transcoding = new Transcoding(track, timeline, rates, files);
-            double left = Math.max(0, track.seconds() - start);
-            transcoding.run(wanted, source, duration == null ? left : left > 0 ? Math.min(left, duration) : duration);
-            checkProduced(track, transcoding);
-            Progress.stage("writing MP4 files");
-            files.finish();
-            accessUnits = source.count();
-            damage = source.damage(transcoding.shown().last() / 1000.0 + 1 / track.frameRate());
-        }
-
-        double seconds = transcoding.shown().seconds(track.frameRate());
-        List<String> files = new ArrayList<>();
-        outputs.forEach(output -> files.addAll(List.of(output.streamName(), output.containerName())));
-        Comparison comparison = noComparison ? null : compare(track, timeline, transcoding, outputs, workspace);
-        if (comparison != null && comparison.grid() != null) {
-            drawSheet(track, outputs, transcoding, seconds, comparison, workspace);
-            files.add(SHEET);
-        }
-        workspace.publish(files);
-        Progress.clear();
-        Summary.table(transcoding.statistics(), seconds, comparison);
-        int pictures = transcoding.shown().count();
-        Summary.line("%d pictures, %.1f s of video, in %.2f s: %.0f pictures a second, %.1f times real time; %.2f s of CPU in"
-                + " the transcoding thread", pictures, seconds, transcoding.seconds(), pictures / transcoding.seconds(),
-                seconds / transcoding.seconds(), transcoding.cpuSeconds());
-        Summary.notes(accessUnits, transcoding.statistics().pictures(), damage, comparison);
-    }
-
-    private void checkProduced(VideoTrack track, Transcoding transcoding) {
-        Transcoder.Statistics statistics = transcoding.statistics();
-        if (transcoding.shown().count() == 0) {
-            double end = statistics.pictures() == 0 ? track.seconds()
-                    : start + transcoding.last() / 1000.0 + 1 / track.frameRate();
-            throw start > 0 && end <= start ? new Failure("%s ends after %.1f seconds; begin earlier with --start",
-                    track.path(), end) : new Failure("no picture of %s could be decoded", track.path());
-        }
-        for (Transcoder.RenditionStatistics rendition : statistics.renditions()) {
-            if (rendition.pictures() == 0) {
-                throw new Failure("pictures were decoded but OpenH264 encoded none for %dx%d; change its size, bit rate or"
-                        + " quantisers", rendition.rendition().width(), rendition.rendition().height());
+            boolean given = requests.get(i).settings().keyInterval() > 0;
+            if (given) {
+                SegmentKeys.misfit(wanted.get(i), rates.get(i), segment).ifPresent(line -> Summary.line("%s", line));
             }
+            fitted.add(given ? wanted.get(i) : SegmentKeys.withoutOwn(wanted.get(i), segment));
         }
-    }
-
-    private static Comparison compare(VideoTrack track, Timeline timeline, Transcoding transcoding,
-                                      List<RenditionOutput> outputs, Workspace workspace) throws IOException {
-        Progress.stage("comparing with the source");
-        try (VideoSource source = new VideoSource(track, timeline)) {
-            return new Comparison(track, source, outputs, transcoding.times().moments(), workspace);
-        }
-    }
-
-    private static void drawSheet(VideoTrack track, List<RenditionOutput> outputs, Transcoding transcoding, double seconds,
-                                  Comparison comparison, Workspace workspace) throws IOException {
-        List<ContactSheet.Label> labels = new ArrayList<>();
-        labels.add(new ContactSheet.Label("source", List.of(track.width() + "x" + track.height(),
-                String.format("%.2f pictures/s", track.frameRate()))));
-        for (int i = 0; i < outputs.size(); i++) {
-            labels.add(Summary.label(outputs.get(i).size(), transcoding.statistics().renditions().get(i).bytes(), seconds,
-                    comparison.psnr(i)));
-        }
-        ContactSheet.draw(track.path().getFileName().toString(), comparison.grid(), comparison.cellHeights(), labels,
-                transcoding.times().moments(), workspace.path(SHEET));
+        return fitted;
     }
 }

@@ -7,6 +7,7 @@ import com.kelvane.media.Transcoder;
 import com.kelvane.media.tool.input.Timeline;
 import com.kelvane.media.tool.input.VideoSource;
 import com.kelvane.media.tool.input.VideoTrack;
+import com.kelvane.media.tool.output.PictureFigures;
 import com.kelvane.media.tool.output.PictureTimes;
 import com.kelvane.media.tool.output.Results;
 import com.kelvane.media.tool.shell.Progress;
@@ -22,6 +23,10 @@ final class Transcoding {
     private final RateReducer[] reducers;
     private final PictureTimes times = new PictureTimes();
     private final Results results;
+    private final SegmentKeys segments;
+    private final boolean[] kept;    // of each rendition, whether it gets the picture at hand
+    private boolean begins;          // whether a segment may begin with it
+    private final List<PictureFigures> figures;
     private final PictureTimes shown = new PictureTimes();
     private int taken; // renditions that have the picture at hand
     private long last = Long.MIN_VALUE;
@@ -31,19 +36,24 @@ final class Transcoding {
 
     /**
      * @param rates pictures per second of each rendition
+     * @param segments null where there are none
      * @param results take what comes out
      */
-    Transcoding(VideoTrack track, Timeline timeline, List<Double> rates, Results results) {
+    Transcoding(VideoTrack track, Timeline timeline, List<Double> rates, SegmentKeys segments, Results results) {
         this.timeline = timeline;
         this.results = results;
         reducers = rates.stream().map(rate -> new RateReducer(track.frameRate(), rate)).toArray(RateReducer[]::new);
+        this.segments = segments;
+        kept = new boolean[reducers.length];
+        figures = rates.stream().map(rate -> new PictureFigures()).toList();
     }
 
     void run(List<Rendition> renditions, VideoSource source, double expectedSeconds) throws IOException {
         ThreadMXBean threads = ManagementFactory.getThreadMXBean();
         long cpuBegin = threads.getCurrentThreadCpuTime();
         long begin = System.nanoTime();
-        try (Transcoder transcoder = Transcoder.builder().renditions(renditions).select(this::wants).open();
+        try (Transcoder transcoder = Transcoder.builder().renditions(renditions).select(this::wants)
+                        .keys((index, time) -> begins).open();
                 Progress progress = new Progress(Math.round(1000 * expectedSeconds))) {
             for (AccessUnit unit = source.next(); unit != null && last < timeline.length(); unit = source.next()) {
                 transcoder.write(unit.bytes(), unit.time(), this::take);
@@ -62,11 +72,18 @@ final class Transcoding {
         if (index == 0) {
             taken = 0;
             last = time;
-            if (timeline.shows(time)) {
+            boolean isShown = timeline.shows(time);
+            if (isShown) {
                 shown.add(time);
             }
+            boolean inAll = isShown;
+            for (int i = 0; i < kept.length; i++) {
+                kept[i] = isShown && reducers[i].keeps(time);
+                inAll &= kept[i];
+            }
+            begins = segments != null && inAll && segments.begins(time);
         }
-        return timeline.shows(time) && reducers[index].keeps(time);
+        return kept[index];
     }
 
     private void take(EncodedPicture picture) {
@@ -76,6 +93,7 @@ final class Transcoding {
             times.add(time);
         }
         try {
+            figures.get(picture.index()).add(time, picture.size(), picture.isKey());
             results.write(picture.index(), picture.copy(), time, time);
         } catch (IOException problem) {
             throw new UncheckedIOException(problem);
@@ -85,6 +103,11 @@ final class Transcoding {
     /** Times of the pictures that are in every rendition. */
     PictureTimes times() {
         return times;
+    }
+
+    /** What became of the pictures of each rendition. */
+    List<PictureFigures> figures() {
+        return figures;
     }
 
     /** Time of the picture that was decoded last. */

@@ -118,6 +118,24 @@ final class TranscoderTest {
     }
 
     @Test
+    void beginsAnewWithAKeyPictureWhereOneIsAskedFor() {
+        List<AccessUnit> source = Vectors.timed(Vectors.REORDERED);
+        for (Transcoder.Builder builder : List.of(Transcoder.builder(), Transcoder.builder().parallel(Runnable::run))) {
+            List<List<Long>> keys = List.of(new ArrayList<>(), new ArrayList<>(), new ArrayList<>());
+            try (Transcoder transcoder = builder.renditions(LADDER).select((index, time) -> index == 0 || time != 240)
+                    .keys((index, time) -> time == 240 || index == 1 && time == 280).open()) {
+                run(transcoder, source, picture -> {
+                    if (picture.isKey()) {
+                        keys.get(picture.index()).add(picture.time());
+                    }
+                });
+            }
+            // The first rendition has a key interval of 10 pictures, 40 ms apart, counted from the one that was asked for.
+            assertEquals(List.of(List.of(0L, 240L, 640L, 1040L), List.of(0L, 280L), List.of(0L)), keys);
+        }
+    }
+
+    @Test
     void goesOnWithAnotherStreamAfterDrain() {
         List<AccessUnit> source = Vectors.timed(Vectors.REORDERED);
         List<Vectors.Encoded> pictures = new ArrayList<>();

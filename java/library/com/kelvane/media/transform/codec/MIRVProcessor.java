@@ -203,6 +203,17 @@ public final class MIRVProcessor {
     public static native int status(int output, long handle);
 
     /**
+     * Makes the next picture that a rendition encodes a key frame; the key-frame period is counted from there. To be called
+     * while no other thread encodes this rendition.
+     *
+     * @param output the rendition's position, from 0, in the order in which the ids were first applied
+     * @param handle the transcoder, or 0
+     * @return 1 when it will be; 0 when the rendition's encoder is not open, for a position that there is not and for a
+     *         handle of 0
+     */
+    public static native int requestKey(int output, long handle);
+
+    /**
      * Frees the transcoder with its decoder and its renditions. The handle is dead afterwards, and so is every buffer
      * that a listener was given.
      *

@@ -66,6 +66,14 @@ public final class PictureMeaning {
         return options;
     }
 
+    /** Width and height in square pixels, the right way up, of pictures of a size that shows all of the source. */
+    public int[] shownSize(int resultWidth, int resultHeight) {
+        // The wider of two shapes is kept as it is, and the height follows.
+        int shownHeight = (int) Math.max(1, Math.round((double) resultWidth * height * pixelHeight / (width * pixelWidth)));
+        int[] size = pixelWidth == pixelHeight ? new int[] {resultWidth, resultHeight} : new int[] {resultWidth, shownHeight};
+        return rotation % 180 == 0 ? size : new int[] {size[1], size[0]};
+    }
+
     /** FFmpeg's filter that writes it into a stream of pictures of a size; nothing when there is nothing to write. */
     public Optional<String> streamFilter(int resultWidth, int resultHeight) {
         List<String> settings = new ArrayList<>(colours);

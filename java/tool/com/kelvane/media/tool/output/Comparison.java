@@ -8,12 +8,14 @@ import java.awt.image.BufferedImage;
 import java.io.BufferedOutputStream;
 import java.io.IOException;
 import java.nio.file.Files;
+import java.nio.file.Path;
 import java.util.ArrayList;
 import java.util.Arrays;
 import java.util.List;
 import java.util.regex.Matcher;
 import java.util.regex.Pattern;
 import java.util.stream.Collectors;
+import java.util.stream.Stream;
 import javax.imageio.ImageIO;
 
 /**
@@ -27,6 +29,8 @@ public final class Comparison {
     private static final String PICTURES = "comparison.png";
     private static final Pattern PSNR = Pattern.compile("\\[psnr@(\\d+) .*PSNR y:(\\S+).*");
 
+    private static final Pattern PICTURE_PSNR = Pattern.compile(".* psnr_y:(\\S+) .*");
+
     private final double[] psnr;
     private final int[] cellHeights;
     private BufferedImage grid;
@@ -35,10 +39,11 @@ public final class Comparison {
     /**
      * @param source the access units once more
      * @param outputs finished renditions
+     * @param figures take the PSNR of each picture
      * @param moments times of the pictures to show, in milliseconds, ascending
      */
-    public Comparison(VideoTrack track, VideoSource source, List<RenditionOutput> outputs, List<Long> moments,
-                      Workspace workspace) throws IOException {
+    public Comparison(VideoTrack track, VideoSource source, List<RenditionOutput> outputs, Products products,
+                      List<PictureFigures> figures, List<Long> moments, Workspace workspace) throws IOException {
         psnr = new double[outputs.size()];
         Arrays.fill(psnr, Double.NaN);
         cellHeights = new int[outputs.size() + 1];
@@ -52,7 +57,7 @@ public final class Comparison {
         command.addAll(List.of("-reinit_filter", "0", "-f", "matroska", "-i", "pipe:0"));
         for (RenditionOutput output : outputs) {
             command.addAll(List.of("-reinit_filter", "0", "-itsoffset", Integer.toString(SHIFT / 1000), "-noautorotate", "-i",
-                    output.comparedName()));
+                    products.comparedName(output)));
         }
         command.addAll(List.of("-filter_complex_script", SCRIPT, "-map", "[pictures]", "-vsync", "0", "-f", "image2", "-update",
                 "1", PICTURES));
@@ -62,6 +67,23 @@ public final class Comparison {
                 grid = ImageIO.read(workspace.path(PICTURES).toFile());
             }
         }
+        for (int i = 0; i < figures.size(); i++) {
+            Path measured = workspace.path(pictureFile(i + 1));
+            if (Files.exists(measured)) {
+                try (Stream<String> lines = Files.lines(measured)) {
+                    figures.get(i).measured(lines.map(PICTURE_PSNR::matcher).filter(Matcher::matches)
+                            .mapToDouble(line -> decibels(line.group(1))).toArray());
+                }
+            }
+        }
+    }
+
+    private static String pictureFile(int rendition) {
+        return "psnr" + rendition + ".txt";
+    }
+
+    private static double decibels(String text) {
+        return text.equals("inf") ? Double.POSITIVE_INFINITY : Double.parseDouble(text);
     }
 
     private static void feed(MediaProgram.Running program, VideoTrack track, VideoSource source)
@@ -117,7 +139,8 @@ public final class Comparison {
                 graph.append(String.format("[%s]scale=%d:%d:flags=bicubic,format=yuv420p[%s%d];\n", ends[0],
                         output.width(), output.height(), ends[1], i));
             }
-            graph.append(String.format("[result%d][reference%1$d]psnr@%1$d=shortest=1,", i)).append(cell(i));
+            graph.append(String.format("[result%d][reference%1$d]psnr@%1$d=shortest=1:stats_file=%2$s,", i,
+                    pictureFile(i))).append(cell(i));
         }
         for (int i = 0; i <= outputs.size(); i++) {
             graph.append("[cell").append(i).append(']');
@@ -138,8 +161,7 @@ public final class Comparison {
         }
         Matcher measured = PSNR.matcher(line);
         if (measured.matches()) {
-            psnr[Integer.parseInt(measured.group(1)) - 1] =
-                    measured.group(2).equals("inf") ? Double.POSITIVE_INFINITY : Double.parseDouble(measured.group(2));
+            psnr[Integer.parseInt(measured.group(1)) - 1] = decibels(measured.group(2));
         } else if (line.contains("concealing ")) {
             damagedPictures++;
         }

@@ -37,6 +37,11 @@ public final class MatroskaWriter implements Closeable {
         private boolean keepParameterSets;
         private byte[] entry; // the TrackEntry, once it is known
         private long delay;
+        private Picture held;
+    }
+
+    /** An access unit; its time is in milliseconds, with the delay. */
+    private record Picture(byte[] payload, long time, boolean key) {
     }
 
     public MatroskaWriter(OutputStream stream) {
@@ -113,19 +118,32 @@ public final class MatroskaWriter implements Closeable {
                     number(0x23e383, Math.round(1e9 / track.frameRate)),                  // DefaultDuration in nanoseconds
                     element(0xe0, number(0xb0, track.width), number(0xba, track.height)));
         }
-        write(number, payload.toByteArray(), time + track.delay, key);
+        Picture current = new Picture(payload.toByteArray(), time + track.delay, key);
+        if (track.keepParameterSets) { // and may come out of the order of display
+            write(number, current, 0);
+            return;
+        }
+        // Told how long each picture really lasts, FFmpeg begins fragments at the times of their pictures; otherwise it takes
+        // the usual duration for that of the picture before.
+        if (track.held != null) {
+            write(number, track.held, current.time - track.held.time);
+        }
+        track.held = current;
     }
 
     /** Adds an AAC access unit, without a header; its time may precede 0 by the track's delay. */
     public void writeSound(int number, byte[] accessUnit, long time) throws IOException {
-        write(number, accessUnit, time + tracks.get(number - 1).delay, true);
+        write(number, new Picture(accessUnit, time + tracks.get(number - 1).delay, true), 0);
     }
 
-    private void write(int number, byte[] payload, long delayedTime, boolean key) throws IOException {
-        long time = Math.max(0, delayedTime);
+    /** @param duration in milliseconds, 0 for the usual one */
+    private void write(int number, Picture block, long duration) throws IOException {
+        byte[] header = {(byte) (0x80 | number), 0, 0, (byte) (block.key && duration <= 0 ? 0x80 : 0)};
         // A cluster for every block: a block's own time is relative to its cluster's and has 16 bits only.
-        byte[] cluster = element(0x1f43b675, number(0xe7, time),                          // Cluster, Timestamp
-                element(0xa3, new byte[] {(byte) (0x80 | number), 0, 0, (byte) (key ? 0x80 : 0)}, payload)); // SimpleBlock
+        byte[] cluster = element(0x1f43b675, number(0xe7, Math.max(0, block.time)),       // Cluster, Timestamp
+                duration <= 0 ? element(0xa3, header, block.payload)                      // SimpleBlock
+                : element(0xa0, element(0xa1, header, block.payload), number(0x9b, duration), // BlockGroup, BlockDuration
+                        block.key ? new byte[0] : number(0xfb, -1)));                     // ReferenceBlock: the one before
         if (begun) {
             stream.write(cluster);
             return;
@@ -139,6 +157,11 @@ public final class MatroskaWriter implements Closeable {
     /** Writes what there is, also when tracks turned out to be empty. */
     @Override
     public void close() throws IOException {
+        for (int i = 0; i < tracks.size(); i++) {
+            if (tracks.get(i).held != null) {
+                write(i + 1, tracks.get(i).held, 0);
+            }
+        }
         if (!begun) {
             begin();
         }

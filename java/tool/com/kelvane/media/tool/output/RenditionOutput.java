@@ -7,7 +7,7 @@ package com.kelvane.media.tool.output;
  * @param processed whether a module worked on it: it may change its size in mid-stream and move times
  */
 public record RenditionOutput(int width, int height, double frameRate, boolean processed) {
-    /** Width and height, as users write them. */
+    /** Width and height, as users write them; also the folder of its segments. */
     public String size() {
         return width + "x" + height;
     }
@@ -22,8 +22,8 @@ public record RenditionOutput(int width, int height, double frameRate, boolean p
         return size() + ".mp4";
     }
 
-    /** Name of the pictures with the times of the source. */
-    String comparedName() {
-        return processed ? size() + ".source.mkv" : containerName();
+    /** Name of the pictures with the times of the source, where a module may have moved those of the result. */
+    String sourceTimedName() {
+        return size() + ".source.mkv";
     }
 }

@@ -13,7 +13,7 @@ import java.util.ArrayList;
 import java.util.List;
 import java.util.Optional;
 
-/** Writes the files of all renditions, the sound beside the pictures: one FFmpeg makes all MP4 files while they come. */
+/** Writes the files of all renditions, the sound beside the pictures: one FFmpeg makes all containers while they come. */
 public final class Results implements Closeable {
     private static final int BUFFER = 1 << 16; // bytes
 
@@ -28,25 +28,39 @@ public final class Results implements Closeable {
     private boolean finished;
 
     /**
+     * @param products what is made
      * @param meaning how the pictures are to be shown
      * @param sound null when there is none
      */
-    public Results(List<RenditionOutput> outputs, PictureMeaning meaning, AacSource sound, Workspace workspace)
-            throws IOException {
+    public Results(List<RenditionOutput> outputs, Products products, PictureMeaning meaning, AacSource sound,
+                   Workspace workspace) throws IOException {
         this.sound = sound;
         nextSound = sound == null ? null : sound.next();
         List<String> command = new ArrayList<>(List.of("-v", "error", "-copyts", "-f", "matroska", "-i", "pipe:0"));
         for (int i = 0; i < outputs.size(); i++) {
             RenditionOutput output = outputs.get(i);
             Optional<String> filter = meaning.streamFilter(output.width(), output.height());
-            command.addAll(List.of("-map", "0:v:" + i, "-map", "0:a?", "-c", "copy"));
-            filter.ifPresent(written -> command.addAll(List.of("-bsf:v", written)));
-            command.addAll(meaning.containerOptions());
-            command.addAll(List.of("-movflags", "+faststart", output.containerName()));
-            if (filter.isPresent()) {
+            List<String> copied = new ArrayList<>(List.of("-map", "0:v:" + i, "-c", "copy"));
+            filter.ifPresent(written -> copied.addAll(List.of("-bsf:v", written)));
+            copied.addAll(meaning.containerOptions());
+            if (products.writesMp4()) {
+                command.addAll(copied);
+                command.addAll(List.of("-map", "0:a?", "-movflags", "+faststart", output.containerName()));
+            }
+            if (products.hls()) {
+                workspace.makeFolder(output.size());
+                command.addAll(copied);
+                command.addAll(Hls.options(output.size(), products.segmentSeconds()));
+            }
+            if (products.raw() && filter.isPresent()) {
                 command.addAll(List.of("-map", "0:v:" + i, "-c", "copy", "-bsf:v", "h264_mp4toannexb," + filter.get(), "-f",
                         "h264", output.streamName()));
             }
+        }
+        if (products.hls() && nextSound != null) {
+            workspace.makeFolder(Hls.SOUND);
+            command.addAll(List.of("-map", "0:a", "-c", "copy"));
+            command.addAll(Hls.options(Hls.SOUND, products.segmentSeconds()));
         }
         error = new MediaProgram.FirstError(workspace.folder());
         program = MediaProgram.FFMPEG.start(workspace.folder(), command, true, error);
@@ -54,10 +68,10 @@ public final class Results implements Closeable {
         MatroskaWriter bySource = null;
         for (RenditionOutput output : outputs) {
             timed.addVideo(output.width(), output.height(), output.frameRate(), output.processed());
-            streams.add(meaning.streamFilter(output.width(), output.height()).isPresent() ? OutputStream.nullOutputStream()
-                    : open(output.streamName(), workspace));
+            boolean written = products.raw() && meaning.streamFilter(output.width(), output.height()).isEmpty();
+            streams.add(written ? open(output.streamName(), workspace) : OutputStream.nullOutputStream());
             if (output.processed()) {
-                bySource = new MatroskaWriter(open(output.comparedName(), workspace));
+                bySource = new MatroskaWriter(open(output.sourceTimedName(), workspace));
                 bySource.addVideo(output.width(), output.height(), output.frameRate(), true);
             }
         }
@@ -96,6 +110,11 @@ public final class Results implements Closeable {
         }
     }
 
+    /** Whether there is any sound. */
+    public boolean hasSound() {
+        return soundTrack > 0;
+    }
+
     /** Writes what is left of the sound and waits until the files are complete. */
     public void finish() throws IOException {
         finished = true;
@@ -112,7 +131,7 @@ public final class Results implements Closeable {
             compared.close();
         }
         if (program.finish() != 0) {
-            throw new Failure("the MP4 files could not be written: %s", error);
+            throw new Failure("the results could not be written: %s", error);
         }
     }
 
@@ -121,7 +140,7 @@ public final class Results implements Closeable {
         program.close();
         program.finish();
         if (!error.isEmpty()) {
-            throw new Failure("the MP4 files could not be written: %s", error);
+            throw new Failure("the results could not be written: %s", error);
         }
         return problem;
     }

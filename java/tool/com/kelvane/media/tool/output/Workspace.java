@@ -11,6 +11,7 @@ import java.nio.channels.OverlappingFileLockException;
 import java.nio.file.DirectoryNotEmptyException;
 import java.nio.file.DirectoryStream;
 import java.nio.file.Files;
+import java.nio.file.LinkOption;
 import java.nio.file.Path;
 import java.nio.file.StandardCopyOption;
 import java.nio.file.StandardOpenOption;
@@ -24,6 +25,7 @@ import java.util.stream.Stream;
 public final class Workspace implements AutoCloseable {
     private static final String PREFIX = ".kelvane-";
     private static final String LOCK = "lock";
+    private static final String REPLACED = "replaced ";
     private static final int ATTEMPTS = 10;
     private static volatile boolean interrupted;
 
@@ -81,7 +83,11 @@ public final class Workspace implements AutoCloseable {
     private static void empty(Path folder) throws IOException {
         try (Stream<Path> files = Files.list(folder)) {
             for (Path file : (Iterable<Path>) files::iterator) {
-                Files.deleteIfExists(file);
+                if (Files.isDirectory(file, LinkOption.NOFOLLOW_LINKS)) {
+                    empty(file);
+                } else {
+                    Files.deleteIfExists(file);
+                }
             }
         }
         Files.delete(folder);
@@ -92,6 +98,17 @@ public final class Workspace implements AutoCloseable {
         for (String name : names) {
             Path result = directory.resolve(name);
             if (Files.exists(result) && Files.isSameFile(result, source)) {
+                return true;
+            }
+        }
+        return false;
+    }
+
+    /** Whether a file that is only to be read lies in one of these folders of a directory. */
+    public static boolean holds(Path directory, List<String> folders, Path source) throws IOException {
+        for (String folder : folders) {
+            Path result = directory.resolve(folder);
+            if (Files.exists(result) && source.toRealPath().startsWith(result.toRealPath())) {
                 return true;
             }
         }
@@ -110,12 +127,26 @@ public final class Workspace implements AutoCloseable {
         return folder.resolve(name);
     }
 
-    /** Moves finished files to their final names. */
+    /** Makes a folder for results. */
+    public void makeFolder(String name) throws IOException {
+        Files.createDirectory(path(name));
+    }
+
+    /**
+     * Moves finished files and folders to their final names, in this order. What is replaced goes away with the temporary
+     * folder; the last one goes first, so that a list of the others never leads to a mixture of runs.
+     */
     public synchronized void publish(List<String> names) throws IOException {
         if (interrupted) {
             throw new IOException("interrupted");
         }
         published = true;
+        for (int i = names.size() - 1; i >= 0; i--) {
+            Path replaced = directory.resolve(names.get(i));
+            if (Files.exists(replaced) && (i == names.size() - 1 || Files.isDirectory(path(names.get(i))))) {
+                Files.move(replaced, path(REPLACED + names.get(i)), StandardCopyOption.ATOMIC_MOVE);
+            }
+        }
         for (String name : names) {
             Files.move(path(name), directory.resolve(name), StandardCopyOption.ATOMIC_MOVE);
         }

@@ -1,0 +1,65 @@
+package com.kelvane.media.tool;
+
+import com.kelvane.media.tool.output.Hls;
+import com.kelvane.media.tool.output.Products;
+import com.kelvane.media.tool.output.RenditionOutput;
+import java.util.ArrayList;
+import java.util.List;
+import picocli.CommandLine.Option;
+
+/** What a transcoding leaves in its directory. */
+final class ResultOptions {
+    static final String SHEET = "contact-sheet.png";
+    private static final int LONGEST_SEGMENT = 60;
+
+    @Option(names = "--segment", paramLabel = "SECONDS", description = "Length of HLS segments, 1-60 whole seconds (default:"
+            + " ${DEFAULT-VALUE}).")
+    private int segment = 4;
+
+    @Option(names = "--no-hls", description = "Make no HLS ladder.")
+    private boolean noHls;
+
+    @Option(names = "--no-mp4", description = "Make no MP4 files.")
+    private boolean noMp4;
+
+    @Option(names = "--raw", description = "Make bare streams, WxH.h264, as well.")
+    private boolean raw;
+
+    /** What is wrong with the options, or null. */
+    String problem() {
+        return segment < 1 || segment > LONGEST_SEGMENT ? "--segment takes whole seconds from 1 to " + LONGEST_SEGMENT
+                : noHls && noMp4 && !raw ? "--no-hls and --no-mp4 leave nothing to make but with --raw" : null;
+    }
+
+    Products products() {
+        return new Products(!noMp4, raw, noHls ? 0 : segment);
+    }
+
+    /** Names of the folders that a run may make. */
+    List<String> folders(List<RenditionOutput> outputs) {
+        List<String> folders = new ArrayList<>();
+        if (!noHls) {
+            outputs.forEach(output -> folders.add(output.size()));
+            folders.add(Hls.SOUND);
+        }
+        return folders;
+    }
+
+    /** Names of the files that a run may make, the one that leads to all others last. */
+    List<String> files(List<RenditionOutput> outputs) {
+        List<String> files = new ArrayList<>();
+        for (RenditionOutput output : outputs) {
+            if (!noMp4) {
+                files.add(output.containerName());
+            }
+            if (raw) {
+                files.add(output.streamName());
+            }
+        }
+        files.addAll(List.of(SHEET));
+        if (!noHls) {
+            files.add(Hls.MASTER);
+        }
+        return files;
+    }
+}
