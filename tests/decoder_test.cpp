@@ -396,9 +396,9 @@ TEST(EngineDecoder, ComesBackFromConfusedFields) {
         decoder.open();
         for (const Bytes& unit : accessUnits("confused_fields.h264"))
             decodeWith(decoder, unit, 0);
-        for (const uint32_t pass : {1, 2})
+        for (const uint32_t pass : {1, 2, 3})
             for (const Bytes& unit : good)
-                pictures += decodeWith(decoder, unit, pass).time == pass * int64_t{1000} && pass == 2;
+                pictures += decodeWith(decoder, unit, pass).time == 3000;
         while (drainWith(decoder).time >= 0)
             ++pictures;
     });

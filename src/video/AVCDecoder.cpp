@@ -148,26 +148,25 @@ int VideoDecoder::decode(signed char* data, int size, unsigned int time) {
     std::memcpy(packet.data, data, static_cast<size_t>(size));
     // FFmpeg does begin an IDR frame behind an unfinished picture, but with that one's parameter sets, in
     // which it may fail again; and there are confusions of fields in which it begins every frame and shows
-    // none. From an IDR picture on, each comes out or is held back; of those that are, FFmpeg knows the
-    // number.
-    if (unseenPictures > context->has_b_frames && contents.pictureStart == idrSlice) {
+    // none. Each IDR picture comes out or is held back; of those that are, FFmpeg knows the number.
+    if (unseenIdrPictures > context->has_b_frames && contents.pictureStart == idrSlice) {
         // What is held back and referred to can go: this picture needs none of it. Giving up the picture
         // alone is not enough for FFmpeg to get out of every confusion of fields.
         avcodec_flush_buffers(context.get());
-        slicesGiven = unseenPictures = 0;
+        slicesGiven = unseenIdrPictures = 0;
     }
     const uint64_t begunBefore = picturesBegun;
     int got = 0;
     avcodec_decode_video2(context.get(), frame.get(), &got, &packet);
     if (got > 0) {
-        refusedPictures = unseenPictures = 0;
+        refusedPictures = unseenIdrPictures = 0;
     } else if (picturesBegun != begunBefore) {
         refusedPictures = 0;
-        if (contents.pictureStart == idrSlice || unseenPictures > 0) ++unseenPictures;
+        if (contents.pictureStart == idrSlice) ++unseenIdrPictures;
     } else if (isRefused(contents.pictureStart)) {
         giveUpPicture();
         avcodec_decode_video2(context.get(), frame.get(), &got, &packet);
-        refusedPictures = unseenPictures = 0;
+        refusedPictures = unseenIdrPictures = 0;
     }
     if (picturesBegun != begunBefore) slicesGiven = contents.slices;
     timestamp = time;
@@ -200,7 +199,7 @@ int VideoDecoder::drain() {
         avcodec_flush_buffers(context.get());
         context->has_b_frames = 0; // the delay that FFmpeg learnt from the old stream
         picturesBegun = 0;
-        refusedPictures = unseenPictures = slicesGiven = 0;
+        refusedPictures = unseenIdrPictures = slicesGiven = 0;
     }
     return receive(got);
 }

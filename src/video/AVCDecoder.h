@@ -45,6 +45,6 @@ private:
 
     uint64_t picturesBegun = 0;    // by FFmpeg, in this stream
     int32_t refusedPictures = 0;   // in a row, which FFmpeg was given and did not begin
-    int32_t unseenPictures = 0;    // begun since a picture last came out, from an IDR picture on
+    int32_t unseenIdrPictures = 0; // begun since a picture last came out
     int32_t slicesGiven = 0;       // to FFmpeg, since it began its present picture or gave one up
 };
