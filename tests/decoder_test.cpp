@@ -385,3 +385,22 @@ TEST(EngineDecoder, GoesOnAfterAPictureThatLostItsEnd) {
         });
     }
 }
+
+// Fields of which some were lost and one is marked wrongly: FFmpeg then begins every picture and shows none,
+// for ever.
+TEST(EngineDecoder, ComesBackFromConfusedFields) {
+    const std::vector<Bytes> good = accessUnits("fields.h264");
+    VideoDecoder decoder;
+    int pictures = 0;
+    printedBy([&] {
+        decoder.open();
+        for (const Bytes& unit : accessUnits("confused_fields.h264"))
+            decodeWith(decoder, unit, 0);
+        for (const uint32_t pass : {1, 2, 3})
+            for (const Bytes& unit : good)
+                pictures += decodeWith(decoder, unit, pass).time == 3000;
+        while (drainWith(decoder).time >= 0)
+            ++pictures;
+    });
+    EXPECT_EQ(static_cast<size_t>(pictures), good.size() / 2);
+}

@@ -54,11 +54,14 @@ bool endsWith(const Answers& answers, const Answers& end) {
     return answers.size() >= end.size() && std::equal(end.rbegin(), end.rend(), answers.rbegin());
 }
 
-// Two streams, of which the first does not end: what came out of both.
-Answers playTwice(Subject& subject, const Script& script, uint32_t first, uint32_t second) {
-    Answers answers = play(subject, script, first, false);
-    const Answers more = play(subject, script, second, true);
-    answers.insert(answers.end(), more.begin(), more.end());
+// The same stream in a row, with the end after the last: what came out of all.
+constexpr size_t passes = 3;
+Answers playInARow(Subject& subject, const Script& script, uint32_t time) {
+    Answers answers;
+    for (uint32_t pass = 1; pass <= passes; ++pass) {
+        const Answers more = play(subject, script, pass * time, pass == passes);
+        answers.insert(answers.end(), more.begin(), more.end());
+    }
     return outcomes(answers);
 }
 
@@ -83,25 +86,28 @@ TEST(EngineReliability, OutlivesHostileInput) {
 }
 
 // One fault in every call. An engine that is then drained, as at the end of a stream, answers the next stream
-// as a new one does; one that is not shows every picture from the second key picture on, and most from the
-// first.
+// as a new one does, and one that is not shows every picture of it from the first key picture on; with two
+// exceptions. FFmpeg shows through what it had of a damaged key picture in the next one, flushed or not; and
+// confused fields take a third.
 TEST(EngineReliability, ServesTheNextGoodInputAfterAnyBadOne) {
     std::map<std::string, std::array<int, faults>> done;
-    int streams = 0, fromTheFirst = 0, asNew = 0;
+    int streams = 0, fromTheFirst = 0, fromTheSecond = 0, asNew = 0;
     for (const SubjectKind& kind : subjectKinds()) {
         if (kind.input == SubjectKind::noise) continue;
         for (const char* file : kind.seeds) {
             const Script good = seedOf(kind, file);
-            constexpr uint32_t first = 100'000, second = 200'000;
-            Answers alone, both;
+            constexpr uint32_t time = 100'000;
+            Answers alone, all;
             quietly([&] {
-                alone = play(*opened(kind, good), good, first, true);
-                both = playTwice(*opened(kind, good), good, first, second);
+                alone = play(*opened(kind, good), good, time, true);
+                all = playInARow(*opened(kind, good), good, time);
             });
             const size_t pictures = outcomes(alone).size();
             if (pictures == 0 && std::string(file) == "tiny.h264") continue; // too small for an encoder
-            ASSERT_GE(both.size() + !kind.exact, 2 * pictures) << kind.name << " " << file;
-            const Answers secondPass(both.begin() + static_cast<ptrdiff_t>(pictures), both.end());
+            ASSERT_GE(all.size() + (kind.exact ? 0 : 2), passes * pictures) << kind.name << " " << file;
+            const auto fromPass = [&](size_t pass) {
+                return Answers(all.begin() + static_cast<ptrdiff_t>(pass * pictures), all.end());
+            };
             for (int fault = 0; fault < faults; ++fault) {
                 SCOPED_TRACE(std::string(kind.name) + " " + file + ", fault " + std::to_string(fault));
                 std::minstd_rand random(static_cast<unsigned>(1 + fault));
@@ -123,20 +129,20 @@ TEST(EngineReliability, ServesTheNextGoodInputAfterAnyBadOne) {
                     quietly([&] {
                         const auto subject = opened(kind, good);
                         play(*subject, bad, 0, true);
-                        drained = play(*subject, good, first, true);
+                        drained = play(*subject, good, time, true);
                         const auto other = opened(kind, good);
                         play(*other, bad, 0, false);
-                        answers = playTwice(*other, good, first, second);
+                        answers = playInARow(*other, good, time);
                     });
                     if (!kind.exact) { // encoders and sound depend on what was before
                         EXPECT_GE(outcomes(drained).size() + 1, pictures); // as does which one a module drops
-                        EXPECT_GE(answers.size() + 1, 2 * pictures);
+                        EXPECT_GE(answers.size() + 2, passes * pictures);
                         continue;
                     }
-                    EXPECT_TRUE(endsWith(answers, secondPass));
-                    if (kind.input == SubjectKind::packets) continue;
+                    EXPECT_TRUE(endsWith(answers, fromPass(2)));
                     ++streams;
-                    fromTheFirst += endsWith(answers, both);
+                    fromTheFirst += endsWith(answers, all);
+                    fromTheSecond += endsWith(answers, fromPass(1));
                     asNew += drained == alone;
                 }
             }
@@ -147,8 +153,9 @@ TEST(EngineReliability, ServesTheNextGoodInputAfterAnyBadOne) {
             "%s: %d flips, %d truncations, %d calls in streams with calls left out, %d doubled, %d swapped\n",
             name.c_str(), counts[flip], counts[cut], counts[drop], counts[repeat], counts[swap]);
     std::printf(
-        "%d damaged H.264 streams; every picture from the first key picture on: %d, drained first: %d\n",
-        streams, fromTheFirst, asNew);
+        "%d damaged H.264 streams: every picture from the third key picture on; from the second %d, from the "
+        "first %d, drained first %d\n",
+        streams, fromTheSecond, fromTheFirst, asNew);
     EXPECT_GT(fromTheFirst, streams * 9 / 10);
     EXPECT_GT(asNew, streams * 9 / 10);
 }

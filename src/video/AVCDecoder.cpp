@@ -147,11 +147,13 @@ int VideoDecoder::decode(signed char* data, int size, unsigned int time) {
     packet.pts = int64_t{time} * 1000;
     std::memcpy(packet.data, data, static_cast<size_t>(size));
     // FFmpeg does begin an IDR frame behind an unfinished picture, but with that one's parameter sets, in
-    // which it may fail again. Each IDR picture comes out or is held back; of those that are, FFmpeg knows
-    // the number.
+    // which it may fail again; and there are confusions of fields in which it begins every frame and shows
+    // none. Each IDR picture comes out or is held back; of those that are, FFmpeg knows the number.
     if (unseenIdrPictures > context->has_b_frames && contents.pictureStart == idrSlice) {
-        giveUpPicture();
-        unseenIdrPictures = 0;
+        // What is held back and referred to can go: this picture needs none of it. Giving up the picture
+        // alone is not enough for FFmpeg to get out of every confusion of fields.
+        avcodec_flush_buffers(context.get());
+        slicesGiven = unseenIdrPictures = 0;
     }
     const uint64_t begunBefore = picturesBegun;
     int got = 0;

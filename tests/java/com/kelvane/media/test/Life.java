@@ -1,0 +1,266 @@
+package com.kelvane.media.test;
+
+import com.kelvane.media.AacDecoder;
+import com.kelvane.media.AacEncoder;
+import com.kelvane.media.AccessUnit;
+import com.kelvane.media.EncodedPicture;
+import com.kelvane.media.Mp3Decoder;
+import com.kelvane.media.OpusDecoder;
+import com.kelvane.media.OpusEncoder;
+import com.kelvane.media.Picture;
+import com.kelvane.media.Pipeline;
+import com.kelvane.media.Rendition;
+import com.kelvane.media.Transcoder;
+import com.kelvane.media.VideoDecoder;
+import com.kelvane.media.VideoEncoder;
+import com.kelvane.media.transform.codec.AVCDecoder;
+import com.kelvane.media.transform.codec.MIRVProcessor;
+import java.io.ByteArrayOutputStream;
+import java.io.File;
+import java.io.IOException;
+import java.nio.ByteBuffer;
+import java.nio.file.Files;
+import java.nio.file.Path;
+import java.util.Arrays;
+import java.util.List;
+import java.util.concurrent.CountDownLatch;
+import java.util.function.Consumer;
+import java.util.function.IntConsumer;
+
+/** What a server does to the library: "ending", "throwing", "callbacks", "lines" and "soak", see each method. */
+public final class Life {
+    private static List<byte[]> units;
+
+    public static void main(String[] arguments) throws Exception {
+        units = AccessUnit.split(Files.readAllBytes(Path.of(arguments[1])));
+        int[] numbers = Arrays.stream(arguments).skip(2).mapToInt(Integer::parseInt).toArray();
+        switch (arguments[0]) {
+            case "ending" -> ending(numbers[0], numbers[1]);
+            case "throwing" -> throwing();
+            case "callbacks" -> callbacks(numbers[0], numbers[1]);
+            case "lines" -> lines(numbers[0]);
+            default -> soak(numbers[0], numbers[1]);
+        }
+    }
+
+    // Standard output has what the codecs print, too.
+    private static void tell(String format, Object... arguments) {
+        System.err.printf(format + "%n", arguments);
+    }
+
+    private static Transcoder threeRungs() {
+        return Transcoder.builder().rendition(Rendition.of(160, 128).bitrate(300_000))
+                .rendition(Rendition.of(96, 80).bitrate(150_000))
+                .rendition(Rendition.of(64, 48).bitrate(80_000)).open();
+    }
+
+    private static byte[] transcode(Transcoder transcoder, int pictures) {
+        ByteArrayOutputStream bytes = new ByteArrayOutputStream();
+        Consumer<EncodedPicture> receiver = picture -> bytes.writeBytes(picture.copy());
+        for (int i = 0; i < pictures; i++) {
+            transcoder.write(units.get(i % units.size()), i, receiver);
+        }
+        transcoder.drain(receiver);
+        return bytes.toByteArray();
+    }
+
+    /** Ends while four threads encode: after so many milliseconds by this signal, or by System.exit when it is 0. */
+    private static void ending(int milliseconds, int signal) throws InterruptedException, IOException {
+        CountDownLatch busy = new CountDownLatch(4);
+        for (int i = 0; i < 4; i++) {
+            new Thread(() -> {
+                while (true) {
+                    try (Transcoder transcoder = threeRungs()) {
+                        transcode(transcoder, 5);
+                        busy.countDown();
+                        transcode(transcoder, 1000);
+                    }
+                }
+            }).start();
+        }
+        busy.await();
+        Thread.sleep(milliseconds);
+        if (signal == 0) {
+            System.exit(7);
+        }
+        new ProcessBuilder("kill", "-" + signal, Long.toString(ProcessHandle.current().pid())).start();
+    }
+
+    /** A receiver that throws at each call of each output in turn; nobody else loses a byte. */
+    private static void throwing() {
+        byte[] expected;
+        try (Transcoder transcoder = threeRungs()) {
+            expected = transcode(transcoder, units.size());
+        }
+        int thrown = 0;
+        for (int output = 0; output < 3; output++) {
+            ByteArrayOutputStream bytes = new ByteArrayOutputStream();
+            try (Transcoder transcoder = threeRungs()) {
+                int thrower = output;
+                Consumer<EncodedPicture> receiver = picture -> {
+                    bytes.writeBytes(picture.copy());
+                    if (picture.index() == thrower) {
+                        throw new ArithmeticException("of the receiver");
+                    }
+                };
+                for (int i = 0; i <= units.size(); i++) {
+                    try {
+                        if (i < units.size()) {
+                            transcoder.write(units.get(i), i, receiver);
+                        } else {
+                            transcoder.drain(receiver);
+                        }
+                    } catch (ArithmeticException ours) {
+                        thrown++;
+                    }
+                }
+            }
+            check(Arrays.equals(bytes.toByteArray(), expected), "the same bytes");
+        }
+        check(thrown == 3 * units.size(), "an exception from each call, not " + thrown);
+        tell("%d exceptions, every output delivered", thrown);
+    }
+
+    /** Callbacks of so many outputs in so many calls; -Xcheck:jni tells of local references that pile up. */
+    private static void callbacks(int outputs, int calls) {
+        threeRungs().close(); // finds the libraries
+        long transcoder = MIRVProcessor.open(outputs);
+        for (int id = 1; id <= outputs; id++) {
+            for (String key : List.of("videoWidth", "videoHeight")) {
+                MIRVProcessor.apply(id, key, "16", transcoder);
+            }
+            MIRVProcessor.apply(id, "videoBR", "100000", transcoder);
+        }
+        MIRVProcessor.start(transcoder);
+        int[] received = new int[2];
+        Object listener = new Object() {
+            /** Called by the library. */
+            @SuppressWarnings("unused")
+            public void receiveVideo(int index, int timestamp, ByteBuffer data) {
+                received[data == null ? 0 : 1]++;
+            }
+        };
+        for (int i = 0; i < calls; i++) {
+            MIRVProcessor.write(listener, i, units.get(i % units.size()), transcoder);
+        }
+        MIRVProcessor.close(transcoder);
+        check(received[1] == outputs * calls, received[1] + " callbacks with data");
+        tell("%d callbacks", received[1]);
+    }
+
+    /** So many lines of diagnostics, which bad input provokes. */
+    private static void lines(int count) {
+        byte[] bad = {1, 2, 3, 4};
+        byte[] info = new byte[6];
+        VideoDecoder.open().close(); // loads the library
+        long decoder = AVCDecoder.open();
+        long begin = System.nanoTime();
+        for (int i = 0; i < count; i++) {
+            check(AVCDecoder.decode(bad, info, info, decoder) == -1, "-1");
+        }
+        tell("%d lines in %.2f s", count, (System.nanoTime() - begin) / 1e9);
+        AVCDecoder.close(decoder);
+    }
+
+    /** So many pictures through one transcoder, then so many lives of every engine. */
+    private static void soak(int pictures, int lives) throws IOException {
+        byte[] first;
+        byte[] last;
+        try (Transcoder transcoder = threeRungs()) {
+            first = transcode(transcoder, units.size());
+        }
+        try (Transcoder transcoder = threeRungs()) {
+            watched("pictures", pictures,
+                    i -> transcoder.write(units.get(i % units.size()), i, picture -> picture.data()));
+        }
+        byte[] sound = new byte[4096];
+        VideoDecoder decoder = VideoDecoder.open();
+        Picture picture = decoder.decode(units.get(0), 0).orElseThrow();
+        decoder.close();
+        watched("lives of every engine", lives, i -> life(picture, sound));
+        try (Transcoder transcoder = threeRungs()) {
+            last = transcode(transcoder, units.size());
+        }
+        check(Arrays.equals(first, last), "the last stream's bytes are the first's");
+        tell("the last stream's %d bytes are the first's", last.length);
+    }
+
+    private static void life(Picture picture, byte[] sound) {
+        try (VideoDecoder decoder = VideoDecoder.open()) {
+            units.subList(0, 2).forEach(unit -> decoder.decode(unit, 0));
+        }
+        try (Transcoder transcoder = threeRungs()) {
+            transcoder.write(units.get(0), 0, encoded -> encoded.data());
+        }
+        try (Pipeline pipeline = Pipeline.builder().open()) {
+            pipeline.write(units.get(0), 0);
+        }
+        try (VideoEncoder encoder = VideoEncoder.builder().size(picture.width(), picture.height())
+                .bitrate(300_000).open()) {
+            encoder.encode(picture);
+        }
+        try (AacEncoder encoder = AacEncoder.builder().open()) {
+            encoder.encode(Arrays.copyOf(sound, encoder.blockSize()));
+        }
+        try (AacDecoder decoder = AacDecoder.open(new byte[] {0x12, 0x10})) {
+            decoder.decode(new byte[] {0x21, 0x10, 0x04, 0x60, (byte) 0x8c, 0x1c});
+        }
+        try (Mp3Decoder decoder = Mp3Decoder.open()) {
+            decoder.decode(sound);
+        }
+        try (OpusEncoder encoder = OpusEncoder.builder().open(); OpusDecoder decoder = OpusDecoder.open(2)) {
+            decoder.decode(encoder.encode(Arrays.copyOf(sound, encoder.frameSize())));
+        }
+    }
+
+    // The slope of resident memory over the second half, as what it adds up to there; and the descriptors.
+    private static void watched(String what, int count, IntConsumer action) throws IOException {
+        int samples = 60;
+        double[] resident = new double[samples];
+        int descriptors = 0;
+        long begin = System.nanoTime();
+        for (int sample = 0; sample < samples; sample++) {
+            for (int i = (int) ((long) count * sample / samples); i < (long) count * (sample + 1) / samples; i++) {
+                action.accept(i);
+            }
+            resident[sample] = residentMegabytes();
+            if (sample == samples / 2) {
+                descriptors = descriptors();
+            }
+        }
+        double sumX = 0;
+        double sumY = 0;
+        double sumXy = 0;
+        double sumXx = 0;
+        int half = samples / 2;
+        for (int i = half; i < samples; i++) {
+            sumX += i;
+            sumY += resident[i];
+            sumXy += i * resident[i];
+            sumXx += (double) i * i;
+        }
+        double growth = (half * sumXy - sumX * sumY) / (half * sumXx - sumX * sumX) * half;
+        tell("%d %s in %.1f s: %.0f MB resident, %+.2f MB over the second half; %d descriptors, %d in the middle",
+                count, what, (System.nanoTime() - begin) / 1e9, resident[samples - 1], growth, descriptors(), descriptors);
+        // In a short run the virtual machine itself is still growing.
+        check(growth <= (count < 10_000 ? 4 : 1), "memory grows: " + Arrays.toString(resident));
+        check(descriptors() == descriptors, "descriptors stay");
+    }
+
+    private static double residentMegabytes() throws IOException {
+        System.gc();
+        long pages = Long.parseLong(Files.readString(Path.of("/proc/self/statm")).split(" ")[1]);
+        return pages * 4096 / 1048576.0;
+    }
+
+    private static int descriptors() {
+        String[] open = new File("/proc/self/fd").list();
+        return open == null ? -1 : open.length;
+    }
+
+    private static void check(boolean holds, String what) {
+        if (!holds) {
+            throw new IllegalStateException(what);
+        }
+    }
+}

@@ -1,0 +1,103 @@
+#include "support/InstalledTool.h"
+#include "support/Output.h"
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <csignal>
+
+namespace {
+
+// Programs as a server is one, with the installed tree: com.kelvane.media.test.Life says what they do.
+class InstalledLife : public testing::Test {
+protected:
+    void SetUp() override {
+        ASSERT_NE(std::getenv("KELVANE_DIST"), nullptr) << "KELVANE_DIST must name the installed tree";
+        std::string pattern = fs::temp_directory_path() / "kelvane life XXXXXX";
+        ASSERT_NE(mkdtemp(pattern.data()), nullptr);
+        directory = pattern;
+    }
+    void TearDown() override {
+        if (directory.empty()) return;
+        EXPECT_EQ(names(directory), std::set<std::string>{}) << "a crash leaves a file here";
+        fs::remove_all(directory);
+    }
+
+    // What the program tells on standard error; what codecs print goes to `output`.
+    CommandResult java(const std::string& life, const std::string& numbers, const std::string& options = "",
+                       const std::string& output = "/dev/null") const {
+        CommandResult result = run("cd '" + directory.string() + "' && timeout -k 1 600 java " + options +
+                                   " -Xms64m -Xmx64m -XX:+UseSerialGC -XX:TieredStopAtLevel=1 -cp '" +
+                                   std::getenv("KELVANE_DIST") +
+                                   "/lib/kelvane-media.jar:" TEST_JAR "' com.kelvane.media.test.Life " +
+                                   life + " " TEST_DATA "/baseline.h264 " + numbers + " 2>&1 >" + output);
+        result.output = std::regex_replace(result.output, std::regex("\\[OpenH264\\][^\n]*\n"), "");
+        return result;
+    }
+    void expectTold(const CommandResult& result, const std::string& told) const {
+        EXPECT_EQ(result.exitCode, 0);
+        EXPECT_TRUE(std::regex_search(result.output, std::regex(told))) << result.output;
+        EXPECT_EQ(result.output.find("WARNING"), std::string::npos) << result.output;
+        std::printf("%s", result.output.c_str());
+    }
+
+    fs::path directory;
+};
+
+int effort() {
+    const char* factor = std::getenv("KELVANE_EFFORT");
+    return factor ? std::max(1, std::atoi(factor)) : 1;
+}
+
+} // namespace
+
+TEST_F(InstalledLife, EndsInTheMiddleOfEncoding) {
+    const struct {
+        const char* name;
+        int signal, exitCode;
+    } endings[] = {
+        {"System.exit", 0, 7}, {"SIGTERM", SIGTERM, 128 + SIGTERM}, {"SIGINT", SIGINT, 128 + SIGINT}};
+    for (const auto& [name, signal, exitCode] : endings) {
+        double longest = 0;
+        const int rounds = effort() > 1 ? 100 : 2;
+        for (int round = 0; round < rounds; ++round) {
+            const auto begin = std::chrono::steady_clock::now();
+            const std::string numbers = std::to_string(1 + round * 7 % 40) + " " + std::to_string(signal);
+            const CommandResult result = java("ending", numbers);
+            ASSERT_EQ(result.exitCode, exitCode) << name << "\n" << result.output;
+            EXPECT_EQ(result.output, "") << name;
+            const std::chrono::duration<double> taken = std::chrono::steady_clock::now() - begin;
+            longest = std::max(longest, taken.count());
+        }
+        EXPECT_LT(longest, 20) << name;
+        std::printf("%s: %d processes, at most %.1f s from start to end\n", name, rounds, longest);
+    }
+}
+
+TEST_F(InstalledLife, OutlivesReceiversThatThrow) {
+    expectTold(java("throwing", "", "-Xcheck:jni"), "^90 exceptions, every output delivered\n");
+}
+
+TEST_F(InstalledLife, CallsBackWithoutLeavingReferences) {
+    const int calls = effort() > 1 ? 500 : 50;
+    expectTold(java("callbacks", "200 " + std::to_string(calls), "-Xcheck:jni"),
+               std::to_string(200 * calls) + " callbacks\n");
+}
+
+// Those of a stranger who sends nothing but rubbish, where the server's output goes to a file and to a
+// reader.
+TEST_F(InstalledLife, PaysLittleForDiagnostics) {
+    const std::string file = fs::temp_directory_path() / "kelvane lines";
+    for (const std::string& output : {"'" + file + "'", std::string("/dev/full")}) {
+        const CommandResult result = java("lines", "100000", "", output);
+        expectTold(result, "^100000 lines in");
+        EXPECT_LT(std::stod(result.output.substr(std::string("100000 lines in ").size())), 10);
+    }
+    EXPECT_GT(fs::file_size(file), 100'000 * 20u);
+    fs::remove(file);
+}
+
+TEST_F(InstalledLife, GoesOnAndOn) {
+    const std::string numbers = effort() > 1 ? "100000 10000" : "3000 150";
+    expectTold(java("soak", numbers), "the last stream's [0-9]+ bytes are the first's\n");
+}
