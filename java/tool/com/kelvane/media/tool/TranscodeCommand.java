@@ -10,6 +10,7 @@ import com.kelvane.media.tool.output.Workspace;
 import com.kelvane.media.tool.shell.Caller;
 import com.kelvane.media.tool.shell.FFmpegLog;
 import com.kelvane.media.tool.shell.Failure;
+import com.kelvane.media.tool.shell.JsonLines;
 import java.io.IOException;
 import java.nio.file.Files;
 import java.nio.file.Path;
@@ -78,6 +79,9 @@ final class TranscodeCommand implements Callable<Integer> {
     @Override
     public Integer call() throws IOException {
         checkUsage();
+        if (made.json()) {
+            JsonLines.turnOn();
+        }
         VideoTrack track = VideoTrack.given(input);
         track.checkPictures();
         List<RenditionRequest> requests = renditions.isEmpty() ? RenditionRequest.ladder(track) : renditions;
@@ -104,7 +108,9 @@ final class TranscodeCommand implements Callable<Integer> {
             new TranscodeRun(track, sound.choose(track), start, length, fitted(wanted, requests, rates), outputs, made,
                     workspace).run(!noComparison);
         }
-        Summary.line("results: %s", results);
+        if (!made.json()) {
+            Summary.line("results: %s", results);
+        }
         return 0;
     }
 

@@ -5,6 +5,7 @@ import com.kelvane.media.Transcoder.RenditionStatistics;
 import com.kelvane.media.Transcoder.Statistics;
 import com.kelvane.media.tool.input.VideoTrack;
 import com.kelvane.media.tool.shell.Caller;
+import com.kelvane.media.tool.shell.JsonLines;
 import java.time.Duration;
 import java.util.List;
 
@@ -87,6 +88,11 @@ public final class Summary {
     }
 
     public static void line(String format, Object... values) {
-        Caller.OUTPUT.println(String.format(format, values).stripTrailing());
+        String text = String.format(format, values).stripTrailing();
+        if (!JsonLines.isOn()) {
+            Caller.OUTPUT.println(text);
+        } else if (!text.isEmpty()) {
+            JsonLines.print("message", json -> json.writeStringField("text", text));
+        }
     }
 }
