@@ -1,6 +1,7 @@
 package com.kelvane.media.tool;
 
 import com.kelvane.media.tool.output.Hls;
+import com.kelvane.media.tool.output.Page;
 import com.kelvane.media.tool.output.Products;
 import com.kelvane.media.tool.output.RenditionOutput;
 import com.kelvane.media.tool.output.RunReport;
@@ -55,7 +56,7 @@ final class ResultOptions {
 
     /** Whether a file is written in the end, when all others are there. */
     boolean isReport(String name) {
-        return name.equals(RunReport.FILE);
+        return name.equals(RunReport.FILE) || name.equals(Page.FILE);
     }
 
     /** Names of the files that a run may make, the one that leads to all others last. */
@@ -69,7 +70,7 @@ final class ResultOptions {
                 files.add(output.streamName());
             }
         }
-        files.addAll(List.of(SHEET, RunReport.FILE));
+        files.addAll(List.of(SHEET, RunReport.FILE, Page.FILE));
         if (!noHls) {
             files.add(Hls.MASTER);
         }

@@ -32,8 +32,8 @@ import picocli.CommandLine.Spec;
         sortOptions = false, usageHelpAutoWidth = true,
         description = {"Decodes one H.264 stream once and encodes it into several renditions.", ""},
         footer = {"", "DIR receives, with the sound, an HLS ladder (master.m3u8 and a folder of segments for each rendition) and"
-                + " WxH.mp4 for every rendition, and contact-sheet.png, which shows the source and every rendition at four"
-                + " moments.", "", "Example:",
+                + " WxH.mp4 for every rendition, contact-sheet.png, which shows the source and every rendition at four"
+                + " moments, result.json with every figure, and index.html, a page of it all with a player.", "", "Example:",
                 "  kelvane transcode in.mp4 -r 1280x720@2500k -r 640x360@800k,key=60 --start 1:30 --duration 20"})
 final class TranscodeCommand implements Callable<Integer> {
     @Spec

@@ -11,6 +11,7 @@ import com.kelvane.media.tool.output.Comparison;
 import com.kelvane.media.tool.output.ContactSheet;
 import com.kelvane.media.tool.output.Hls;
 import com.kelvane.media.tool.output.MediaPlaylist;
+import com.kelvane.media.tool.output.Page;
 import com.kelvane.media.tool.output.Products;
 import com.kelvane.media.tool.output.RenditionOutput;
 import com.kelvane.media.tool.output.Results;
@@ -99,6 +100,7 @@ final class TranscodeRun {
                 outputs, transcoding.figures(), comparison, playlists, transcoding.seconds(), transcoding.cpuSeconds(),
                 accessUnits, damage, published);
         report.write(workspace.path(RunReport.FILE));
+        new Page(report).write(workspace.path(Page.FILE), ResultOptions.SHEET);
         workspace.publish(published);
         Progress.clear();
         if (JsonLines.isOn()) {

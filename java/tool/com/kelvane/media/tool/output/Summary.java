@@ -74,12 +74,12 @@ public final class Summary {
         return time.toNanos() / 1e6 / pictures;
     }
 
-    private static String target(Rendition rendition) {
+    static String target(Rendition rendition) {
         return rendition.rateControl() == Rendition.RateControl.QUALITY ? "quality"
                 : String.format("%.1f", rendition.bitrate() / 1000.0);
     }
 
-    private static String decibels(double psnr) {
+    static String decibels(double psnr) {
         return Double.isNaN(psnr) ? "-" : Double.isInfinite(psnr) ? "identical" : String.format("%.2f dB", psnr);
     }
 
