@@ -12,8 +12,9 @@ TEST_F(InstalledTool, MakesPlayableRenditionsInDisplayOrder) {
     EXPECT_EQ(errors, "");
     EXPECT_EQ(summary.find("MIRVProcessor"), std::string::npos) << "the library's diagnostics are mixed in:\n"
                                                                 << summary;
-    EXPECT_EQ(names(path("out put")), (std::set<std::string>{"320x180", "320x180.mp4", "160x90", "160x90.mp4",
-                                                             "contact-sheet.png", "master.m3u8"}));
+    EXPECT_EQ(names(path("out put")),
+              (std::set<std::string>{"320x180", "320x180.mp4", "160x90", "160x90.mp4", "contact-sheet.png",
+                                     "master.m3u8", "result.json", "index.html"}));
     EXPECT_EQ(contents(path("out put/contact-sheet.png")).substr(0, 4), "\x89PNG");
     for (const std::string size : {"320x180", "160x90"}) {
         SCOPED_TRACE(size);
@@ -438,7 +439,7 @@ TEST_F(InstalledTool, LeavesNothingWhenInterruptedOrKilled) {
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
     EXPECT_NE(std::system(holders.c_str()), 0);
     ASSERT_EQ(run("kelvane", "transcode in.h264 -r 160x90@100k --no-compare --no-hls -o out"), 0) << errors;
-    EXPECT_EQ(names(path("out")), (std::set<std::string>{"160x90.mp4"}));
+    EXPECT_EQ(names(path("out")), (std::set<std::string>{"160x90.mp4", "result.json", "index.html"}));
     EXPECT_EQ(run("kelvane", "transcode in.h264 -r 160x90@100k -o out", "/dev/full"), 1);
     EXPECT_EQ(errors, "kelvane: standard output cannot be written to\n");
 }

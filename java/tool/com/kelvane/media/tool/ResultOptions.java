@@ -1,8 +1,10 @@
 package com.kelvane.media.tool;
 
 import com.kelvane.media.tool.output.Hls;
+import com.kelvane.media.tool.output.Page;
 import com.kelvane.media.tool.output.Products;
 import com.kelvane.media.tool.output.RenditionOutput;
+import com.kelvane.media.tool.output.RunReport;
 import java.util.ArrayList;
 import java.util.List;
 import picocli.CommandLine.Option;
@@ -25,6 +27,13 @@ final class ResultOptions {
     @Option(names = "--raw", description = "Make bare streams, WxH.h264, as well.")
     private boolean raw;
 
+    @Option(names = "--json", description = "Print lines of JSON: progress, messages, and in the end what is in result.json.")
+    private boolean json;
+
+    boolean json() {
+        return json;
+    }
+
     /** What is wrong with the options, or null. */
     String problem() {
         return segment < 1 || segment > LONGEST_SEGMENT ? "--segment takes whole seconds from 1 to " + LONGEST_SEGMENT
@@ -45,6 +54,11 @@ final class ResultOptions {
         return folders;
     }
 
+    /** Whether a file is written in the end, when all others are there. */
+    boolean isReport(String name) {
+        return name.equals(RunReport.FILE) || name.equals(Page.FILE);
+    }
+
     /** Names of the files that a run may make, the one that leads to all others last. */
     List<String> files(List<RenditionOutput> outputs) {
         List<String> files = new ArrayList<>();
@@ -56,7 +70,7 @@ final class ResultOptions {
                 files.add(output.streamName());
             }
         }
-        files.addAll(List.of(SHEET));
+        files.addAll(List.of(SHEET, RunReport.FILE, Page.FILE));
         if (!noHls) {
             files.add(Hls.MASTER);
         }

@@ -10,6 +10,7 @@ import com.kelvane.media.tool.output.Workspace;
 import com.kelvane.media.tool.shell.Caller;
 import com.kelvane.media.tool.shell.FFmpegLog;
 import com.kelvane.media.tool.shell.Failure;
+import com.kelvane.media.tool.shell.JsonLines;
 import java.io.IOException;
 import java.nio.file.Files;
 import java.nio.file.Path;
@@ -31,8 +32,8 @@ import picocli.CommandLine.Spec;
         sortOptions = false, usageHelpAutoWidth = true,
         description = {"Decodes one H.264 stream once and encodes it into several renditions.", ""},
         footer = {"", "DIR receives, with the sound, an HLS ladder (master.m3u8 and a folder of segments for each rendition) and"
-                + " WxH.mp4 for every rendition, and contact-sheet.png, which shows the source and every rendition at four"
-                + " moments.", "", "Example:",
+                + " WxH.mp4 for every rendition, contact-sheet.png, which shows the source and every rendition at four"
+                + " moments, result.json with every figure, and index.html, a page of it all with a player.", "", "Example:",
                 "  kelvane transcode in.mp4 -r 1280x720@2500k -r 640x360@800k,key=60 --start 1:30 --duration 20"})
 final class TranscodeCommand implements Callable<Integer> {
     @Spec
@@ -78,6 +79,9 @@ final class TranscodeCommand implements Callable<Integer> {
     @Override
     public Integer call() throws IOException {
         checkUsage();
+        if (made.json()) {
+            JsonLines.turnOn();
+        }
         VideoTrack track = VideoTrack.given(input);
         track.checkPictures();
         List<RenditionRequest> requests = renditions.isEmpty() ? RenditionRequest.ladder(track) : renditions;
@@ -104,7 +108,9 @@ final class TranscodeCommand implements Callable<Integer> {
             new TranscodeRun(track, sound.choose(track), start, length, fitted(wanted, requests, rates), outputs, made,
                     workspace).run(!noComparison);
         }
-        Summary.line("results: %s", results);
+        if (!made.json()) {
+            Summary.line("results: %s", results);
+        }
         return 0;
     }
 

@@ -11,12 +11,15 @@ import com.kelvane.media.tool.output.Comparison;
 import com.kelvane.media.tool.output.ContactSheet;
 import com.kelvane.media.tool.output.Hls;
 import com.kelvane.media.tool.output.MediaPlaylist;
+import com.kelvane.media.tool.output.Page;
 import com.kelvane.media.tool.output.Products;
 import com.kelvane.media.tool.output.RenditionOutput;
 import com.kelvane.media.tool.output.Results;
+import com.kelvane.media.tool.output.RunReport;
 import com.kelvane.media.tool.output.Summary;
 import com.kelvane.media.tool.output.Workspace;
 import com.kelvane.media.tool.shell.Failure;
+import com.kelvane.media.tool.shell.JsonLines;
 import com.kelvane.media.tool.shell.Progress;
 import java.io.IOException;
 import java.nio.file.Files;
@@ -92,9 +95,18 @@ final class TranscodeRun {
         }
         List<String> published = new ArrayList<>(made.folders(outputs));
         published.addAll(made.files(outputs));
-        published.removeIf(name -> !Files.exists(workspace.path(name)));
+        published.removeIf(name -> !made.isReport(name) && !Files.exists(workspace.path(name)));
+        RunReport report = new RunReport(track, audio, start, seconds, transcoding.shown().count(), transcoding.statistics(),
+                outputs, transcoding.figures(), comparison, playlists, transcoding.seconds(), transcoding.cpuSeconds(),
+                accessUnits, damage, published);
+        report.write(workspace.path(RunReport.FILE));
+        new Page(report).write(workspace.path(Page.FILE), ResultOptions.SHEET);
         workspace.publish(published);
         Progress.clear();
+        if (JsonLines.isOn()) {
+            JsonLines.print("result", report::writeFields);
+            return;
+        }
         summarise(seconds);
         Summary.notes(accessUnits, transcoding.statistics().pictures(), damage, comparison);
     }

@@ -5,6 +5,7 @@ import com.kelvane.media.Transcoder.RenditionStatistics;
 import com.kelvane.media.Transcoder.Statistics;
 import com.kelvane.media.tool.input.VideoTrack;
 import com.kelvane.media.tool.shell.Caller;
+import com.kelvane.media.tool.shell.JsonLines;
 import java.time.Duration;
 import java.util.List;
 
@@ -73,12 +74,12 @@ public final class Summary {
         return time.toNanos() / 1e6 / pictures;
     }
 
-    private static String target(Rendition rendition) {
+    static String target(Rendition rendition) {
         return rendition.rateControl() == Rendition.RateControl.QUALITY ? "quality"
                 : String.format("%.1f", rendition.bitrate() / 1000.0);
     }
 
-    private static String decibels(double psnr) {
+    static String decibels(double psnr) {
         return Double.isNaN(psnr) ? "-" : Double.isInfinite(psnr) ? "identical" : String.format("%.2f dB", psnr);
     }
 
@@ -87,6 +88,11 @@ public final class Summary {
     }
 
     public static void line(String format, Object... values) {
-        Caller.OUTPUT.println(String.format(format, values).stripTrailing());
+        String text = String.format(format, values).stripTrailing();
+        if (!JsonLines.isOn()) {
+            Caller.OUTPUT.println(text);
+        } else if (!text.isEmpty()) {
+            JsonLines.print("message", json -> json.writeStringField("text", text));
+        }
     }
 }

@@ -4,11 +4,12 @@ package com.kelvane.media.tool.shell;
 public final class Progress implements AutoCloseable {
     private static final double TERMINAL_INTERVAL = 0.2;
     private static final double PLAIN_INTERVAL = 5;
+    private static final double JSON_INTERVAL = 1;
     private static final String CLEAR_LINE = "\r\033[K";
 
     private final long begin = System.nanoTime();
     private final long total;
-    private double next = Caller.TERMINAL ? TERMINAL_INTERVAL : PLAIN_INTERVAL;
+    private double next = JsonLines.isOn() ? JSON_INTERVAL : Caller.TERMINAL ? TERMINAL_INTERVAL : PLAIN_INTERVAL;
 
     /** @param total milliseconds, or blocks of sound; 0 when that is not known */
     public Progress(long total) {
@@ -25,6 +26,16 @@ public final class Progress implements AutoCloseable {
         if (seconds < next) {
             return;
         }
+        if (JsonLines.isOn()) {
+            next = seconds + JSON_INTERVAL;
+            JsonLines.print("progress", json -> {
+                json.writeNumberField("done", done);
+                json.writeNumberField("of", total);
+                json.writeNumberField("pictures", pictures);
+                json.writeNumberField("milliseconds", Math.round(1000 * seconds));
+            });
+            return;
+        }
         next = seconds + (Caller.TERMINAL ? TERMINAL_INTERVAL : PLAIN_INTERVAL);
         String line = String.format("%s%.1f times real time",
                 pictures > 0 ? String.format("%.0f pictures a second   ", pictures / seconds) : "", time / 1000.0 / seconds);
@@ -38,7 +49,11 @@ public final class Progress implements AutoCloseable {
 
     /** Shows on a terminal what goes on without counting. */
     public static void stage(String what) {
-        if (Caller.TERMINAL) {
+        if (JsonLines.isOn()) {
+            if (!what.isEmpty()) {
+                JsonLines.print("stage", json -> json.writeStringField("stage", what));
+            }
+        } else if (Caller.TERMINAL) {
             Caller.OUTPUT.print(CLEAR_LINE + what);
             Caller.OUTPUT.flush();
         }
