@@ -54,9 +54,7 @@ void AudioDecoder::open() {
 
     resampler.reset(swr_alloc_set_opts(nullptr, layout, AV_SAMPLE_FMT_S16, rate, layout, AV_SAMPLE_FMT_FLTP,
                                        rate, 0, nullptr));
-    const int ready = resampler ? swr_init(resampler.get()) : AVERROR(ENOMEM);
-    status = static_cast<int8_t>(ready);
-    if (ready < 0) resampler.reset(); // libswresample divides by zero in one that it could not make ready
+    status = static_cast<int8_t>(resampler ? swr_init(resampler.get()) : AVERROR(ENOMEM));
     std::printf("resampler init, %d\n", static_cast<uint8_t>(status));
     std::printf("profile, %d\nhz_index, %d\nchannels, %d\n", static_cast<int>(profile), rateIndex,
                 static_cast<int>(channels));

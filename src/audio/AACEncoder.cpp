@@ -34,7 +34,6 @@ void AudioEncoder::open() {
     resampler.reset(swr_alloc_set_opts(nullptr, channelLayout, AV_SAMPLE_FMT_FLTP, sampleRate, channelLayout,
                                        AV_SAMPLE_FMT_S16, sampleRate, 0, nullptr));
     result = resampler ? swr_init(resampler.get()) : AVERROR(ENOMEM);
-    if (result < 0) resampler.reset(); // libswresample divides by zero in one that it could not make ready
 
     context.reset(avcodec_alloc_context3(codec));
     frame.reset(av_frame_alloc());
