@@ -7,6 +7,8 @@
 
 #include <gtest/gtest.h>
 
+#include <random>
+
 #define AACDecoder(name) Java_com_kelvane_media_transform_codec_AACDecoder_##name
 #define AACEncoder(name) Java_com_kelvane_media_transform_codec_AACEncoder_##name
 
@@ -84,6 +86,36 @@ TEST(AACDecoder, DeliversNoFrameOfAnotherSize) {
         written(info, 0);
         AACDecoder(close)(javaEnv(), nullptr, handle);
     }
+}
+
+// FFmpeg takes these for band replication, or for channels, that every later frame would then have.
+TEST(AACDecoder, ComesBackFromDamageInTheFirstUnit) {
+    SoundStream stream = soundStream("mono.m4a");
+    stream.config.resize(2); // which leaves it open whether there is band replication
+    int misled = 0;
+    std::minstd_rand random;
+    for (int trial = 0; trial < 700; ++trial) {
+        const LocalFrame references;
+        AudioDecoder decoder;
+        std::copy_n(stream.config.data(), 2, decoder.config);
+        decoder.configSize = 2;
+        printedBy([&] { decoder.open(); });
+        Bytes unit = stream.packets.at(5);
+        for (auto flips = random() % 8 + 1; flips > 0; --flips)
+            unit.at(random() % unit.size()) ^= static_cast<uint8_t>(1 << random() % 8);
+        const auto decoded = [&](Bytes bytes) {
+            const auto size = static_cast<int>(bytes.size());
+            bytes.resize(bytes.size() + AV_INPUT_BUFFER_PADDING_SIZE);
+            return decoder.decode(bytes.data(), size) == 1024;
+        };
+        decoded(unit);
+        int lost = 0;
+        while (lost < 10 && !decoded(stream.packets.at(static_cast<size_t>(lost) + 6)))
+            ++lost;
+        EXPECT_LE(lost, 4) << trial;
+        misled += lost > 2;
+    }
+    EXPECT_GT(misled, 0) << "no trial shows anything";
 }
 
 TEST(AACEncoder, SoundComesBackChannelByChannel) {

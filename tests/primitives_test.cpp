@@ -8,6 +8,7 @@ extern "C" {
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <climits>
 #include <cstring>
 #include <random>
@@ -69,9 +70,9 @@ Bytes scaledDirectly(const Format& from, Bytes picture, const Format& to) {
 // A scaling context as Java has it.
 class Context {
 public:
-    Context(const Format& from, const Format& to)
+    Context(const Format& from, const Format& to, int scaler = SWS_BILINEAR)
         : address(Tarnwick(sws_1getCachedContext)(javaEnv(), nullptr, 0, from.width, from.height, from.number,
-                                                  to.width, to.height, to.number, SWS_BILINEAR)) {}
+                                                  to.width, to.height, to.number, scaler)) {}
     ~Context() { Tarnwick(sws_1freeContext)(javaEnv(), nullptr, address); }
     jlong address;
 };
@@ -188,18 +189,62 @@ TEST(Primitives, ScalesAsLibswscaleDoes) {
     }
 }
 
-TEST(Primitives, SlicesMakeUpThePicture) {
+// A picture is given as it is described: part of a larger one, into part of a larger one, in slices of their
+// own.
+TEST(Primitives, PicturesNeedNotBeTheContexts) {
+    const struct {
+        Format from, to; // the context's
+        Format source, target;
+    } cases[] = {
+        {{AV_PIX_FMT_YUV420P, 32, 16}, {AV_PIX_FMT_YUV420P, 64, 32}, {0, 128, 64}, {0, 128, 64}},
+        {{AV_PIX_FMT_YUV420P, 30, 18}, {AV_PIX_FMT_NV12, 21, 11}, {0, 33, 19}, {AV_PIX_FMT_NV12, 40, 12}},
+        {{AV_PIX_FMT_BGRA, 16, 8},
+         {AV_PIX_FMT_BGRA, 16, 8},
+         {AV_PIX_FMT_BGRA, 32, 8},
+         {AV_PIX_FMT_BGRA, 32, 9}},
+        {{AV_PIX_FMT_PAL8, 5, 4},
+         {AV_PIX_FMT_RGB24, 8, 4},
+         {AV_PIX_FMT_PAL8, 5, 4},
+         {AV_PIX_FMT_RGB24, 9, 4}},
+    };
+    for (const auto& [from, to, source, target] : cases) {
+        SCOPED_TRACE(testing::Message() << from.number << " " << from.width);
+        const LocalFrame references;
+        const auto part = [](const Format& whole, Bytes& bytes, const Format& size) {
+            FrameOwner frame = frameOver(whole, bytes);
+            Bytes packed(static_cast<size_t>(size.size()));
+            av_image_copy_to_buffer(packed.data(), size.size(), frame->data, frame->linesize, size.pixels(),
+                                    size.width, size.height, 1);
+            return packed;
+        };
+        Bytes picture = noise(source.size());
+        jbyteArray given = javaArray(picture), composed = javaArray(target.size());
+        const Bytes expected = scaledDirectly(from, part(source, picture, from), to);
+        const Context context(from, to);
+        EXPECT_EQ(scaleArray(context.address, given, source, 0, from.height, composed, target), to.height);
+        Bytes result = bytesOf(composed);
+        EXPECT_TRUE(part(target, result, to) == expected);
+        EXPECT_EQ(std::ranges::count(bytesOf(composed), 0xEE), // around it, and where it came out by chance
+                  target.size() - to.size() + std::ranges::count(expected, 0xEE));
+    }
     for (const int width : {64, 37}) {
         const LocalFrame references;
-        const Format from{AV_PIX_FMT_GRAY8, width, 16}, to{AV_PIX_FMT_RGB565, width, 16};
-        const Bytes picture = noise(from.size()), expected = scaledDirectly(from, picture, to);
+        const Format from{AV_PIX_FMT_YUV420P, width, 16}, half{AV_PIX_FMT_YUV420P, width, 8},
+            to{AV_PIX_FMT_RGB565, width, 16};
+        Bytes picture = noise(from.size());
+        const Bytes expected = scaledDirectly(from, picture, to);
         const Context context(from, to);
-        Bytes lower(picture.begin() + 8 * width, picture.end());
-        lower.resize(picture.size());
         jbyteArray target = javaArray(to.size());
-        EXPECT_EQ(scaleArray(context.address, javaArray(picture), from, 0, 8, target, to), 8);
-        EXPECT_TRUE(written(target, to.size() / 2) == Bytes(expected.begin(), expected.begin() + 16 * width));
-        EXPECT_EQ(scaleArray(context.address, javaArray(lower), from, 8, 8, target, to), 8);
+        const FrameOwner frame = frameOver(from, picture);
+        for (int row = 0; row < 16; row += 8) {
+            const uint8_t* planes[] = {frame->data[0] + row * width,
+                                       frame->data[1] + row / 2 * frame->linesize[1],
+                                       frame->data[2] + row / 2 * frame->linesize[2], nullptr};
+            Bytes slice(static_cast<size_t>(half.size()));
+            av_image_copy_to_buffer(slice.data(), half.size(), planes, frame->linesize, half.pixels(), width,
+                                    8, 1);
+            scaleArray(context.address, javaArray(slice), half, row, 8, target, to);
+        }
         EXPECT_TRUE(bytesOf(target) == expected);
     }
 }
@@ -228,23 +273,39 @@ TEST(Primitives, RefusesWhatDoesNotFit) {
         {{-1, 32, 8}, AVERROR(EINVAL)},
         {{9999, 32, 8}, AVERROR(EINVAL)},
         {{AV_PIX_FMT_BGRA, INT_MAX, 8}, AVERROR(EINVAL)},
-        // These exist, smaller than what the context reads or writes, or laid out otherwise.
-        {{AV_PIX_FMT_BGRA, 32, 4}, -1},
-        {{AV_PIX_FMT_BGRA, 8, 32}, -1},
-        {{AV_PIX_FMT_YUV411P, 16, 16}, -1},
     };
     for (const auto& [format, result] : pictures) {
         EXPECT_EQ(scaleFrame(context.address, frame.get(), 0, 16, target, format), result);
         EXPECT_EQ(scaleArray(context.address, source, format, 0, 16, target, to), result);
     }
+    // Of what a context reads or writes beyond the array, there are zeros to read and nothing is written.
+    for (const Format& small : {Format{AV_PIX_FMT_BGRA, 32, 4}, Format{AV_PIX_FMT_GRAY8, 8, 8}})
+        EXPECT_GE(scaleFrame(context.address, frame.get(), 0, 16, javaArray(small.size()), small), 0);
+    const Format small{AV_PIX_FMT_YUV420P, 6, 6};
+    EXPECT_EQ(scaleArray(context.address, javaArray(small.size()), small, 0, 16, javaArray(to.size()), to),
+              8);
     const std::pair<int, int> noSlices[] = {{8, 9}, {-2, 16}, {0, -2}, {INT_MAX, 2}, {2, INT_MAX}};
     for (const auto& [row, rows] : noSlices) {
         EXPECT_LT(scaleFrame(context.address, frame.get(), row, rows, target, to), 0) << row << " " << rows;
         EXPECT_LT(scaleArray(context.address, source, from, row, rows, target, to), 0) << row << " " << rows;
     }
+    const auto begin = [&](int rows) {
+        return scaleFrame(context.address, frame.get(), 0, rows, target, to);
+    };
+    const struct {
+        int row, rows, result;
+    } behindSixRows[] = {{4, 4, -1}, {8, 8, -1}, {0, 16, 8}, {6, 10, 6}};
+    for (const auto& [row, rows, result] : behindSixRows) {
+        begin(6);
+        EXPECT_EQ(scaleFrame(context.address, frame.get(), row, rows, target, to), result) << row;
+    }
+    begin(3);
+    EXPECT_EQ(scaleFrame(context.address, frame.get(), 3, 3, target, to), -1) << "amid a row of chroma";
+    const Context point(from, to, SWS_POINT);
+    EXPECT_EQ(scaleFrame(point.address, frame.get(), 0, 8, target, to), -1);
+    EXPECT_EQ(scaleFrame(point.address, frame.get(), 0, 16, target, to), 8);
     const Format bayer{AV_PIX_FMT_BAYER_RGGB8, 16, 16};
     EXPECT_EQ(scaleArray(Context(bayer, to).address, source, bayer, 0, 8, target, to), -1);
-    written(target, 0);
     EXPECT_EQ(scaleFrame(context.address, frame.get(), 0, 16, target, to), 8) << "and still serves";
 }
 

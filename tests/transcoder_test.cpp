@@ -365,7 +365,7 @@ TEST_F(Transcoder, NullsZeroHandlesAndBadCountsAreHarmless) {
                       MIRVProcessor(apply)(env, nullptr, 1, nullptr, javaString("1"), transcoder.handle);
                       MIRVProcessor(apply)(env, nullptr, 1, javaString("debug"), nullptr, transcoder.handle);
                   }),
-                  "");
+                  "MIRVProcessor_apply \nMIRVProcessor_apply \n");
         EXPECT_EQ(transcoder.output(0).index, 0);
         EXPECT_EQ(transcoder.decode(0, units[0]), 1);
         for (const int position : {-1, 1, 65'536}) {

@@ -22,7 +22,12 @@ namespace {
 constexpr uint32_t samplingFrequencies[] = {96000, 88200, 64000, 48000, 44100, 32000, 24000,
                                             22050, 16000, 12000, 11025, 8000,  7350};
 constexpr int bytesPerSample = 2;
-constexpr int longestFrame = 2048; // samples per channel, with spectral band replication
+constexpr int samplesPerFrame = 1024; // per channel
+constexpr int longestFrame = 2048;    // samples per channel, with spectral band replication
+
+// A damaged unit may tell FFmpeg of band replication or of other channels, which it then holds on to for
+// ever.
+constexpr int misfitsBeforeFreshStart = 4; // frames in a row
 
 // Of four bits, within the second half of the first byte and the first bit of the second.
 int samplingFrequencyIndex(const uint8_t* config) { return (config[0] & 7) << 1 | config[1] >> 7; }
@@ -59,28 +64,13 @@ void AudioDecoder::open() {
     std::printf("profile, %d\nhz_index, %d\nchannels, %d\n", static_cast<int>(profile), rateIndex,
                 static_cast<int>(channels));
 
-    context.reset(avcodec_alloc_context3(codec));
     frame = audioFrame(layout, AV_SAMPLE_FMT_FLTP, sampleRate);
     converted = audioFrame(layout, AV_SAMPLE_FMT_S16, sampleRate);
-    auto* extradata = static_cast<uint8_t*>(av_mallocz(configSize + AV_INPUT_BUFFER_PADDING_SIZE));
-    if (!context || !frame || !converted || !extradata) {
-        av_free(extradata);
-        context.reset();
-        return;
-    }
+    if (!frame || !converted) return;
     converted->nb_samples = longestFrame;
     if (av_frame_get_buffer(converted.get(), 0) < 0) converted.reset();
-
-    std::copy_n(config, configSize, extradata);
-    context->extradata = extradata;
-    context->extradata_size = configSize;
-    context->channels = static_cast<int>(channels);
-    context->sample_rate = rate;
-    context->profile = static_cast<int>(profile);
-    context->sample_fmt = AV_SAMPLE_FMT_FLTP;
-    context->time_base = {1, rate};
-    context->refcounted_frames = 1;
-    status = static_cast<int8_t>(avcodec_open2(context.get(), codec, nullptr));
+    openContext();
+    if (!context) return;
     if (context->codec) {
         std::puts("codec opened");
     } else {
@@ -89,17 +79,48 @@ void AudioDecoder::open() {
     }
 }
 
+void AudioDecoder::openContext() {
+    misfits = 0;
+    context.reset(avcodec_alloc_context3(codec));
+    auto* extradata = static_cast<uint8_t*>(av_mallocz(configSize + AV_INPUT_BUFFER_PADDING_SIZE));
+    if (!context || !extradata) {
+        av_free(extradata);
+        context.reset();
+        return;
+    }
+    std::copy_n(config, configSize, extradata);
+    context->extradata = extradata;
+    context->extradata_size = configSize;
+    context->channels = static_cast<int>(channels);
+    context->sample_rate = static_cast<int>(sampleRate);
+    context->profile = static_cast<int>(profile);
+    context->sample_fmt = AV_SAMPLE_FMT_FLTP;
+    context->time_base = {1, context->sample_rate};
+    context->refcounted_frames = 1;
+    status = static_cast<int8_t>(avcodec_open2(context.get(), codec, nullptr));
+}
+
 int AudioDecoder::decode(unsigned char* data, int size) {
     // FFmpeg reads through null in a context that failed to open.
     if (!resampler || !converted || !context || !avcodec_is_open(context.get())) return 0;
     bool got = false;
     status = static_cast<int8_t>(decodeFirstFrame(context.get(), frame.get(), &got, data, size));
     if (!got) return 0;
+    const int samples = convert();
+    if (outputSize == samplesPerFrame * channels * bytesPerSample)
+        misfits = 0;
+    else if (++misfits == misfitsBeforeFreshStart)
+        openContext();
+    return samples;
+}
+
+// Returns the samples per channel in `output`, 0 for a frame that is not of the configured stream.
+int AudioDecoder::convert() {
+    outputSize = 0;
     // Always room for the longest frame: the resampler would keep what does not fit, more with every frame.
     converted->nb_samples = longestFrame;
     const int result = swr_convert_frame(resampler.get(), converted.get(), frame.get());
     status = static_cast<int8_t>(result);
-    outputSize = 0;
     if (result != 0) return 0;
     const int samples = converted->nb_samples;
     const auto bytes = static_cast<size_t>(samples) * channels * bytesPerSample;

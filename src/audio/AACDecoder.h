@@ -32,4 +32,10 @@ public:
     int decode(unsigned char* data, int size);
 
     void close();
+
+private:
+    void openContext();
+    int convert();
+
+    int misfits = 0; // frames in a row that are not of the configured stream
 };

@@ -1,25 +1,45 @@
 #include "audio/FirstFrame.h"
 
+#include <cstring>
+
 // The decoding call of FFmpeg 4 that is meant here is deprecated there.
 #pragma GCC diagnostic ignored "-Wdeprecated-declarations"
 
+namespace {
+
+// To the AAC decoder an access unit of no elements, to the MP3 decoder no frame at all: neither changes its
+// state over it, nor looks at what follows when that is zeros.
+constexpr uint8_t emptyUnit = 0xE0;
+
+void keepMemory(void*, uint8_t*) {}
+
+} // namespace
+
 int decodeFirstFrame(AVCodecContext* context, AVFrame* frame, bool* got, unsigned char* data, int size) {
+    *got = false;
+    // FFmpeg copies a packet without a buffer. Ours stays the caller's memory, so that what FFmpeg keeps of
+    // the packet can be changed here, and must not be kept longer than this call.
+    const BufferOwner buffer(
+        av_buffer_create(data, size + AV_INPUT_BUFFER_PADDING_SIZE, keepMemory, nullptr, 0));
+    const FrameOwner dropped(av_frame_alloc());
+    if (!buffer || !dropped) return AVERROR(ENOMEM);
     AVPacket packet;
     av_init_packet(&packet);
+    packet.buf = buffer.get();
     packet.data = data;
     packet.size = size;
     int gotFrame = 0;
     const int result = avcodec_decode_audio4(context, frame, &gotFrame, &packet);
     *got = gotFrame != 0;
     // FFmpeg keeps what a call leaves of its packet and takes the next packet for that remainder, which loses
-    // good packets from then on. So the remainder is decoded to its end, and its frames are dropped.
-    if (result > 0 && result < size) {
-        const FrameOwner dropped(av_frame_alloc());
-        for (int consumed = result; dropped && consumed > 0 && consumed < packet.size;) {
-            packet.data += consumed;
-            packet.size -= consumed;
-            consumed = avcodec_decode_audio4(context, dropped.get(), &gotFrame, &packet);
-        }
+    // good packets from then on.
+    if (result >= 0 && result < size) {
+        packet.data += result;
+        packet.size -= result;
+        packet.data[0] = emptyUnit;
+        std::memset(packet.data + 1, 0, static_cast<size_t>(packet.size) - 1);
+        avcodec_decode_audio4(context, dropped.get(), &gotFrame, &packet);
     }
+    if (av_buffer_get_ref_count(buffer.get()) > 1) avcodec_flush_buffers(context);
     return result;
 }

@@ -4,6 +4,7 @@
 
 extern "C" {
 #include <libavcodec/avcodec.h>
+#include <libavutil/buffer.h>
 #include <libavutil/frame.h>
 #include <libavutil/mem.h>
 #include <libswresample/swresample.h>
@@ -40,6 +41,11 @@ struct FrameDeleter {
     void operator()(AVFrame* frame) const { av_frame_free(&frame); }
 };
 using FrameOwner = std::unique_ptr<AVFrame, FrameDeleter>;
+
+struct BufferDeleter {
+    void operator()(AVBufferRef* buffer) const { av_buffer_unref(&buffer); }
+};
+using BufferOwner = std::unique_ptr<AVBufferRef, BufferDeleter>;
 
 // A frame whose planes were made by av_image_alloc: one block, which av_frame_free knows nothing of.
 struct ImageFrameDeleter {

@@ -9,8 +9,12 @@ extern "C" {
 }
 
 #include <algorithm>
+#include <cstddef>
 #include <cstring>
 #include <iterator>
+#include <map>
+#include <mutex>
+#include <new>
 
 // AVPicture and avpicture_fill are deprecated in FFmpeg 4.
 #pragma GCC diagnostic ignored "-Wdeprecated-declarations"
@@ -58,143 +62,234 @@ struct JavaPicture {
     int size() const { return av_image_get_buffer_size(format, width, height, 1); }
 };
 
-// libswscale's vector code reads and writes beyond the rows of a picture, the last one included, and faults
-// on some unaligned planes. Its work was found to stay within pictures that are aligned like this, except for
-// the formats whose pixels are no fraction of a vector or do not begin with a colour.
-bool staysWithin(const AVPicture& picture, AVPixelFormat format) {
-    constexpr int rowAlignment = 32;
-    constexpr uintptr_t planeAlignment = 16;
-    constexpr AVPixelFormat runningOver[] = {AV_PIX_FMT_RGB24, AV_PIX_FMT_BGR24, AV_PIX_FMT_ARGB,
-                                             AV_PIX_FMT_ABGR,  AV_PIX_FMT_0RGB,  AV_PIX_FMT_0BGR};
-    for (int i = 0; i < 4; ++i)
-        if (picture.linesize[i] % rowAlignment != 0 ||
-            reinterpret_cast<uintptr_t>(picture.data[i]) % planeAlignment != 0)
-            return false;
-    return std::ranges::find(runningOver, format) == std::end(runningOver);
-}
-
-// A picture in its pinned array, for libswscale: in place where it can be, else in a copy with padding.
-class PinnedPicture {
-public:
-    PinnedPicture(JNIEnv* environment, const JavaPicture& javaPicture, bool alwaysPadded = false)
-        : env(environment), java(javaPicture) {
-        bytes = env->GetPrimitiveArrayCritical(static_cast<jarray>(java.array), nullptr);
-        if (!bytes) return;
-        const int filled =
-            avpicture_fill(&packed, static_cast<uint8_t*>(bytes), java.format, java.width, java.height);
-        // FFmpeg sees a palette behind the pictures of formats that have a fixed one; nothing uses it.
-        if (filled > java.size()) packed.data[1] = nullptr;
-        if (!alwaysPadded && staysWithin(packed, java.format)) {
-            work = &packed;
-        } else if (const int room = av_image_alloc(padded.data, padded.linesize, java.width, java.height,
-                                                   java.format, alignment);
-                   room >= 0) {
-            std::memset(padded.data[0] + room, 0, alignment);
-            load();
-            work = &padded;
-        }
-    }
-    ~PinnedPicture() {
-        if (bytes) env->ReleasePrimitiveArrayCritical(static_cast<jarray>(java.array), bytes, 0);
-        av_freep(&padded.data[0]);
-    }
-    PinnedPicture(const PinnedPicture&) = delete;
-    PinnedPicture& operator=(const PinnedPicture&) = delete;
-
-    // Null when the array could not be pinned or there is no memory.
-    const AVPicture* planes() const { return work; }
-    // Brings what was written to planes() into the array.
-    void store() {
-        if (work != &padded) return;
-        const uint8_t* source[4];
-        std::copy_n(padded.data, 4, source);
-        av_image_copy(packed.data, packed.linesize, source, padded.linesize, java.format, java.width,
-                      java.height);
-    }
-
-private:
-    static constexpr int alignment = 64; // of rows, and as many bytes are behind the last one
-
-    // The chroma of an odd last column takes in the pixel behind the row. As in the array itself, that is the
-    // next row's first; behind the last row of all it is 0.
-    void load() {
-        const uint8_t* end = packed.data[0] + java.size();
-        const int chromaShift = av_pix_fmt_desc_get(java.format)->log2_chroma_h;
-        for (int plane = 0; plane < 4 && packed.data[plane]; ++plane) {
-            const uint8_t* from = packed.data[plane];
-            if (packed.linesize[plane] == 0) { // a palette
-                std::copy(from, end, padded.data[plane]);
-                continue;
-            }
-            const int rows =
-                plane == 1 || plane == 2 ? AV_CEIL_RSHIFT(java.height, chromaShift) : java.height;
-            uint8_t* to = padded.data[plane];
-            for (int row = 0; row < rows; ++row, from += packed.linesize[plane]) {
-                const auto present = std::min<ptrdiff_t>(padded.linesize[plane], end - from);
-                to = std::copy_n(from, present, to);
-                to = std::fill_n(to, padded.linesize[plane] - present, uint8_t{0});
-            }
-        }
-    }
-
-    JNIEnv* env;
-    JavaPicture java;
-    void* bytes = nullptr;
-    AVPicture packed{};
-    AVPicture padded{};
-    const AVPicture* work = nullptr;
-};
-
 int optionOf(SwsContext* context, const char* name) {
     int64_t value = 0;
     av_opt_get_int(context, name, 0, &value);
     return static_cast<int>(value);
 }
 
-struct ContextSide {
-    const char* format;
-    const char* width;
-    const char* height;
+// What libswscale goes over: that is its context's to say, whatever picture it is given.
+struct Extent {
+    AVPixelFormat format;
+    int width;
+    int height;
+    int rowBytes[4] = {};
+    int rows[4] = {};
+
+    Extent(AVPixelFormat pixels, int columns, int lines) : format(pixels), width(columns), height(lines) {
+        const AVPixFmtDescriptor* layout = av_pix_fmt_desc_get(format);
+        av_image_fill_linesizes(rowBytes, format, width);
+        for (int plane = 0; plane < 4; ++plane)
+            rows[plane] = AV_CEIL_RSHIFT(height, plane == 1 || plane == 2 ? layout->log2_chroma_h : 0);
+        if (hasPalette()) rowBytes[1] = AVPALETTE_SIZE, rows[1] = 1;
+    }
+    bool hasPalette() const { return format == AV_PIX_FMT_PAL8; }
+    bool isIn(const uint8_t* const* planes) const {
+        for (int plane = 0; plane < 4; ++plane)
+            if (rowBytes[plane] > 0 && !planes[plane]) return false;
+        return true;
+    }
 };
-constexpr ContextSide sourceSide{"src_format", "srcw", "srch"};
-constexpr ContextSide targetSide{"dst_format", "dstw", "dsth"};
 
-// libswscale takes the layout from the context, not from the picture. Formats may differ as long as they lay
-// the picture out alike: libswscale itself replaces some in its contexts, YUVJ420P by YUV420P for example.
-bool laidOutAlike(const JavaPicture& picture, SwsContext* context, const ContextSide& side) {
-    const JavaPicture own{nullptr, pixelFormat(optionOf(context, side.format)), optionOf(context, side.width),
-                          optionOf(context, side.height)};
-    int strides[4], ownStrides[4];
-    return own.width == picture.width && own.height == picture.height && own.size() == picture.size() &&
-           av_image_fill_linesizes(strides, picture.format, picture.width) >= 0 &&
-           av_image_fill_linesizes(ownStrides, own.format, own.width) >= 0 &&
-           std::equal(strides, strides + 4, ownStrides);
+Extent sourceExtent(SwsContext* context, int rows) {
+    return {pixelFormat(optionOf(context, "src_format")), optionOf(context, "srcw"), rows};
 }
 
-// 0, or the result for a picture that is not to be scaled.
-int refusal(JNIEnv* env, const JavaPicture& picture, SwsContext* context, const ContextSide& side) {
-    const int64_t room = bytesOf(env, picture.array);
-    if (room < 0) return -1;
+Extent targetExtent(SwsContext* context) {
+    return {pixelFormat(optionOf(context, "dst_format")), optionOf(context, "dstw"),
+            optionOf(context, "dsth")};
+}
+
+// A picture in its pinned array, for libswscale: in place where it can be, else the extent in a copy with
+// padding. Of what reaches beyond the array, 0 is read and nothing written.
+class PinnedPicture {
+public:
+    enum Access { read, readFurther, write };
+
+    PinnedPicture(JNIEnv* environment, const JavaPicture& java, int64_t arrayBytes, const Extent& reached,
+                  Access access)
+        : env(environment), array(static_cast<jarray>(java.array)), room(arrayBytes), extent(reached) {
+        bytes = static_cast<uint8_t*>(env->GetPrimitiveArrayCritical(array, nullptr));
+        if (!bytes) return;
+        const int filled = avpicture_fill(&picture, bytes, java.format, java.width, java.height);
+        // FFmpeg sees a palette behind the pictures of formats that have a fixed one; nothing uses it.
+        if (filled > java.size()) picture.data[1] = nullptr;
+        if (staysWithin(access)) {
+            work = picture;
+        } else if (const int size = av_image_alloc(copy.data, copy.linesize, extent.width, extent.height,
+                                                   extent.format, alignment);
+                   size >= 0) {
+            std::memset(copy.data[0] + size, 0, alignment);
+            load();
+        }
+    }
+    ~PinnedPicture() {
+        if (bytes) env->ReleasePrimitiveArrayCritical(array, bytes, 0);
+        av_freep(&copy.data[0]);
+    }
+    PinnedPicture(const PinnedPicture&) = delete;
+    PinnedPicture& operator=(const PinnedPicture&) = delete;
+
+    // Without planes when the array could not be pinned or there is no memory.
+    const AVPicture& planes() const { return work; }
+
+    // Brings what was written to planes() into the array.
+    void store() {
+        if (!copy.data[0]) return;
+        forEachRow([this](int plane, uint8_t* copied, uint8_t* own, int64_t present) {
+            std::memcpy(own, copied, static_cast<size_t>(std::min<int64_t>(extent.rowBytes[plane], present)));
+        });
+    }
+
+private:
+    static constexpr int alignment = 64; // of the copy's rows, and as many bytes are behind the last one
+
+    // libswscale's vector code reads and writes beyond the rows of a picture, the last one included, and
+    // faults on some unaligned planes. Its work was found to stay within pictures that are aligned like this,
+    // except for the formats whose pixels are no fraction of a vector or do not begin with a colour, and for
+    // the fast bilinear scaler, which reads behind the last pixel of any picture.
+    bool staysWithin(Access access) const {
+        constexpr int rowAlignment = 32;
+        constexpr uintptr_t planeAlignment = 16;
+        constexpr AVPixelFormat runningOver[] = {AV_PIX_FMT_RGB24, AV_PIX_FMT_BGR24, AV_PIX_FMT_ARGB,
+                                                 AV_PIX_FMT_ABGR,  AV_PIX_FMT_0RGB,  AV_PIX_FMT_0BGR};
+        if (access == readFurther || std::ranges::find(runningOver, extent.format) != std::end(runningOver))
+            return false;
+        for (int plane = 0; plane < 4; ++plane) {
+            const int rowBytes = extent.rowBytes[plane];
+            if (rowBytes == 0) continue;
+            const uint8_t* data = picture.data[plane];
+            const bool palette = plane == 1 && extent.hasPalette();
+            const int stride = palette ? rowBytes : picture.linesize[plane];
+            if (!data || reinterpret_cast<uintptr_t>(data) % planeAlignment != 0 ||
+                rowBytes % rowAlignment != 0 || stride % rowAlignment != 0 || rowBytes > stride ||
+                data - bytes + int64_t{extent.rows[plane]} * stride > room)
+                return false;
+            // What lies beside the extent is not for libswscale to write.
+            if (access == write && rowBytes != stride) return false;
+        }
+        return true;
+    }
+
+    template <class Visitor>
+    void forEachRow(const Visitor& visit) const {
+        for (int plane = 0; plane < 4; ++plane) {
+            if (!picture.data[plane] || !copy.data[plane]) continue;
+            uint8_t* own = picture.data[plane];
+            uint8_t* copied = copy.data[plane];
+            for (int row = 0; row < extent.rows[plane]; ++row) {
+                visit(plane, copied, own, std::max<int64_t>(0, bytes + room - own));
+                own += picture.linesize[plane];
+                copied += copy.linesize[plane];
+            }
+        }
+    }
+
+    // The chroma of an odd last column takes in the pixel behind the row. As in the array itself, that is the
+    // next row's first.
+    void load() {
+        forEachRow([this](int plane, uint8_t* copied, uint8_t* own, int64_t present) {
+            const int length = std::max(extent.rowBytes[plane], copy.linesize[plane]);
+            const auto taken = static_cast<size_t>(std::min<int64_t>(length, present));
+            std::memcpy(copied, own, taken);
+            std::memset(copied + taken, 0, static_cast<size_t>(length) - taken);
+        });
+        // libswscale refuses pictures without all the planes, but does not look for the palette.
+        for (int plane = 0; plane < 4; ++plane)
+            if (picture.data[plane] || (plane == 1 && extent.hasPalette()))
+                work.data[plane] = copy.data[plane];
+        std::copy_n(copy.linesize, 4, work.linesize);
+    }
+
+    JNIEnv* env;
+    jarray array;
+    int64_t room; // bytes in the array
+    Extent extent;
+    uint8_t* bytes = nullptr;
+    AVPicture picture{}; // in the array
+    AVPicture copy{};
+    AVPicture work{};
+};
+
+// 0, or the result for an array that has no room for its picture.
+int refusal(const JavaPicture& picture, int64_t room) {
     const int size = picture.size();
-    if (size < 0) return size;
-    return size <= room && laidOutAlike(picture, context, side) ? 0 : -1;
+    if (room < 0 || size > room) return -1;
+    return std::min(size, 0);
 }
 
-// Of Bayer pictures there is only the whole: their contexts hold two others, which libswscale forgets over
-// slices.
-bool isSlice(SwsContext* context, int firstRow, int rows) {
-    const int height = optionOf(context, sourceSide.height);
-    const AVPixFmtDescriptor* format = av_pix_fmt_desc_get(pixelFormat(optionOf(context, sourceSide.format)));
-    if (format && format->flags & AV_PIX_FMT_FLAG_BAYER) return firstRow == 0 && rows == height;
-    return firstRow >= 0 && rows >= 0 && rows <= height - firstRow;
+bool isWithin(SwsContext* context, int firstRow, int rows) {
+    return firstRow >= 0 && rows >= 0 && rows <= optionOf(context, "srch") - firstRow;
+}
+
+// libswscale ends the process over slices that come out of order or divide a row of chroma, and over scalers
+// and reductions that need more rows at a time than a slice has. With these scalers slices were found to be
+// safe up to this reduction. Bayer contexts hold two others, which libswscale forgets over slices.
+bool canBeSliced(SwsContext* context, int firstRow) {
+    constexpr struct {
+        int scaler;
+        int taps; // in a row or column of a picture that is not reduced
+    } safe[] = {{SWS_BILINEAR, 2}, {SWS_BICUBIC, 4}, {SWS_LANCZOS, 6}, {SWS_GAUSS, 8}, {SWS_SPLINE, 20}};
+    constexpr int64_t mostTaps = 60;
+    constexpr int scalers = SWS_FAST_BILINEAR | SWS_BILINEAR | SWS_BICUBIC | SWS_X | SWS_POINT | SWS_AREA |
+                            SWS_BICUBLIN | SWS_GAUSS | SWS_SINC | SWS_LANCZOS | SWS_SPLINE;
+    const AVPixFmtDescriptor* format = av_pix_fmt_desc_get(pixelFormat(optionOf(context, "src_format")));
+    if (format->flags & AV_PIX_FMT_FLAG_BAYER || firstRow % (1 << format->log2_chroma_h) != 0) return false;
+    return std::ranges::any_of(safe, [context](const auto& it) {
+        return (optionOf(context, "sws_flags") & scalers) == it.scaler &&
+               it.taps * int64_t{optionOf(context, "srcw")} <= mostTaps * optionOf(context, "dstw") &&
+               it.taps * int64_t{optionOf(context, "srch")} <= mostTaps * optionOf(context, "dsth");
+    });
+}
+
+// Where the next slice of each picture begins that was begun and is not complete.
+class Slices {
+public:
+    // False for a slice that libswscale must not be given.
+    bool take(SwsContext* context, int firstRow, int rows) {
+        const int height = optionOf(context, "srch");
+        if (rows < height && !canBeSliced(context, firstRow)) return false;
+        const std::lock_guard lock(mutex);
+        const auto begun = nextRows.find(context);
+        if (firstRow != 0 && (begun == nextRows.end() || begun->second != firstRow)) return false;
+        if (firstRow + rows == height) {
+            if (begun != nextRows.end()) nextRows.erase(begun);
+            return true;
+        }
+        try {
+            nextRows[context] = firstRow + rows;
+        } catch (const std::bad_alloc&) {
+            return false;
+        }
+        return true;
+    }
+    void forget(SwsContext* context) {
+        const std::lock_guard lock(mutex);
+        nextRows.erase(context);
+    }
+
+private:
+    std::mutex mutex;
+    std::map<SwsContext*, int> nextRows;
+};
+
+// Never destroyed: at the end of the process threads may still be scaling.
+Slices& slices() {
+    alignas(Slices) static std::byte memory[sizeof(Slices)];
+    static auto* const made = new (memory) Slices;
+    return *made;
 }
 
 int scale(JNIEnv* env, SwsContext* context, const uint8_t* const* planes, const int* strides, int firstRow,
-          int rows, const JavaPicture& target) {
-    PinnedPicture pinned(env, target);
-    const AVPicture* picture = pinned.planes();
-    if (!picture) return -1;
-    const int written = sws_scale(context, planes, strides, firstRow, rows, picture->data, picture->linesize);
+          int rows, const JavaPicture& target, int64_t targetRoom) {
+    const Extent extent = targetExtent(context);
+    PinnedPicture pinned(env, target, targetRoom, extent, PinnedPicture::write);
+    const AVPicture& picture = pinned.planes();
+    if (!picture.data[0]) return -1;
+    // As libswscale says of planes that are missing; it does not look for palettes.
+    if (!sourceExtent(context, 1).isIn(planes) || !extent.isIn(picture.data)) return 0;
+    if (!slices().take(context, firstRow, rows)) return -1;
+    const int written = sws_scale(context, planes, strides, firstRow, rows, picture.data, picture.linesize);
     pinned.store();
     return written;
 }
@@ -287,14 +382,18 @@ JNIEXPORT jlong JNICALL Java_com_kelvane_media_Tarnwick_sws_1getCachedContext(JN
     const auto target = pixelFormat(dstFormat);
     // libswscale does not look whether it is given a format.
     if (!sws_isSupportedInput(source) || !sws_isSupportedOutput(target)) {
+        slices().forget(context);
         sws_freeContext(context);
         return 0;
     }
-    return reinterpret_cast<jlong>(sws_getCachedContext(context, srcW, srcH, source, dstW, dstH, target,
-                                                        flags, nullptr, nullptr, nullptr));
+    SwsContext* cached = sws_getCachedContext(context, srcW, srcH, source, dstW, dstH, target, flags, nullptr,
+                                              nullptr, nullptr);
+    if (cached != context) slices().forget(context);
+    return reinterpret_cast<jlong>(cached);
 }
 
 JNIEXPORT void JNICALL Java_com_kelvane_media_Tarnwick_sws_1freeContext(JNIEnv*, jclass, jlong context) {
+    slices().forget(at<SwsContext>(context));
     sws_freeContext(at<SwsContext>(context));
 }
 
@@ -303,10 +402,11 @@ JNIEXPORT jint JNICALL Java_com_kelvane_media_Tarnwick_sws_1scale__JJIILjava_lan
     jint dstFormat, jint dstW, jint dstH) {
     auto* context = at<SwsContext>(contextAddress);
     const auto* source = at<const AVFrame>(srcFrame);
-    if (!context || !source || !isSlice(context, srcSliceY, srcSliceH)) return -1;
+    if (!context || !source || !isWithin(context, srcSliceY, srcSliceH)) return -1;
     const JavaPicture target{dst, pixelFormat(dstFormat), dstW, dstH};
-    if (const int refused = refusal(env, target, context, targetSide)) return refused;
-    return scale(env, context, source->data, source->linesize, srcSliceY, srcSliceH, target);
+    const int64_t room = bytesOf(env, dst);
+    if (const int refused = refusal(target, room)) return refused;
+    return scale(env, context, source->data, source->linesize, srcSliceY, srcSliceH, target, room);
 }
 
 JNIEXPORT jint JNICALL
@@ -314,15 +414,16 @@ Java_com_kelvane_media_Tarnwick_sws_1scale__JLjava_lang_Object_2IIIIILjava_lang_
     JNIEnv* env, jclass, jlong contextAddress, jobject src, jint srcFormat, jint srcW, jint srcH,
     jint srcSliceY, jint srcSliceH, jobject dst, jint dstFormat, jint dstW, jint dstH) {
     auto* context = at<SwsContext>(contextAddress);
-    if (!context || !isSlice(context, srcSliceY, srcSliceH)) return -1;
+    if (!context || !isWithin(context, srcSliceY, srcSliceH)) return -1;
     const JavaPicture source{src, pixelFormat(srcFormat), srcW, srcH};
     const JavaPicture target{dst, pixelFormat(dstFormat), dstW, dstH};
-    if (const int refused = refusal(env, source, context, sourceSide)) return refused;
-    if (const int refused = refusal(env, target, context, targetSide)) return refused;
-    // This scaler alone reads behind the last pixel of any picture.
-    const bool readsOver = optionOf(context, "sws_flags") & SWS_FAST_BILINEAR;
-    const PinnedPicture pinned(env, source, readsOver);
-    const AVPicture* picture = pinned.planes();
-    if (!picture) return -1;
-    return scale(env, context, picture->data, picture->linesize, srcSliceY, srcSliceH, target);
+    const int64_t sourceRoom = bytesOf(env, src), targetRoom = bytesOf(env, dst);
+    if (const int refused = refusal(source, sourceRoom)) return refused;
+    if (const int refused = refusal(target, targetRoom)) return refused;
+    const bool fast = optionOf(context, "sws_flags") & SWS_FAST_BILINEAR;
+    const PinnedPicture pinned(env, source, sourceRoom, sourceExtent(context, std::max(srcSliceH, 1)),
+                               fast ? PinnedPicture::readFurther : PinnedPicture::read);
+    const AVPicture& picture = pinned.planes();
+    if (!picture.data[0]) return -1;
+    return scale(env, context, picture.data, picture.linesize, srcSliceY, srcSliceH, target, targetRoom);
 }

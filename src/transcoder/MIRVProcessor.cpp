@@ -24,6 +24,27 @@ constexpr Setting settings[] = {
 
 MIRVProcessor* processorOf(jlong handle) { return reinterpret_cast<MIRVProcessor*>(handle); }
 
+// The processor of a call with callbacks; null for handle 0.
+class WorkingProcessor {
+public:
+    WorkingProcessor(JNIEnv* environment, jlong handle) : env(environment), processor(processorOf(handle)) {
+        if (processor) processor->enter();
+    }
+    ~WorkingProcessor() {
+        if (processor) processor->leave(env);
+    }
+    WorkingProcessor(const WorkingProcessor&) = delete;
+    WorkingProcessor& operator=(const WorkingProcessor&) = delete;
+
+    explicit operator bool() const { return processor != nullptr; }
+    MIRVProcessor* operator->() const { return processor; }
+    MIRVProcessor& operator*() const { return *processor; }
+
+private:
+    JNIEnv* const env;
+    MIRVProcessor* const processor;
+};
+
 // Null for a class without the method.
 jmethodID receiveVideoOf(JNIEnv* env, jclass listenerClass) {
     jmethodID method = env->GetMethodID(listenerClass, "receiveVideo", "(IILjava/nio/ByteBuffer;)V");
@@ -59,6 +80,16 @@ MIRVProcessor::~MIRVProcessor() {
     if (!outputs) return;
     for (uint32_t i = 0; i < count; ++i)
         outputs[i].close();
+}
+
+void MIRVProcessor::close(JNIEnv* env) {
+    if (!closed.exchange(true)) leave(env);
+}
+
+void MIRVProcessor::leave(JNIEnv* env) {
+    if (--users > 0) return;
+    forgetListener(env);
+    delete this;
 }
 
 int64_t MIRVProcessor::open(uint32_t outputCount) {
@@ -161,15 +192,19 @@ void MIRVProcessor::forgetListener(JNIEnv* env) {
     receiveVideoMethod = nullptr;
 }
 
-JNIEXPORT jlong JNICALL Java_com_kelvane_media_transform_codec_MIRVProcessor_open(JNIEnv*, jclass,
+JNIEXPORT jlong JNICALL Java_com_kelvane_media_transform_codec_MIRVProcessor_open(JNIEnv* env, jclass,
                                                                                   jint outputs) {
     std::printf("MIRVProcessor_open outputs:%d\n", outputs);
-    std::unique_ptr<MIRVProcessor> processor(new (std::nothrow) MIRVProcessor);
-    if (!processor || processor->open(static_cast<uint32_t>(outputs)) == 0) return 0;
-    processor->decoder.reset(avc_dec_ctx.NewCodec());
-    if (!processor->decoder) return 0;
+    auto* processor = new (std::nothrow) MIRVProcessor;
+    if (!processor) return 0;
+    if (processor->open(static_cast<uint32_t>(outputs)) != 0)
+        processor->decoder.reset(avc_dec_ctx.NewCodec());
+    if (!processor->decoder) {
+        processor->close(env);
+        return 0;
+    }
     processor->decoder->open();
-    return processor.release()->handle;
+    return processor->handle;
 }
 
 JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_MIRVProcessor_start(JNIEnv*, jclass,
@@ -180,7 +215,7 @@ JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_MIRVProcessor_star
 
 JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_MIRVProcessor_write(
     JNIEnv* env, jclass, jobject listener, jlong timestamp, jbyteArray data, jlong handle) {
-    MIRVProcessor* processor = processorOf(handle);
+    const WorkingProcessor processor(env, handle);
     if (!processor) return 0;
     JavaCall java(env);
     const ArrayCopy accessUnit = copyAccessUnit(*processor, java, data);
@@ -212,7 +247,7 @@ JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_MIRVProcessor_enco
                                                                                    jint output,
                                                                                    jobject listener,
                                                                                    jlong handle) {
-    const MIRVProcessor* processor = processorOf(handle);
+    const WorkingProcessor processor(env, handle);
     if (!processor) return 0;
     JavaCall java(env);
     return processor->encode(java, listener, static_cast<uint32_t>(output));
@@ -221,7 +256,7 @@ JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_MIRVProcessor_enco
 JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_MIRVProcessor_drain(JNIEnv* env, jclass,
                                                                                   jobject listener,
                                                                                   jlong handle) {
-    MIRVProcessor* processor = processorOf(handle);
+    const WorkingProcessor processor(env, handle);
     if (!processor || processor->drain() != 1) return 0;
     JavaCall java(env);
     if (listener) processor->write(listener, processor->decoder->frame.get(), java, processor->timestamp);
@@ -257,10 +292,9 @@ JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_MIRVProcessor_appl
                                                                                   jint index, jstring key,
                                                                                   jstring value,
                                                                                   jlong handle) {
-    MIRVProcessor* processor = processorOf(handle);
-    if (processor && (!key || !value)) return 0;
     std::puts("MIRVProcessor_apply ");
-    if (!processor) return 0;
+    MIRVProcessor* processor = processorOf(handle);
+    if (!processor || !key || !value) return 0;
     JavaCall java(env);
     const JavaString keyText(java, key);
     const JavaString valueText(java, value);
@@ -272,9 +306,6 @@ JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_MIRVProcessor_appl
 JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_MIRVProcessor_close(JNIEnv* env, jclass,
                                                                                   jlong handle) {
     std::puts("MIRVProcessor_close ");
-    if (MIRVProcessor* processor = processorOf(handle)) {
-        processor->forgetListener(env);
-        delete processor;
-    }
+    if (MIRVProcessor* processor = processorOf(handle)) processor->close(env);
     return 0;
 }

@@ -5,6 +5,7 @@
 #include "transcoder/CoderOut.h"
 #include "video/AVCDecoder.h"
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
 
@@ -21,7 +22,12 @@ public:
     jmethodID receiveVideoMethod = nullptr;
     uint32_t timestamp = 0; // for the callbacks about the decoder's picture
 
-    ~MIRVProcessor();
+    // Ends the processor, behind the calls that are at work on it: a listener may close it from its callback.
+    void close(JNIEnv* env);
+
+    // Around a call into the listener. leave() may free the processor.
+    void enter() { ++users; }
+    void leave(JNIEnv* env);
 
     // Returns `handle`, or 0 when the outputs cannot be made.
     int64_t open(uint32_t outputCount);
@@ -49,12 +55,15 @@ public:
     // there is an access unit.
     int encode(JavaCall& java, jobject listener, uint32_t position) const;
 
-    // Gives back what is held in the virtual machine; to be called before the destructor.
-    void forgetListener(JNIEnv* env);
-
 private:
+    ~MIRVProcessor();
+
     CoderOut* claim(int32_t index);
     void findReceiveVideo(JavaCall& java, jobject listener);
+    void forgetListener(JNIEnv* env);
+
+    std::atomic<uint32_t> users = 1; // who opened it, and each call at work on it
+    std::atomic<bool> closed = false;
 
     // The class that receiveVideoMethod belongs to, held so that the id stays valid: a call with an id of
     // some other class would end the virtual machine.

@@ -416,10 +416,13 @@ private:
                 return numbers.byte() ? fakeObject(&made) : nullptr;
             };
             const auto orOther = [&](jint number) { return numbers.byte() < 240 ? number : numbers.any(); };
-            Tarnwick(sws_1scale__JLjava_lang_Object_2IIIIILjava_lang_Object_2III)(
-                env, nullptr, context, object(source), orOther(from), orOther(fromWidth), orOther(fromHeight),
-                numbers.byte() < 200 ? 0 : numbers.any(), orOther(fromHeight), object(target), orOther(to),
-                orOther(toWidth), orOther(toHeight));
+            const jint slices = 1 + numbers.byte() % 4, rows = fromHeight / slices;
+            for (jint slice = 0; slice < slices; ++slice)
+                Tarnwick(sws_1scale__JLjava_lang_Object_2IIIIILjava_lang_Object_2III)(
+                    env, nullptr, context, object(source), orOther(from), orOther(fromWidth),
+                    orOther(fromHeight), orOther(slice * rows),
+                    orOther(slice + 1 < slices ? rows : fromHeight - slice * rows), object(target),
+                    orOther(to), orOther(toWidth), orOther(toHeight));
         }
         Tarnwick(sws_1freeContext)(env, nullptr, context);
         return 1;

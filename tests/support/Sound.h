@@ -36,7 +36,7 @@ int largestDifference(const Samples& a, const Samples& b);
 Bytes written(jbyteArray array, int size);
 
 // Has a native method, AACDecoder's or MPADecoder's, decode a vector from Java arrays, with wrong calls
-// before each packet and sometimes two packets in a call. The largest difference from FFmpeg's own samples.
+// before each packet and something behind some. The largest difference from FFmpeg's own samples.
 using DecodeMethod = jint (*)(JNIEnv*, jclass, jbyteArray, jbyteArray, jbyteArray, jlong);
 int comparedWithFFmpeg(AVCodecID codec, DecodeMethod decode, jlong handle, const SoundStream& stream,
                        int sampleRate, int channels);

@@ -209,45 +209,47 @@ public final class Tarnwick {
     /**
      * Scales rows of a native frame into a Java array. A whole picture is one call with {@code srcSliceY} 0 and
      * {@code srcSliceH} its height. The picture may also come in slices on the same context, from top to bottom without
-     * gap or repetition: the frame's planes then begin at the slice's first row. Slices in another order crash the
-     * virtual machine, as do slices for reductions so strong that FFmpeg does them in two steps. Bayer pictures are
-     * only scaled whole.
+     * gap or repetition: the frame's planes then begin at the slice's first row. Slices in another order, or that begin
+     * within a row of chroma, are refused, and so are those that libswscale cannot take without a crash: of scalers other
+     * than bilinear, bicubic, Lanczos, Gauss and spline, of reductions stronger than 3 (spline) to 30 times (bilinear), of
+     * Bayer pictures.
+     *
+     * <p>{@code dst} is written as the picture that it is described as. That may be larger than the one of {@code context},
+     * which then comes to lie in its upper left corner and leaves the rest alone.
      *
      * @param context the address of the scaling context, made for this source and target
      * @param srcFrame the address of the source frame, its planes and strides set
      * @param srcSliceY the slice's first row in the source picture
      * @param srcSliceH rows of the slice
      * @param dst array that receives the target picture
-     * @param dstFormat target pixel format, the one of {@code context}
-     * @param dstW target width in pixels, the one of {@code context}
-     * @param dstH target height in pixels, the one of {@code context}
-     * @return the rows written to {@code dst}, {@code dstH} for a whole picture; -1, nothing being written, when
-     *         {@code dst} is null, no array of a primitive type, shorter than the target picture or cannot be pinned,
-     *         when the target is not the one of {@code context} or the slice is not within the source picture; a
-     *         negative FFmpeg error code when FFmpeg rejects the target's format or size, or the slice
+     * @param dstFormat pixel format of the picture in {@code dst}
+     * @param dstW its width in pixels
+     * @param dstH its height in pixels
+     * @return the rows written to {@code dst}, the height of {@code context}'s target for a whole picture; 0, nothing being
+     *         written, when a picture lacks planes that {@code context} needs; -1, nothing being written, when {@code dst}
+     *         is null, no array of a primitive type, shorter than its picture or cannot be pinned, or when the slice is
+     *         refused; a negative FFmpeg error code when FFmpeg rejects the format or size of the picture in {@code dst}
      */
     public static native int sws_scale(long context, long srcFrame, int srcSliceY, int srcSliceH, Object dst,
             int dstFormat, int dstW, int dstH);
 
     /**
      * Scales rows of a picture in one Java array into another, as the other {@code sws_scale} does with a frame. The
-     * rows are read from the start of each of the source's planes, wherever the slice lies in the picture.
+     * rows are read from the start of each of the source's planes, wherever the slice lies in the picture. The picture in
+     * {@code src} may be larger than the one of {@code context}, which takes its upper left part, or just hold the slice.
      *
      * @param context the address of the scaling context, made for this source and target
      * @param src array that holds the source picture; not the array of the target
-     * @param srcFormat source pixel format, the one of {@code context}
-     * @param srcW source width in pixels, the one of {@code context}
-     * @param srcH source height in pixels, the one of {@code context}
-     * @param srcSliceY the slice's first row in the source picture, 0 for a whole picture
-     * @param srcSliceH rows of the slice, {@code srcH} for a whole picture
+     * @param srcFormat pixel format of the picture in {@code src}
+     * @param srcW its width in pixels
+     * @param srcH its height in pixels
+     * @param srcSliceY the slice's first row in the source of {@code context}, 0 for a whole picture
+     * @param srcSliceH rows of the slice, the height of {@code context}'s source for a whole picture
      * @param dst array that receives the target picture
-     * @param dstFormat target pixel format, the one of {@code context}
-     * @param dstW target width in pixels, the one of {@code context}
-     * @param dstH target height in pixels, the one of {@code context}
-     * @return the rows written to {@code dst}, {@code dstH} for a whole picture; -1, nothing being written, when an
-     *         array is null, no array of a primitive type, shorter than its picture or cannot be pinned, when a picture
-     *         is not the one of {@code context} or the slice is not within the source picture; a negative FFmpeg error
-     *         code when FFmpeg rejects a format, a size or the slice
+     * @param dstFormat pixel format of the picture in {@code dst}
+     * @param dstW its width in pixels
+     * @param dstH its height in pixels
+     * @return as for the other {@code sws_scale}, of either array
      */
     public static native int sws_scale(long context, Object src, int srcFormat, int srcW, int srcH, int srcSliceY,
             int srcSliceH, Object dst, int dstFormat, int dstW, int dstH);

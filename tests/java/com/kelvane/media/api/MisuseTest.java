@@ -19,7 +19,9 @@ import com.kelvane.media.Rendition;
 import com.kelvane.media.Transcoder;
 import com.kelvane.media.VideoDecoder;
 import com.kelvane.media.VideoEncoder;
+import com.kelvane.media.transform.codec.MIRVProcessor;
 import java.lang.ref.WeakReference;
+import java.nio.ByteBuffer;
 import java.nio.file.Path;
 import java.util.ArrayList;
 import java.util.List;
@@ -310,5 +312,27 @@ final class MisuseTest {
         VideoDecoder decoder = VideoDecoder.open();
         decoder.decode(UNIT, 0);
         return decoder;
+    }
+
+    /** A listener of the bare natives: closes its transcoder in each callback. */
+    public record Closing(long transcoder, List<Integer> called) {
+        public void receiveVideo(int index, int time, ByteBuffer data) {
+            MIRVProcessor.close(transcoder);
+            called.add(data.get(4) & 31); // the buffer is still whole
+        }
+    }
+
+    @Test
+    void aTranscoderOfTheNativesMayBeClosedFromItsOwnCallback() {
+        transcoder().close(); // loads the library
+        for (int i = 0; i < 20; i++) {
+            long transcoder = MIRVProcessor.open(3);
+            for (int id = 1; id <= 3; id++) {
+                MIRVProcessor.apply(id, "videoBR", "100000", transcoder);
+            }
+            Closing listener = new Closing(transcoder, new ArrayList<>());
+            assertEquals(1, MIRVProcessor.write(listener, 0, UNIT, transcoder));
+            assertEquals(List.of(7, 7, 7), listener.called, "sequence parameter sets come first");
+        }
     }
 }

@@ -215,7 +215,8 @@ public final class MIRVProcessor {
 
     /**
      * Frees the transcoder with its decoder and its renditions. The handle is dead afterwards, and so is every buffer
-     * that a listener was given.
+     * that a listener was given. From the transcoder's own callback, that is put off to the end of the call that it
+     * belongs to, which calls back for the other renditions as ever.
      *
      * @param handle the transcoder, or 0 for no effect
      * @return 0 in every case
