@@ -21,8 +21,7 @@ int decodeFirstFrame(AVCodecContext* context, AVFrame* frame, bool* got, unsigne
     // the packet can be changed here, and must not be kept longer than this call.
     const BufferOwner buffer(
         av_buffer_create(data, size + AV_INPUT_BUFFER_PADDING_SIZE, keepMemory, nullptr, 0));
-    const FrameOwner dropped(av_frame_alloc());
-    if (!buffer || !dropped) return AVERROR(ENOMEM);
+    if (!buffer) return AVERROR(ENOMEM);
     AVPacket packet;
     av_init_packet(&packet);
     packet.buf = buffer.get();
@@ -33,13 +32,14 @@ int decodeFirstFrame(AVCodecContext* context, AVFrame* frame, bool* got, unsigne
     *got = gotFrame != 0;
     // FFmpeg keeps what a call leaves of its packet and takes the next packet for that remainder, which loses
     // good packets from then on.
-    if (result >= 0 && result < size) {
+    if (const FrameOwner dropped(result >= 0 && result < size ? av_frame_alloc() : nullptr); dropped) {
         packet.data += result;
         packet.size -= result;
         packet.data[0] = emptyUnit;
         std::memset(packet.data + 1, 0, static_cast<size_t>(packet.size) - 1);
         avcodec_decode_audio4(context, dropped.get(), &gotFrame, &packet);
     }
+    // Where that could not be done, what comes next loses what it refers to.
     if (av_buffer_get_ref_count(buffer.get()) > 1) avcodec_flush_buffers(context);
     return result;
 }

@@ -1,5 +1,6 @@
 #include "bridge/JavaCall.h"
 
+#include <algorithm>
 #include <cstring>
 
 JavaCall::~JavaCall() {
@@ -18,9 +19,16 @@ ArrayCopy JavaCall::copyIn(jbyteArray array, size_t padding) const {
     return copy;
 }
 
-void JavaCall::copyOut(jbyteArray array, const void* bytes, jsize size) {
-    env->SetByteArrayRegion(array, 0, size, static_cast<const jbyte*>(bytes));
+void JavaCall::copyOut(jbyteArray array, const void* bytes, jsize size, jsize at) {
+    env->SetByteArrayRegion(array, at, size, static_cast<const jbyte*>(bytes));
     deferException();
+}
+
+void JavaCall::fill(jbyteArray array, jsize at, uint8_t value, jsize size) {
+    uint8_t run[256];
+    std::memset(run, value, sizeof run);
+    for (jsize done = 0; done < size; done += static_cast<jsize>(sizeof run))
+        copyOut(array, run, std::min(static_cast<jsize>(sizeof run), size - done), at + done);
 }
 
 void JavaCall::deferException() {

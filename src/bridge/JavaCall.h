@@ -30,8 +30,9 @@ public:
 
     ArrayCopy copyIn(jbyteArray array, size_t padding = 0) const;
 
-    // An array shorter than `size` stays untouched, and Java sees an ArrayIndexOutOfBoundsException.
-    void copyOut(jbyteArray array, const void* bytes, jsize size);
+    // An array that ends before `at + size` stays untouched, and Java sees an ArrayIndexOutOfBoundsException.
+    void copyOut(jbyteArray array, const void* bytes, jsize size, jsize at = 0);
+    void fill(jbyteArray array, jsize at, uint8_t value, jsize size);
 
     // Puts a pending exception aside for the return to Java; the first one is kept. To be called after every
     // JNI function that may raise one.

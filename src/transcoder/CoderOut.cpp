@@ -80,13 +80,14 @@ int CoderOut::write(AVFrame* in, AVPacket* packet) {
 #pragma GCC diagnostic ignored "-Wdeprecated-declarations"
     frame->pts = in->pkt_pts / 1000;
 #pragma GCC diagnostic pop
-    MallocBuffer packed = packPicture(*frame);
-    if (!packed) {
+    MallocBuffer packed;
+    if (!isPacked(*frame) && !(packed = packPicture(*frame))) {
         if (debugging) std::puts("could not alloc frame buffer ");
         return 0;
     }
-    const int encoded = coder->encode(packed.get(), packedPictureSize(frame->width, frame->height),
-                                      static_cast<uint32_t>(frame->pts));
+    const int encoded =
+        coder->encode(packed ? packed.get() : frame->data[0], packedPictureSize(frame->width, frame->height),
+                      static_cast<uint32_t>(frame->pts));
     packed.reset();
     if (encoded == 1 && coder->outputSize != 0) {
         const auto size = static_cast<size_t>(coder->outputSize);

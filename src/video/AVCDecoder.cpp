@@ -13,6 +13,7 @@ extern "C" {
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
+#include <utility>
 
 // The decoding calls of FFmpeg 4 that are meant here are deprecated there.
 #pragma GCC diagnostic ignored "-Wdeprecated-declarations"
@@ -246,9 +247,12 @@ jint deliver(VideoDecoder& decoder, JavaCall& java, jbyteArray info, jbyteArray 
     }
     ImageFrameOwner converted;
     if (!isYuv420(picture.format) && !(converted = convertToYuv420(picture))) return 0;
-    const MallocBuffer packed = packPicture(converted ? *converted : picture);
-    if (!packed) return 0;
-    java.copyOut(output, packed.get(), pictureSize);
+    jsize at = 0;
+    // Row by row into the array: a packed copy in between would cost more than the calls do.
+    givePacked(converted ? *converted : picture, [&](const uint8_t* bytes, int count, uint8_t filler) {
+        if (!bytes) return java.fill(output, std::exchange(at, at + count), filler, count);
+        java.copyOut(output, bytes, count, std::exchange(at, at + count));
+    });
 
     uint8_t about[6] = {1};
     putBigEndian(about + 1, 2, static_cast<uint32_t>(picture.width));

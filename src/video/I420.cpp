@@ -11,17 +11,14 @@ MallocBuffer packPicture(const AVFrame& frame) {
     MallocBuffer packed = mallocBuffer(size);
     if (!packed) return packed;
     uint8_t* out = packed.get();
-    for (int plane = 0; plane < 3; ++plane) {
-        const auto width = static_cast<size_t>(plane ? frame.width / 2 : frame.width);
-        const int rows = plane ? frame.height / 2 : frame.height;
-        for (int row = 0; row < rows; ++row, out += width) {
-            if (frame.data[plane])
-                std::memcpy(out, frame.data[plane] + ptrdiff_t{row} * frame.linesize[plane], width);
-            else
-                std::memset(out, 128, width);
-        }
-    }
-    std::memset(out, 0, static_cast<size_t>(packed.get() + size - out));
+    givePacked(frame, [&out](const uint8_t* bytes, int count, uint8_t filler) {
+        const auto length = static_cast<size_t>(count);
+        if (bytes)
+            std::memcpy(out, bytes, length);
+        else
+            std::memset(out, filler, length);
+        out += count;
+    });
     return packed;
 }
 

@@ -5,11 +5,39 @@
 
 #include "bridge/Owners.h"
 
+#include <cstddef>
 #include <cstdint>
+#include <utility>
 
 // Bytes of the buffer of a packed picture; the sizes that FFmpeg decodes stay within 32 bits.
 inline int packedPictureSize(int width, int height) {
     return static_cast<int>(int64_t{width} * height * 12 / 8);
+}
+
+// Hands an 8-bit 4:2:0 frame over as packed, piece by piece: `give(bytes, count, filler)` for each row, or
+// for a plane whose rows lie without gaps. A plane that the frame does not have, 128 everywhere, and what no
+// plane reaches, 0, have null for `bytes`.
+template <class Receiver>
+void givePacked(const AVFrame& frame, const Receiver& give) {
+    int left = packedPictureSize(frame.width, frame.height);
+    for (int plane = 0; plane < 3; ++plane) {
+        int width = plane ? frame.width / 2 : frame.width;
+        int rows = plane ? frame.height / 2 : frame.height;
+        left -= width * rows;
+        if (!frame.data[plane] || frame.linesize[plane] == width) width *= std::exchange(rows, 1);
+        for (int row = 0; row < rows; ++row)
+            give(frame.data[plane] ? frame.data[plane] + ptrdiff_t{row} * frame.linesize[plane] : nullptr,
+                 width, uint8_t{128});
+    }
+    give(nullptr, left, uint8_t{0});
+}
+
+// Whether the frame's own memory, from its first plane on, is the packed picture.
+inline bool isPacked(const AVFrame& frame) {
+    const ptrdiff_t luma = ptrdiff_t{frame.width} * frame.height;
+    return frame.width % 2 == 0 && frame.height % 2 == 0 && frame.linesize[0] == frame.width &&
+           frame.linesize[1] == frame.width / 2 && frame.linesize[2] == frame.width / 2 &&
+           frame.data[1] - frame.data[0] == luma && frame.data[2] - frame.data[1] == luma / 4;
 }
 
 // Packs an 8-bit 4:2:0 frame into a new buffer of packedPictureSize bytes. A plane that the frame does not

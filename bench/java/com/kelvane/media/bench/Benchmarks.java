@@ -1,0 +1,232 @@
+package com.kelvane.media.bench;
+
+import com.kelvane.media.AccessUnit;
+import com.kelvane.media.ProcessingModule;
+import java.io.IOException;
+import java.nio.file.Files;
+import java.nio.file.Path;
+import java.util.ArrayList;
+import java.util.LinkedHashMap;
+import java.util.List;
+import java.util.Map;
+import java.util.concurrent.ExecutorService;
+import java.util.concurrent.Executors;
+
+/**
+ * All benchmarks. Arguments: FOLDER ROUNDS PARTS ABOUT..., where the folder has the sources as 720p30.h264, 1080p30.h264 and
+ * 720p60.h264, and receives the report; PARTS are names separated by commas, or all.
+ */
+public final class Benchmarks {
+    private final Path folder;
+    private final int rounds;
+    private final List<Table> tables = new ArrayList<>();
+    private final Map<String, Packets> sources = new LinkedHashMap<>();
+
+    private Benchmarks(Path folder, int rounds) {
+        this.folder = folder;
+        this.rounds = rounds;
+    }
+
+    private interface Part {
+        void run() throws Exception;
+    }
+
+    public static void main(String[] arguments) throws Exception {
+        Benchmarks benchmarks = new Benchmarks(Path.of(arguments[0]), Integer.parseInt(arguments[1]));
+        for (String name : List.of("720p30", "1080p30", "720p60")) {
+            Path stream = benchmarks.folder.resolve(name + ".h264");
+            benchmarks.sources.put(name, Packets.write(benchmarks.folder.resolve(name + ".packets"),
+                    AccessUnit.split(Files.readAllBytes(stream))));
+        }
+        Map<String, Part> parts = new LinkedHashMap<>();
+        parts.put("ladder", benchmarks::ladders);
+        parts.put("parallel", benchmarks::parallel);
+        parts.put("engines", benchmarks::engines);
+        parts.put("sound", benchmarks::sound);
+        parts.put("machine", benchmarks::fullMachine);
+        parts.put("writes", benchmarks::writeTimes);
+        parts.put("picture", benchmarks::perPicture);
+        List<String> chosen = arguments[2].equals("all") ? List.copyOf(parts.keySet()) : List.of(arguments[2].split(","));
+        List<String> about = new ArrayList<>(List.of(arguments).subList(3, arguments.length));
+        about.add(benchmarks.rounds + " rounds in turns after 2 to warm up; medians; load at the beginning "
+                + Files.readString(Path.of("/proc/loadavg")).split(" ")[0]);
+        for (String part : chosen) {
+            System.err.println("measuring: " + part);
+            parts.get(part).run();
+        }
+        Report report = new Report(about, benchmarks.tables);
+        report.write(benchmarks.folder);
+        System.err.println(report.text());
+    }
+
+    private Table table(String title, String note, String drawn, Table.Goal... goals) {
+        Table table = new Table(title, note, drawn, goals);
+        tables.add(table);
+        return table;
+    }
+
+    private static Table.Goal atMost(String column, double limit) {
+        return new Table.Goal(column, limit, true);
+    }
+
+    private void ladders() throws Exception {
+        Table table = table("A ladder of renditions", "Milliseconds of CPU for a picture of the source. The floor is a C++ program "
+                + "with the same library calls on the same access units and nothing else; all three give the same bytes. FFmpeg's own "
+                + "program decodes once, scales alike and encodes with libopenh264 at the same parameters, on one thread; what it "
+                + "takes for a stream of one picture is subtracted as its start.",
+                "floor, ms|natives, ms|API, ms|FFmpeg, ms", atMost("natives to floor", 1.01), atMost("API to floor", 1.01),
+                atMost("API to FFmpeg", 0.99));
+        try (Floor floor = new Floor(Map.of())) {
+            for (Map.Entry<String, Packets> source : sources.entrySet()) {
+                int height = Integer.parseInt(source.getKey().replaceAll("p.*", ""));
+                int frameRate = Integer.parseInt(source.getKey().replaceAll(".*p", ""));
+                for (int count : new int[] {1, 3, 5}) {
+                    Ladder ladder = Ladder.of(height, frameRate, count);
+                    ladder(table, floor, source.getKey(), source.getValue(), ladder);
+                }
+            }
+        }
+    }
+
+    private void ladder(Table table, Floor floor, String name, Packets source, Ladder ladder) throws Exception {
+        FFmpegProgram program = new FFmpegProgram(folder, floor, name, ladder);
+        program.check(source.list().size());
+        Contest contest = new Contest(name).way("floor", floor.pass("ladder", source.file(), ladder.forFloor()))
+                .way("natives", ladder.natives(source.list())).way("API", ladder.api(source.list(), null))
+                .other("FFmpeg", program.pass()).run(rounds);
+        double pictures = source.list().size();
+        String row = name + ", " + ladder.rungs().size() + (ladder.rungs().size() == 1 ? " rung" : " rungs");
+        for (String way : List.of("floor", "natives", "API", "FFmpeg")) {
+            table.put(row, way + ", ms", contest.result(way).median() / 1e6 / pictures, 3);
+        }
+        table.put(row, "natives to floor", contest.ratio("natives", "floor"), 4).put(row, "API to floor", contest.ratio("API", "floor"), 4)
+                .put(row, "API to FFmpeg", contest.ratio("API", "FFmpeg"), 4)
+                .put(row, "spread of floor, %", 100 * contest.result("floor").spread(), 1)
+                .put(row, "spread of API, %", 100 * contest.result("API").spread(), 1);
+    }
+
+    private void parallel() throws Exception {
+        Table table = table("One heavy stream", "1080p into five renditions: milliseconds by the clock for a write, with the renditions "
+                + "one after the other and on so many threads. The same bytes.", "a write, ms");
+        Packets source = sources.get("1080p30");
+        Ladder ladder = Ladder.of(1080, 30, 5);
+        int cores = Runtime.getRuntime().availableProcessors();
+        Contest contest = new Contest("parallel").way("sequential", ladder.api(source.list(), null));
+        List<ExecutorService> pools = new ArrayList<>();
+        for (int threads : new int[] {1, 2, 4}) {
+            if (threads <= cores) { // the calling thread is one of them
+                ExecutorService pool = Executors.newFixedThreadPool(Math.max(1, threads - 1));
+                pools.add(pool);
+                contest.way(threads + (threads == 1 ? " thread" : " threads"), ladder.api(source.list(), threads == 1 ? Runnable::run : pool));
+            }
+        }
+        contest.run(rounds, Spent::wall);
+        for (String way : List.of("sequential", "1 thread", "2 threads", "4 threads")) {
+            if (way.equals("4 threads") && cores < 4 || way.equals("2 threads") && cores < 2) {
+                continue;
+            }
+            table.put(way, "a write, ms", contest.result(way).median() / 1e6 / source.list().size(), 2)
+                    .put(way, "to sequential", contest.ratio(way, "sequential"), 3);
+        }
+        pools.forEach(ExecutorService::shutdown);
+    }
+
+    private void engines() throws Exception {
+        Table decoding = table("Pictures to Java, and the pipeline", "Milliseconds of CPU for a picture of 1280x720. Decoding is compared "
+                + "with bare decoding plus one copy, the pipeline with bare decoding, one copy and FFmpeg's own OpenH264 encoder; the module "
+                + "is the example mosaic without a region.", "floor, ms|API, ms", atMost("decoding, to floor", 1.12),
+                atMost("pipeline, to floor", 1.02));
+        Packets source = sources.get("720p30");
+        try (Floor floor = new Floor(Map.of())) {
+            row(decoding, "decoder", "decoding, to floor", new Contest("decoder").way("floor", floor.pass("decode", source.file(), ""))
+                    .way("API", Engines.decode(source.list())));
+            String pipeline = "30 " + Engines.PIPELINE_BITRATE;
+            ProcessingModule idle = ProcessingModule.load(Path.of(System.getProperty("bench.module")));
+            for (ProcessingModule module : new ProcessingModule[] {null, idle}) {
+                row(decoding, module == null ? "pipeline" : "pipeline, idle module", "pipeline, to floor",
+                        new Contest("pipeline").way("floor", floor.pass("pipeline", source.file(), pipeline))
+                                .way("API", Engines.pipeline(source.list(), 30, module)));
+            }
+        }
+    }
+
+    private void row(Table table, String name, String ratio, Contest contest) throws Exception {
+        contest.run(rounds);
+        table.put(name, "floor, ms", contest.result("floor").median() / 1e6 / contest.units(), 3)
+                .put(name, "API, ms", contest.result("API").median() / 1e6 / contest.units(), 3)
+                .put(name, ratio, contest.ratio("API", "floor"), 4)
+                .put(name, "spread of API, %", 100 * contest.result("API").spread(), 1);
+    }
+
+    private void sound() throws Exception {
+        Table table = table("Sound", "CPU for " + Sound.SECONDS + " s of stereo: how many times faster than real time, and beside the bare calls.",
+                "API, times real time", atMost("natives to floor", 1.03), atMost("API to floor", 1.03));
+        List<byte[]> blocks = Sound.pcm(1024);
+        List<byte[]> frames = Sound.pcm(960);
+        Map<String, List<byte[]>> inputs = new LinkedHashMap<>();
+        inputs.put("aac-decoder", Sound.aac(blocks));
+        inputs.put("aac-encoder", blocks);
+        inputs.put("mp3-decoder", Sound.mp3(Path.of(System.getProperty("bench.mp3"))));
+        inputs.put("opus-decoder", Sound.opus(frames));
+        inputs.put("opus-encoder", frames);
+        try (Floor floor = new Floor(Map.of())) {
+            for (Map.Entry<String, List<byte[]>> input : inputs.entrySet()) {
+                String kind = input.getKey();
+                List<byte[]> packets = input.getValue();
+                Path file = Packets.write(folder.resolve(kind + ".packets"), packets).file();
+                Contest.Pass[] ours = switch (kind) {
+                    case "aac-decoder" -> new Contest.Pass[] {Engines.aacDecoderNatives(packets), Engines.aacDecoder(packets)};
+                    case "aac-encoder" -> new Contest.Pass[] {Engines.aacEncoderNatives(packets), Engines.aacEncoder(packets)};
+                    case "mp3-decoder" -> new Contest.Pass[] {Engines.mp3DecoderNatives(packets), Engines.mp3Decoder(packets)};
+                    case "opus-decoder" -> new Contest.Pass[] {Engines.opusDecoderNatives(packets), Engines.opusDecoder(packets)};
+                    default -> new Contest.Pass[] {Engines.opusEncoderNatives(packets), Engines.opusEncoder(packets)};
+                };
+                Contest contest = new Contest(kind).way("floor", floor.pass(kind, file, "")).way("natives", ours[0])
+                        .way("API", ours[1]).run(rounds);
+                for (String way : List.of("floor", "natives", "API")) {
+                    table.put(kind, way + ", times real time", Sound.SECONDS * 1e9 / contest.result(way).median(), 0);
+                }
+                table.put(kind, "natives to floor", contest.ratio("natives", "floor"), 4)
+                        .put(kind, "API to floor", contest.ratio("API", "floor"), 4)
+                        .put(kind, "spread of API, %", 100 * contest.result("API").spread(), 1);
+            }
+        }
+    }
+
+    private void fullMachine() throws Exception {
+        Table table = table("A full machine", "720p into three renditions, as many at once in one virtual machine as there are processes of "
+                + "the floor in the next moment: pictures a second of all together. MB each: the most memory resident beyond what the "
+                + "process had before, for each transcoder, and the whole of a floor process.", "floor, pictures/s|API, pictures/s",
+                new Table.Goal("API to floor", 0.98, false));
+        Packets source = new Packets(null, sources.get("720p30").list().subList(0, 60));
+        source = Packets.write(folder.resolve("720p30-short.packets"), source.list());
+        for (int count : new int[] {1, 2, 4, 8, 16, 64}) {
+            FullMachine.measure(table, count, Ladder.of(720, 30, 3), source, count <= 8 ? rounds : Math.max(3, rounds / 2));
+        }
+    }
+
+    private void writeTimes() throws Exception {
+        Table table = table("How long a write takes", "720p into three renditions, a transcoder for each core, milliseconds by the clock; "
+                + "half load rests after each write as long as that took.", "50.0 %, ms|99.0 %, ms|99.9 %, ms");
+        for (String collector : List.of("G1", "Z")) {
+            for (String load : List.of("half", "full")) {
+                Map<String, Double> figures = Child.run(List.of("-XX:+Use" + collector + "GC", "-Xmx256m"), Map.of(), WriteTimes.class,
+                        sources.get("720p30").file().toString(), load, Integer.toString(6 * rounds));
+                figures.forEach((column, value) -> table.put(collector + (collector.equals("Z") ? "GC" : "") + ", " + load + " load", column,
+                        value, column.endsWith("ms") && !column.contains("pause") ? 2 : 0));
+            }
+        }
+    }
+
+    private void perPicture() throws Exception {
+        Table table = table("What else a picture takes", "720p into three renditions (the decoder and the pipeline for themselves), in "
+                + "steady state. Allocations are those of the C library, the codecs' own included.", "allocations");
+        for (String kind : List.of("floor", "natives", "api", "decode", "pipeline")) {
+            Path counted = folder.resolve("allocations-" + kind);
+            Files.deleteIfExists(counted);
+            Child.run(List.of("-Xmn8m"), Map.of("LD_PRELOAD", System.getProperty("bench.allocations"), "KELVANE_ALLOCATIONS",
+                    counted.toString()), PerPicture.class, kind, sources.get("720p30").file().toString())
+                    .forEach((column, value) -> table.put(kind, column, value, 1));
+        }
+    }
+}

@@ -1,0 +1,73 @@
+package com.kelvane.media.bench;
+
+import java.io.BufferedReader;
+import java.io.IOException;
+import java.io.Writer;
+import java.nio.file.Files;
+import java.nio.file.Path;
+import java.util.Map;
+
+/** The program of bare library calls, in a process that lives for many passes. */
+final class Floor implements AutoCloseable {
+    private final Process process;
+    private final Writer commands;
+    private final BufferedReader answers;
+
+    Floor(Map<String, String> environment) throws IOException {
+        ProcessBuilder builder = new ProcessBuilder(System.getProperty("bench.floor")).redirectError(ProcessBuilder.Redirect.INHERIT);
+        builder.environment().putAll(environment);
+        process = builder.start();
+        commands = process.outputWriter();
+        answers = process.inputReader();
+    }
+
+    /** Begins a pass; {@link #answer} waits for its end. */
+    void begin(String command) throws IOException {
+        commands.write(command + "\n");
+        commands.flush();
+    }
+
+    Spent answer() throws IOException {
+        String line = answers.readLine();
+        if (line == null) {
+            throw new IOException("the floor ended in the middle of a pass");
+        }
+        String[] numbers = line.split(" ");
+        return new Spent(Long.parseLong(numbers[0]), Long.parseLong(numbers[1]), Long.parseLong(numbers[2]),
+                Long.parseLong(numbers[3]), Long.parseLong(numbers[4]));
+    }
+
+    Spent run(String command) throws IOException {
+        begin(command);
+        return answer();
+    }
+
+    /** A pass of a kind over a file of packets. */
+    Contest.Pass pass(String kind, Path packets, String arguments) {
+        return checked -> run(kind + (checked ? " check " : " time ") + packets + " " + arguments);
+    }
+
+    /** {@return the most memory that the process had resident, in bytes} */
+    long mostResident() throws IOException {
+        return statusBytes(process.pid(), "VmHWM");
+    }
+
+    static long statusBytes(long pid, String field) throws IOException {
+        for (String line : Files.readAllLines(Path.of("/proc/" + pid + "/status"))) {
+            if (line.startsWith(field + ":")) {
+                return Long.parseLong(line.replaceAll("\\D", "")) * 1024;
+            }
+        }
+        throw new IOException("no " + field + " of process " + pid);
+    }
+
+    long pid() {
+        return process.pid();
+    }
+
+    @Override
+    public void close() throws IOException {
+        commands.close();
+        process.destroy();
+    }
+}
