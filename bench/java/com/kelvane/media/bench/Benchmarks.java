@@ -43,6 +43,7 @@ public final class Benchmarks {
         parts.put("parallel", benchmarks::parallel);
         parts.put("engines", benchmarks::engines);
         parts.put("sound", benchmarks::sound);
+        parts.put("guard", benchmarks::guard);
         parts.put("machine", benchmarks::fullMachine);
         parts.put("writes", benchmarks::writeTimes);
         parts.put("picture", benchmarks::perPicture);
@@ -191,6 +192,10 @@ public final class Benchmarks {
                         .put(kind, "spread of API, %", 100 * contest.result("API").spread(), 1);
             }
         }
+    }
+
+    private void guard() {
+        Guard.measure(table("The guard", "What the API's check of each call takes, by the clock.", "guard, ns"), rounds);
     }
 
     private void fullMachine() throws Exception {

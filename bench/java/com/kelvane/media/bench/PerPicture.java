@@ -9,8 +9,10 @@ import java.nio.channels.FileChannel;
 import java.nio.file.Files;
 import java.nio.file.Path;
 import java.nio.file.StandardOpenOption;
+import java.util.ArrayList;
 import java.util.List;
 import java.util.Map;
+import java.util.function.ToLongFunction;
 
 /**
  * What a picture costs beside time, in steady state: two passes of a kind, one twice as long as the other, and the
@@ -23,6 +25,9 @@ public final class PerPicture {
                     switches - other.switches, heap - other.heap);
         }
     }
+
+    private static final int WARM_UP_ROUNDS = 3; // while the virtual machine's compiler takes memory, too
+    private static final int ROUNDS = 5;
 
     private PerPicture() {
     }
@@ -60,17 +65,23 @@ public final class PerPicture {
     }
 
     private static void report(int pictures, Path counted, long process, Contest.Pass once, Contest.Pass twice) throws Exception {
-        for (int i = 0; i < 4; i++) { // the virtual machine's compiler is busy for a while
-            twice.run(false);
+        List<Counts> differences = new ArrayList<>();
+        for (int round = -WARM_UP_ROUNDS; round < ROUNDS; round++) {
+            Counts shorter = during(counted, process, once);
+            Counts difference = during(counted, process, twice).minus(shorter);
+            if (round >= 0) {
+                differences.add(difference);
+            }
         }
-        Counts short1 = during(counted, process, once);
-        Counts long1 = during(counted, process, twice);
-        Counts each = long1.minus(short1);
-        Child.report("allocations", (double) each.allocations / pictures);
-        Child.report("allocated, KB", each.bytes / 1e3 / pictures);
-        Child.report("page faults", (double) each.faults / pictures);
-        Child.report("context switches", (double) each.switches / pictures);
-        Child.report("Java heap, bytes", (double) each.heap / pictures);
+        report("allocations", differences, pictures, Counts::allocations);
+        report("allocated, KB", differences, 1000.0 * pictures, Counts::bytes);
+        report("page faults", differences, pictures, Counts::faults);
+        report("context switches", differences, pictures, Counts::switches);
+        report("Java heap, bytes", differences, pictures, Counts::heap);
+    }
+
+    private static void report(String name, List<Counts> differences, double pictures, ToLongFunction<Counts> count) {
+        Child.report(name, Contest.median(differences.stream().mapToDouble(count::applyAsLong).toArray()) / pictures);
     }
 
     private static Counts during(Path counted, long process, Contest.Pass pass) throws Exception {

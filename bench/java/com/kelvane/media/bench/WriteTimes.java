@@ -5,7 +5,6 @@ import java.lang.management.GarbageCollectorMXBean;
 import java.lang.management.ManagementFactory;
 import java.nio.file.Path;
 import java.util.ArrayList;
-import java.util.Arrays;
 import java.util.List;
 import java.util.concurrent.atomic.AtomicLong;
 import javax.management.NotificationEmitter;
@@ -88,9 +87,5 @@ public final class WriteTimes {
                 }, null, null);
             }
         }
-    }
-
-    static String[] columns() {
-        return Arrays.copyOf(new String[] {"50.0 %, ms", "99.0 %, ms", "99.9 %, ms", "longest, ms"}, 4);
     }
 }
