@@ -12,31 +12,23 @@ import java.nio.file.Files;
 import java.nio.file.LinkOption;
 import java.nio.file.Path;
 import java.util.Optional;
-import java.util.concurrent.LinkedTransferQueue;
-import java.util.concurrent.ThreadPoolExecutor;
-import java.util.concurrent.TimeUnit;
 import java.util.function.Supplier;
 
 /**
  * Serves a live ladder, its page and its figures. The JDK's server needs a thread for each request that is under way, also of
- * a client that reads slowly or not at all; so there are many threads, small ones of low priority, and a time after which
- * a request is given up.
+ * a client that reads slowly or not at all, so each has its time, after which it is given up.
  */
 final class LiveServer implements AutoCloseable {
     static final String FIGURES = "live.json";
 
     private static final int BACKLOG = 1024;          // connections that wait to be accepted
-    private static final int USUAL_THREADS = 4;
-    private static final int MOST_THREADS = 1536;
-    private static final int STACK = 1 << 17;         // bytes
-    private static final int IDLE_THREAD = 10;        // seconds after which a thread ends
     private static final int LONGEST_REQUEST = 10;    // seconds that a request may take to come
     private static final int LONGEST_RESPONSE = 30;   // seconds that it may take to be answered
     private static final int MOST_IDLE = 2000;        // connections that are kept for another request
     private static final int CHUNK = 1 << 14;         // bytes
 
     private final HttpServer server;
-    private final ThreadPoolExecutor threads;
+    private final ClientThreads threads = new ClientThreads();
     private final LiveFolder folder;
     private final LiveFigures figures;
     private final Supplier<byte[]> json;
@@ -50,21 +42,6 @@ final class LiveServer implements AutoCloseable {
         System.setProperty("sun.net.httpserver.maxRspTime", Integer.toString(LONGEST_RESPONSE));
         System.setProperty("sun.net.httpserver.maxIdleConnections", Integer.toString(MOST_IDLE));
         System.setProperty("sun.net.httpserver.nodelay", "true");
-        // A thread is added when all are busy, not only when a queue is full.
-        LinkedTransferQueue<Runnable> queue = new LinkedTransferQueue<>() {
-            private static final long serialVersionUID = 1;
-
-            @Override
-            public boolean offer(Runnable task) {
-                return tryTransfer(task);
-            }
-        };
-        threads = new ThreadPoolExecutor(USUAL_THREADS, MOST_THREADS, IDLE_THREAD, TimeUnit.SECONDS, queue, task -> {
-            Thread thread = new Thread(null, task, "http", STACK);
-            thread.setDaemon(true);
-            thread.setPriority(Thread.MIN_PRIORITY);
-            return thread;
-        }, (task, full) -> queue.put(task));
         try {
             server = HttpServer.create(address, BACKLOG);
         } catch (IOException refused) {
@@ -134,6 +111,7 @@ final class LiveServer implements AutoCloseable {
             for (int part = body ? stream.read(chunk) : -1; part > 0; part = stream.read(chunk)) {
                 to.write(chunk, 0, part);
                 figures.bytesServed.addAndGet(part);
+                threads.progress();
             }
         }
     }
@@ -146,6 +124,6 @@ final class LiveServer implements AutoCloseable {
     @Override
     public void close() {
         server.stop(0);
-        threads.shutdownNow();
+        threads.close();
     }
 }

@@ -2,7 +2,8 @@ const ended = {{figures}};
 const history_ = [];
 const text = value => String(value).replace(/[&<>"']/g, c => '&#' + c.charCodeAt(0) + ';');
 const bytes = n => n < 1e6 ? (n / 1e3).toFixed(0) + ' kB' : n < 1e9 ? (n / 1e6).toFixed(1) + ' MB' : (n / 1e9).toFixed(2) + ' GB';
-let begun = false, before = null;
+const recent = []; // the figures of the last seconds
+let begun = false;
 
 function duration(seconds) {
   const s = Math.floor(seconds), pad = n => String(n).padStart(2, '0');
@@ -26,8 +27,9 @@ function show(now) {
 
   const cells = (kind, row) => '<tr>' + row.map(cell => '<' + kind + '>' + cell + '</' + kind + '>').join('') + '</tr>';
   const rate = i => {
-    const seconds = before && now.state === 'live' ? now.seconds - before.seconds : now.seconds;
-    const count = now.renditions[i].bytes - (before && now.state === 'live' && before.renditions[i] ? before.renditions[i].bytes : 0);
+    const since = now.state === 'live' && recent.find(r => r.renditions[i]) || { seconds: 0, renditions: [] };
+    const seconds = now.seconds - since.seconds;
+    const count = now.renditions[i].bytes - (since.renditions[i] ? since.renditions[i].bytes : 0);
     return seconds > 0 ? (count * 8 / seconds / 1000).toFixed(0) : '-';
   };
   document.querySelector('#renditions').innerHTML = '<thead>'
@@ -75,7 +77,8 @@ if (ended) {
       const now = await (await fetch('live.json', { cache: 'no-store' })).json();
       show(now);
       playLive(now);
-      before = now;
+      recent.push(now);
+      if (recent.length > 10) recent.shift();
     } catch (unreachable) {
       document.querySelector('#state').textContent = 'the server does not answer';
     }
