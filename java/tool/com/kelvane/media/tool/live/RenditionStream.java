@@ -76,7 +76,8 @@ final class RenditionStream {
                 "pipe:1"));
         program = MediaProgram.FFMPEG.start(Path.of("").toAbsolutePath(), command, true, error);
         writer = new MatroskaWriter(new Flushing(program.input()));
-        writer.addVideo(output.width(), output.height(), output.frameRate(), false);
+        // Each key picture has its parameter sets with it, for players that miss the change to another rendition's segments.
+        writer.addVideo(output.width(), output.height(), output.frameRate(), true, true);
         if (hasSound) {
             writer.addSound(sound.configuration(), sound.sampleRate(), sound.channels(), 0);
         }
