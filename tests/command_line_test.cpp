@@ -74,28 +74,9 @@ TEST_F(InstalledTool, KeepsTimesOfVariableFrameRateAndCutsToThePicture) {
     EXPECT_NEAR(count, 30, 1);
 }
 
-namespace {
-
-// When something begins: the first of values above the limit, each time after a rest.
-std::vector<double> beginnings(const std::string& values, size_t size, double rate, const auto& isLoud) {
-    std::vector<double> times;
-    for (size_t i = 0; (i + 1) * size <= values.size(); ++i)
-        if (const double time = static_cast<double>(i) / rate;
-            isLoud(&values[i * size]) && (times.empty() || time - times.back() > 0.5))
-            times.push_back(time);
-    return times;
-}
-
-} // namespace
-
 TEST_F(InstalledTool, CarriesSoundInStepWithThePictures) {
     // A flash and a click each second, from the first on.
-    ASSERT_EQ(run("ffmpeg", "-v error -f lavfi -i \"color=size=160x90:rate=25,drawbox=color=white:t=fill:"
-                            "enable='between(mod(t,1),0.47,0.55)'\" -f lavfi -i "
-                            "\"aevalsrc='if(between(mod(t,1),0.481,0.51),0.9*sin(6000*t),0)':s=48000\""
-                            " -t 4 -c:v libopenh264 -g 40 -c:a aac plain.mp4"),
-              0)
-        << errors;
+    makeFlashesAndClicks("160x90", "-t 4 -g 40 plain.mp4");
     for (const std::string made :
          {"-ss 1.2 -i plain.mp4 -c copy edit.mp4", "-i plain.mp4 -c copy stream.ts",
           "-i plain.mp4 -itsoffset 0.3 -i plain.mp4 -map 0:v -map 1:a -c copy later.mkv",
@@ -123,16 +104,7 @@ TEST_F(InstalledTool, CarriesSoundInStepWithThePictures) {
         EXPECT_EQ(errors, "");
         EXPECT_NE(output.find(std::string("sound: ")), std::string::npos) << output;
         EXPECT_NE(output.find(sound), std::string::npos) << output;
-        EXPECT_EQ(run("ffmpeg",
-                      "-v error -y -i out/80x46.mp4 -vsync 0 -vf scale=1:1,format=rgb24 -f rawvideo pictures"
-                      " -af aresample=async=1:first_pts=0 -ac 1 -ar 48000 -f s16le samples"),
-                  0)
-            << errors;
-        const auto flashes = beginnings(contents(path("pictures")), 3, 25,
-                                        [](const char* rgb) { return static_cast<uint8_t>(*rgb) > 128; });
-        const auto clicks = beginnings(contents(path("samples")), 2, 48000, [](const char* sample) {
-            return std::abs(*reinterpret_cast<const int16_t*>(sample)) > 6000;
-        });
+        const auto [flashes, clicks] = flashesAndClicks("out/80x46.mp4", 25, "async=1");
         const std::string first = probe("-select_streams v out/80x46.mp4", "stream=start_time");
         EXPECT_EQ(flashes.size(), flashCount);
         ASSERT_EQ(clicks.size(), flashes.size());

@@ -12,6 +12,8 @@
 #include <regex>
 #include <set>
 #include <string>
+#include <utility>
+#include <vector>
 
 namespace fs = std::filesystem;
 
@@ -74,6 +76,43 @@ protected:
                   0)
             << errors;
         return output;
+    }
+    // A flash and a click each second, from the first on.
+    void makeFlashesAndClicks(const std::string& size, const std::string& result) {
+        ASSERT_EQ(
+            run("ffmpeg", "-v error -f lavfi -i \"color=size=" + size +
+                              ":rate=25,drawbox=color=white:t=fill:enable='between(mod(t,1),0.47,0.55)'\""
+                              " -f lavfi -i \"aevalsrc='if(between(mod(t,1),0.481,0.51),0.9*sin(6000*t),0)'"
+                              ":s=48000\" -c:v libopenh264 -c:a aac " +
+                              result),
+            0)
+            << errors;
+    }
+    // When they begin in a file.
+    std::pair<std::vector<double>, std::vector<double>> flashesAndClicks(const std::string& file, double rate,
+                                                                         const std::string& resampling) {
+        EXPECT_EQ(
+            run("ffmpeg", "-v error -y -i " + file +
+                              " -vsync 0 -vf scale=1:1,format=rgb24 -f rawvideo pictures -af aresample=" +
+                              resampling + ":first_pts=0 -ac 1 -ar 48000 -f s16le samples"),
+            0)
+            << errors;
+        return {
+            beginnings("pictures", 3, rate, [](const char* rgb) { return static_cast<uint8_t>(*rgb) > 128; }),
+            beginnings("samples", 2, 48000, [](const char* sample) {
+                return std::abs(*reinterpret_cast<const int16_t*>(sample)) > 6000;
+            })};
+    }
+    // The first of values above the limit, each time after a rest.
+    std::vector<double> beginnings(const std::string& file, size_t size, double rate,
+                                   const auto& isLoud) const {
+        const std::string values = contents(path(file));
+        std::vector<double> times;
+        for (size_t i = 0; (i + 1) * size <= values.size(); ++i)
+            if (const double time = static_cast<double>(i) / rate;
+                isLoud(&values[i * size]) && (times.empty() || time - times.back() > 0.5))
+                times.push_back(time);
+        return times;
     }
     void expectFailure(const std::string& arguments, int exitCode, const std::string& reason) {
         SCOPED_TRACE(arguments);

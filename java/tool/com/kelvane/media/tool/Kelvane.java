@@ -13,7 +13,7 @@ import picocli.CommandLine;
 /** The command-line tool. Exit codes: 0 done, 1 failed, 2 wrong usage; every error is one line on standard error. */
 @Command(name = "kelvane", description = "H.264 and sound transcoding and processing with the Kelvane media library.",
         mixinStandardHelpOptions = true, versionProvider = Kelvane.Version.class,
-        subcommands = {TranscodeCommand.class, ProcessCommand.class, AudioCommand.class})
+        subcommands = {TranscodeCommand.class, LiveCommand.class, ProcessCommand.class, AudioCommand.class})
 public final class Kelvane {
     private Kelvane() {
     }

@@ -5,6 +5,7 @@ import com.kelvane.media.tool.input.VideoTrack;
 import com.kelvane.media.tool.output.Hls;
 import com.kelvane.media.tool.output.RenditionOutput;
 import com.kelvane.media.tool.output.RenditionRequest;
+import com.kelvane.media.tool.output.SegmentKeys;
 import com.kelvane.media.tool.output.Summary;
 import com.kelvane.media.tool.output.Workspace;
 import com.kelvane.media.tool.shell.Caller;
@@ -117,8 +118,7 @@ final class TranscodeCommand implements Callable<Integer> {
     private void checkUsage() {
         Set<String> sizes = new HashSet<>();
         for (RenditionRequest request : renditions) {
-            String size = request.settings().width() + "x" + request.settings().height();
-            check(sizes.add(size), "there are two renditions of " + size
+            check(sizes.add(request.size()), "there are two renditions of " + request.size()
                     + "; files are named after sizes, so each can be made once");
         }
         check(duration == null || duration > 0, "--duration takes more than 0");

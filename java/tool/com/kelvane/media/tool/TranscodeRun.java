@@ -16,6 +16,7 @@ import com.kelvane.media.tool.output.Products;
 import com.kelvane.media.tool.output.RenditionOutput;
 import com.kelvane.media.tool.output.Results;
 import com.kelvane.media.tool.output.RunReport;
+import com.kelvane.media.tool.output.SegmentKeys;
 import com.kelvane.media.tool.output.Summary;
 import com.kelvane.media.tool.output.Workspace;
 import com.kelvane.media.tool.shell.Failure;

@@ -21,9 +21,9 @@ import java.util.stream.Collectors;
  * @param format the same of the container
  */
 public record MediaFile(Path path, List<Map<String, String>> streams, Map<String, String> format) {
-    private static final String ENTRIES = "stream=index,codec_type,codec_name,profile,width,height,pix_fmt,has_b_frames,"
+    static final String ENTRIES = "stream=index,codec_type,codec_name,profile,width,height,pix_fmt,has_b_frames,"
             + "avg_frame_rate,r_frame_rate,duration,start_time,sample_aspect_ratio,color_range,color_space,color_transfer,"
-            + "color_primaries,sample_rate,channels:stream_disposition=attached_pic,default:stream_tags=rotate"
+            + "color_primaries,sample_rate,channels,time_base:stream_disposition=attached_pic,default:stream_tags=rotate"
             + ":format=format_name,duration,start_time";
 
     public static MediaFile open(Path path) throws IOException {
@@ -37,18 +37,32 @@ public record MediaFile(Path path, List<Map<String, String>> streams, Map<String
             throw new Failure("%s: permission denied", path);
         }
         MediaFile file = new MediaFile(path, new ArrayList<>(), new HashMap<>());
-        file.probe(List.of("-show_entries", ENTRIES), line -> {
-            if (line.startsWith("stream|")) {
-                Map<String, String> stream = entries(line);
-                // Where a container has programs, their streams are listed once more.
-                if (file.streams.stream().noneMatch(known -> known.get("index").equals(stream.get("index")))) {
-                    file.streams.add(stream);
-                }
-            } else if (line.startsWith("format|")) {
-                file.format.putAll(entries(line));
-            }
-        });
+        file.probe(List.of("-show_entries", ENTRIES), file::add);
         return file;
+    }
+
+    /** Takes one of the lines that FFprobe prints for {@link #ENTRIES}. */
+    void add(String line) {
+        if (line.startsWith("stream|")) {
+            Map<String, String> stream = entries(line);
+            // Where a container has programs, their streams are listed once more.
+            if (streams.stream().noneMatch(known -> known.get("index").equals(stream.get("index")))) {
+                streams.add(stream);
+            }
+        } else if (line.startsWith("format|")) {
+            format.putAll(entries(line));
+        }
+    }
+
+    /** What is known of the stream of a number. */
+    Map<String, String> stream(int index) {
+        return streams.stream().filter(stream -> number(stream, "index") == index).findFirst().orElseThrow();
+    }
+
+    /** Milliseconds that a track counts its times in. */
+    double timeUnit(int index) {
+        String[] base = stream(index).getOrDefault("time_base", "1/1000").split("/");
+        return 1000 * Double.parseDouble(base[0]) / Double.parseDouble(base[1]);
     }
 
     /** Runs FFprobe on the file and hands on the lines it prints, entries separated by bars. */

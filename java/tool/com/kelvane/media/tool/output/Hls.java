@@ -3,6 +3,7 @@ package com.kelvane.media.tool.output;
 import java.io.IOException;
 import java.nio.charset.StandardCharsets;
 import java.nio.file.Files;
+import java.nio.file.LinkOption;
 import java.nio.file.Path;
 import java.util.ArrayList;
 import java.util.List;
@@ -13,9 +14,9 @@ public final class Hls {
     public static final String MASTER = "master.m3u8";
     /** Folder of the sound. */
     public static final String SOUND = "sound";
-    static final String PLAYLIST = "media.m3u8";
-    private static final String INITIALISATION = "init.mp4";
-    private static final String SEGMENT = "%d.m4s";
+    public static final String PLAYLIST = "media.m3u8";
+    public static final String INITIALISATION = "init.mp4";
+    public static final String SEGMENT = "%d.m4s";
 
     private Hls() {
     }
@@ -30,12 +31,12 @@ public final class Hls {
 
     /** Whether a folder holds nothing but what such a run makes, so that another may replace it. */
     public static boolean isOurs(Path folder) throws IOException {
-        if (!Files.isDirectory(folder)) {
+        if (!Files.isDirectory(folder, LinkOption.NOFOLLOW_LINKS)) {
             return false;
         }
         try (Stream<Path> files = Files.list(folder)) {
             return files.map(file -> file.getFileName().toString())
-                    .allMatch(name -> name.equals(PLAYLIST) || name.equals(INITIALISATION) || name.matches("\\d+\\.m4s"));
+                    .allMatch(name -> name.equals(PLAYLIST) || name.matches("init(-\\d+)?\\.mp4|\\d+\\.m4s"));
         }
     }
 
@@ -47,14 +48,20 @@ public final class Hls {
     public record Variant(RenditionOutput output, MediaPlaylist playlist, int shownWidth, int shownHeight) {
     }
 
-    /**
-     * Writes the playlist of all renditions.
-     *
-     * @param sound its segments, or null
-     * @param soundConfiguration the AudioSpecificConfig
-     */
+    /** Writes the playlist of all renditions; see {@link #master}. */
     public static void writeMaster(Path file, List<Variant> variants, MediaPlaylist sound, byte[] soundConfiguration,
                                    int channels) throws IOException {
+        Files.writeString(file, master(variants, sound, soundConfiguration, channels));
+    }
+
+    /**
+     * The playlist of all renditions.
+     *
+     * @param sound its segments, or null when there is none, or none apart from the pictures
+     * @param soundConfiguration the AudioSpecificConfig, empty without sound
+     */
+    public static String master(List<Variant> variants, MediaPlaylist sound, byte[] soundConfiguration, int channels)
+            throws IOException {
         List<String> lines = new ArrayList<>(List.of("#EXTM3U", "#EXT-X-VERSION:7", "#EXT-X-INDEPENDENT-SEGMENTS"));
         if (sound != null) {
             lines.add(String.format("#EXT-X-MEDIA:TYPE=AUDIO,GROUP-ID=\"%s\",NAME=\"%1$s\",DEFAULT=YES,AUTOSELECT=YES,"
@@ -64,13 +71,13 @@ public final class Hls {
             long peak = variant.playlist.peakBandwidth() + (sound == null ? 0 : sound.peakBandwidth());
             long average = variant.playlist.averageBandwidth() + (sound == null ? 0 : sound.averageBandwidth());
             String codecs = videoCodec(variant.playlist.folder().resolve(INITIALISATION))
-                    + (sound == null ? "" : "," + soundCodec(soundConfiguration));
+                    + (soundConfiguration.length == 0 && sound == null ? "" : "," + soundCodec(soundConfiguration));
             lines.add(String.format("#EXT-X-STREAM-INF:BANDWIDTH=%d,AVERAGE-BANDWIDTH=%d,CODECS=\"%s\",RESOLUTION=%dx%d,"
                     + "FRAME-RATE=%.3f%s", peak, average, codecs, variant.shownWidth, variant.shownHeight,
                     variant.output.frameRate(), sound == null ? "" : ",AUDIO=\"" + SOUND + "\""));
             lines.add(variant.output.size() + "/" + PLAYLIST);
         }
-        Files.write(file, lines);
+        return String.join("\n", lines) + "\n";
     }
 
     /** What RFC 6381 calls the H.264 of an initialisation segment: profile, constraints and level of its avcC box. */

@@ -35,6 +35,7 @@ public final class MatroskaWriter implements Closeable {
         private int height;
         private double frameRate;
         private boolean keepParameterSets;
+        private boolean rising;
         private byte[] entry; // the TrackEntry, once it is known
         private long delay;
         private Picture held;
@@ -57,7 +58,18 @@ public final class MatroskaWriter implements Closeable {
      * @return the track's number
      */
     public int addVideo(int width, int height, double frameRate, boolean keepParameterSets) {
+        return addVideo(width, height, frameRate, keepParameterSets, !keepParameterSets);
+    }
+
+    /**
+     * Adds a video track.
+     *
+     * @param rising whether pictures come in the order of display; each is then written when the next one has come, and tells
+     *     how long it lasts
+     */
+    public int addVideo(int width, int height, double frameRate, boolean keepParameterSets, boolean rising) {
         Track track = new Track();
+        track.rising = rising;
         track.width = width;
         track.height = height;
         track.frameRate = frameRate;
@@ -119,7 +131,7 @@ public final class MatroskaWriter implements Closeable {
                     element(0xe0, number(0xb0, track.width), number(0xba, track.height)));
         }
         Picture current = new Picture(payload.toByteArray(), time + track.delay, key);
-        if (track.keepParameterSets) { // and may come out of the order of display
+        if (!track.rising) {
             write(number, current, 0);
             return;
         }

@@ -20,6 +20,7 @@ import java.util.stream.Stream;
 public final class Page {
     public static final String FILE = "index.html";
     private static final String TEMPLATE = "page.html";
+    private static final String LIVE = "live.js";
     private static final Pattern PLACE = Pattern.compile("\\{\\{(\\w+)}}");
 
     private final RunReport report;
@@ -32,18 +33,38 @@ public final class Page {
     public void write(Path file, String sheet) throws IOException {
         Map<String, String> contents = new HashMap<>(Map.of("title", escaped(report.track().path().getFileName().toString()),
                 "facts", facts(), "player", player(), "table", table(), "plots", plots(),
-                "left", Integer.toString(Plot.LEFT), "right", Integer.toString(Plot.RIGHT),
-                "width", Integer.toString(Plot.WIDTH)));
+                "footer", "Every figure: <a href=\"" + RunReport.FILE + "\">" + RunReport.FILE + "</a>", "live", ""));
         contents.put("sheet", !report.files().contains(sheet) ? "" : section("Four moments",
                 "<img src=\"" + sheet + "\" alt=\"The source and every rendition at four moments\">"));
-        Files.writeString(file, PLACE.matcher(template())
-                .replaceAll(place -> Matcher.quoteReplacement(contents.get(place.group(1)))));
+        Files.writeString(file, filled(contents));
     }
 
-    private static String template() throws IOException {
-        try (InputStream stream = Page.class.getResourceAsStream(TEMPLATE)) {
+    /**
+     * The page of a live ladder, which asks its server for the figures.
+     *
+     * @param title what is transcoded
+     * @param figures the last ones when it has ended, otherwise null
+     */
+    public static String live(String title, byte[] figures) throws IOException {
+        return filled(new HashMap<>(Map.of("title", escaped(title), "facts", "<p id=\"state\">&nbsp;</p>",
+                "player", player("<option value=\"" + Hls.MASTER + "\" data-ladder data-live>the ladder, as the connection"
+                        + " allows</option>"),
+                "table", "<table id=\"renditions\"></table>", "plots", section("The last minutes", "<div id=\"history\"></div>"),
+                "sheet", "", "footer", "The ladder, for other players: <a href=\"" + Hls.MASTER + "\">" + Hls.MASTER + "</a>",
+                "live", resource(LIVE).replace("{{figures}}", figures == null ? "null"
+                        : new String(figures, StandardCharsets.UTF_8).replace("<", "\\u003c")))));
+    }
+
+    private static String filled(Map<String, String> contents) throws IOException {
+        contents.putAll(Map.of("left", Integer.toString(Plot.LEFT), "right", Integer.toString(Plot.RIGHT),
+                "width", Integer.toString(Plot.WIDTH)));
+        return PLACE.matcher(resource(TEMPLATE)).replaceAll(place -> Matcher.quoteReplacement(contents.get(place.group(1))));
+    }
+
+    private static String resource(String name) throws IOException {
+        try (InputStream stream = Page.class.getResourceAsStream(name)) {
             if (stream == null) {
-                throw new FileNotFoundException(TEMPLATE);
+                throw new FileNotFoundException(name);
             }
             return new String(stream.readAllBytes(), StandardCharsets.UTF_8);
         }
@@ -83,7 +104,11 @@ public final class Page {
                 choices.append(String.format("<option value=\"%s\">%s</option>", output.containerName(), output.size()));
             }
         }
-        return choices.length() == 0 ? "" : "<section><video controls playsinline></video><div class=\"choice\"><label>Plays "
+        return choices.length() == 0 ? "" : player(choices.toString());
+    }
+
+    private static String player(String choices) {
+        return "<section><video controls playsinline></video><div class=\"choice\"><label>Plays "
                 + "<select>" + choices + "</select></label><span id=\"note\"></span></div></section>\n";
     }
 

@@ -86,6 +86,11 @@ public record RenditionRequest(Rendition settings, boolean rateGiven) {
         }
     }
 
+    /** Width and height, as users write them. */
+    public String size() {
+        return settings.width() + "x" + settings.height();
+    }
+
     /** What is made of a source when nothing is asked for: the largest usual sizes that fit into it. */
     public static List<RenditionRequest> ladder(VideoTrack source) {
         int shortSide = Math.min(source.width(), source.height());

@@ -29,9 +29,12 @@ public enum MediaProgram {
     private final List<String> start = new ArrayList<>();
 
     MediaProgram(String name, String... options) {
-        String parentWatch = "/usr/bin/setpriv"; // ends the program when this process is killed
-        if (Files.isExecutable(Path.of(parentWatch))) {
-            start.addAll(List.of(parentWatch, "--pdeathsig", "KILL"));
+        // Ctrl-C is for this process, which may have more to write. When it is killed, the program ends with it: to be exact,
+        // with the thread that started it.
+        for (List<String> guard : List.of(List.of("/usr/bin/setsid"), List.of("/usr/bin/setpriv", "--pdeathsig", "KILL"))) {
+            if (Files.isExecutable(Path.of(guard.get(0)))) {
+                start.addAll(guard);
+            }
         }
         start.add(Path.of("bin", name).toAbsolutePath().toString());
         start.addAll(List.of(options));

@@ -1,4 +1,4 @@
-package com.kelvane.media.tool;
+package com.kelvane.media.tool.output;
 
 import com.kelvane.media.Rendition;
 import java.util.Optional;
@@ -9,7 +9,7 @@ import java.util.Optional;
  * by time, a key picture is never missing there, whatever rates renditions have, and where a change of scene gave one of
  * them a key picture of its own.
  */
-final class SegmentKeys {
+public final class SegmentKeys {
     private static final double USUAL_SECONDS = 2; // between key pictures
     private static final int LONGEST_INTERVAL = 480;
 
@@ -17,8 +17,17 @@ final class SegmentKeys {
     private double origin = Double.NaN;
     private double due;
 
-    SegmentKeys(int segmentSeconds) {
-        step = 1000 * seconds(segmentSeconds);
+    public SegmentKeys(int segmentSeconds) {
+        this(seconds(segmentSeconds));
+    }
+
+    private SegmentKeys(double seconds) {
+        step = 1000 * seconds;
+    }
+
+    /** Asks for one at the beginning of each segment alone. */
+    public static SegmentKeys ofWhole(int segmentSeconds) {
+        return new SegmentKeys((double) segmentSeconds);
     }
 
     private static double seconds(int segmentSeconds) {
@@ -26,7 +35,7 @@ final class SegmentKeys {
     }
 
     /** A picture that is in all renditions: whether it is to be a key picture in each. */
-    boolean begins(long time) {
+    public boolean begins(long time) {
         if (Double.isNaN(origin)) {
             origin = time;
         } else if (time < due) {
@@ -37,13 +46,13 @@ final class SegmentKeys {
     }
 
     /** The rendition with a key interval that leaves these key pictures the only regular ones. */
-    static Rendition withoutOwn(Rendition rendition, int segmentSeconds) {
+    public static Rendition withoutOwn(Rendition rendition, int segmentSeconds) {
         return rendition.keyInterval((int) Math.min(LONGEST_INTERVAL,
                 2 * Math.ceil(seconds(segmentSeconds) * rendition.frameRate())));
     }
 
     /** What is to be said when segments do not hold a whole number of the key intervals that were asked for. */
-    static Optional<String> misfit(Rendition rendition, double pictureRate, int segmentSeconds) {
+    public static Optional<String> misfit(Rendition rendition, double pictureRate, int segmentSeconds) {
         double pictures = segmentSeconds * pictureRate;
         double intervals = Math.rint(pictures / rendition.keyInterval());
         return intervals >= 1 && Math.abs(intervals * rendition.keyInterval() - pictures) <= 0.5 ? Optional.empty()

@@ -1,0 +1,89 @@
+package com.kelvane.media.tool.live;
+
+import java.util.Set;
+import java.util.concurrent.ConcurrentHashMap;
+import java.util.concurrent.Executor;
+import java.util.concurrent.LinkedBlockingQueue;
+import java.util.concurrent.ThreadPoolExecutor;
+import java.util.concurrent.TimeUnit;
+
+/**
+ * Threads that answer clients, of the lowest priority: a few, so that any number of clients leaves the processors to the
+ * encoders; and one more, or two, for each that is held up by a client that sends or reads slowly, or not at all, which takes
+ * no time but the others'.
+ */
+final class ClientThreads implements Executor, AutoCloseable {
+    private static final int USUAL = 3;
+    private static final int MOST = 2048;
+    private static final int STACK = 1 << 17;       // bytes
+    private static final int IDLE = 10;             // seconds after which a thread ends
+    private static final int PERIOD = 100;          // ms between looks at the threads
+    private static final long HELD_UP = 300_000_000; // nanoseconds without progress
+
+    private final Set<Task> running = ConcurrentHashMap.newKeySet();
+    private final ThreadLocal<Task> current = new ThreadLocal<>();
+    private final ThreadPoolExecutor threads = new ThreadPoolExecutor(USUAL, MOST, IDLE, TimeUnit.SECONDS,
+            new LinkedBlockingQueue<>(), task -> thread(task, "http"));
+    private final Thread watch = thread(this::watch, "http watch");
+
+    private final class Task implements Runnable {
+        private final Runnable work;
+        private volatile long progress;
+
+        Task(Runnable work) {
+            this.work = work;
+        }
+
+        @Override
+        public void run() {
+            progress = System.nanoTime();
+            running.add(this);
+            current.set(this);
+            try {
+                work.run();
+            } finally {
+                running.remove(this);
+            }
+        }
+    }
+
+    ClientThreads() {
+        threads.allowCoreThreadTimeOut(true);
+        watch.start();
+    }
+
+    private static Thread thread(Runnable work, String name) {
+        Thread thread = new Thread(null, work, name, STACK);
+        thread.setDaemon(true);
+        thread.setPriority(Thread.MIN_PRIORITY);
+        return thread;
+    }
+
+    @Override
+    public void execute(Runnable work) {
+        threads.execute(new Task(work));
+    }
+
+    /** Says that the client of the thread that calls this has taken something. */
+    void progress() {
+        current.get().progress = System.nanoTime();
+    }
+
+    private void watch() {
+        try {
+            while (true) {
+                Thread.sleep(PERIOD);
+                long now = System.nanoTime();
+                int heldUp = (int) running.stream().filter(task -> now - task.progress > HELD_UP).count();
+                threads.setCorePoolSize(Math.min(MOST, USUAL + 2 * heldUp));
+            }
+        } catch (InterruptedException closed) {
+            threads.shutdownNow();
+        }
+    }
+
+    @Override
+    public void close() {
+        watch.interrupt();
+    }
+}

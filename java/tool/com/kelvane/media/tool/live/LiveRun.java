@@ -1,0 +1,172 @@
+package com.kelvane.media.tool.live;
+
+import com.kelvane.media.tool.input.AudioTrack;
+import com.kelvane.media.tool.input.LiveInput;
+import com.kelvane.media.tool.input.LivePacket;
+import com.kelvane.media.tool.input.LiveSound;
+import com.kelvane.media.tool.output.Page;
+import com.kelvane.media.tool.output.RenditionOutput;
+import com.kelvane.media.tool.output.Summary;
+import com.kelvane.media.tool.shell.Caller;
+import com.kelvane.media.tool.shell.JsonLines;
+import com.kelvane.media.tool.shell.Progress;
+import java.io.IOException;
+import java.util.List;
+import java.util.concurrent.CountDownLatch;
+import java.util.concurrent.TimeUnit;
+
+/** One run of `kelvane live`, from the first input to a finished ladder. */
+public final class LiveRun {
+    private static final long POLL = 250;           // ms
+    private static final double TERMINAL_INTERVAL = 1; // seconds between lines
+    private static final double PLAIN_INTERVAL = 10;
+    private static final double LONGEST_END = 10;   // seconds that an interrupted run may take to end
+    private static final double SILENCE = 5;        // seconds without input that are worth a line
+
+    private final LiveSettings settings;
+    private final LiveInput input;
+    private final LiveFigures figures;
+    private final CountDownLatch done = new CountDownLatch(1);
+    private volatile boolean interrupted;
+    private LiveSession session;
+    private double nextLine;
+    private boolean silent;
+    private RuntimeException problem;
+
+    public LiveRun(LiveSettings settings, LiveInput input) {
+        this.settings = settings;
+        this.input = input;
+        figures = new LiveFigures(input.name());
+    }
+
+    /** Runs until the input ends or the process is interrupted, which is a run's usual end, too. */
+    public void run() throws IOException {
+        Thread hook = new Thread(this::interrupt);
+        Runtime.getRuntime().addShutdownHook(hook);
+        try {
+            runToTheEnd();
+        } finally {
+            done.countDown();
+        }
+    }
+
+    private void interrupt() {
+        interrupted = true;
+        try {
+            if (done.await((long) (1000 * LONGEST_END), TimeUnit.MILLISECONDS) && problem == null) {
+                Runtime.getRuntime().halt(0);
+            }
+        } catch (InterruptedException asked) {
+            Thread.currentThread().interrupt();
+        }
+    }
+
+    private void runToTheEnd() throws IOException {
+        try (LiveFolder folder = new LiveFolder(settings.directory());
+                LiveServer server = settings.address() == null ? null
+                        : new LiveServer(settings.address(), folder, figures, () -> figures.json(input.bytesRead()))) {
+            folder.write(Page.FILE, Page.live(input.name(), null));
+            if (server != null) {
+                Summary.line("page: http://%s:%d/", server.address().getAddress().isAnyLocalAddress() ? "localhost"
+                        : server.address().getHostString(), server.address().getPort());
+            }
+            input.start();
+            boolean playable = false;
+            try {
+                transcode(folder);
+                playable = session != null && session.finish();
+            } finally {
+                if (session != null) {
+                    session.close();
+                }
+                if (!playable) {
+                    folder.removeAll(session == null ? List.of()
+                            : session.outputs().stream().map(RenditionOutput::size).toList());
+                }
+            }
+            figures.state("ended");
+            Progress.clear();
+            if (playable) {
+                folder.write(Page.FILE, Page.live(input.name(), figures.json(input.bytesRead())));
+            } else if (problem != null) {
+                throw problem;
+            }
+            summarise(playable);
+        }
+    }
+
+    private void transcode(LiveFolder folder) throws IOException {
+        while (!interrupted) {
+            boolean waits = !input.hasMore();
+            LiveInput.Item item = input.poll(POLL);
+            if (item instanceof LivePacket packet) {
+                returned();
+                figures.arrived(packet.arrival());
+                session.add(packet, waits);
+            } else if (item instanceof LiveInput.Opened opened) {
+                open(opened, folder);
+            } else if (item instanceof LiveInput.Ended ended) {
+                if (ended.problem() != null) {
+                    problem = session == null ? ended.problem() : null;
+                    figures.note("problem", "%s", ended.problem().getMessage());
+                }
+                if (ended.last()) {
+                    return;
+                }
+                if (session != null && ended.problem() == null) {
+                    figures.note("ended", "%s has ended; waiting for the next", input.name());
+                }
+            }
+            tell();
+        }
+    }
+
+    private void open(LiveInput.Opened opened, LiveFolder folder) throws IOException {
+        problem = null;
+        AudioTrack audio = opened.audio();
+        figures.note("opened", "%s: %dx%d, %.2f pictures a second", input.name(), opened.video().width(),
+                opened.video().height(), opened.video().frameRate());
+        if (session == null) {
+            session = new LiveSession(settings, opened.video(), folder, figures);
+        }
+        session.begin(opened.video(), audio == null ? null : new LiveSound(audio));
+        figures.source(opened.video(), audio);
+    }
+
+    private void returned() {
+        if (silent) {
+            silent = false;
+            figures.note("returned", "input again after %.1f s", figures.silence());
+        }
+    }
+
+    private void tell() {
+        if (!silent && figures.silence() > SILENCE) {
+            silent = true;
+            figures.note("silent", "no input");
+        }
+        double now = figures.now();
+        if (now < nextLine) {
+            return;
+        }
+        nextLine = now + (JsonLines.isOn() || Caller.TERMINAL ? TERMINAL_INTERVAL : PLAIN_INTERVAL);
+        if (JsonLines.isOn()) {
+            JsonLines.print("live", json -> figures.writeFields(json, input.bytesRead()));
+        } else if (Caller.TERMINAL) {
+            Progress.stage(figures.line());
+        } else if (session != null) {
+            Summary.line("%s", figures.line());
+        }
+    }
+
+    private void summarise(boolean playable) {
+        if (JsonLines.isOn()) {
+            JsonLines.print("result", json -> figures.writeFields(json, input.bytesRead()));
+        } else {
+            Summary.line("%s", playable ? figures.ending() : "there was nothing to transcode");
+            if (playable) {
+                Summary.line("results: %s", settings.directory());
+            }
+        }
+    }
+}

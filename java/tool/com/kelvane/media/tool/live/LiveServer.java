@@ -1,0 +1,129 @@
+package com.kelvane.media.tool.live;
+
+import com.kelvane.media.tool.output.Page;
+import com.kelvane.media.tool.shell.Failure;
+import com.sun.net.httpserver.HttpExchange;
+import com.sun.net.httpserver.HttpServer;
+import java.io.IOException;
+import java.io.InputStream;
+import java.io.OutputStream;
+import java.net.InetSocketAddress;
+import java.nio.file.Files;
+import java.nio.file.LinkOption;
+import java.nio.file.Path;
+import java.util.Optional;
+import java.util.function.Supplier;
+
+/**
+ * Serves a live ladder, its page and its figures. The JDK's server needs a thread for each request that is under way, also of
+ * a client that reads slowly or not at all, so each has its time, after which it is given up.
+ */
+final class LiveServer implements AutoCloseable {
+    static final String FIGURES = "live.json";
+
+    private static final int BACKLOG = 1024;          // connections that wait to be accepted
+    private static final int LONGEST_REQUEST = 10;    // seconds that a request may take to come
+    private static final int LONGEST_RESPONSE = 30;   // seconds that it may take to be answered
+    private static final int MOST_IDLE = 2000;        // connections that are kept for another request
+    private static final int CHUNK = 1 << 14;         // bytes
+
+    private final HttpServer server;
+    private final ClientThreads threads = new ClientThreads();
+    private final LiveFolder folder;
+    private final LiveFigures figures;
+    private final Supplier<byte[]> json;
+
+    /** @param json the figures */
+    LiveServer(InetSocketAddress address, LiveFolder folder, LiveFigures figures, Supplier<byte[]> json) {
+        this.folder = folder;
+        this.figures = figures;
+        this.json = json;
+        System.setProperty("sun.net.httpserver.maxReqTime", Integer.toString(LONGEST_REQUEST));
+        System.setProperty("sun.net.httpserver.maxRspTime", Integer.toString(LONGEST_RESPONSE));
+        System.setProperty("sun.net.httpserver.maxIdleConnections", Integer.toString(MOST_IDLE));
+        System.setProperty("sun.net.httpserver.nodelay", "true");
+        try {
+            server = HttpServer.create(address, BACKLOG);
+        } catch (IOException refused) {
+            throw new Failure("cannot serve at %s:%d (%s); name another port with --http", address.getHostString(),
+                    address.getPort(), Failure.reason(refused));
+        }
+        server.setExecutor(threads);
+        server.createContext("/", this::answer);
+        server.start();
+    }
+
+    InetSocketAddress address() {
+        return server.getAddress();
+    }
+
+    private void answer(HttpExchange exchange) throws IOException {
+        figures.requests.incrementAndGet();
+        figures.connections.incrementAndGet();
+        try (exchange) {
+            String method = exchange.getRequestMethod();
+            if (!method.equals("GET") && !method.equals("HEAD")) {
+                exchange.getResponseHeaders().set("Allow", "GET, HEAD");
+                exchange.sendResponseHeaders(405, -1);
+                return;
+            }
+            String path = exchange.getRequestURI().getPath();
+            String name = path == null || path.isEmpty() ? "" : path.equals("/") ? Page.FILE : path.substring(1);
+            exchange.getResponseHeaders().set("X-Content-Type-Options", "nosniff");
+            if (name.equals(FIGURES)) {
+                byte[] bytes = json.get();
+                begin(exchange, name, bytes.length);
+                if (method.equals("GET")) {
+                    exchange.getResponseBody().write(bytes);
+                }
+                return;
+            }
+            Optional<Path> file = folder.find(name);
+            if (file.isEmpty()) {
+                exchange.sendResponseHeaders(404, -1);
+                return;
+            }
+            send(exchange, name, file.get(), method.equals("GET"));
+        } finally {
+            figures.connections.decrementAndGet();
+        }
+    }
+
+    private void begin(HttpExchange exchange, String name, long length) throws IOException {
+        exchange.getResponseHeaders().set("Content-Type", type(name));
+        exchange.getResponseHeaders().set("Access-Control-Allow-Origin", "*"); // players on other pages
+        if (!name.endsWith(".m4s")) {
+            exchange.getResponseHeaders().set("Cache-Control", "no-cache");
+        }
+        boolean head = exchange.getRequestMethod().equals("HEAD");
+        if (head) {
+            exchange.getResponseHeaders().set("Content-Length", Long.toString(length));
+        }
+        exchange.sendResponseHeaders(200, head || length == 0 ? -1 : length);
+    }
+
+    private void send(HttpExchange exchange, String name, Path file, boolean body) throws IOException {
+        try (InputStream stream = Files.newInputStream(file, LinkOption.NOFOLLOW_LINKS)) {
+            long length = Files.size(file);
+            begin(exchange, name, length);
+            OutputStream to = exchange.getResponseBody();
+            byte[] chunk = new byte[CHUNK];
+            for (int part = body ? stream.read(chunk) : -1; part > 0; part = stream.read(chunk)) {
+                to.write(chunk, 0, part);
+                figures.bytesServed.addAndGet(part);
+                threads.progress();
+            }
+        }
+    }
+
+    private static String type(String name) {
+        return name.endsWith(".m3u8") ? "application/vnd.apple.mpegurl" : name.endsWith(".html") ? "text/html; charset=utf-8"
+                : name.endsWith(".json") ? "application/json" : "video/mp4";
+    }
+
+    @Override
+    public void close() {
+        server.stop(0);
+        threads.close();
+    }
+}

@@ -1,0 +1,261 @@
+package com.kelvane.media.tool.live;
+
+import com.kelvane.media.EncodedPicture;
+import com.kelvane.media.Rendition;
+import com.kelvane.media.Transcoder;
+import com.kelvane.media.tool.input.AacSource;
+import com.kelvane.media.tool.input.LivePacket;
+import com.kelvane.media.tool.input.LiveSound;
+import com.kelvane.media.tool.input.VideoTrack;
+import com.kelvane.media.tool.output.RateReducer;
+import com.kelvane.media.tool.output.RenditionOutput;
+import com.kelvane.media.tool.output.RenditionRequest;
+import com.kelvane.media.tool.output.SegmentKeys;
+import java.io.IOException;
+import java.io.UncheckedIOException;
+import java.util.ArrayDeque;
+import java.util.Arrays;
+import java.util.List;
+import java.util.Queue;
+import java.util.TreeMap;
+import java.util.concurrent.ExecutorService;
+import java.util.concurrent.Executors;
+import java.util.stream.IntStream;
+
+/** Transcodes a live stream's packets, one after the other, into a ladder. */
+final class LiveSession implements AutoCloseable {
+    private static final int VIDEO = 0;
+    private static final int SOUND = 1;
+    private static final double SOUND_PACKET = 21; // ms, about
+    private static final int MOST_WAITING = 1000;  // units of sound that wait for their pictures
+
+    private final LiveFigures figures;
+    private final LiveLadder ladder;
+    private final ExecutorService helpers;
+    private final Transcoder transcoder;
+    private final List<RenditionOutput> outputs;
+    private final RateReducer[] reducers;
+    private final SegmentKeys segments;
+    private final LoadShedder shedder;
+    private final SourceClock clock = new SourceClock(2);
+    private final TreeMap<Long, Long> arrivals = new TreeMap<>(); // of pictures in the decoder, by their times
+    private final Queue<AacSource.Unit> heard = new ArrayDeque<>(); // that waits for its pictures
+    private final boolean[] kept;
+    private LiveSound sound;
+    private double pictureDuration;
+    private boolean timed;
+    private double countedTime;   // of the next picture of a stream without times
+    private long time = -1;       // of the picture at hand, or the last one
+    private long soundTime = -1;
+    private long arrival;
+    private boolean begins;
+    private int made;
+    private double anchor = Double.NaN; // the clock's time at 0 of the result, if all came in time
+    private double behind;
+    private long busy;            // nanoseconds since the segment's beginning
+    private long workBegan;
+    private long segmentBegan = System.nanoTime();
+
+    LiveSession(LiveSettings settings, VideoTrack video, LiveFolder folder, LiveFigures figures) throws IOException {
+        this.figures = figures;
+        List<RenditionRequest> requests = settings.renditions().isEmpty() ? RenditionRequest.ladder(video)
+                : settings.renditions();
+        List<Double> rates = requests.stream().map(request -> request.pictureRate(video.frameRate())).toList();
+        List<Rendition> renditions = requests.stream().map(request -> request.settings().keyInterval() > 0
+                ? request.completed(video.frameRate())
+                : SegmentKeys.withoutOwn(request.completed(video.frameRate()), settings.segmentSeconds())).toList();
+        outputs = IntStream.range(0, renditions.size()).mapToObj(i -> new RenditionOutput(renditions.get(i).width(),
+                renditions.get(i).height(), rates.get(i), false)).toList();
+        reducers = rates.stream().map(rate -> new RateReducer(video.frameRate(), rate)).toArray(RateReducer[]::new);
+        segments = SegmentKeys.ofWhole(settings.segmentSeconds());
+        shedder = new LoadShedder(outputs.size());
+        kept = new boolean[outputs.size()];
+        made = outputs.size();
+        ladder = new LiveLadder(outputs, new Publication(outputs, renditions.stream().map(Rendition::bitrate).toList(), folder,
+                settings.segmentSeconds(), settings.window(), figures));
+        int threads = Math.min(outputs.size(), Runtime.getRuntime().availableProcessors()) - 1;
+        helpers = threads > 0 ? Executors.newFixedThreadPool(threads) : null;
+        Transcoder.Builder builder = Transcoder.builder().renditions(renditions).select(this::wants).keys((i, at) -> begins);
+        transcoder = (helpers == null ? builder : builder.parallel(helpers)).open();
+        figures.ladder(outputs, transcoder);
+    }
+
+    List<RenditionOutput> outputs() {
+        return outputs;
+    }
+
+    /** Another stream begins, with times of its own. */
+    void begin(VideoTrack video, LiveSound itsSound) {
+        drain();
+        if (sound != null) {
+            sound.close();
+        }
+        sound = itsSound;
+        timed = video.timed();
+        pictureDuration = 1000 / video.frameRate();
+        clock.restart();
+        countedTime = Math.max(clock.end(VIDEO), time + pictureDuration);
+        ladder.source(video.meaning(), itsSound);
+        if (!ladder.hasSound() && itsSound != null) {
+            figures.note("sound", "sound: left out, as the stream began without");
+        }
+    }
+
+    /** @param waited whether there was nothing to do before this packet came */
+    void add(LivePacket packet, boolean waited) throws IOException {
+        workBegan = System.nanoTime();
+        try {
+            if (packet.video()) {
+                addPicture(packet, waited);
+            } else if (sound != null && ladder.hasSound()) {
+                addSound(packet);
+            }
+        } catch (UncheckedIOException fromCallback) {
+            throw fromCallback.getCause();
+        } finally {
+            busy += System.nanoTime() - workBegan;
+        }
+    }
+
+    private void addPicture(LivePacket packet, boolean waited) {
+        double at = resultTime(VIDEO, packet, pictureDuration);
+        if (!startsWithStartCode(packet.bytes())) {
+            figures.damaged();
+            return;
+        }
+        double now = System.nanoTime() / 1e6;
+        if (waited || Double.isNaN(anchor) || now - at < anchor) {
+            anchor = now - at;
+        }
+        behind = now - at - anchor;
+        long unit = Math.max(0, Math.round(at));
+        arrivals.put(unit, packet.arrival());
+        transcoder.write(packet.bytes(), unit, this::take);
+        clock.jump().ifPresent(jump -> {
+            figures.jumped();
+            figures.note("jump", "the source's times have jumped by %.1f s, which is evened out", jump / 1000);
+        });
+    }
+
+    private double resultTime(int track, LivePacket packet, double duration) {
+        double decoding = Double.isNaN(packet.decodingTime()) ? packet.time() : packet.decodingTime();
+        return Double.isNaN(decoding) ? clock.next(track, duration)
+                : clock.at(track, decoding, Double.isNaN(packet.time()) ? decoding : packet.time(), duration);
+    }
+
+    private static boolean startsWithStartCode(byte[] bytes) {
+        return bytes.length > 3 && bytes[0] == 0 && bytes[1] == 0 && (bytes[2] == 1 || bytes[2] == 0 && bytes[3] == 1);
+    }
+
+    private void addSound(LivePacket packet) {
+        heard.addAll(sound.add(packet.bytes(), resultTime(SOUND, packet, SOUND_PACKET)));
+        while (heard.size() > MOST_WAITING) {
+            heard.poll();
+        }
+    }
+
+    private void writeSound(long until) {
+        while (!heard.isEmpty() && heard.peek().time() <= until) {
+            AacSource.Unit unit = heard.poll();
+            if (unit.time() > soundTime) {
+                soundTime = unit.time();
+                ladder.writeSound(unit);
+            }
+        }
+    }
+
+    private boolean wants(int index, long unit) {
+        if (index == 0) {
+            arrival = arrivals.getOrDefault(unit, workBegan);
+            arrivals.headMap(unit, true).clear();
+            long next = timed ? unit : Math.round(countedTime);
+            countedTime += pictureDuration;
+            boolean late = next <= time; // where the source's times overlap
+            time = late ? time : next;
+            boolean inAll = !late;
+            for (int i = 0; i < kept.length; i++) {
+                kept[i] = !late && reducers[i].keeps(time);
+                inAll &= kept[i] || i < kept.length - made;
+            }
+            begins = inAll && segments.begins(time);
+            if (begins) {
+                cut();
+            }
+            for (int i = 0; i < kept.length - made; i++) {
+                kept[i] = false;
+            }
+            if (!late) {
+                writeSound(time);
+            }
+        }
+        return kept[index];
+    }
+
+    private void cut() {
+        long now = System.nanoTime();
+        double wall = Math.max(1, now - segmentBegan);
+        double part = Math.min(1, (busy + now - workBegan) / wall);
+        busy = workBegan - now; // what was counted here is not counted again
+        segmentBegan = now;
+        int wanted = shedder.decide(now / 1e6, behind, part, costOfNext());
+        if (wanted < made) {
+            figures.shed();
+            figures.note("shed " + made, "%s is left out for now: the machine is %.1f s behind",
+                    outputs.get(kept.length - made).size(), behind / 1000);
+        } else if (wanted > made) {
+            figures.note("back " + wanted, "%s is made again", outputs.get(kept.length - wanted).size());
+            kept[kept.length - wanted] = true;
+        }
+        made = wanted;
+        figures.load(behind, part, made);
+        try {
+            ladder.cut(time, arrival, made);
+        } catch (IOException unwritable) {
+            throw new UncheckedIOException(unwritable);
+        }
+    }
+
+    /** Part of the time that the rendition would take that was left out last. */
+    private double costOfNext() {
+        if (made == kept.length) {
+            return 0;
+        }
+        Transcoder.RenditionStatistics done = transcoder.statistics().renditions().get(kept.length - made - 1);
+        long pictures = Math.max(1, done.pictures() + done.skipped());
+        return done.encodeTime().toNanos() / 1e6 / pictures * outputs.get(kept.length - made - 1).frameRate() / 1000;
+    }
+
+    private void take(EncodedPicture picture) {
+        ladder.writePicture(picture.index(), picture.copy(), time, picture.isKey());
+        if (picture.index() == kept.length - 1) {
+            figures.through(arrival);
+        }
+    }
+
+    private void drain() {
+        workBegan = System.nanoTime();
+        transcoder.drain(this::take);
+        writeSound(time + Math.round(pictureDuration));
+    }
+
+    /** Ends the ladder. Returns whether there is anything to play. */
+    boolean finish() throws IOException {
+        drain();
+        return ladder.finish(time + Math.round(pictureDuration));
+    }
+
+    double behind() {
+        return behind;
+    }
+
+    @Override
+    public void close() {
+        transcoder.close();
+        if (sound != null) {
+            sound.close();
+        }
+        if (helpers != null) {
+            helpers.shutdown();
+        }
+    }
+}

@@ -1,0 +1,153 @@
+#include "support/InstalledTool.h"
+
+#include <arpa/inet.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <array>
+#include <chrono>
+#include <cmath>
+#include <csignal>
+#include <sstream>
+#include <thread>
+
+namespace {
+
+bool within(int seconds, const auto& holds) {
+    for (int i = 0; i < 20 * seconds && !holds(); ++i)
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    return holds();
+}
+
+// The server's answer, or nothing.
+std::string request(int port, const std::string& line) {
+    const int connection = socket(AF_INET, SOCK_STREAM, 0);
+    const sockaddr_in address{AF_INET, htons(static_cast<uint16_t>(port)), {htonl(INADDR_LOOPBACK)}, {}};
+    std::string answer;
+    if (connect(connection, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0) {
+        const std::string text = line + " HTTP/1.1\r\nHost: localhost\r\nConnection: close\r\n\r\n";
+        EXPECT_EQ(write(connection, text.data(), text.size()), static_cast<ssize_t>(text.size()));
+        char part[4096];
+        for (ssize_t size; (size = read(connection, part, sizeof part)) > 0;)
+            answer.append(part, static_cast<size_t>(size));
+    }
+    close(connection);
+    return answer;
+}
+
+// The lines of a playlist that begin so, without that.
+std::vector<std::string> entries(const std::string& playlist, const std::string& begin) {
+    std::vector<std::string> found;
+    std::istringstream lines(playlist);
+    for (std::string line; std::getline(lines, line);)
+        if (line.starts_with(begin)) found.push_back(line.substr(begin.size()));
+    return found;
+}
+
+} // namespace
+
+TEST_F(InstalledTool, GoesOnThroughWhatALiveSourceDoes) {
+    // 4 s each, with flashes and clicks: another size and a jump; back; a hole; the end of the 33 bits of
+    // MPEG-TS.
+    makeFlashesAndClicks("320x180", "-t 4 -g 25 -b:v 300k -f mpegts a.ts");
+    makeFlashesAndClicks("640x360", "-t 4 -g 25 -b:v 300k -output_ts_offset 5000 -f mpegts b.ts");
+    ASSERT_EQ(run("ffmpeg", "-v error -i a.ts -c copy -output_ts_offset 95439.6 wrap.ts"), 0) << errors;
+    ASSERT_EQ(run("ffmpeg", "-v error -i b.ts -c copy next.flv"), 0) << errors;
+    std::string holed = contents(path("a.ts"));
+    std::ofstream(path("holed.ts"), std::ios::binary) << holed.replace(holed.size() / 2, 3000, 3000, '\x55');
+    ASSERT_EQ(mkfifo(path("in").c_str(), 0600), 0);
+    const auto feed = [&](const std::string& files) {
+        return std::system(("cd '" + directory.string() + "' && cat " + files + " > in").c_str());
+    };
+
+    const pid_t child = start("kelvane", "live in -o out -r 320x180@300k -r 160x90@100k --window 0 --http 0");
+    ASSERT_EQ(feed("a.ts b.ts a.ts holed.ts wrap.ts"), 0);
+    const auto listed = [&](size_t count) {
+        return entries(contents(path("out/320x180/media.m3u8")), "#EXTINF:").size() >= count;
+    };
+    EXPECT_TRUE(within(20, [&] { return listed(9); })) << contents(path(".output"));
+    ASSERT_EQ(feed("next.flv"), 0); // another writer, another container
+    EXPECT_TRUE(within(10, [&] { return listed(11); })) << contents(path(".output"));
+
+    std::smatch page;
+    const std::string said = contents(path(".output"));
+    ASSERT_TRUE(std::regex_search(said, page, std::regex("http://127.0.0.1:([0-9]+)/\n"))) << said;
+    const int port = std::stoi(page[1]);
+    fs::create_symlink(path("in.h264"), path("out/320x180/99.m4s"));
+    for (const auto& [line, status, type] : std::vector<std::array<std::string, 3>>{
+             {"GET /", "200", "text/html"},
+             {"GET /live.json", "200", "application/json"},
+             {"HEAD /master.m3u8", "200", "application/vnd.apple.mpegurl"},
+             {"GET /320x180/0.m4s", "200", "video/mp4"},
+             {"GET /../in.h264", "404", ""},
+             {"GET /%2e%2e/in.h264", "404", ""},
+             {"GET /320x180/..%2f..%2fin.h264", "404", ""},
+             {"GET /320x180/99.m4s", "404", ""},
+             {"GET /.kelvane-live", "404", ""},
+             {"POST /", "405", ""}}) {
+        const std::string answer = request(port, line);
+        EXPECT_TRUE(answer.starts_with("HTTP/1.1 " + status)) << line << answer.substr(0, 200);
+        EXPECT_NE(answer.find(type), std::string::npos) << line << answer.substr(0, 200);
+    }
+    kill(child, SIGINT);
+    EXPECT_EQ(finish(child), 0) << errors;
+    EXPECT_EQ(errors, "");
+    EXPECT_FALSE(fs::exists(path("out/.kelvane-live")));
+
+    const std::string playlist = contents(path("out/320x180/media.m3u8"));
+    EXPECT_EQ(entries(playlist, "#EXTINF:"), entries(contents(path("out/160x90/media.m3u8")), "#EXTINF:"));
+    EXPECT_NE(playlist.find("#EXT-X-PLAYLIST-TYPE:VOD\n"), std::string::npos) << playlist;
+    EXPECT_TRUE(playlist.ends_with("#EXT-X-ENDLIST\n")) << playlist;
+    std::istringstream times(probe("-select_streams v out/320x180/media.m3u8", "packet=pts_time"));
+    std::vector<double> shown;
+    for (std::string time; std::getline(times, time);)
+        if (!time.empty()) shown.push_back(std::stod(time));
+    ASSERT_GT(shown.size(), 550u) << "of 600, without those that were lost in the hole";
+    int gaps = 0;
+    for (size_t i = 1; i < shown.size(); ++i) {
+        ASSERT_GT(shown[i], shown[i - 1]);
+        ASSERT_LT(shown[i] - shown[i - 1], 1.5);
+        gaps += shown[i] - shown[i - 1] > 0.1;
+    }
+    EXPECT_NEAR(shown.back(), 24, 0.5);
+    EXPECT_LE(gaps, 2) << "but for the hole";
+    // What decodes is shown one picture after the other; its own times tell when.
+    auto [flashes, clicks] = flashesAndClicks("out/320x180/media.m3u8", 25, "async=1:min_hard_comp=0.012");
+    EXPECT_GE(flashes.size(), 22u);
+    for (double& flash : flashes) {
+        flash = shown.at(static_cast<size_t>(std::lround(flash * 25)));
+        const bool heard = std::any_of(clicks.begin(), clicks.end(),
+                                       [&](double click) { return std::abs(click - flash) < 0.02; });
+        EXPECT_TRUE(heard || (flash > 13.5 && flash < 15.5)) << flash;
+    }
+}
+
+TEST_F(InstalledTool, KeepsAWindowAndLeavesOutWhatIsTooMuch) {
+    makeFlashesAndClicks("320x180", "-t 12 -g 25 -b:v 300k -f mpegts in.ts");
+    ASSERT_EQ(run("kelvane", "live - --segment 1 --window 4 -r 320x180@300k < in.ts"), 0) << errors;
+    const std::string playlist = contents(path("live/320x180/media.m3u8"));
+    EXPECT_NE(playlist.find("#EXT-X-MEDIA-SEQUENCE:8\n"), std::string::npos) << playlist;
+    EXPECT_EQ(names(path("live/320x180")),
+              (std::set<std::string>{"8.m4s", "9.m4s", "10.m4s", "11.m4s", "init.mp4", "media.m3u8"}));
+    EXPECT_EQ(probe("-select_streams v live/320x180/media.m3u8", "stream=nb_read_frames"), "100\n\n100\n");
+
+    // No machine encodes 50 such pictures a second beside its other work: the smaller rendition stands in.
+    ASSERT_EQ(
+        run("ffmpeg",
+            "-v error -y -f lavfi -i testsrc2=size=320x180:rate=50 -t 4 -c:v libopenh264 -g 50 fast.ts"),
+        0)
+        << errors;
+    ASSERT_EQ(run("kelvane", "live - --segment 1 -r 4096x2304@20M -r 160x90@100k < fast.ts"), 0) << errors;
+    EXPECT_NE(output.find("4096x2304 is left out"), std::string::npos) << output;
+    const std::string large = contents(path("live/4096x2304/media.m3u8"));
+    EXPECT_NE(large.find("#EXT-X-DISCONTINUITY\n#EXT-X-MAP:URI=\"../160x90/init.mp4\"\n"), std::string::npos)
+        << large;
+    EXPECT_EQ(entries(large, "#EXTINF:"), entries(contents(path("live/160x90/media.m3u8")), "#EXTINF:"));
+    for (const std::string size : {"4096x2304", "160x90"})
+        EXPECT_EQ(probe("live/" + size + "/media.m3u8", "stream=nb_read_frames"), "200\n\n200\n");
+
+    expectFailure("live missing -o new", 1, "no such file");
+    expectFailure("live - -o new --window 3", 2, "at least 3 segments");
+    expectFailure("live - -o new --http 70000", 2, "expected a port");
+}
