@@ -234,6 +234,30 @@ TEST_F(InstalledTool, KeepsWhatDecodesOfADamagedFile) {
     }
 }
 
+TEST_F(InstalledTool, PrintsLinesOfJsonForPrograms) {
+    const struct {
+        const char *arguments, *message, *result;
+    } cases[] = {
+        {"transcode in.h264 -r 160x90@100k --no-compare -o out", "in.h264: 320x180",
+         R"x("seconds":1\.2.*"pictures":30,.*"renditions":\[\{"width":160,.*"files":\[.*"master.m3u8"\])x"},
+        {"live - -r 160x90@100k < in.h264", "standard input: 320x180",
+         R"x("state":"ended",.*"pictures":30,.*"renditions":\[\{"size":"160x90",.*"bytes":[1-9])x"}};
+    const std::regex form(R"x(\{"event":"(message|stage|progress|live|result)",.*\})x");
+    for (const auto& [arguments, message, result] : cases) {
+        SCOPED_TRACE(arguments);
+        ASSERT_EQ(run("kelvane", std::string(arguments) + " --json"), 0) << errors;
+        std::istringstream lines(output);
+        std::string last, said;
+        for (std::string line; std::getline(lines, line); last = line) {
+            EXPECT_TRUE(std::regex_match(line, form)) << line;
+            if (line.find(R"x("event":"message")x") != std::string::npos) said += line;
+        }
+        EXPECT_NE(said.find(message), std::string::npos) << output;
+        EXPECT_TRUE(std::regex_search(last, std::regex(R"x("event":"result",.*)x" + std::string(result))))
+            << last;
+    }
+}
+
 TEST_F(InstalledTool, FailsInOneLineAndLeavesNothing) {
     std::ofstream(path("text")) << "no media";
     ASSERT_EQ(run("ffmpeg", "-v error -f lavfi -i testsrc2 -frames:v 3 -c:v png other.mov"), 0) << errors;

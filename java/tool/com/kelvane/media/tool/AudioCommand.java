@@ -9,7 +9,6 @@ import com.kelvane.media.tool.input.SoundPackets;
 import com.kelvane.media.tool.output.OggOpusWriter;
 import com.kelvane.media.tool.output.Workspace;
 import com.kelvane.media.tool.shell.Caller;
-import com.kelvane.media.tool.shell.FFmpegLog;
 import com.kelvane.media.tool.shell.Failure;
 import com.kelvane.media.tool.shell.MediaProgram;
 import com.kelvane.media.tool.shell.Progress;
@@ -57,7 +56,6 @@ final class AudioCommand implements Callable<Integer> {
         AudioTrack track = AudioTrack.open(Caller.path(input));
         check(!Workspace.wouldReplace(track.file().path(), result.getParent(), List.of(name)),
                 result + " is the input itself; name another file with -o");
-        FFmpegLog.silence();
         long begin = System.nanoTime();
         double seconds;
         long bytes;

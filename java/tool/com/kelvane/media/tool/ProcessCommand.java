@@ -16,7 +16,6 @@ import com.kelvane.media.tool.output.Results;
 import com.kelvane.media.tool.output.Summary;
 import com.kelvane.media.tool.output.Workspace;
 import com.kelvane.media.tool.shell.Caller;
-import com.kelvane.media.tool.shell.FFmpegLog;
 import com.kelvane.media.tool.shell.Failure;
 import com.kelvane.media.tool.shell.Progress;
 import java.io.IOException;
@@ -150,7 +149,6 @@ final class ProcessCommand implements Callable<Integer> {
 
     private void process(VideoTrack track, ProcessingModule module, Pipeline pipeline, String name, Workspace workspace)
             throws IOException {
-        FFmpegLog.silence();
         Summary.head(track);
         AudioTrack audio = sound.choose(track);
         Timeline timeline = track.timeline(audio, 0, Double.POSITIVE_INFINITY);
@@ -217,8 +215,8 @@ final class ProcessCommand implements Callable<Integer> {
                 new ContactSheet.Label("before", List.of(track.width() + "x" + track.height(),
                         String.format("%.2f pictures/s", track.frameRate()))),
                 Summary.label("after", statistics.bytes(), seconds, comparison.psnr(0)));
-        ContactSheet.draw(track.path().getFileName().toString(), comparison.grid(), comparison.cellHeights(), labels, moments,
-                file);
+        ContactSheet.draw(track.path().getFileName().toString(), comparison.grid(), comparison.cellHeights(),
+                track.meaning().rotation(), labels, moments, file);
     }
 
     private void summarise(Pipeline.Statistics statistics, double seconds) {

@@ -9,7 +9,6 @@ import com.kelvane.media.tool.output.SegmentKeys;
 import com.kelvane.media.tool.output.Summary;
 import com.kelvane.media.tool.output.Workspace;
 import com.kelvane.media.tool.shell.Caller;
-import com.kelvane.media.tool.shell.FFmpegLog;
 import com.kelvane.media.tool.shell.Failure;
 import com.kelvane.media.tool.shell.JsonLines;
 import java.io.IOException;
@@ -103,7 +102,6 @@ final class TranscodeCommand implements Callable<Integer> {
             }
         }
         try (Workspace workspace = new Workspace(results)) {
-            FFmpegLog.silence();
             Summary.head(track);
             double length = duration == null ? Double.POSITIVE_INFINITY : duration;
             new TranscodeRun(track, sound.choose(track), start, length, fitted(wanted, requests, rates), outputs, made,

@@ -159,8 +159,8 @@ final class TranscodeRun {
             labels.add(Summary.label(outputs.get(i).size(), transcoding.statistics().renditions().get(i).bytes(), seconds,
                     comparison.psnr(i)));
         }
-        ContactSheet.draw(track.path().getFileName().toString(), comparison.grid(), comparison.cellHeights(), labels,
-                transcoding.times().moments(), workspace.path(ResultOptions.SHEET));
+        ContactSheet.draw(track.path().getFileName().toString(), comparison.grid(), comparison.cellHeights(),
+                track.meaning().rotation(), labels, transcoding.times().moments(), workspace.path(ResultOptions.SHEET));
     }
 
     private void summarise(double seconds) {

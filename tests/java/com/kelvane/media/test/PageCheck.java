@@ -20,7 +20,7 @@ import java.util.regex.Pattern;
 
 /**
  * Opens a page of results in chromium, from a web server and from its file, and has it play. Arguments: its directory, and
- * for each of the two what is to be found, as a regular expression.
+ * for each of the two what is to be found, as a regular expression; then the address of a live page, and what is found there.
  */
 public final class PageCheck {
     private static final String PLAYS = """
@@ -48,18 +48,22 @@ public final class PageCheck {
         Path directory = Path.of(arguments[0]).toRealPath();
         ExecutorService threads = Executors.newCachedThreadPool();
         HttpServer server = serve(directory, threads);
-        Process driver = new ProcessBuilder("chromedriver", "--port=0").redirectErrorStream(true).start();
+        Process driver = null;
         boolean right = true;
         try {
+            driver = new ProcessBuilder("chromedriver", "--port=0").redirectErrorStream(true).start();
             String session = begin(driver);
             try {
                 right &= opens(session, "http://localhost:" + server.getAddress().getPort() + "/index.html", arguments[1]);
                 right &= opens(session, directory.resolve("index.html").toUri().toString(), arguments[2]);
+                right &= opens(session, arguments[3], arguments[4]);
             } finally {
                 CLIENT.send(HttpRequest.newBuilder(URI.create(session)).DELETE().build(), BodyHandlers.ofString());
             }
         } finally {
-            driver.destroy();
+            if (driver != null) {
+                driver.destroy();
+            }
             server.stop(0);
             threads.shutdownNow();
         }

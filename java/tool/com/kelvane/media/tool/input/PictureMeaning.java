@@ -52,6 +52,11 @@ public final class PictureMeaning {
         }
     }
 
+    /** Degrees by which the pictures are to be turned, clockwise. */
+    public int rotation() {
+        return rotation;
+    }
+
     /** FFmpeg's options for a container that tells of it. */
     public List<String> containerOptions() {
         List<String> options = new ArrayList<>();

@@ -83,7 +83,8 @@ public final class VideoSource implements Closeable {
      * @param seconds that it turned out to have
      */
     public String damage(double seconds) {
-        return Double.isInfinite(timeline.length()) && track.seconds() - timeline.origin() / 1000 > seconds + 1
+        // MPEG-TS announces nothing: where its times jump, what FFmpeg makes of them is no length.
+        return Double.isInfinite(timeline.length()) && !track.file().hasFormat("mpegts") && track.seconds() - timeline.origin() / 1000 > seconds + 1
                 ? String.format("its video ends after %.1f of the announced %.1f seconds", seconds, track.seconds())
                 : packets.damage();
     }

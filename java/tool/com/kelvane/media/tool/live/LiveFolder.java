@@ -5,6 +5,7 @@ import com.kelvane.media.tool.output.Page;
 import com.kelvane.media.tool.shell.Failure;
 import java.io.Closeable;
 import java.io.IOException;
+import java.io.OutputStream;
 import java.nio.channels.FileChannel;
 import java.nio.channels.OverlappingFileLockException;
 import java.nio.charset.StandardCharsets;
@@ -70,10 +71,32 @@ final class LiveFolder implements Closeable {
         Files.createDirectories(folder);
     }
 
+    /** Opens a file that is to get its name when it is complete. */
+    OutputStream begin(String part) throws IOException {
+        return Files.newOutputStream(root.resolve(part));
+    }
+
+    /** Gives a complete file its name; returns its size. */
+    long finish(String part, String name) throws IOException {
+        Path file = root.resolve(name);
+        Files.move(root.resolve(part), file, StandardCopyOption.ATOMIC_MOVE);
+        own.add(name);
+        return Files.size(file);
+    }
+
+    /** Removes a file that will not be complete. */
+    void discard(String part) {
+        try {
+            Files.deleteIfExists(root.resolve(part));
+        } catch (IOException left) {
+            // The next run removes it.
+        }
+    }
+
     /** Writes a file, in the place of an older one. */
     void write(String name, byte[] contents) throws IOException {
         Path file = root.resolve(name);
-        Path part = file.resolveSibling("." + file.getFileName() + ".part");
+        Path part = file.resolveSibling("." + file.getFileName());
         try {
             Files.write(part, contents);
             Files.move(part, file, StandardCopyOption.ATOMIC_MOVE);
@@ -116,7 +139,7 @@ final class LiveFolder implements Closeable {
             delete(name);
         }
         for (String folder : folders) {
-            Files.deleteIfExists(root.resolve(folder));
+            deleteEmpty(root.resolve(folder));
         }
     }
 
@@ -124,12 +147,16 @@ final class LiveFolder implements Closeable {
     public void close() throws IOException {
         Files.deleteIfExists(root.resolve(LOCK));
         lock.close();
+        if (made) {
+            deleteEmpty(root);
+        }
+    }
+
+    private static void deleteEmpty(Path folder) throws IOException {
         try {
-            if (made) {
-                Files.delete(root);
-            }
-        } catch (DirectoryNotEmptyException kept) {
-            // There are results.
+            Files.deleteIfExists(folder);
+        } catch (DirectoryNotEmptyException inUse) {
+            // It holds results, or something of somebody else's.
         }
     }
 }

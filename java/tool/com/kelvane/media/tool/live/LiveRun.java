@@ -28,6 +28,7 @@ public final class LiveRun {
     private final LiveFigures figures;
     private final CountDownLatch done = new CountDownLatch(1);
     private volatile boolean interrupted;
+    private volatile boolean succeeded;
     private LiveSession session;
     private double nextLine;
     private boolean silent;
@@ -45,6 +46,7 @@ public final class LiveRun {
         Runtime.getRuntime().addShutdownHook(hook);
         try {
             runToTheEnd();
+            succeeded = true;
         } finally {
             done.countDown();
         }
@@ -53,7 +55,7 @@ public final class LiveRun {
     private void interrupt() {
         interrupted = true;
         try {
-            if (done.await((long) (1000 * LONGEST_END), TimeUnit.MILLISECONDS) && problem == null) {
+            if (done.await((long) (1000 * LONGEST_END), TimeUnit.MILLISECONDS) && succeeded) {
                 Runtime.getRuntime().halt(0);
             }
         } catch (InterruptedException asked) {
@@ -71,28 +73,38 @@ public final class LiveRun {
                         : server.address().getHostString(), server.address().getPort());
             }
             input.start();
-            boolean playable = false;
+            boolean playable;
             try {
                 transcode(folder);
-                playable = session != null && session.finish();
+            } catch (RuntimeException unexpected) { // what there is can be played nevertheless
+                problem = unexpected;
             } finally {
-                if (session != null) {
-                    session.close();
-                }
-                if (!playable) {
-                    folder.removeAll(session == null ? List.of()
-                            : session.outputs().stream().map(RenditionOutput::size).toList());
-                }
+                playable = finish(folder);
             }
             figures.state("ended");
             Progress.clear();
             if (playable) {
                 folder.write(Page.FILE, Page.live(input.name(), figures.json(input.bytesRead())));
-            } else if (problem != null) {
+            }
+            if (problem != null) {
                 throw problem;
             }
             summarise(playable);
         }
+    }
+
+    /** Returns whether there is anything to play. */
+    private boolean finish(LiveFolder folder) throws IOException {
+        boolean playable = false;
+        try (LiveSession ending = session) {
+            playable = ending != null && ending.finish();
+        } finally {
+            if (!playable) {
+                folder.removeAll(session == null ? List.of()
+                        : session.outputs().stream().map(RenditionOutput::size).toList());
+            }
+        }
+        return playable;
     }
 
     private void transcode(LiveFolder folder) throws IOException {

@@ -91,7 +91,9 @@ final class LiveServer implements AutoCloseable {
 
     private void begin(HttpExchange exchange, String name, long length) throws IOException {
         exchange.getResponseHeaders().set("Content-Type", type(name));
-        exchange.getResponseHeaders().set("Access-Control-Allow-Origin", "*"); // players on other pages
+        if (!address().getAddress().isLoopbackAddress()) {
+            exchange.getResponseHeaders().set("Access-Control-Allow-Origin", "*"); // players on other pages
+        }
         if (!name.endsWith(".m4s")) {
             exchange.getResponseHeaders().set("Cache-Control", "no-cache");
         }

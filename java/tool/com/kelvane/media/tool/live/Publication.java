@@ -4,7 +4,10 @@ import com.kelvane.media.tool.input.PictureMeaning;
 import com.kelvane.media.tool.output.Hls;
 import com.kelvane.media.tool.output.MediaPlaylist;
 import com.kelvane.media.tool.output.RenditionOutput;
+import com.kelvane.media.tool.shell.Failure;
+import java.io.BufferedOutputStream;
 import java.io.IOException;
+import java.io.OutputStream;
 import java.time.Instant;
 import java.util.ArrayDeque;
 import java.util.ArrayList;
@@ -22,6 +25,7 @@ import java.util.Objects;
  */
 final class Publication {
     private static final int GRACE = 2;            // segments that stay when they are no longer listed
+    private static final int BUFFER = 1 << 16;     // bytes
     private static final double HEADROOM = 1.25;   // of the bit rate that is announced, over the one that is aimed at
     private static final int SOUND_BITRATE = 192_000; // that is announced, in bits per second
 
@@ -69,6 +73,7 @@ final class Publication {
     private PictureMeaning meaning;
     private byte[] sound;
     private int announced; // renditions in the list of renditions
+    private int parts;
     private int gone;
     private int goneBegins;
     private boolean finished;
@@ -111,7 +116,7 @@ final class Publication {
     }
 
     /** Takes one rendition's segments. */
-    RenditionStream.Receiver receiver(int rendition) {
+    synchronized RenditionStream.Receiver receiver(int rendition) {
         return new Receiver(rendition);
     }
 
@@ -128,10 +133,12 @@ final class Publication {
 
     private final class Receiver implements RenditionStream.Receiver {
         private final int rendition;
+        private final String part; // name of the file that is not complete
         private String initialisation;
 
         Receiver(int rendition) {
             this.rendition = rendition;
+            part = outputs.get(rendition).size() + "/.segment-" + parts++;
         }
 
         @Override
@@ -153,13 +160,18 @@ final class Publication {
         }
 
         @Override
-        public void finished(int number, byte[] segment, double seconds) throws IOException {
+        public OutputStream begin() throws IOException {
+            return new BufferedOutputStream(folder.begin(part), BUFFER);
+        }
+
+        @Override
+        public void finished(int number, double seconds) throws IOException {
             String name = outputs.get(rendition).size() + "/" + String.format(Hls.SEGMENT, number);
-            folder.write(name, segment);
+            long size = folder.finish(part, name);
             synchronized (Publication.this) {
                 for (Segment waiting : coming) {
                     if (waiting.number == number) {
-                        waiting.pieces[rendition] = new Piece(name, initialisation, seconds, segment.length);
+                        waiting.pieces[rendition] = new Piece(name, initialisation, seconds, size);
                         waiting.awaited.clear(rendition);
                     }
                 }
@@ -175,13 +187,14 @@ final class Publication {
                 try {
                     publish();
                 } catch (IOException unwritable) {
-                    ended(unwritable.getMessage());
+                    figures.note("lists", "playlists could not be written (%s)", Failure.reason(unwritable));
                 }
             }
         }
 
         @Override
         public void ended(String problem) {
+            folder.discard(part);
             if (problem != null) {
                 figures.note("segments", "%s: segments could not be written (%s)", outputs.get(rendition).size(), problem);
             }

@@ -6,7 +6,6 @@ import com.kelvane.media.tool.input.PictureMeaning;
 import com.kelvane.media.tool.output.MatroskaWriter;
 import com.kelvane.media.tool.output.RenditionOutput;
 import com.kelvane.media.tool.shell.MediaProgram;
-import java.io.ByteArrayOutputStream;
 import java.io.FilterOutputStream;
 import java.io.IOException;
 import java.io.OutputStream;
@@ -26,8 +25,15 @@ final class RenditionStream {
         /** What players are to know first. */
         void initialised(byte[] bytes) throws IOException;
 
-        /** @param seconds that the segment takes */
-        void finished(int number, byte[] segment, double seconds) throws IOException;
+        /** A segment comes, of which the number is not known yet. */
+        OutputStream begin() throws IOException;
+
+        /**
+         * The segment that was begun is complete.
+         *
+         * @param seconds that it takes
+         */
+        void finished(int number, double seconds) throws IOException;
 
         /** There is no such segment, and none after it. */
         void failed(int number);
@@ -198,17 +204,8 @@ final class RenditionStream {
         try {
             Fragments fragments = new Fragments(program.output());
             receiver.initialised(fragments.initialisation());
-            ByteArrayOutputStream segment = new ByteArrayOutputStream();
-            int count = 0;
-            for (byte[] fragment = fragments.next(); fragment != null; fragment = fragments.next()) {
-                segment.write(fragment);
-                count++;
-                Segment first = first(count);
-                if (first != null) {
-                    receiver.finished(first.number, segment.toByteArray(), first.seconds);
-                    segment.reset();
-                    count = 0;
-                }
+            for (boolean goesOn = true; goesOn;) {
+                goesOn = readSegment(fragments);
             }
             if (program.finish() != 0 || !closed) {
                 problem = error.toString();
@@ -221,6 +218,21 @@ final class RenditionStream {
             failLost();
             receiver.ended(problem);
         }
+    }
+
+    /** Returns false at the end. */
+    private boolean readSegment(Fragments fragments) throws IOException {
+        Segment complete = null;
+        try (OutputStream segment = receiver.begin()) {
+            for (int count = 1; complete == null; count++) {
+                if (!fragments.copyNext(segment)) {
+                    return false;
+                }
+                complete = first(count);
+            }
+        }
+        receiver.finished(complete.number, complete.seconds);
+        return true;
     }
 
     /** The segment that is complete with so many fragments. */

@@ -41,7 +41,8 @@ final class SourceClock {
         if (Math.abs(apartBefore) < Math.abs(apart) && Math.abs(apartBefore) <= TOLERANCE) {
             return advance(track, decodingTime, time, duration, before);
         }
-        if (!(Math.abs(apart) <= (joined[track] ? TOLERANCE : ALIGNMENT))) {
+        double allowed = (joined[track] ? TOLERANCE : ALIGNMENT) + 2 * duration;
+        if (!(Math.abs(apart) <= allowed) && !isWithAnother(track, decodingTime + offset)) {
             double resumed = ends[track];
             for (int i = 0; Double.isNaN(offset) && i < ends.length; i++) {
                 resumed = Math.max(resumed, ends[i]);
@@ -53,6 +54,16 @@ final class SourceClock {
         }
         joined[track] = true;
         return advance(track, decodingTime, time, duration, offset);
+    }
+
+    /** Whether another track has got to a time: then nothing has jumped, and this one has been silent, or shown nothing new. */
+    private boolean isWithAnother(int track, double at) {
+        for (int i = 0; i < ends.length; i++) {
+            if (i != track && joined[i] && Math.abs(at - ends[i]) <= TOLERANCE) {
+                return true;
+            }
+        }
+        return false;
     }
 
     private double advance(int track, double decodingTime, double time, double duration, double chosen) {

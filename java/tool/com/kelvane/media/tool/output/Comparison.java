@@ -1,6 +1,7 @@
 package com.kelvane.media.tool.output;
 
 import com.kelvane.media.AccessUnit;
+import com.kelvane.media.tool.input.PictureMeaning;
 import com.kelvane.media.tool.input.VideoSource;
 import com.kelvane.media.tool.input.VideoTrack;
 import com.kelvane.media.tool.shell.MediaProgram;
@@ -47,9 +48,9 @@ public final class Comparison {
         psnr = new double[outputs.size()];
         Arrays.fill(psnr, Double.NaN);
         cellHeights = new int[outputs.size() + 1];
-        cellHeights[0] = cellHeight(track.width(), track.height());
+        cellHeights[0] = cellHeight(track.meaning(), track.width(), track.height());
         for (int i = 0; i < outputs.size(); i++) {
-            cellHeights[i + 1] = cellHeight(outputs.get(i).width(), outputs.get(i).height());
+            cellHeights[i + 1] = cellHeight(track.meaning(), outputs.get(i).width(), outputs.get(i).height());
         }
         Files.writeString(workspace.path(SCRIPT), graph(outputs, moments));
         List<String> command = new ArrayList<>(List.of("-v", "info", "-copyts"));
@@ -108,7 +109,7 @@ public final class Comparison {
         return grid;
     }
 
-    /** Heights of the rows in pixels. */
+    /** Heights of the rows in pixels, before they are turned. */
     public int[] cellHeights() {
         return cellHeights;
     }
@@ -118,8 +119,11 @@ public final class Comparison {
         return damagedPictures;
     }
 
-    private static int cellHeight(int width, int height) {
-        return Math.max(2, 2 * Math.round(CELL_WIDTH / 2f * height / width));
+    /** Cells have the shape of the pictures as they are shown, but are not turned yet. */
+    private static int cellHeight(PictureMeaning meaning, int width, int height) {
+        int[] shown = meaning.shownSize(width, height);
+        boolean turned = meaning.rotation() % 180 != 0;
+        return Math.max(2, 2 * Math.round(CELL_WIDTH / 2f * shown[turned ? 0 : 1] / shown[turned ? 1 : 0]));
     }
 
     /**

@@ -4,9 +4,11 @@ import java.awt.Color;
 import java.awt.Font;
 import java.awt.Graphics2D;
 import java.awt.RenderingHints;
+import java.awt.geom.AffineTransform;
 import java.awt.image.BufferedImage;
 import java.io.IOException;
 import java.nio.file.Path;
+import java.util.Arrays;
 import java.util.List;
 import javax.imageio.ImageIO;
 
@@ -34,13 +36,17 @@ public final class ContactSheet {
     /**
      * @param grid all pictures, without any space between them
      * @param rowHeights in pixels, as many as labels
+     * @param rotation degrees by which each picture is turned, clockwise
      * @param moments times of the columns in milliseconds
      */
-    public static void draw(String title, BufferedImage grid, int[] rowHeights, List<Label> labels, List<Long> moments, Path file)
-            throws IOException {
-        int cellWidth = grid.getWidth() / moments.size();
+    public static void draw(String title, BufferedImage grid, int[] rowHeights, int rotation, List<Label> labels,
+                            List<Long> moments, Path file) throws IOException {
+        boolean turned = rotation % 180 != 0;
+        int storedWidth = grid.getWidth() / moments.size();
+        int cellWidth = turned ? Arrays.stream(rowHeights).max().orElse(0) : storedWidth;
         int width = MARGIN + LABEL_WIDTH + moments.size() * (cellWidth + GAP) - GAP + MARGIN;
-        int height = MARGIN + HEADER_HEIGHT + grid.getHeight() + (rowHeights.length - 1) * GAP + MARGIN;
+        int height = MARGIN + HEADER_HEIGHT + (turned ? rowHeights.length * storedWidth : grid.getHeight())
+                + (rowHeights.length - 1) * GAP + MARGIN;
         BufferedImage sheet = new BufferedImage(width, height, BufferedImage.TYPE_INT_RGB);
         Graphics2D canvas = sheet.createGraphics();
         canvas.setRenderingHint(RenderingHints.KEY_TEXT_ANTIALIASING, RenderingHints.VALUE_TEXT_ANTIALIAS_ON);
@@ -61,14 +67,24 @@ public final class ContactSheet {
                 text(canvas, label.figures.get(line), SMALL, QUIET, MARGIN, top + 44 + line * LINE_HEIGHT);
             }
             for (int column = 0; column < moments.size(); column++) {
-                canvas.drawImage(grid.getSubimage(column * cellWidth, gridTop, cellWidth, rowHeights[row]),
-                        cellLeft(column, cellWidth), top, null);
+                drawTurned(canvas, grid.getSubimage(column * storedWidth, gridTop, storedWidth, rowHeights[row]), rotation,
+                        cellLeft(column, cellWidth), top);
             }
-            top += rowHeights[row] + GAP;
+            top += (turned ? storedWidth : rowHeights[row]) + GAP;
             gridTop += rowHeights[row];
         }
         canvas.dispose();
         ImageIO.write(sheet, "png", file.toFile());
+    }
+
+    private static void drawTurned(Graphics2D canvas, BufferedImage picture, int rotation, int left, int top) {
+        boolean turned = rotation % 180 != 0;
+        int width = turned ? picture.getHeight() : picture.getWidth();
+        int height = turned ? picture.getWidth() : picture.getHeight();
+        AffineTransform turn = AffineTransform.getTranslateInstance(left + width / 2.0, top + height / 2.0);
+        turn.rotate(Math.toRadians(rotation));
+        turn.translate(-picture.getWidth() / 2.0, -picture.getHeight() / 2.0);
+        canvas.drawImage(picture, turn, null);
     }
 
     private static int cellLeft(int column, int cellWidth) {

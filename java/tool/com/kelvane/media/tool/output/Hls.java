@@ -36,7 +36,7 @@ public final class Hls {
         }
         try (Stream<Path> files = Files.list(folder)) {
             return files.map(file -> file.getFileName().toString())
-                    .allMatch(name -> name.equals(PLAYLIST) || name.matches("init(-\\d+)?\\.mp4|\\d+\\.m4s"));
+                    .allMatch(name -> name.matches("\\.?media\\.m3u8|\\.?init(-\\d+)?\\.mp4|\\d+\\.m4s|\\.segment-\\d+"));
         }
     }
 
