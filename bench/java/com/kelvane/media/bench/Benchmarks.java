@@ -49,7 +49,7 @@ public final class Benchmarks {
         parts.put("picture", benchmarks::perPicture);
         List<String> chosen = arguments[2].equals("all") ? List.copyOf(parts.keySet()) : List.of(arguments[2].split(","));
         List<String> about = new ArrayList<>(List.of(arguments).subList(3, arguments.length));
-        about.add(benchmarks.rounds + " rounds in turns after 2 to warm up; medians; load at the beginning "
+        about.add(benchmarks.rounds + " rounds in turns after warming up; medians; load at the beginning "
                 + Files.readString(Path.of("/proc/loadavg")).split(" ")[0]);
         for (String part : chosen) {
             System.err.println("measuring: " + part);
@@ -103,7 +103,7 @@ public final class Benchmarks {
         table.put(row, "natives to floor", contest.ratio("natives", "floor"), 4).put(row, "API to floor", contest.ratio("API", "floor"), 4)
                 .put(row, "API to FFmpeg", contest.ratio("API", "FFmpeg"), 4)
                 .put(row, "spread of floor, %", 100 * contest.result("floor").spread(), 1)
-                .put(row, "spread of API, %", 100 * contest.result("API").spread(), 1);
+                .put(row, "spread of API, %", 100 * contest.result("API").spread(), 1).tell(row);
     }
 
     private void parallel() throws Exception {

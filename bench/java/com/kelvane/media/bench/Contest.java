@@ -9,7 +9,7 @@ import java.util.function.ToLongFunction;
 
 /** The same work done in several ways, in turns: A B C A B C ... The first way is what the others are compared with. */
 final class Contest {
-    private static final int WARM_UP_ROUNDS = 2;
+    private static final int WARM_UP_ROUNDS = 1;
 
     /** One way to do the work. A checked pass is not timed. */
     interface Pass {

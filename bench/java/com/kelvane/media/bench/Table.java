@@ -46,6 +46,11 @@ final class Table {
         return this;
     }
 
+    /** Tells of a finished row on standard error. */
+    void tell(String row) {
+        System.err.println(row + ": " + rows.get(row));
+    }
+
     List<String> columns() {
         List<String> columns = new ArrayList<>();
         rows.values().forEach(row -> row.keySet().stream().filter(name -> !columns.contains(name)).forEach(columns::add));
