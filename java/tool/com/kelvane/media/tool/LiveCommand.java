@@ -51,8 +51,8 @@ final class LiveCommand implements Callable<Integer> {
     private Path input;
 
     @Option(names = {"-r", "--rendition"}, paramLabel = "WxH@BITRATE[,...]", converter = RenditionRequest.Converter.class,
-            description = "A rendition, as of `transcode`; may be given several times, the largest first (default: the three"
-                    + " largest usual sizes that fit into the source).")
+            description = "A rendition, as of `transcode`; may be given several times (default: the three largest usual sizes that"
+                    + " fit into the source).")
     private List<RenditionRequest> renditions = new ArrayList<>();
 
     @Option(names = "--http", paramLabel = "[HOST:]PORT", converter = AddressConverter.class, description = "Serve DIR and the live"
@@ -65,7 +65,7 @@ final class LiveCommand implements Callable<Integer> {
 
     @Option(names = "--window", paramLabel = "SECONDS", description = "How much is listed in the playlists (default:"
             + " ${DEFAULT-VALUE}); the directory holds two segments more. 0 keeps everything.")
-    private double window = 60;
+    private int window = 60;
 
     @Option(names = "--segment", paramLabel = "SECONDS", description = "Length of segments, 1-10 whole seconds (default:"
             + " ${DEFAULT-VALUE}).")

@@ -14,7 +14,7 @@ import com.kelvane.media.tool.output.SegmentKeys;
 import java.io.IOException;
 import java.io.UncheckedIOException;
 import java.util.ArrayDeque;
-import java.util.Arrays;
+import java.util.Comparator;
 import java.util.List;
 import java.util.Queue;
 import java.util.TreeMap;
@@ -58,8 +58,10 @@ final class LiveSession implements AutoCloseable {
 
     LiveSession(LiveSettings settings, VideoTrack video, LiveFolder folder, LiveFigures figures) throws IOException {
         this.figures = figures;
-        List<RenditionRequest> requests = settings.renditions().isEmpty() ? RenditionRequest.ladder(video)
-                : settings.renditions();
+        // The largest first, as that is the first to be left out.
+        List<RenditionRequest> requests = (settings.renditions().isEmpty() ? RenditionRequest.ladder(video)
+                : settings.renditions()).stream().sorted(Comparator.comparingInt(request ->
+                        -request.settings().width() * request.settings().height())).toList();
         List<Double> rates = requests.stream().map(request -> request.pictureRate(video.frameRate())).toList();
         List<Rendition> renditions = requests.stream().map(request -> request.settings().keyInterval() > 0
                 ? request.completed(video.frameRate())
@@ -242,10 +244,6 @@ final class LiveSession implements AutoCloseable {
     boolean finish() throws IOException {
         drain();
         return ladder.finish(time + Math.round(pictureDuration));
-    }
-
-    double behind() {
-        return behind;
     }
 
     @Override

@@ -14,6 +14,6 @@ import java.util.List;
  * @param window seconds to keep, 0 for all
  * @param address to serve at, or null
  */
-public record LiveSettings(List<RenditionRequest> renditions, Path directory, int segmentSeconds, double window,
+public record LiveSettings(List<RenditionRequest> renditions, Path directory, int segmentSeconds, int window,
                            InetSocketAddress address) {
 }

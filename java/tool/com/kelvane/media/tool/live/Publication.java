@@ -8,11 +8,9 @@ import com.kelvane.media.tool.shell.Failure;
 import java.io.BufferedOutputStream;
 import java.io.IOException;
 import java.io.OutputStream;
-import java.time.Instant;
 import java.util.ArrayDeque;
 import java.util.ArrayList;
 import java.util.Arrays;
-import java.util.BitSet;
 import java.util.Deque;
 import java.util.HashMap;
 import java.util.List;
@@ -28,37 +26,6 @@ final class Publication {
     private static final int BUFFER = 1 << 16;     // bytes
     private static final double HEADROOM = 1.25;   // of the bit rate that is announced, over the one that is aimed at
     private static final int SOUND_BITRATE = 192_000; // that is announced, in bits per second
-
-    /** A rendition's part of a segment. */
-    private record Piece(String name, String initialisation, double seconds, long size) {
-    }
-
-    private static final class Segment {
-        private final int number;
-        private final Instant date;
-        private final long arrival;
-        private final boolean begins;
-        private final Piece[] pieces;
-        private final BitSet awaited = new BitSet();
-
-        Segment(int number, long arrival, boolean begins, int renditions) {
-            this.number = number;
-            this.arrival = arrival;
-            this.begins = begins;
-            date = Instant.now().minusNanos(Math.max(0, System.nanoTime() - arrival));
-            pieces = new Piece[renditions];
-        }
-
-        /** What stands in the list of a rendition: its own, the next smaller one's or the next larger one's. */
-        Piece listed(int rendition) {
-            for (int i = rendition; i < pieces.length; i++) {
-                if (pieces[i] != null) {
-                    return pieces[i];
-                }
-            }
-            return Arrays.stream(pieces, 0, rendition).filter(Objects::nonNull).reduce((first, last) -> last).orElse(null);
-        }
-    }
 
     private final List<RenditionOutput> outputs;
     private final List<Integer> bitrates;
@@ -116,7 +83,7 @@ final class Publication {
     }
 
     /** Takes one rendition's segments. */
-    synchronized RenditionStream.Receiver receiver(int rendition) {
+    synchronized SegmentReceiver receiver(int rendition) {
         return new Receiver(rendition);
     }
 
@@ -131,7 +98,7 @@ final class Publication {
         return !listed.isEmpty();
     }
 
-    private final class Receiver implements RenditionStream.Receiver {
+    private final class Receiver implements SegmentReceiver {
         private final int rendition;
         private final String part; // name of the file that is not complete
         private String initialisation;
@@ -171,7 +138,7 @@ final class Publication {
             synchronized (Publication.this) {
                 for (Segment waiting : coming) {
                     if (waiting.number == number) {
-                        waiting.pieces[rendition] = new Piece(name, initialisation, seconds, size);
+                        waiting.pieces[rendition] = new Segment.Piece(name, initialisation, seconds, size);
                         waiting.awaited.clear(rendition);
                     }
                 }
@@ -214,10 +181,10 @@ final class Publication {
         if (!changed || listed.isEmpty()) {
             return;
         }
-        double seconds = listed.stream().mapToDouble(segment -> segment.listed(0).seconds).sum();
-        while (window > 0 && seconds - listed.peek().listed(0).seconds >= window - 0.001) {
+        double seconds = listed.stream().mapToDouble(segment -> segment.listed(0).seconds()).sum();
+        while (window > 0 && seconds - listed.peek().listed(0).seconds() >= window - 0.001) {
             Segment left = listed.poll();
-            seconds -= left.listed(0).seconds;
+            seconds -= left.listed(0).seconds();
             leaving.add(left);
             gone++;
             goneBegins += left.begins ? 1 : 0;
@@ -225,7 +192,7 @@ final class Publication {
         LivePlaylist.Kind kind = finished ? LivePlaylist.Kind.FINISHED : window > 0 ? LivePlaylist.Kind.SLIDING
                 : LivePlaylist.Kind.GROWING;
         int target = (int) Math.max(segmentSeconds + 1, Math.round(listed.stream()
-                .flatMap(segment -> Arrays.stream(segment.pieces)).filter(Objects::nonNull).mapToDouble(Piece::seconds).max()
+                .flatMap(segment -> Arrays.stream(segment.pieces)).filter(Objects::nonNull).mapToDouble(Segment.Piece::seconds).max()
                 .orElse(0)));
         for (int i = 0; i < outputs.size(); i++) {
             int rendition = i;
@@ -244,9 +211,9 @@ final class Publication {
     }
 
     private LivePlaylist.Entry entry(Segment segment, int rendition) {
-        Piece piece = segment.listed(rendition);
+        Segment.Piece piece = segment.listed(rendition);
         String own = outputs.get(rendition).size() + "/";
-        return new LivePlaylist.Entry(relative(piece.name, own), relative(piece.initialisation, own), piece.seconds,
+        return new LivePlaylist.Entry(relative(piece.name(), own), relative(piece.initialisation(), own), piece.seconds(),
                 segment.date, segment.begins);
     }
 
@@ -255,9 +222,9 @@ final class Publication {
     }
 
     private void remove(Segment segment) throws IOException {
-        for (Piece piece : segment.pieces) {
+        for (Segment.Piece piece : segment.pieces) {
             if (piece != null) {
-                folder.delete(piece.name);
+                folder.delete(piece.name());
             }
         }
     }
@@ -270,8 +237,8 @@ final class Publication {
             }
             RenditionOutput output = outputs.get(i);
             int rendition = i;
-            List<Double> seconds = new ArrayList<>(listed.stream().map(segment -> segment.listed(rendition).seconds).toList());
-            List<Long> sizes = new ArrayList<>(listed.stream().map(segment -> segment.listed(rendition).size).toList());
+            List<Double> seconds = new ArrayList<>(listed.stream().map(segment -> segment.listed(rendition).seconds()).toList());
+            List<Long> sizes = new ArrayList<>(listed.stream().map(segment -> segment.listed(rendition).size()).toList());
             if (!finished) { // those to come count as well
                 seconds.add((double) segmentSeconds);
                 sizes.add((long) (segmentSeconds * (HEADROOM * bitrates.get(i) + (sound.length == 0 ? 0 : SOUND_BITRATE)) / 8));

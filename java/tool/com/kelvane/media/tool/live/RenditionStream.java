@@ -20,30 +20,8 @@ import java.util.Queue;
  * one for each key picture, and this puts them together. Written by one thread; segments come out from another.
  */
 final class RenditionStream {
-    /** Takes what is finished. */
-    interface Receiver {
-        /** What players are to know first. */
-        void initialised(byte[] bytes) throws IOException;
-
-        /** A segment comes, of which the number is not known yet. */
-        OutputStream begin() throws IOException;
-
-        /**
-         * The segment that was begun is complete.
-         *
-         * @param seconds that it takes
-         */
-        void finished(int number, double seconds) throws IOException;
-
-        /** There is no such segment, and none after it. */
-        void failed(int number);
-
-        /** Nothing comes any more. */
-        void ended(String problem);
-    }
-
     /** A segment of which all pictures were written, in so many fragments. */
-    private record Segment(int number, int fragments, double seconds) {
+    private record Written(int number, int fragments, double seconds) {
     }
 
     private static final String MAXIMAL_WAIT = "500000"; // microseconds that pictures wait for the sound
@@ -51,10 +29,10 @@ final class RenditionStream {
     private final MediaProgram.Running program;
     private final MediaProgram.FirstError error = new MediaProgram.FirstError("");
     private final MatroskaWriter writer;
-    private final Receiver receiver;
+    private final SegmentReceiver receiver;
     private final boolean hasSound;
     private final Thread reader;
-    private final Queue<Segment> written = new ArrayDeque<>();
+    private final Queue<Written> written = new ArrayDeque<>();
     private int number;
     private int keys;
     private long begin = Long.MIN_VALUE;
@@ -67,7 +45,7 @@ final class RenditionStream {
      *
      * @param sound null when there is none
      */
-    RenditionStream(RenditionOutput output, PictureMeaning meaning, LiveSound sound, int number, Receiver receiver)
+    RenditionStream(RenditionOutput output, PictureMeaning meaning, LiveSound sound, int number, SegmentReceiver receiver)
             throws IOException {
         this.number = number;
         this.receiver = receiver;
@@ -148,7 +126,7 @@ final class RenditionStream {
 
     private void finishSegment(long end) {
         synchronized (written) {
-            written.add(new Segment(number, keys, (end - begin) / 1000.0));
+            written.add(new Written(number, keys, (end - begin) / 1000.0));
         }
     }
 
@@ -222,7 +200,7 @@ final class RenditionStream {
 
     /** Returns false at the end. */
     private boolean readSegment(Fragments fragments) throws IOException {
-        Segment complete = null;
+        Written complete = null;
         try (OutputStream segment = receiver.begin()) {
             for (int count = 1; complete == null; count++) {
                 if (!fragments.copyNext(segment)) {
@@ -236,7 +214,7 @@ final class RenditionStream {
     }
 
     /** The segment that is complete with so many fragments. */
-    private Segment first(int fragments) {
+    private Written first(int fragments) {
         synchronized (written) {
             return !written.isEmpty() && written.peek().fragments <= fragments ? written.poll() : null;
         }
