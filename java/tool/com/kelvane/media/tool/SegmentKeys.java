@@ -9,7 +9,7 @@ import java.util.Optional;
  * by time, a key picture is never missing there, whatever rates renditions have, and where a change of scene gave one of
  * them a key picture of its own.
  */
-final class SegmentKeys {
+public final class SegmentKeys {
     private static final double USUAL_SECONDS = 2; // between key pictures
     private static final int LONGEST_INTERVAL = 480;
 
@@ -17,7 +17,7 @@ final class SegmentKeys {
     private double origin = Double.NaN;
     private double due;
 
-    SegmentKeys(int segmentSeconds) {
+    public SegmentKeys(int segmentSeconds) {
         step = 1000 * seconds(segmentSeconds);
     }
 
@@ -26,7 +26,7 @@ final class SegmentKeys {
     }
 
     /** A picture that is in all renditions: whether it is to be a key picture in each. */
-    boolean begins(long time) {
+    public boolean begins(long time) {
         if (Double.isNaN(origin)) {
             origin = time;
         } else if (time < due) {
@@ -37,7 +37,7 @@ final class SegmentKeys {
     }
 
     /** The rendition with a key interval that leaves these key pictures the only regular ones. */
-    static Rendition withoutOwn(Rendition rendition, int segmentSeconds) {
+    public static Rendition withoutOwn(Rendition rendition, int segmentSeconds) {
         return rendition.keyInterval((int) Math.min(LONGEST_INTERVAL,
                 2 * Math.ceil(seconds(segmentSeconds) * rendition.frameRate())));
     }

@@ -14,7 +14,7 @@ import java.util.concurrent.LinkedBlockingQueue;
 import java.util.regex.Pattern;
 
 /** A track's packets, one after the other, as FFmpeg copies them out of their container. */
-final class PacketPipe implements Closeable {
+public final class PacketPipe implements Closeable {
     /**
      * One packet; times in milliseconds, the source's own.
      *
@@ -22,7 +22,7 @@ final class PacketPipe implements Closeable {
      * @param decodingTime never above that of presentation, NaN when the container has none
      * @param shown false where an edit list has it decoded for others alone
      */
-    record Packet(byte[] bytes, double time, double decodingTime, double duration, boolean key, boolean shown) {
+    public record Packet(byte[] bytes, double time, double decodingTime, double duration, boolean key, boolean shown) {
     }
 
     // stream, decoding time, presentation time, duration, size, checksum, flags unless it is a key frame
@@ -47,7 +47,7 @@ final class PacketPipe implements Closeable {
      * @param from second of the source to begin at or before; 0 to begin at the beginning
      * @param filter FFmpeg's bitstream filters, may be empty
      */
-    PacketPipe(MediaFile file, int index, double from, String filter) {
+    public PacketPipe(MediaFile file, int index, double from, String filter) {
         this(file, index, from, copy(filter), "data");
     }
 
@@ -70,7 +70,7 @@ final class PacketPipe implements Closeable {
         if (from > 0) {
             command.addAll(List.of("-ss", String.format("%.6f", from)));
         }
-        command.addAll(List.of("-i", path.toString()));
+        command.addAll(file.asInput());
         // Both outputs carry the same packets: one their sizes and times, which come first, the other the bytes.
         for (List<String> output : List.of(List.of("framecrc", "pipe:2"), List.of(format, "pipe:1"))) {
             command.addAll(List.of("-map", "0:" + index));
@@ -81,7 +81,7 @@ final class PacketPipe implements Closeable {
             // Where its times jump, FFmpeg closes the gap of all tracks alike that it has to do with.
             command.addAll(List.of("-map", "0:v?", "-map", "0:a?", "-c", "copy", "-f", "null", "-"));
         }
-        program = MediaProgram.FFMPEG.start(path.getParent(), command, false, this::read);
+        program = MediaProgram.FFMPEG.start(Path.of("").toAbsolutePath(), command, false, this::read);
         bytes = new BufferedInputStream(program.output(), 1 << 16);
     }
 
@@ -96,7 +96,7 @@ final class PacketPipe implements Closeable {
     }
 
     /** The next packet; null when there are no more. */
-    Packet next() throws IOException {
+    public Packet next() throws IOException {
         while (!ended) {
             String line = take();
             if (line.equals(END)) {
@@ -133,7 +133,7 @@ final class PacketPipe implements Closeable {
     }
 
     /** What is wrong with the file, or null. */
-    String damage() {
+    public String damage() {
         return error.isEmpty() ? null : error.toString();
     }
 

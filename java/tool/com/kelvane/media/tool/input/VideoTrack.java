@@ -24,7 +24,11 @@ public record VideoTrack(MediaFile file, int index, int width, int height, Strin
 
     /** @param input as the caller gave it; null stands for the demonstration clip */
     public static VideoTrack given(Path input) throws IOException {
-        MediaFile file = MediaFile.open(input == null ? DEMO.toAbsolutePath() : Caller.path(input));
+        return of(MediaFile.open(input == null ? DEMO.toAbsolutePath() : Caller.path(input)));
+    }
+
+    /** The first H.264 track of a file. */
+    public static VideoTrack of(MediaFile file) {
         Map<String, String> video = file.stream(
                 stream -> "h264".equals(stream.get("codec_name")) && MediaFile.number(stream, "width") > 0,
                 "has no H.264 video, only H.264 can be transcoded");

@@ -13,9 +13,12 @@ public final class Hls {
     public static final String MASTER = "master.m3u8";
     /** Folder of the sound. */
     public static final String SOUND = "sound";
-    static final String PLAYLIST = "media.m3u8";
-    private static final String INITIALISATION = "init.mp4";
+    public static final String PLAYLIST = "media.m3u8";
+    public static final String INITIALISATION = "init.mp4";
     private static final String SEGMENT = "%d.m4s";
+
+    /** FFmpeg's further options for segments that do not begin with the result, without the index that it gets wrong there. */
+    static final List<String> PART = List.of("-hls_ts_options", "movflags=+frag_discont+skip_sidx");
 
     private Hls() {
     }
