@@ -79,7 +79,7 @@ public record MediaFile(Path path, String address, List<Map<String, String>> str
         List<String> command = new ArrayList<>(List.of("-v", "error", "-of", "compact"));
         command.addAll(arguments);
         command.addAll(asInput());
-        var error = new MediaProgram.FirstError(path);
+        var error = new MediaProgram.FirstError(address);
         if (MediaProgram.FFPROBE.run(Path.of("").toAbsolutePath(), command, lines, error) != 0) {
             throw new Failure("%s is not a media file that can be read: %s", path, error);
         }

@@ -29,6 +29,7 @@ public final class PacketPipe implements Closeable {
     private static final Pattern PACKET = Pattern.compile("0,( *-?\\d+, *){4}0x.*");
     private static final String TIME_BASE = "#tb 0: ";
     private static final String END = "";
+    private static final int SIGNALLED = 128; // exit codes above: what was read until then is not all there is
     private static final int KEY = 1;
     private static final int NOT_SHOWN = 4;
 
@@ -65,7 +66,7 @@ public final class PacketPipe implements Closeable {
         path = file.path();
         // FFmpeg counts from there.
         begin = 1000 * (file.start() + from);
-        error = new MediaProgram.FirstError(path);
+        error = new MediaProgram.FirstError(file.address());
         List<String> command = new ArrayList<>(List.of("-v", "error"));
         if (from > 0) {
             command.addAll(List.of("-ss", String.format("%.6f", from)));
@@ -101,7 +102,11 @@ public final class PacketPipe implements Closeable {
             String line = take();
             if (line.equals(END)) {
                 ended = true;
-                if (program.finish() != 0 && unit == 0) {
+                int exitCode = program.finish();
+                if (exitCode > SIGNALLED) {
+                    throw new Failure("FFmpeg was ended while it read %s", path);
+                }
+                if (exitCode != 0 && unit == 0) {
                     throw new Failure("%s could not be read: %s", path, error);
                 }
             } else if (line.startsWith(TIME_BASE)) {

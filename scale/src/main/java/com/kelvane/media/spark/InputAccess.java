@@ -40,6 +40,13 @@ final class InputAccess implements Closeable {
         return offer == null ? MediaFile.open(path) : MediaFile.at(offer.address(), path);
     }
 
+    /** Fails when any of it could not be read: then what FFmpeg made of the rest is no result. */
+    void check() throws IOException {
+        if (offer != null && offer.failure().get() != null) {
+            throw new IOException(path + " could not be read", offer.failure().get());
+        }
+    }
+
     /** How much was read through Hadoop. */
     long bytesRead() {
         return offer == null ? 0 : offer.read().get();

@@ -36,7 +36,8 @@ final class LibraryRun {
     private final Broadcast<SerializableConfiguration> everywhere;
     private final Map<String, OutputFolder> outputs = new HashMap<>(); // by name of the folder
     private final LongAccumulator pictures;
-    private boolean whole = true;
+    private boolean failed;
+    private boolean damaged;
 
     /** What looking at an input gave: a plan, or a problem. */
     private record Look(Plan plan, String problem) implements Serializable {
@@ -52,8 +53,8 @@ final class LibraryRun {
         pictures = spark.sc().longAccumulator("pictures");
     }
 
-    /** Returns whether all inputs are whole. */
-    boolean run(List<Source> sources) throws IOException {
+    /** Returns the exit code. */
+    int run(List<Source> sources) throws IOException {
         List<PartTask> tasks = new ArrayList<>();
         List<Look> looks = look(sources);
         for (int i = 0; i < sources.size(); i++) {
@@ -77,7 +78,7 @@ final class LibraryRun {
             }
         }
         transcode(tasks);
-        return whole;
+        return failed ? TranscodeJob.FAILED : damaged ? TranscodeJob.DAMAGED : 0;
     }
 
     /** Reads the headers of all inputs, on the executors. */
@@ -213,6 +214,7 @@ final class LibraryRun {
     private void damage(Plan plan, List<Part> parts, double seconds) {
         for (Part part : parts) {
             if (part.lost() > 0 || part.damage() != null) {
+                damaged = true;
                 say("%s, %s: damaged source: %s; what could be read was kept", plan.source().uri(), plan.name(part.number()),
                         part.damage() != null ? part.damage() : part.lost() + " access units gave no picture");
             }
@@ -229,7 +231,7 @@ final class LibraryRun {
     }
 
     private void report(String problem) {
-        whole = false;
+        failed = true;
         Progress.clear();
         Caller.ERRORS.println("kelvane transcode: " + problem.strip().replaceAll("\\s*\\R\\s*", " "));
     }

@@ -60,15 +60,19 @@ record PartTask(Plan plan, int number) implements Serializable {
     Part run(Configuration configuration, TaskContext task, boolean last) throws IOException {
         long start = System.nanoTime();
         Programs.provide();
+        // A folder of its own, as a workspace removes what others have left beside it.
+        Path scratch = Files.createTempDirectory(Programs.scratch(), "part-");
         try (InputAccess access = new InputAccess(plan.source(), configuration);
-                Workspace workspace = new Workspace(Programs.scratch())) {
+                Workspace workspace = new Workspace(scratch)) {
             Publisher publisher = new Publisher(plan.source().folder(), "attempt-" + task.taskAttemptId() + "-"
                     + task.stageAttemptNumber(), configuration);
             Part part;
             try {
                 MediaFile file = plan.file(access);
-                part = number == Part.SOUND ? sound(file, workspace, publisher) : chunk(file, workspace, publisher);
+                part = number == Part.SOUND ? sound(file, access, workspace, publisher)
+                        : chunk(file, access, workspace, publisher);
             } catch (BadInput bad) {
+                access.check();
                 return Part.failed(number, bad.getMessage());
             } catch (Failure | MediaException problem) {
                 if (last) {
@@ -80,10 +84,12 @@ record PartTask(Plan plan, int number) implements Serializable {
                     access.bytesRead(), (System.nanoTime() - start) / 1_000_000);
             publisher.put(done.lines(), doneName(number));
             return done;
+        } finally {
+            scratch.toFile().delete();
         }
     }
 
-    private Part chunk(MediaFile file, Workspace workspace, Publisher publisher) throws IOException {
+    private Part chunk(MediaFile file, InputAccess access, Workspace workspace, Publisher publisher) throws IOException {
         VideoTrack track = VideoTrack.of(file);
         Timeline timeline = track.timeline(soundTrack(file), 0, Double.POSITIVE_INFINITY);
         Ladder ladder = Ladder.of(track, plan.settings());
@@ -93,6 +99,7 @@ record PartTask(Plan plan, int number) implements Serializable {
                 ChunkTranscoding transcoding = new ChunkTranscoding(ladder, track.frameRate(),
                         plan.settings().segmentSeconds(), timeline::shows, results);
                 Transcoder.Statistics statistics = transcoding.run(source::next);
+                access.check();
                 int lost = (int) Math.max(0, source.count() - statistics.pictures());
                 return finish(ladder, transcoding, results, lost,
                         source.damage(transcoding.last() / 1000.0 + 1 / track.frameRate()), workspace, publisher);
@@ -105,12 +112,13 @@ record PartTask(Plan plan, int number) implements Serializable {
             ChunkTranscoding transcoding = new ChunkTranscoding(ladder, track.frameRate(),
                     plan.settings().segmentSeconds(), source::shows, results);
             transcoding.run(source::next);
+            access.check();
             if (source.count() == 0) {
-                if (!source.readAny() && from < 1000 * track.seconds() - 1000) {
+                if (source.damage() != null || !source.readAny() && from < 1000 * track.seconds() - 1000) {
                     throw new BadInput("nothing could be read there: %s",
                             source.damage() == null ? "the file ends before" : source.damage());
                 }
-                return new Part(number, 0, 0, 0, source.damage(), null, new ArrayList<>(), 0, 0);
+                return new Part(number, 0, 0, 0, null, null, new ArrayList<>(), 0, 0);
             }
             return finish(ladder, transcoding, results, Math.max(0, source.count() - transcoding.pictures()), source.damage(),
                     workspace, publisher);
@@ -130,7 +138,7 @@ record PartTask(Plan plan, int number) implements Serializable {
         return new Part(number, transcoding.begin(), transcoding.pictures(), lost, damage, null, tracks, 0, 0);
     }
 
-    private Part sound(MediaFile file, Workspace workspace, Publisher publisher) throws IOException {
+    private Part sound(MediaFile file, InputAccess access, Workspace workspace, Publisher publisher) throws IOException {
         VideoTrack track = VideoTrack.of(file);
         AudioTrack audio = soundTrack(file);
         Timeline timeline = track.timeline(audio, 0, Double.POSITIVE_INFINITY);
@@ -139,6 +147,7 @@ record PartTask(Plan plan, int number) implements Serializable {
                 Results results = results(new Ladder(List.of(), List.of()), track, source, workspace)) {
             if (results.hasSound()) {
                 results.finish();
+                access.check();
                 tracks.add(publish(Hls.SOUND, source.configuration(), source.channels(), workspace, publisher));
             }
         }

@@ -12,6 +12,7 @@ import java.util.Map;
 import java.util.concurrent.ConcurrentHashMap;
 import java.util.concurrent.Executors;
 import java.util.concurrent.atomic.AtomicLong;
+import java.util.concurrent.atomic.AtomicReference;
 import java.util.regex.Matcher;
 import java.util.regex.Pattern;
 import org.apache.hadoop.fs.FSDataInputStream;
@@ -32,8 +33,9 @@ final class RangeServer {
     private final SecureRandom random = new SecureRandom();
     private final Map<String, Offer> offers = new ConcurrentHashMap<>();
 
-    /** A file that is offered, and how much of it was read. */
-    record Offer(FileSystem files, Path path, long length, String address, AtomicLong read) {
+    /** A file that is offered, how much of it was read, and whether that ever failed. */
+    record Offer(FileSystem files, Path path, long length, String address, AtomicLong read,
+                 AtomicReference<IOException> failure) {
     }
 
     private RangeServer() throws IOException {
@@ -60,7 +62,7 @@ final class RangeServer {
         random.nextBytes(name);
         String place = "/" + HexFormat.of().formatHex(name);
         Offer offer = new Offer(files, path, length, "http://127.0.0.1:" + server.getAddress().getPort() + place,
-                new AtomicLong());
+                new AtomicLong(), new AtomicReference<>());
         offers.put(place, offer);
         return offer;
     }
@@ -95,21 +97,41 @@ final class RangeServer {
         }
     }
 
-    // FFmpeg hangs up when it has what it wants, which ends the copy with an exception that nobody needs to see; a file that
-    // cannot be read any further ends the answer early, which FFmpeg reports.
+    // FFmpeg hangs up when it has what it wants, which ends the copy with an exception that nobody needs to see. When the file
+    // cannot be read any further FFmpeg takes that for its end, which it is not: hence the note of it.
     private static void copy(Offer offer, long from, long end, OutputStream body) throws IOException {
         byte[] buffer = new byte[BUFFER];
-        try (FSDataInputStream file = offer.files.open(offer.path)) {
-            file.seek(from);
+        try (FSDataInputStream file = open(offer, from)) {
             for (long at = from; at < end;) {
-                int count = file.read(buffer, 0, (int) Math.min(buffer.length, end - at));
-                if (count < 0) {
-                    throw new IOException(offer.path + " ends at " + at);
-                }
-                offer.read.addAndGet(count);
+                int count = read(offer, file, buffer, (int) Math.min(buffer.length, end - at));
                 body.write(buffer, 0, count);
                 at += count;
             }
+        }
+    }
+
+    private static FSDataInputStream open(Offer offer, long from) throws IOException {
+        try {
+            FSDataInputStream file = offer.files.open(offer.path);
+            file.seek(from);
+            return file;
+        } catch (IOException failure) {
+            offer.failure.compareAndSet(null, failure);
+            throw failure;
+        }
+    }
+
+    private static int read(Offer offer, FSDataInputStream file, byte[] buffer, int wanted) throws IOException {
+        try {
+            int count = file.read(buffer, 0, wanted);
+            if (count < 0) {
+                throw new IOException(offer.path + " is shorter than it was");
+            }
+            offer.read.addAndGet(count);
+            return count;
+        } catch (IOException failure) {
+            offer.failure.compareAndSet(null, failure);
+            throw failure;
         }
     }
 }

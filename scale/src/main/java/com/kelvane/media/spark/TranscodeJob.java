@@ -24,7 +24,7 @@ import picocli.CommandLine.Spec;
 
 /**
  * A Spark application that transcodes films into HLS ladders, cut into chunks for as many executors as there are. Exit codes:
- * 0 done, 1 something failed, 2 wrong usage; every error is one line on standard error.
+ * 0 done, 1 something failed, 2 wrong usage, 3 done as far as damaged inputs allow; every error is one line on standard error.
  */
 @Command(name = "kelvane transcode --spark MASTER", mixinStandardHelpOptions = true,
         versionProvider = TranscodeJob.Version.class, sortOptions = false, usageHelpAutoWidth = true,
@@ -33,6 +33,8 @@ import picocli.CommandLine.Spec;
                 + " rendition and the sound. MASTER is Spark's: local[4], spark://host:7077, yarn, k8s://...", "",
                 "Example:", "  kelvane transcode --spark 'local[4]' hdfs://nn/films -o hdfs://nn/ladders -r 1280x720@2500k"})
 public final class TranscodeJob implements Callable<Integer> {
+    static final int FAILED = CommandLine.ExitCode.SOFTWARE;
+    static final int DAMAGED = 3;
     private static final int LONGEST_SEGMENT = 60; // seconds
     private static final int LONGEST_CHUNK = 3600; // seconds
 
@@ -91,7 +93,7 @@ public final class TranscodeJob implements Callable<Integer> {
             if (list != null) {
                 found.addList(list);
             }
-            return new LibraryRun(spark, new Settings(renditions, sound, segment, chunk), resume).run(found.sources()) ? 0 : 1;
+            return new LibraryRun(spark, new Settings(renditions, sound, segment, chunk), resume).run(found.sources());
         }
     }
 
