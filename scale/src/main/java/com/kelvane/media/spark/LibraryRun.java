@@ -105,17 +105,22 @@ final class LibraryRun {
         spark.setJobDescription(String.format("%d parts of %d inputs", tasks.size(), outputs.size()));
         JavaRDD<PartTask> parts = spark.parallelize(tasks, tasks.size());
         long total = tasks.stream().mapToLong(LibraryRun::milliseconds).sum();
-        long[] done = {0, 0};
+        long[] done = {0, 0, 0}; // milliseconds of video, pictures, milliseconds of work
+        long begin = System.nanoTime();
         try (Progress progress = new Progress(total)) {
             spark.sc().runJob(parts.rdd(), new Work(everywhere, pictures, mostFailures()),
                     CollectionConverters.asScala(IntStream.range(0, tasks.size()).mapToObj(i -> (Object) i).toList()).toSeq(),
                     handler((index, part) -> {
                         done[0] += milliseconds(tasks.get(index));
                         done[1] += part.pictures();
+                        done[2] += part.milliseconds();
                         finish(tasks.get(index).plan(), part);
                         progress.update(done[0], done[1], done[0]);
                     }), ClassTag$.MODULE$.apply(Part.class));
         }
+        double seconds = (System.nanoTime() - begin) / 1e9;
+        say("%d parts in %.2f s: %.0f pictures a second, %.1f times real time; %.2f s of work in the executors", tasks.size(),
+                seconds, done[1] / seconds, total / 1000.0 / seconds, done[2] / 1000.0);
     }
 
     private static long milliseconds(PartTask task) {
