@@ -15,6 +15,8 @@ import java.io.IOException;
  * frame come after it, as in open groups of pictures, that key frame and those pictures are handed out too.
  */
 final class ChunkSource implements Closeable {
+    // FFmpeg puts the parameter sets before IDR pictures, and the key frame of an open group of pictures is none.
+    private static final String FILTER = VideoSource.FILTER.replace("h264_mp4toannexb,", "h264_mp4toannexb,dump_extra=freq=k,");
     private static final double SEEK_MARGIN = 1000; // ms; containers seek by decoding times
 
     private final VideoTrack track;
@@ -39,7 +41,7 @@ final class ChunkSource implements Closeable {
         this.from = from;
         this.until = until;
         double seek = from < 0 ? 0 : (timeline.origin() + from - SEEK_MARGIN) / 1000 - track.file().start();
-        packets = new PacketPipe(track.file(), track.index(), Math.max(0, seek), VideoSource.FILTER);
+        packets = new PacketPipe(track.file(), track.index(), Math.max(0, seek), FILTER);
     }
 
     /** The next access unit; null when there are no more. */

@@ -22,6 +22,7 @@ import java.nio.file.Path;
 import java.util.ArrayList;
 import java.util.List;
 import org.apache.hadoop.conf.Configuration;
+import org.apache.spark.SparkEnv;
 import org.apache.spark.TaskContext;
 
 /**
@@ -64,8 +65,8 @@ record PartTask(Plan plan, int number) implements Serializable {
         Path scratch = Files.createTempDirectory(Programs.scratch(), "part-");
         try (InputAccess access = new InputAccess(plan.source(), configuration);
                 Workspace workspace = new Workspace(scratch)) {
-            Publisher publisher = new Publisher(plan.source().folder(), "attempt-" + task.taskAttemptId() + "-"
-                    + task.stageAttemptNumber(), configuration);
+            Publisher publisher = new Publisher(plan.source().folder(), SparkEnv.get().conf().getAppId() + "-"
+                    + task.taskAttemptId(), configuration);
             Part part;
             try {
                 MediaFile file = plan.file(access);
