@@ -2,6 +2,7 @@ package com.kelvane.media.tool.input;
 
 import com.kelvane.media.tool.shell.Failure;
 import com.kelvane.media.tool.shell.MediaProgram;
+import java.io.ByteArrayOutputStream;
 import java.io.IOException;
 import java.nio.file.Files;
 import java.nio.file.Path;
@@ -83,6 +84,22 @@ public record MediaFile(Path path, String address, List<Map<String, String>> str
         if (MediaProgram.FFPROBE.run(Path.of("").toAbsolutePath(), command, lines, error) != 0) {
             throw new Failure("%s is not a media file that can be read: %s", path, error);
         }
+    }
+
+    /** What a decoder of a stream is to know first, as the container has it; empty when it has nothing. */
+    public byte[] configuration(int index) throws IOException {
+        ByteArrayOutputStream bytes = new ByteArrayOutputStream();
+        probe(List.of("-select_streams", Integer.toString(index), "-show_entries", "stream=extradata", "-show_data", "-of",
+                "default=noprint_wrappers=1"), line -> {
+                    // A dump: an offset of eight digits, groups of four digits and, behind two spaces, the characters.
+                    if (line.matches("[0-9a-f]{8}: .*")) {
+                        String digits = line.substring(10).replaceFirst("  .*", "").replace(" ", "");
+                        for (int i = 0; i + 1 < digits.length(); i += 2) {
+                            bytes.write(Integer.parseInt(digits.substring(i, i + 2), 16));
+                        }
+                    }
+                });
+        return bytes.toByteArray();
     }
 
     /** The first stream that is wanted; a failure that begins with the file's name when there is none. */

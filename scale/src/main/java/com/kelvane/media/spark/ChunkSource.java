@@ -15,12 +15,11 @@ import java.io.IOException;
  * frame come after it, as in open groups of pictures, that key frame and those pictures are handed out too.
  */
 final class ChunkSource implements Closeable {
-    // FFmpeg puts the parameter sets before IDR pictures, and the key frame of an open group of pictures is none.
-    private static final String FILTER = VideoSource.FILTER.replace("h264_mp4toannexb,", "h264_mp4toannexb,dump_extra=freq=k,");
     private static final double SEEK_MARGIN = 1000; // ms; containers seek by decoding times
 
     private final VideoTrack track;
     private final Timeline timeline;
+    private final ParameterSets parameterSets;
     private final double from;
     private final double until;
     private final PacketPipe packets;
@@ -28,20 +27,23 @@ final class ChunkSource implements Closeable {
     private double end = Double.POSITIVE_INFINITY;
     private int read;
     private int count;
+    private int handedOut;
     private double lastTime;
     private double lastDecodingTime;
 
     /**
+     * @param parameterSets of the container
      * @param from milliseconds in the result; below 0 for the input's beginning, whatever that is
      * @param until milliseconds in the result, infinite for the input's end
      */
-    ChunkSource(VideoTrack track, Timeline timeline, double from, double until) {
+    ChunkSource(VideoTrack track, Timeline timeline, ParameterSets parameterSets, double from, double until) {
         this.track = track;
         this.timeline = timeline;
+        this.parameterSets = parameterSets;
         this.from = from;
         this.until = until;
         double seek = from < 0 ? 0 : (timeline.origin() + from - SEEK_MARGIN) / 1000 - track.file().start();
-        packets = new PacketPipe(track.file(), track.index(), Math.max(0, seek), FILTER);
+        packets = new PacketPipe(track.file(), track.index(), Math.max(0, seek), VideoSource.FILTER);
     }
 
     /** The next access unit; null when there are no more. */
@@ -71,7 +73,8 @@ final class ChunkSource implements Closeable {
                         + " first: ffmpeg -i INPUT OUTPUT");
             }
             count += shows(Math.round(lastTime)) ? 1 : 0;
-            return new AccessUnit(packet.bytes(), Math.round(lastTime));
+            byte[] bytes = handedOut++ == 0 ? parameterSets.before(packet.bytes()) : packet.bytes();
+            return new AccessUnit(bytes, Math.round(lastTime));
         }
         return null;
     }

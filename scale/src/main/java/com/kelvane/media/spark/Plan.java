@@ -3,6 +3,7 @@ package com.kelvane.media.spark;
 import com.kelvane.media.tool.input.AudioTrack;
 import com.kelvane.media.tool.input.MediaFile;
 import com.kelvane.media.tool.input.VideoTrack;
+import java.io.IOException;
 import java.io.Serializable;
 import java.nio.file.Path;
 import java.util.ArrayList;
@@ -15,16 +16,17 @@ import java.util.Map;
  *
  * @param streams the file's streams, by FFmpeg's names
  * @param format its container
+ * @param configuration of the pictures' decoder
  * @param soundTrack position among its sound tracks, or -1
  * @param chunks how many tasks transcode its pictures
  * @param note what is to be said about it, or null
  */
 record Plan(Source source, Settings settings, ArrayList<HashMap<String, String>> streams, HashMap<String, String> format,
-            int soundTrack, int chunks, String note) implements Serializable {
+            byte[] configuration, int soundTrack, int chunks, String note) implements Serializable {
     private static final long serialVersionUID = 1;
     private static final int LARGEST_NUMBER = 99_999; // that file names have room for
 
-    static Plan of(Source source, Settings settings, MediaFile file) {
+    static Plan of(Source source, Settings settings, MediaFile file) throws IOException {
         VideoTrack video = VideoTrack.of(file);
         video.checkPictures();
         Ladder.of(video, settings); // which may be impossible
@@ -46,7 +48,8 @@ record Plan(Source source, Settings settings, ArrayList<HashMap<String, String>>
         }
         ArrayList<HashMap<String, String>> streams = new ArrayList<>();
         file.streams().forEach(stream -> streams.add(new HashMap<>(stream)));
-        return new Plan(source, settings, streams, new HashMap<>(file.format()), sound, chunks, note);
+        return new Plan(source, settings, streams, new HashMap<>(file.format()), file.configuration(video.index()), sound,
+                chunks, note);
     }
 
     /** The file, as programs of this machine reach it. */

@@ -9,7 +9,9 @@ import java.net.InetSocketAddress;
 import java.security.SecureRandom;
 import java.util.HexFormat;
 import java.util.Map;
+import java.util.Queue;
 import java.util.concurrent.ConcurrentHashMap;
+import java.util.concurrent.ConcurrentLinkedQueue;
 import java.util.concurrent.Executors;
 import java.util.concurrent.atomic.AtomicLong;
 import java.util.concurrent.atomic.AtomicReference;
@@ -33,9 +35,15 @@ final class RangeServer {
     private final SecureRandom random = new SecureRandom();
     private final Map<String, Offer> offers = new ConcurrentHashMap<>();
 
-    /** A file that is offered, how much of it was read, and whether that ever failed. */
+    /**
+     * A file that is offered.
+     *
+     * @param read how much of it was
+     * @param failure the first of reading it, if any
+     * @param idle streams from which nobody reads: opening one may take a question to another machine
+     */
     record Offer(FileSystem files, Path path, long length, String address, AtomicLong read,
-                 AtomicReference<IOException> failure) {
+                 AtomicReference<IOException> failure, Queue<FSDataInputStream> idle) {
     }
 
     private RangeServer() throws IOException {
@@ -62,13 +70,20 @@ final class RangeServer {
         random.nextBytes(name);
         String place = "/" + HexFormat.of().formatHex(name);
         Offer offer = new Offer(files, path, length, "http://127.0.0.1:" + server.getAddress().getPort() + place,
-                new AtomicLong(), new AtomicReference<>());
+                new AtomicLong(), new AtomicReference<>(), new ConcurrentLinkedQueue<>());
         offers.put(place, offer);
         return offer;
     }
 
-    void withdraw(Offer offer) {
+    void withdraw(Offer offer) throws IOException {
         offers.values().remove(offer);
+        closeIdle(offer);
+    }
+
+    private static void closeIdle(Offer offer) throws IOException {
+        for (FSDataInputStream file = offer.idle.poll(); file != null; file = offer.idle.poll()) {
+            file.close();
+        }
     }
 
     private void answer(HttpExchange exchange) throws IOException {
@@ -99,24 +114,34 @@ final class RangeServer {
 
     // FFmpeg hangs up when it has what it wants, which ends the copy with an exception that nobody needs to see. When the file
     // cannot be read any further FFmpeg takes that for its end, which it is not: hence the note of it.
-    private static void copy(Offer offer, long from, long end, OutputStream body) throws IOException {
+    private void copy(Offer offer, long from, long end, OutputStream body) throws IOException {
         byte[] buffer = new byte[BUFFER];
-        try (FSDataInputStream file = open(offer, from)) {
+        FSDataInputStream file = open(offer, from);
+        try {
             for (long at = from; at < end;) {
                 int count = read(offer, file, buffer, (int) Math.min(buffer.length, end - at));
                 body.write(buffer, 0, count);
                 at += count;
             }
+        } finally {
+            offer.idle.add(file);
+            if (!offers.containsValue(offer)) { // withdrawn meanwhile
+                closeIdle(offer);
+            }
         }
     }
 
     private static FSDataInputStream open(Offer offer, long from) throws IOException {
+        FSDataInputStream file = offer.idle.poll();
         try {
-            FSDataInputStream file = offer.files.open(offer.path);
+            file = file == null ? offer.files.open(offer.path) : file;
             file.seek(from);
             return file;
         } catch (IOException failure) {
             offer.failure.compareAndSet(null, failure);
+            if (file != null) {
+                file.close();
+            }
             throw failure;
         }
     }
