@@ -34,7 +34,9 @@ import picocli.CommandLine.Spec;
         footer = {"", "DIR receives, with the sound, an HLS ladder (master.m3u8 and a folder of segments for each rendition) and"
                 + " WxH.mp4 for every rendition, contact-sheet.png, which shows the source and every rendition at four"
                 + " moments, result.json with every figure, and index.html, a page of it all with a player.", "", "Example:",
-                "  kelvane transcode in.mp4 -r 1280x720@2500k -r 640x360@800k,key=60 --start 1:30 --duration 20"})
+                "  kelvane transcode in.mp4 -r 1280x720@2500k -r 640x360@800k,key=60 --start 1:30 --duration 20", "",
+                "For several films, or several machines: kelvane transcode --spark MASTER INPUT... makes HLS ladders on Apache"
+                + " Spark; kelvane transcode --spark MASTER --help tells more."})
 final class TranscodeCommand implements Callable<Integer> {
     @Spec
     private CommandSpec command;

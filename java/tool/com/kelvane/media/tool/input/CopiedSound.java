@@ -1,8 +1,6 @@
 package com.kelvane.media.tool.input;
 
-import java.io.ByteArrayOutputStream;
 import java.io.IOException;
-import java.util.List;
 
 /** AAC as it is. */
 final class CopiedSound implements AacSource {
@@ -16,26 +14,11 @@ final class CopiedSound implements AacSource {
         this.track = track;
         this.timeline = timeline;
         packets = new PacketPipe(track.file(), track.index(), track.file().seek(timeline), "");
-        byte[] stored = storedConfiguration();
+        byte[] stored = track.file().configuration(track.index());
         PacketPipe.Packet packet = packets.next();
         // With ADTS every packet has a header that amounts to one.
         configuration = stored.length > 0 || packet == null ? stored : Adts.configuration(packet.bytes());
         first = packet == null ? null : read(packet);
-    }
-
-    private byte[] storedConfiguration() throws IOException {
-        ByteArrayOutputStream bytes = new ByteArrayOutputStream();
-        track.file().probe(List.of("-select_streams", Integer.toString(track.index()), "-show_entries", "stream=extradata",
-                "-show_data", "-of", "default=noprint_wrappers=1"), line -> {
-                    // A dump: an offset of eight digits, groups of four digits and, behind two spaces, the characters.
-                    if (line.matches("[0-9a-f]{8}: .*")) {
-                        String digits = line.substring(10).replaceFirst("  .*", "").replace(" ", "");
-                        for (int i = 0; i + 1 < digits.length(); i += 2) {
-                            bytes.write(Integer.parseInt(digits.substring(i, i + 2), 16));
-                        }
-                    }
-                });
-        return bytes.toByteArray();
     }
 
     @Override

@@ -14,7 +14,7 @@ import java.util.concurrent.LinkedBlockingQueue;
 import java.util.regex.Pattern;
 
 /** A track's packets, one after the other, as FFmpeg copies them out of their container. */
-final class PacketPipe implements Closeable {
+public final class PacketPipe implements Closeable {
     /**
      * One packet; times in milliseconds, the source's own.
      *
@@ -22,13 +22,14 @@ final class PacketPipe implements Closeable {
      * @param decodingTime never above that of presentation, NaN when the container has none
      * @param shown false where an edit list has it decoded for others alone
      */
-    record Packet(byte[] bytes, double time, double decodingTime, double duration, boolean key, boolean shown) {
+    public record Packet(byte[] bytes, double time, double decodingTime, double duration, boolean key, boolean shown) {
     }
 
     // stream, decoding time, presentation time, duration, size, checksum, flags unless it is a key frame
     private static final Pattern PACKET = Pattern.compile("0,( *-?\\d+, *){4}0x.*");
     private static final String TIME_BASE = "#tb 0: ";
     private static final String END = "";
+    private static final int SIGNALLED = 128; // exit codes above: what was read until then is not all there is
     private static final int KEY = 1;
     private static final int NOT_SHOWN = 4;
 
@@ -47,7 +48,7 @@ final class PacketPipe implements Closeable {
      * @param from second of the source to begin at or before; 0 to begin at the beginning
      * @param filter FFmpeg's bitstream filters, may be empty
      */
-    PacketPipe(MediaFile file, int index, double from, String filter) {
+    public PacketPipe(MediaFile file, int index, double from, String filter) {
         this(file, index, from, copy(filter), "data");
     }
 
@@ -65,12 +66,12 @@ final class PacketPipe implements Closeable {
         path = file.path();
         // FFmpeg counts from there.
         begin = 1000 * (file.start() + from);
-        error = new MediaProgram.FirstError(path);
+        error = new MediaProgram.FirstError(file.address());
         List<String> command = new ArrayList<>(List.of("-v", "error"));
         if (from > 0) {
             command.addAll(List.of("-ss", String.format("%.6f", from)));
         }
-        command.addAll(List.of("-i", path.toString()));
+        command.addAll(file.asInput());
         // Both outputs carry the same packets: one their sizes and times, which come first, the other the bytes.
         for (List<String> output : List.of(List.of("framecrc", "pipe:2"), List.of(format, "pipe:1"))) {
             command.addAll(List.of("-map", "0:" + index));
@@ -81,7 +82,7 @@ final class PacketPipe implements Closeable {
             // Where its times jump, FFmpeg closes the gap of all tracks alike that it has to do with.
             command.addAll(List.of("-map", "0:v?", "-map", "0:a?", "-c", "copy", "-f", "null", "-"));
         }
-        program = MediaProgram.FFMPEG.start(path.getParent(), command, false, this::read);
+        program = MediaProgram.FFMPEG.start(Path.of("").toAbsolutePath(), command, false, this::read);
         bytes = new BufferedInputStream(program.output(), 1 << 16);
     }
 
@@ -96,12 +97,16 @@ final class PacketPipe implements Closeable {
     }
 
     /** The next packet; null when there are no more. */
-    Packet next() throws IOException {
+    public Packet next() throws IOException {
         while (!ended) {
             String line = take();
             if (line.equals(END)) {
                 ended = true;
-                if (program.finish() != 0 && unit == 0) {
+                int exitCode = program.finish();
+                if (exitCode > SIGNALLED) {
+                    throw new Failure("FFmpeg was ended while it read %s", path);
+                }
+                if (exitCode != 0 && unit == 0) {
                     throw new Failure("%s could not be read: %s", path, error);
                 }
             } else if (line.startsWith(TIME_BASE)) {
@@ -133,7 +138,7 @@ final class PacketPipe implements Closeable {
     }
 
     /** What is wrong with the file, or null. */
-    String damage() {
+    public String damage() {
         return error.isEmpty() ? null : error.toString();
     }
 

@@ -40,7 +40,7 @@ record StreamHead(byte[] bytes, MediaFile file) {
         command.add("pipe:0");
         try (MediaProgram.Running program = MediaProgram.FFPROBE.start(Path.of("").toAbsolutePath(), command, true, line -> { })) {
             feed(stream, program.input(), bytes);
-            MediaFile file = new MediaFile(name, new ArrayList<>(), new HashMap<>());
+            MediaFile file = new MediaFile(name, name.toString(), new ArrayList<>(), new HashMap<>());
             try (BufferedReader lines = new BufferedReader(new InputStreamReader(program.output(), StandardCharsets.UTF_8))) {
                 for (String line = lines.readLine(); line != null; line = lines.readLine()) {
                     add(line, file);

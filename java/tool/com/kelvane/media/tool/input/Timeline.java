@@ -13,7 +13,7 @@ public record Timeline(double origin, double length, int[] displayOrder) {
      *
      * @param time the source's own
      */
-    double at(double time) {
+    public double at(double time) {
         return time - origin;
     }
 

@@ -12,7 +12,8 @@ import java.util.Queue;
  */
 public final class VideoSource implements Closeable {
     private static final int LARGEST_HOLD = 1 << 26; // bytes
-    private static final String FILTER = "h264_mp4toannexb,h264_metadata=aud=insert"; // each unit begins with a start code
+    /** FFmpeg's filter for access units as the library takes them. */
+    public static final String FILTER = "h264_mp4toannexb,h264_metadata=aud=insert"; // each unit begins with a start code
 
     private final VideoTrack track;
     private final Timeline timeline;

@@ -18,6 +18,9 @@ public final class Hls {
     public static final String INITIALISATION = "init.mp4";
     public static final String SEGMENT = "%d.m4s";
 
+    /** FFmpeg's further options for segments that do not begin with the result, without the index that it gets wrong there. */
+    static final List<String> PART = List.of("-hls_ts_options", "movflags=+frag_discont+skip_sidx");
+
     private Hls() {
     }
 

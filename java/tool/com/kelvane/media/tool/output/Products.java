@@ -6,8 +6,14 @@ package com.kelvane.media.tool.output;
  * @param mp4 a playable file with the sound
  * @param raw the bare stream
  * @param segmentSeconds length of the segments of an HLS ladder, 0 for none
+ * @param part whether segments are some of a longer ladder, and say when they come in it
  */
-public record Products(boolean mp4, boolean raw, int segmentSeconds) {
+public record Products(boolean mp4, boolean raw, int segmentSeconds, boolean part) {
+    /** All of a result. */
+    public Products(boolean mp4, boolean raw, int segmentSeconds) {
+        this(mp4, raw, segmentSeconds, false);
+    }
+
     /** Whether there is to be an HLS ladder. */
     public boolean hls() {
         return segmentSeconds > 0;

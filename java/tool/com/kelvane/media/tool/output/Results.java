@@ -50,6 +50,9 @@ public final class Results implements Closeable {
             if (products.hls()) {
                 workspace.makeFolder(output.size());
                 command.addAll(copied);
+                if (products.part()) {
+                    command.addAll(Hls.PART);
+                }
                 command.addAll(Hls.options(output.size(), products.segmentSeconds()));
             }
             if (products.raw() && filter.isPresent()) {

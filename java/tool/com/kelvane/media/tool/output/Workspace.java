@@ -12,6 +12,7 @@ import java.nio.file.DirectoryNotEmptyException;
 import java.nio.file.DirectoryStream;
 import java.nio.file.Files;
 import java.nio.file.LinkOption;
+import java.nio.file.NoSuchFileException;
 import java.nio.file.Path;
 import java.nio.file.StandardCopyOption;
 import java.nio.file.StandardOpenOption;
@@ -175,6 +176,8 @@ public final class Workspace implements AutoCloseable {
             try {
                 empty(folder);
                 lock.close();
+                break;
+            } catch (NoSuchFileException byOthers) {
                 break;
             } catch (IOException left) { // when interrupted, another thread may still make a file
                 if (attempt == ATTEMPTS) {

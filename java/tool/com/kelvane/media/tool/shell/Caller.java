@@ -11,12 +11,15 @@ import java.util.stream.StreamSupport;
 
 /** What the launcher hands on from its caller; the working directory is the installed tree. */
 public final class Caller {
+    // Without the launcher, in somebody else's process, those descriptors may be anything.
+    private static final boolean LAUNCHED = System.getProperty("kelvane.caller.directory") != null;
+
     /** Where the caller stands: paths he gives are relative to it. */
     public static final Path DIRECTORY = Path.of(System.getProperty("kelvane.caller.directory", "")).toAbsolutePath();
 
     /** The caller's standard output, which the launcher moved to descriptor 0; the library writes to descriptor 1. */
-    public static final PrintStream OUTPUT =
-            new PrintStream(new FileOutputStream(FileDescriptor.in), true, StandardCharsets.UTF_8);
+    public static final PrintStream OUTPUT = !LAUNCHED ? System.out
+            : new PrintStream(new FileOutputStream(FileDescriptor.in), true, StandardCharsets.UTF_8);
 
     /** The caller's standard error; what others write there passes the launcher's filter. */
     public static final PrintStream ERRORS = errors();
@@ -45,7 +48,7 @@ public final class Caller {
 
     private static PrintStream errors() {
         try {
-            return new PrintStream(new FileOutputStream("/proc/self/fd/3", true), true, StandardCharsets.UTF_8);
+            return !LAUNCHED ? System.err : new PrintStream(new FileOutputStream("/proc/self/fd/3", true), true, StandardCharsets.UTF_8);
         } catch (FileNotFoundException socketOrNone) {
             return System.err;
         }

@@ -18,7 +18,10 @@ import java.util.Set;
 import java.util.concurrent.ConcurrentHashMap;
 import java.util.function.Consumer;
 
-/** FFmpeg's programs of the installed tree, which do the container work; the library handles none. */
+/**
+ * FFmpeg's programs, which do the container work; the library handles none. They lie in the installed tree, or in the folder
+ * that the system property {@code kelvane.programs} names before their first use.
+ */
 public enum MediaProgram {
     FFMPEG("ffmpeg", "-nostats", "-y"),
     FFPROBE("ffprobe");
@@ -36,7 +39,7 @@ public enum MediaProgram {
                 start.addAll(guard);
             }
         }
-        start.add(Path.of("bin", name).toAbsolutePath().toString());
+        start.add(Path.of(System.getProperty("kelvane.programs", "bin"), name).toAbsolutePath().toString());
         start.addAll(List.of(options));
         start.add("-hide_banner");
     }

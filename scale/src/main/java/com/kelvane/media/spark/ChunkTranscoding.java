@@ -1,0 +1,97 @@
+package com.kelvane.media.spark;
+
+import com.kelvane.media.AccessUnit;
+import com.kelvane.media.EncodedPicture;
+import com.kelvane.media.Transcoder;
+import com.kelvane.media.tool.output.RateReducer;
+import com.kelvane.media.tool.output.SegmentKeys;
+import com.kelvane.media.tool.output.RenditionOutput;
+import com.kelvane.media.tool.output.Results;
+import java.io.IOException;
+import java.io.UncheckedIOException;
+import java.util.function.LongPredicate;
+
+/** Runs a chunk's access units through encoders of its own, so that nothing before the chunk has a part in the result. */
+final class ChunkTranscoding {
+    /** Access units in decoding order. */
+    interface Units {
+        /** The next one, or null. */
+        AccessUnit next() throws IOException;
+    }
+
+    private final Ladder ladder;
+    private final Results results;
+    private final LongPredicate shown;
+    private final RateReducer[] reducers;
+    private final boolean[] kept; // of each rendition, whether it gets the picture at hand
+    private final SegmentKeys segments;
+    private boolean begins;       // whether a segment may begin with it
+    private long begin = -1;
+    private long last;
+    private int pictures;
+
+    /** @param shown whether the picture of a time belongs to the chunk */
+    ChunkTranscoding(Ladder ladder, double sourceRate, int segmentSeconds, LongPredicate shown, Results results) {
+        this.ladder = ladder;
+        this.results = results;
+        this.shown = shown;
+        reducers = ladder.outputs().stream().map(RenditionOutput::frameRate)
+                .map(rate -> new RateReducer(sourceRate, rate)).toArray(RateReducer[]::new);
+        kept = new boolean[reducers.length];
+        segments = new SegmentKeys(segmentSeconds);
+    }
+
+    Transcoder.Statistics run(Units units) throws IOException {
+        try (Transcoder transcoder = Transcoder.builder().renditions(ladder.renditions()).select(this::wants)
+                .keys((index, time) -> begins).open()) {
+            for (AccessUnit unit = units.next(); unit != null; unit = units.next()) {
+                transcoder.write(unit.bytes(), unit.time(), this::take);
+            }
+            transcoder.drain(this::take);
+            return transcoder.statistics();
+        } catch (UncheckedIOException fromCallback) {
+            throw fromCallback.getCause();
+        }
+    }
+
+    private boolean wants(int index, long time) {
+        if (index == 0) {
+            boolean isShown = shown.test(time);
+            boolean inAll = isShown;
+            for (int i = 0; i < kept.length; i++) {
+                kept[i] = isShown && reducers[i].keeps(time);
+                inAll &= kept[i];
+            }
+            begins = inAll && segments.begins(time);
+            if (isShown) {
+                begin = pictures == 0 ? time : begin;
+                last = time;
+                pictures++;
+            }
+        }
+        return kept[index];
+    }
+
+    private void take(EncodedPicture picture) {
+        try {
+            results.write(picture.index(), picture.copy(), picture.time(), picture.time());
+        } catch (IOException problem) {
+            throw new UncheckedIOException(problem);
+        }
+    }
+
+    /** Time of the first picture in milliseconds. */
+    long begin() {
+        return begin;
+    }
+
+    /** Time of the last picture in milliseconds. */
+    long last() {
+        return last;
+    }
+
+    /** Pictures that were decoded and belong to the chunk. */
+    int pictures() {
+        return pictures;
+    }
+}
