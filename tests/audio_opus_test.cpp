@@ -91,7 +91,7 @@ TEST(Opus, SoundComesBackChannelByChannel) {
 TEST(OpusDecoder, TellsWhatHappensToIt) {
     const LocalFrame references;
     JNIEnv* env = javaEnv();
-    const Bytes packet = soundStream("fec.opus").packets.at(0);
+    const Bytes packet = streamOf("fec.opus").calls.at(0);
     jbyteArray output = javaArray(longestPcm), shortOutput = javaArray(1919);
     jlong handle = 0;
     EXPECT_EQ(printedBy([&] { handle = Decoder(open)(env, nullptr, 1, 0); }),
@@ -113,7 +113,7 @@ TEST(OpusDecoder, TellsWhatHappensToIt) {
 }
 
 TEST(OpusDecoder, TakesTheRedundantCopyWhenAskedTo) {
-    const std::vector<Bytes> packets = soundStream("fec.opus").packets;
+    const std::vector<Bytes> packets = streamOf("fec.opus").calls;
     const Samples plain = decodeAll(1, 0, packets), redundant = decodeAll(1, 1, packets);
     ASSERT_EQ(redundant.size(), packets.size() * 5760);
     double product = 0, plainSquares = 0, redundantSquares = 0;

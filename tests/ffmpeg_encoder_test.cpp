@@ -36,10 +36,10 @@ Bytes noise(size_t size) {
 }
 
 // A packed picture of 175x99 that gets brighter with `time`, or its first columns and rows of luma only.
-Bytes oddPicture(size_t time, size_t lumaColumns = 175, size_t lumaRows = 99) {
+Bytes oddPicture(size_t time, size_t columns = 175, size_t rows = 99) {
     Bytes bytes;
-    for (size_t i = 0; i < lumaColumns * lumaRows; ++i)
-        bytes.push_back(static_cast<uint8_t>(16 + i % lumaColumns / 2 + i / lumaColumns / 2 + time));
+    for (size_t i = 0; i < columns * rows; ++i)
+        bytes.push_back(static_cast<uint8_t>(16 + i % columns / 2 + i / columns / 2 + time));
     for (size_t i = 0; i < 2 * 87 * 49; ++i)
         bytes.push_back(static_cast<uint8_t>(60 + i % 87 + time));
     return bytes;
@@ -127,19 +127,12 @@ TEST(FFmpegEncoder, LimitsItsParametersAndFillsItsArrays) {
         EXPECT_TRUE(std::equal(encoded.begin() + size, encoded.end(), picture.begin() + size));
         EXPECT_EQ(OpenH264Encoder(encode)(env, nullptr, javaArray(picture), javaArray(6), handle), 1);
         EXPECT_EQ(takeException(), "java.lang.ArrayIndexOutOfBoundsException");
-        EXPECT_EQ(printedBy([&] {
-                      EXPECT_EQ(OpenH264Encoder(encode)(env, nullptr, nullptr, info, handle), 0);
-                      EXPECT_EQ(OpenH264Encoder(encode)(env, nullptr, data, nullptr, handle), 0);
-                      EXPECT_EQ(OpenH264Encoder(encode)(env, nullptr, data, info, 0), 0);
-                      EXPECT_EQ(OpenH264Encoder(encode)(env, nullptr, javaArray(100), info, handle), 0);
-                      OpenH264Encoder(close)(env, nullptr, 0);
-                      OpenH264Encoder(close)(env, nullptr, handle);
-                  }),
+        EXPECT_EQ(OpenH264Encoder(encode)(env, nullptr, javaArray(100), info, handle), 0);
+        EXPECT_EQ(printedBy([&] { OpenH264Encoder(close)(env, nullptr, handle); }),
                   "AVC encoder codec closed\n");
     }
     const jlong unopened = OpenH264Encoder(open)(env, nullptr, 0, 0, 15, 0, 0);
     EXPECT_GT(unopened, 0);
     EXPECT_EQ(OpenH264Encoder(status)(env, nullptr, unopened), 1);
-    EXPECT_EQ(OpenH264Encoder(status)(env, nullptr, 0), 1);
     OpenH264Encoder(close)(env, nullptr, unopened);
 }

@@ -19,18 +19,33 @@ import com.kelvane.media.Rendition;
 import com.kelvane.media.Transcoder;
 import com.kelvane.media.VideoDecoder;
 import com.kelvane.media.VideoEncoder;
+import com.kelvane.media.transform.codec.AACDecoder;
+import com.kelvane.media.transform.codec.AACEncoder;
+import com.kelvane.media.transform.codec.AVCDecoder;
+import com.kelvane.media.transform.codec.AVCEncoder;
+import com.kelvane.media.transform.codec.AVCProcessor;
 import com.kelvane.media.transform.codec.MIRVProcessor;
+import com.kelvane.media.transform.codec.MPADecoder;
+import com.kelvane.media.transform.codec.NOpusDecoder;
+import com.kelvane.media.transform.codec.NOpusEncoder;
+import com.kelvane.media.transform.codec.OpenH264Encoder;
 import java.lang.ref.WeakReference;
+import java.lang.reflect.Method;
+import java.lang.reflect.Modifier;
 import java.nio.ByteBuffer;
 import java.nio.file.Path;
 import java.util.ArrayList;
+import java.util.Arrays;
+import java.util.Comparator;
 import java.util.List;
+import java.util.StringJoiner;
 import java.util.concurrent.CountDownLatch;
 import java.util.concurrent.atomic.AtomicInteger;
 import java.util.function.Supplier;
 import java.util.logging.Handler;
 import java.util.logging.LogRecord;
 import java.util.logging.Logger;
+import java.util.stream.Stream;
 import org.junit.jupiter.api.Test;
 import org.junit.jupiter.api.function.Executable;
 import org.junit.jupiter.params.ParameterizedTest;
@@ -38,6 +53,7 @@ import org.junit.jupiter.params.provider.MethodSource;
 
 /** What a caller can do wrong: each gets an exception with a message worth reading, and the process lives on. */
 final class MisuseTest {
+    private static final int PACKED = 176 * 144 * 3 / 2; // bytes of a picture of the plain stream
     private static final byte[] AAC_LC_STEREO = {0x12, 0x10};
     private static final byte[] UNIT = Vectors.units(Vectors.PLAIN).get(0);
 
@@ -334,5 +350,80 @@ final class MisuseTest {
             assertEquals(1, MIRVProcessor.write(listener, 0, UNIT, transcoder));
             assertEquals(List.of(7, 7, 7), listener.called, "sequence parameter sets come first");
         }
+    }
+
+    /** Native methods of an engine, what they return to no argument at all, and what to open the engine with. */
+    record Bare(Class<?> type, byte[] input, String answers, Object... open) {
+        @Override
+        public String toString() {
+            return type.getSimpleName();
+        }
+
+        Object call(Method method, long handle, int left) throws ReflectiveOperationException {
+            Class<?>[] types = method.getParameterTypes();
+            Object[] arguments = new Object[types.length];
+            List<byte[]> arrays = new ArrayList<>();
+            for (int i = 0; i < types.length; i++) {
+                boolean last = i + 1 == types.length;
+                if (types[i] == byte[].class) {
+                    arrays.add(arrays.isEmpty() ? input.clone() : new byte[PACKED]);
+                }
+                arguments[i] = types[i] == int.class ? (Object) 0 : types[i] == long.class ? (Object) (last && i != left
+                        ? handle : 0L) : i == left ? null : types[i] == String.class ? "x" : types[i] == byte[].class
+                        ? arrays.get(arrays.size() - 1) : new Object();
+            }
+            Object answer = method.invoke(null, arguments);
+            for (int i = 0; left >= 0 && i < arrays.size(); i++) {
+                assertTrue(Arrays.equals(arrays.get(i), i == 0 ? input : new byte[PACKED]), method::getName);
+            }
+            return answer;
+        }
+    }
+
+    private static List<Bare> bareEngines() {
+        byte[] sound = new byte[4096];
+        return List.of(
+                new Bare(MIRVProcessor.class, UNIT, "apply 0: 0 0 0, decode 1: 0 0, drain 0: 0 0, encode 0: 0 0, "
+                        + "pictureTime 0: 0, requestKey 0: 0, start 1: 1, status 2: 2, write 1: 1 0 0", 1),
+                new Bare(AVCDecoder.class, UNIT, "decode 1: 0 0 0 0, decodeAt 1: 0 0 0 0, drain 0: 0 0 0, "
+                        + "pictureTime 0: 0, take 0: 0 0 0"),
+                new Bare(AVCEncoder.class, new byte[PACKED], "encode 0: 0 0 0, loadLibrary 1: 0", 176, 144, 25, 50, 300_000),
+                new Bare(AVCProcessor.class, UNIT, "apply -1: -1 -1 -1, attached 0: 0, brew 1: 0, drain 0: 0 0, loadLibrary 0: 0, "
+                        + "pictureTime 0: 0, problem null, read 0: 0 0 0, write 1: 0 0 0", 25, 300_000, 0, 0, 0, 0),
+                new Bare(OpenH264Encoder.class, new byte[PACKED], "encode 1: 0 0 0, status 0: 1", 176, 144, 25, 300_000, 0),
+                new Bare(AACDecoder.class, AAC_LC_STEREO, "decode 0: 0 0 0 0, open 0", AAC_LC_STEREO),
+                new Bare(AACEncoder.class, sound, "encode 0: 0 0 0 -1", 2, 48_000),
+                new Bare(MPADecoder.class, sound, "decode 0: 0 0 0 0"),
+                new Bare(NOpusDecoder.class, new byte[] {-4}, "decode 960: 0 0 -1", 2, 0),
+                new Bare(NOpusEncoder.class, sound, "encode 160: 0 0 -1", 2, 64_000, 20));
+    }
+
+    /** A call with everything; each reference left out in turn, and the handle, which changes no array. */
+    @ParameterizedTest
+    @MethodSource("bareEngines")
+    void nativesTakeNullsAndNoHandle(Bare bare) throws ReflectiveOperationException {
+        transcoder().close(); // loads the library
+        List<Method> methods = Stream.of(bare.type.getMethods()).filter(method -> Modifier.isNative(method.getModifiers())
+                && Modifier.isStatic(method.getModifiers())).sorted(Comparator.comparing(Method::getName)).toList();
+        Method open = methods.stream().filter(method -> method.getName().equals("open")).findAny().orElseThrow();
+        Object handle = open.invoke(null, bare.open);
+        StringJoiner answers = new StringJoiner(", ");
+        for (Method method : methods) {
+            StringBuilder answer = new StringBuilder(method.getName());
+            Class<?>[] types = method.getParameterTypes();
+            if (!List.of("open", "close", "problem").contains(method.getName())) {
+                answer.append(' ').append(bare.call(method, (long) handle, -1)).append(':');
+            }
+            for (int left = 0; left < types.length; left++) {
+                if (!types[left].isPrimitive() || types[left] == long.class && left + 1 == types.length) {
+                    answer.append(' ').append(bare.call(method, (long) handle, left));
+                }
+            }
+            if (answer.length() > method.getName().length() && !method.getName().equals("close")) {
+                answers.add(answer);
+            }
+        }
+        bare.type.getMethod("close", long.class).invoke(null, handle);
+        assertEquals(bare.answers, answers.toString());
     }
 }
