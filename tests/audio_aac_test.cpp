@@ -165,10 +165,7 @@ TEST(AACEncoder, TellsWhatHappensToIt) {
         EXPECT_EQ(printedBy([&] { handle = AACEncoder(open)(env, nullptr, channels, sampleRate); }),
                   std::string("Codec init\n") + codec + "AAC encoder codec opened\n");
         EXPECT_EQ(printedBy([&] { EXPECT_EQ(encode(handle, pcm, info, output), 0); }), firstBlock);
-        EXPECT_EQ(AACEncoder(encode)(env, nullptr, nullptr, info, output, handle), 0);
-        EXPECT_EQ(encode(handle, pcm, nullptr, output), 0);
-        EXPECT_EQ(encode(handle, pcm, info, nullptr), 0);
-        EXPECT_EQ(encode(0, pcm, info, output), -1);
+        EXPECT_EQ(encode(handle, pcm, info, output) > 0, *exception != 0);
         EXPECT_EQ(printedBy([&] { encode(handle, pcm, info, javaArray(1)); }), "");
         EXPECT_EQ(takeException(), exception);
         encode(handle, pcm, javaArray(5), output);

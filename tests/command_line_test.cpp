@@ -233,17 +233,8 @@ TEST_F(InstalledTool, FailsInOneLineAndLeavesNothing) {
     ffmpeg("-f lavfi -i testsrc2 -frames:v 3 -c:v png other.mov");
     expectFailure("", 2, "subcommand");
     expectFailure("transcode in.h264 --bogus", 2, "--bogus");
-    for (const auto& [rendition, reason] : std::vector<std::pair<std::string, std::string>>{
-             {"641x360@800k", "even"},
-             {"8x8@800k", "from 16 to 8192"},
-             {"4096x2306@800k", "allowed are as many"},
-             {"640x360@0", "bit rate"},
-             {"640x360", "BITRATE"},
-             {"640x360@800k,fps=61", "frameRate is 61"},
-             {"640x360@800k,key=481", "keyInterval is 481"},
-             {"640x360@800k,qp=40-20", "smallestQuantiser 40 is above"},
-             {"640x360@800k -r 640x360@1M", "two renditions"}})
-        expectFailure("transcode in.h264 -o out -r " + rendition, 2, reason);
+    expectFailure("transcode in.h264 -o out -r 641x360@800k", 2, "641x360@800k: width is 641.*even");
+    expectFailure("transcode in.h264 -o out -r 640x360@800k -r 640x360@1M", 2, "two renditions");
     expectFailure("transcode in.h264 -o out --segment 61", 2, "from 1 to 60");
     expectFailure("transcode in.h264 -o out --no-hls --no-mp4", 2, "nothing to make");
     fs::create_directory(path("sound"));
@@ -323,8 +314,6 @@ TEST_F(InstalledTool, SaysWhatIsWrongWithAModule) {
         {"--module none.so", 1, "none.so: no such file"},
         {"--module in.h264", 1, "in.h264 is no processing module: invalid ELF header"},
         {"--module " + modules + "no_get_guid.so", 1, "does not export GetGuid"},
-        {"--module " + modules + "no_create.so", 1, "does not export CreateVideoProcessor"},
-        {"--module " + modules + "no_destroy.so", 1, "does not export DestroyVideoProcessor"},
         {"--module " + modules + "faulty_undefined.so", 1, "undefined symbol: nowhereDefined"},
         {"--module " + modules + "faulty_new_interface.so", 1, "could not be loaded.*kelvane-module-check"},
         {"--module " + modules + "faulty_no_object.so", 1, "faulty_no_object.so made no object"},

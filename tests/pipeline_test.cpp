@@ -118,7 +118,8 @@ TEST_F(PipelineTest, BrewReplacesTheModule) {
     Pipeline pipeline;
     EXPECT_EQ(pipeline.apply(recorderGuid), -1);
     EXPECT_FALSE(pipeline.attached());
-    EXPECT_EQ(pipeline.write(0, units[0]), 1);
+    EXPECT_EQ(pipeline.write(4294967290, units[0]), 1);
+    EXPECT_EQ(pipeline.read().timestamp, bigEndian(4294967290));
     for (const jint i : {1, 2}) {
         pipeline.brew(recorderGuid);
         EXPECT_TRUE(pipeline.attached());

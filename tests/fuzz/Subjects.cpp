@@ -26,34 +26,14 @@ extern "C" {
 #include <cstring>
 #include <fstream>
 #include <iterator>
+#include <string_view>
 
 namespace {
 
-class Hash {
-public:
-    void add(const void* bytes, size_t size) {
-        const auto* at = static_cast<const uint8_t*>(bytes);
-        for (; size >= sizeof(uint64_t); size -= sizeof(uint64_t), at += sizeof(uint64_t)) {
-            uint64_t word;
-            std::memcpy(&word, at, sizeof word);
-            add(word);
-        }
-        for (; size > 0; --size)
-            add(*at++);
-    }
-    void add(uint64_t number) {
-        value = (value ^ number) * 0x9E3779B97F4A7C15;
-        value ^= value >> 29;
-    }
-    uint64_t value = 0x1234567;
-};
-
 uint64_t hashOf(const void* bytes, int64_t size, uint32_t time = 0) {
     if (size <= 0) return 0;
-    Hash hash;
-    hash.add(bytes, static_cast<size_t>(size));
-    hash.add(time);
-    return hash.value;
+    const std::string_view view(static_cast<const char*>(bytes), static_cast<size_t>(size));
+    return std::hash<std::string_view>()(view) + time * 0x9E3779B97F4A7C15;
 }
 
 signed char* input(const Bytes& bytes) {
@@ -117,12 +97,12 @@ public:
 
 private:
     uint64_t encode() {
-        Hash hash;
+        uint64_t hash = 1;
         for (CoderOut& output : outputs)
             if (output.encode(decoder.frame.get()))
-                hash.add(output.coder->output.get(), static_cast<size_t>(output.coder->outputSize));
-        hash.add(decoder.pictureTime);
-        return hash.value;
+                hash = 31 * hash +
+                       hashOf(output.coder->output.get(), output.coder->outputSize, decoder.pictureTime);
+        return hash;
     }
 
     VideoDecoder decoder;
