@@ -30,7 +30,7 @@ int encode(jlong handle, const Bytes& block, jbyteArray info, jbyteArray output)
 
 TEST(AACDecoder, SamplesEqualFFmpegsOwn) {
     for (const int channels : {1, 2}) {
-        const SoundStream stream = soundStream(channels == 1 ? "mono.m4a" : "stereo.m4a");
+        const Script stream = streamOf(channels == 1 ? "mono.m4a" : "stereo.m4a");
         Bytes config = stream.config;
         config.resize(32); // the longest that it takes
         const jlong handle = openDecoder(config);
@@ -50,13 +50,13 @@ TEST(AACDecoder, TellsWhatHappensToIt) {
     const Bytes index13{0x16, 0x90};
     EXPECT_EQ(printedBy([&] { EXPECT_EQ(openDecoder(index13), -1); }, 2),
               "AAC decoder: sampling frequency index 13 is not supported\n");
-    const SoundStream stream = soundStream("stereo.m4a");
+    const Script stream = streamOf("stereo.m4a");
     jlong handle = 0;
     EXPECT_EQ(printedBy([&] { handle = openDecoder(stream.config); }),
               "resampler init, 0\nprofile, 2\nhz_index, 4\nchannels, 2\ncodec opened\n");
     for (const int size : {4095, 4097}) {
         jbyteArray info = javaArray(5), output = javaArray(size);
-        EXPECT_EQ(printedBy([&] { EXPECT_EQ(decode(handle, stream.packets[0], info, output), -4096); }),
+        EXPECT_EQ(printedBy([&] { EXPECT_EQ(decode(handle, stream.calls[0], info, output), -4096); }),
                   "AACDecoder warning, output buffer is too small. required= 4096\n");
         written(output, 0);
         written(info, 0);
@@ -66,7 +66,7 @@ TEST(AACDecoder, TellsWhatHappensToIt) {
 }
 
 TEST(AACDecoder, DeliversNoFrameOfAnotherSize) {
-    const Bytes unit = soundStream("stereo.m4a").packets.at(0); // silence before the sound
+    const Bytes unit = streamOf("stereo.m4a").calls.at(0); // silence before the sound
     const struct {
         Bytes config;
         int outputSize;
@@ -90,7 +90,7 @@ TEST(AACDecoder, DeliversNoFrameOfAnotherSize) {
 
 // FFmpeg takes these for band replication, or for channels, that every later frame would then have.
 TEST(AACDecoder, ComesBackFromDamageInTheFirstUnit) {
-    SoundStream stream = soundStream("mono.m4a");
+    Script stream = streamOf("mono.m4a");
     stream.config.resize(2); // which leaves it open whether there is band replication
     int misled = 0;
     std::minstd_rand random;
@@ -100,7 +100,7 @@ TEST(AACDecoder, ComesBackFromDamageInTheFirstUnit) {
         std::copy_n(stream.config.data(), 2, decoder.config);
         decoder.configSize = 2;
         printedBy([&] { decoder.open(); });
-        Bytes unit = stream.packets.at(5);
+        Bytes unit = stream.calls.at(5);
         for (auto flips = random() % 8 + 1; flips > 0; --flips)
             unit.at(random() % unit.size()) ^= static_cast<uint8_t>(1 << random() % 8);
         const auto decoded = [&](Bytes bytes) {
@@ -110,7 +110,7 @@ TEST(AACDecoder, ComesBackFromDamageInTheFirstUnit) {
         };
         decoded(unit);
         int lost = 0;
-        while (lost < 10 && !decoded(stream.packets.at(static_cast<size_t>(lost) + 6)))
+        while (lost < 10 && !decoded(stream.calls.at(static_cast<size_t>(lost) + 6)))
             ++lost;
         EXPECT_LE(lost, 4) << trial;
         misled += lost > 2;
@@ -125,7 +125,7 @@ TEST(AACEncoder, SoundComesBackChannelByChannel) {
         const jlong handle = AACEncoder(open)(javaEnv(), nullptr, channels, 44100);
         const AVCodecContext& context = *reinterpret_cast<AudioEncoder*>(handle)->context;
         EXPECT_EQ(context.profile, FF_PROFILE_AAC_LOW);
-        SoundStream stream{Bytes(context.extradata, context.extradata + context.extradata_size), {}};
+        Script stream{{}, Bytes(context.extradata, context.extradata + context.extradata_size), {}};
         size_t bytes = 0;
         for (size_t i = 0; i < 40; ++i) {
             const LocalFrame references;
@@ -137,7 +137,7 @@ TEST(AACEncoder, SoundComesBackChannelByChannel) {
             const Bytes unit = written(output, size);
             const Bytes about{1, 0, 0, static_cast<uint8_t>(size >> 8), static_cast<uint8_t>(size), 0};
             EXPECT_EQ(bytesOf(info), i > 0 ? about : Bytes(6, 0xEE));
-            if (i > 0) stream.packets.push_back(unit);
+            if (i > 0) stream.calls.push_back(unit);
             bytes += unit.size();
         }
         AACEncoder(close)(javaEnv(), nullptr, handle);
@@ -165,10 +165,7 @@ TEST(AACEncoder, TellsWhatHappensToIt) {
         EXPECT_EQ(printedBy([&] { handle = AACEncoder(open)(env, nullptr, channels, sampleRate); }),
                   std::string("Codec init\n") + codec + "AAC encoder codec opened\n");
         EXPECT_EQ(printedBy([&] { EXPECT_EQ(encode(handle, pcm, info, output), 0); }), firstBlock);
-        EXPECT_EQ(AACEncoder(encode)(env, nullptr, nullptr, info, output, handle), 0);
-        EXPECT_EQ(encode(handle, pcm, nullptr, output), 0);
-        EXPECT_EQ(encode(handle, pcm, info, nullptr), 0);
-        EXPECT_EQ(encode(0, pcm, info, output), -1);
+        EXPECT_EQ(encode(handle, pcm, info, output) > 0, *exception != 0);
         EXPECT_EQ(printedBy([&] { encode(handle, pcm, info, javaArray(1)); }), "");
         EXPECT_EQ(takeException(), exception);
         encode(handle, pcm, javaArray(5), output);

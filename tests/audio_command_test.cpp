@@ -6,15 +6,13 @@ namespace {
 class InstalledAudio : public InstalledTool {
 protected:
     void convert(const std::string& from, const std::string& to) {
-        ASSERT_EQ(run("kelvane", "audio " + from + " -o " + to), 0) << errors;
+        kelvane("audio " + from + " -o " + to);
         EXPECT_EQ(errors, "");
     }
     // The samples that FFmpeg finds in a file.
     Samples decoded(const std::string& file, int sampleRate, int channels) {
-        EXPECT_EQ(run("ffmpeg", "-v error -y -i " + file + " -ar " + std::to_string(sampleRate) + " -ac " +
-                                    std::to_string(channels) + " -f s16le decoded.pcm"),
-                  0)
-            << errors;
+        ffmpeg("-i " + file + " -ar " + std::to_string(sampleRate) + " -ac " + std::to_string(channels) +
+               " -f s16le decoded.pcm");
         return samplesOf(readFile(path("decoded.pcm")));
     }
     std::string codec(const std::string& file) {
@@ -70,10 +68,8 @@ TEST_F(InstalledAudio, KeepsItsPlaceBesidePictures) {
                                                           {"stereo.m4a", "in.mp4"},
                                                           {"fec.opus", "in.mkv"}}) {
         SCOPED_TRACE(source);
-        ASSERT_EQ(run("ffmpeg", "-v error -y -i " TEST_DATA "/baseline.h264 -i " TEST_DATA "/" + source +
-                                    " -c copy " + file),
-                  0);
-        ASSERT_EQ(run("kelvane", "transcode --no-compare -r 88x72@200k -o out " + file), 0) << errors;
+        ffmpeg("-i " TEST_DATA "/baseline.h264 -i " TEST_DATA "/" + source + " -c copy " + file);
+        kelvane("transcode --no-compare -r 88x72@200k -o out " + file);
         EXPECT_EQ(probe("-select_streams a out/88x72.mp4", "stream=codec_name"), "aac\n");
         // A result begins with the pictures.
         const double begin = std::stod(probe("-select_streams v " + file, "stream=start_time"));
@@ -92,9 +88,7 @@ TEST_F(InstalledAudio, KeepsItsPlaceBesidePictures) {
 }
 
 TEST_F(InstalledAudio, ReadsWavOfAnyRate) {
-    ASSERT_EQ(run("ffmpeg", "-v error -f lavfi -i sine=frequency=700:sample_rate=37800:duration=0.5 in.wav"),
-              0)
-        << errors;
+    ffmpeg("-f lavfi -i sine=frequency=700:sample_rate=37800:duration=0.5 in.wav");
     convert("in.wav", "out.aac");
     EXPECT_EQ(codec("out.aac"), "aac,48000,1\n");
     convert("in.wav", "out.wav");
@@ -111,8 +105,7 @@ TEST_F(InstalledAudio, SilenceStandsInForDamage) {
 }
 
 TEST_F(InstalledAudio, FailsInOneLineAndLeavesNothing) {
-    ASSERT_EQ(run("ffmpeg", "-v error -f lavfi -i anullsrc=channel_layout=5.1 -t 0.2 -c:a aac six.aac"), 0)
-        << errors;
+    ffmpeg("-f lavfi -i anullsrc=channel_layout=5.1 -t 0.2 -c:a aac six.aac");
     fs::copy(TEST_DATA "/mono.mp3", path("same.wav"));
     expectFailure("audio same.wav -o out.mp3", 2, "OUT must end in");
     expectFailure("audio same.wav -o ./same.wav", 2, "is the input itself");

@@ -9,7 +9,7 @@
 
 TEST(MP3Decoder, SamplesEqualFFmpegsOwn) {
     for (const int channels : {1, 2}) {
-        const SoundStream stream = soundStream(channels == 1 ? "mono.mp3" : "stereo.mp3");
+        const Script stream = streamOf(channels == 1 ? "mono.mp3" : "stereo.mp3");
         const jlong handle = MPADecoder(open)(javaEnv(), nullptr);
         const int difference =
             comparedWithFFmpeg(AV_CODEC_ID_MP3, MPADecoder(decode), handle, stream, 44100, channels);
@@ -23,7 +23,7 @@ TEST(MP3Decoder, TellsWhatHappensToIt) {
     JNIEnv* env = javaEnv();
     jlong handle = 0;
     EXPECT_EQ(printedBy([&] { handle = MPADecoder(open)(env, nullptr); }), "codec opened\n");
-    jbyteArray frame = javaArray(soundStream("stereo.mp3").packets.at(0));
+    jbyteArray frame = javaArray(streamOf("stereo.mp3").calls.at(0));
     jbyteArray info = javaArray(5), output = javaArray(4607);
     EXPECT_EQ(
         printedBy([&] { EXPECT_EQ(MPADecoder(decode)(env, nullptr, frame, info, output, handle), -4608); }),

@@ -34,51 +34,60 @@ class Encoder : public WithOpenH264 {};
 } // namespace
 
 TEST_F(EngineEncoder, GivesTheLibraryTheWholeParameterRecord) {
-    encoder.width = width;
-    encoder.height = height;
-    encoder.fps = 25;
-    encoder.bitrate = 700'000;
-    encoder.maxBitrate = 900'000;
-    encoder.encMode = 2;
-    encoder.profile = 1;
-    encoder.maxQp = 40;
-    encoder.keyInterval = 50;
-    encoder.debug = 1;
-    SEncParamExt expected{};
-    // The loader's own line depends on the tests before this one.
-    std::string printed = printedBy([&] { encoder.open(); });
-    printed.erase(0, printed.find("qp "));
-    const int libraryMinQp = library.defaults.iMinQp;
-    EXPECT_EQ(printed,
-              "qp  " + std::to_string(libraryMinQp) + " -40 \nopened and configured h264 encoder.\n");
-    EXPECT_EQ(encoder.minQp, libraryMinQp);
-    EXPECT_EQ(encoder.status, 0);
+    const struct {
+        int encMode, profile, minQp, maxQp; // both quantisers are the library's own where they are 0
+        RC_MODES rateControl;
+    } cases[] = {{2, 1, 0, 40, RC_QUALITY_MODE}, {0, 0, 12, 0, RC_BITRATE_MODE}};
+    for (const auto& [encMode, profile, minQp, maxQp, rateControl] : cases) {
+        NativeOpenH264Encoder configured;
+        configured.width = width;
+        configured.height = height;
+        configured.fps = 25;
+        configured.bitrate = 700'000;
+        configured.maxBitrate = 900'000;
+        configured.encMode = encMode;
+        configured.profile = profile;
+        configured.minQp = minQp;
+        configured.maxQp = maxQp;
+        configured.keyInterval = 50;
+        configured.debug = 1;
+        // The loader's own line depends on the tests before this one.
+        std::string printed = printedBy([&] { configured.open(); });
+        printed.erase(0, printed.find("qp "));
+        SEncParamExt expected{};
+        std::memcpy(&expected, &library.defaults, sizeof expected);
+        if (minQp) expected.iMinQp = minQp;
+        if (maxQp) expected.iMaxQp = maxQp;
+        EXPECT_EQ(printed, "qp  " + std::to_string(expected.iMinQp) + " -" + std::to_string(expected.iMaxQp) +
+                               " \nopened and configured h264 encoder.\n");
+        EXPECT_EQ(configured.minQp, expected.iMinQp);
+        EXPECT_EQ(configured.maxQp, expected.iMaxQp);
+        EXPECT_EQ(configured.status, 0);
 
-    std::memcpy(&expected, &library.defaults, sizeof expected);
-    expected.iUsageType = CAMERA_VIDEO_REAL_TIME;
-    expected.iPicWidth = 176;
-    expected.iPicHeight = 144;
-    expected.iTargetBitrate = expected.iMaxBitrate = 700'000;
-    expected.iRCMode = RC_QUALITY_MODE;
-    expected.fMaxFrameRate = 25;
-    expected.iTemporalLayerNum = expected.iSpatialLayerNum = 1;
-    expected.bEnableDenoise = expected.bEnableBackgroundDetection = expected.bEnableAdaptiveQuant = false;
-    expected.bEnableFrameSkip = expected.bPrefixNalAddingCtrl = false;
-    expected.uiIntraPeriod = 50;
-    expected.eSpsPpsIdStrategy = CONSTANT_ID;
-    expected.iLoopFilterDisableIdc = 1;
-    expected.iLtrMarkPeriod = 30;
-    expected.iMultipleThreadIdc = 1;
-    expected.iMaxQp = 40;
-    expected.iEntropyCodingModeFlag = 1;
-    SSpatialLayerConfig& layer = expected.sSpatialLayers[0];
-    layer.iVideoWidth = 176;
-    layer.iVideoHeight = 144;
-    layer.fFrameRate = 25;
-    layer.iSpatialBitrate = layer.iMaxSpatialBitrate = 700'000;
-    layer.sSliceArgument.uiSliceMode = SM_SINGLE_SLICE;
-    layer.sSliceArgument.uiSliceNum = 0;
-    EXPECT_EQ(std::memcmp(&library.param, &expected, sizeof expected), 0);
+        expected.iUsageType = CAMERA_VIDEO_REAL_TIME;
+        expected.iPicWidth = 176;
+        expected.iPicHeight = 144;
+        expected.iTargetBitrate = expected.iMaxBitrate = 700'000;
+        expected.iRCMode = rateControl;
+        expected.fMaxFrameRate = 25;
+        expected.iTemporalLayerNum = expected.iSpatialLayerNum = 1;
+        expected.bEnableDenoise = expected.bEnableBackgroundDetection = expected.bEnableAdaptiveQuant = false;
+        expected.bEnableFrameSkip = expected.bPrefixNalAddingCtrl = false;
+        expected.uiIntraPeriod = 50;
+        expected.eSpsPpsIdStrategy = CONSTANT_ID;
+        expected.iLoopFilterDisableIdc = 1;
+        expected.iLtrMarkPeriod = 30;
+        expected.iMultipleThreadIdc = 1;
+        expected.iEntropyCodingModeFlag = profile;
+        SSpatialLayerConfig& layer = expected.sSpatialLayers[0];
+        layer.iVideoWidth = 176;
+        layer.iVideoHeight = 144;
+        layer.fFrameRate = 25;
+        layer.iSpatialBitrate = layer.iMaxSpatialBitrate = 700'000;
+        layer.sSliceArgument.uiSliceMode = SM_SINGLE_SLICE;
+        layer.sSliceArgument.uiSliceNum = 0;
+        EXPECT_EQ(std::memcmp(&library.param, &expected, sizeof expected), 0);
+    }
     EXPECT_EQ(library.otherCalls, 0);
 }
 
@@ -180,57 +189,29 @@ TEST_F(EngineEncoder, SurvivesALibraryThatRefuses) {
     EXPECT_EQ(printedBy([&] { EXPECT_EQ(encode(), 0); }), "err size_in 0  38016\n");
 }
 
-TEST_F(EngineEncoder, EncodesPicturesThatDecodeAgain) {
-    const std::vector<Picture> source = referenceDecode(accessUnits("baseline.h264"));
-    encoder.keyInterval = 10;
-    openQuietly();
-    std::vector<Bytes> units;
-    for (size_t i = 0; i < source.size(); ++i) {
-        Bytes input = source[i].i420;
-        ASSERT_EQ(encoder.encode(input.data(), pictureSize, static_cast<uint32_t>(i * 40)), 1);
-        units.emplace_back(encoder.output.get(), encoder.output.get() + encoder.outputSize);
-        EXPECT_EQ(nalTypes(units.back()), i % 10 == 0 ? (std::vector<int>{7, 8, 5}) : std::vector<int>{1})
-            << i;
-    }
-    const std::vector<Picture> decoded = referenceDecode(units);
-    ASSERT_EQ(decoded.size(), source.size());
-    for (size_t i = 0; i < decoded.size(); ++i)
-        EXPECT_GT(psnr(decoded[i].i420, source[i].i420, pictureSize), 30) << "picture " << i;
-}
-
 TEST_F(Encoder, JavaMethodsKeepTheBytesInTheEngine) {
     const LocalFrame references;
     JNIEnv* env = javaEnv();
-    jlong handle = 0;
-    std::string printed = printedBy([&] {
-        AVCEncoder(close)(
-            env, nullptr,
-            AVCEncoder(open)(env, nullptr, 176, 144, 25, 50, 500'000)); // the library is loaded now
-        handle = AVCEncoder(open)(env, nullptr, 176, 144, -1, 0, 500'000);
-    });
-    EXPECT_TRUE(printed.ends_with("pointers pre loaded\n")) << printed;
-    auto* encoder = reinterpret_cast<NativeOpenH264Encoder*>(handle);
-    ASSERT_EQ(encoder->handle, handle);
-    EXPECT_EQ(encoder->status, 0);
-    EXPECT_EQ(encoder->fps, 30u);
-    EXPECT_EQ(encoder->keyInterval, 120u);
-    EXPECT_EQ(encoder->maxBitrate, 300);
-
-    printed = printedBy([&] {
+    const auto expectEncoder = [&] {
+        const jlong handle = AVCEncoder(open)(env, nullptr, 176, 144, -1, 0, 500'000);
+        const auto& encoder = *reinterpret_cast<NativeOpenH264Encoder*>(handle);
+        EXPECT_EQ(encoder.handle, handle);
+        EXPECT_EQ((std::tuple(encoder.status, encoder.fps, encoder.keyInterval, encoder.maxBitrate)),
+                  (std::tuple(0, 30u, 120u, 300)));
+        EXPECT_EQ(
+            (std::tuple(library.param.iPicWidth, library.param.iPicHeight, library.param.iTargetBitrate)),
+            (std::tuple(176, 144, 500'000)));
         EXPECT_EQ(AVCEncoder(encode)(env, nullptr, javaArray(pictureSize), nullptr, handle), 0);
-        EXPECT_GT(encoder->outputSize, 0);
+        EXPECT_GT(encoder.outputSize, 0);
         EXPECT_EQ(library.timestamps, std::vector<long long>{0});
         EXPECT_EQ(AVCEncoder(encode)(env, nullptr, nullptr, nullptr, handle), 0);
-        EXPECT_GT(encoder->outputSize, 0) << "null touches nothing";
+        EXPECT_GT(encoder.outputSize, 0) << "null touches nothing";
         EXPECT_EQ(AVCEncoder(encode)(env, nullptr, javaArray(0), nullptr, handle), 0);
-        EXPECT_FALSE(encoder->output);
-        EXPECT_EQ(AVCEncoder(encode)(env, nullptr, javaArray(pictureSize), nullptr, 0), 0);
-        AVCEncoder(close)(env, nullptr, 0);
-        EXPECT_EQ(AVCEncoder(loadLibrary)(env, nullptr, nullptr), 0);
-    });
-    EXPECT_EQ(printed, "");
-    EXPECT_EQ(printedBy([&] { EXPECT_EQ(AVCEncoder(loadLibrary)(env, nullptr, javaString("none")), 1); }),
-              "pointers pre loaded\n");
-    EXPECT_EQ(printedBy([&] { AVCEncoder(close)(env, nullptr, handle); }), "AVC encoder codec closed\n");
-    EXPECT_EQ(library.created, library.destroyed);
+        EXPECT_FALSE(encoder.output);
+        EXPECT_EQ(AVCEncoder(loadLibrary)(env, nullptr, javaString("none")), 1);
+        AVCEncoder(close)(env, nullptr, handle);
+        EXPECT_EQ(library.created, library.destroyed);
+    };
+    const std::string printed = printedBy(expectEncoder);
+    EXPECT_TRUE(printed.ends_with("pointers pre loaded\nAVC encoder codec closed\n")) << printed;
 }

@@ -13,7 +13,7 @@ TEST(EngineLibrary, ExportsNothingButEntryPointsAndPlaceholders) {
                                              "ff_rtp_get_local_rtp_port",  "ff_rtsp_parse_line"};
     const CommandResult nm = run("nm -D --defined-only --format=posix " NATIVE_LIBRARY);
     ASSERT_EQ(nm.exitCode, 0);
-    int entryPoints = 0; // as many as InstalledLibrary finds bound
+    int entryPoints = 0;
     std::set<std::string> others;
     std::istringstream lines(nm.output);
     for (std::string line; std::getline(lines, line);) {

@@ -13,9 +13,8 @@
 
 namespace {
 
-int encode(VideoEncoder& encoder, Bytes& data, uint32_t timestamp = 0) {
-    return encoder.encode(reinterpret_cast<signed char*>(data.data()), static_cast<int>(data.size()),
-                          timestamp);
+int encode(VideoEncoder& encoder, Bytes& data) {
+    return encoder.encode(reinterpret_cast<signed char*>(data.data()), static_cast<int>(data.size()), 0);
 }
 
 std::string openWith(VideoEncoder& encoder, int width, int height, int frameRate, int bitRate) {
@@ -35,45 +34,7 @@ Bytes noise(size_t size) {
     return bytes;
 }
 
-// A packed picture of 175x99 that gets brighter with `time`, or its first columns and rows of luma only.
-Bytes oddPicture(size_t time, size_t lumaColumns = 175, size_t lumaRows = 99) {
-    Bytes bytes;
-    for (size_t i = 0; i < lumaColumns * lumaRows; ++i)
-        bytes.push_back(static_cast<uint8_t>(16 + i % lumaColumns / 2 + i / lumaColumns / 2 + time));
-    for (size_t i = 0; i < 2 * 87 * 49; ++i)
-        bytes.push_back(static_cast<uint8_t>(60 + i % 87 + time));
-    return bytes;
-}
-
 } // namespace
-
-TEST(EngineFFmpegEncoder, StreamsDecodeToWhatWasEncoded) {
-    VideoEncoder encoder;
-    openWith(encoder, 175, 99, 0, 2000000);
-    EXPECT_EQ(encoder.context->bit_rate, 2000000);
-    EXPECT_EQ(encoder.context->time_base.den, 15);
-    std::vector<Bytes> units;
-    constexpr uint32_t first = 4294968 - 30; // from here on, times 1000, beyond 32 bits
-    for (uint32_t i = 0; i < 65; ++i) {
-        Bytes data = oddPicture(i);
-        ASSERT_EQ(encode(encoder, data, first + i), 1) << i;
-        EXPECT_EQ(encoder.encodedTimestamp, static_cast<int>(first + i));
-        units.emplace_back(data.begin(), data.begin() + encoder.encodedSize);
-        const std::vector<int> types = nalTypes(units.back());
-        EXPECT_EQ(std::count(types.begin(), types.end(), 5) > 0, i % 30 == 0) << "two seconds, picture " << i;
-    }
-    const std::vector<Picture> decoded = referenceDecode(units);
-    ASSERT_EQ(decoded.size(), units.size());
-    for (size_t i = 0; i < decoded.size(); ++i) {
-        const Bytes expected = oddPicture(i, 174, 98); // the encoder drops the last column and row
-        ASSERT_EQ(decoded[i].i420.size(), expected.size());
-        EXPECT_GT(psnr(decoded[i].i420, expected, expected.size()), 40) << i;
-    }
-    encoder.close();
-    encoder.close();
-    Bytes data = oddPicture(0);
-    EXPECT_EQ(encode(encoder, data), 0);
-}
 
 TEST(EngineFFmpegEncoder, ImpossibleParametersYieldNothing) {
     const int cases[][4] = {{0, 0, 15, 256000},     {-16, 16, 15, 256000},        {INT_MAX, INT_MAX, 15, 1},
@@ -108,14 +69,20 @@ TEST(FFmpegEncoder, LimitsItsParametersAndFillsItsArrays) {
     const LocalFrame references;
     JNIEnv* env = javaEnv();
     const Bytes picture = referenceDecode(accessUnits("baseline.h264")).at(0).i420;
-    const std::tuple<int, int, std::string> cases[] = {
-        {-5, 255999, " : 144 : 15 : 256000\nAVC encoder codec opened"},
-        {45, 256001, " : 144 : 30 : 256001\nAVC encoder codec opened"}};
-    for (const auto& [frameRate, bitRate, configured] : cases) {
+    const struct {
+        int frameRate, bitRate, usedRate, usedBits;
+    } cases[] = {{-5, 255999, 15, 256000}, {45, 256001, 30, 256001}};
+    for (const auto& [frameRate, bitRate, usedRate, usedBits] : cases) {
         jlong handle = 0;
         const std::string printed =
             printedBy([&] { handle = OpenH264Encoder(open)(env, nullptr, 176, 144, frameRate, bitRate, 9); });
-        EXPECT_EQ(printed.find("Codec init\navcodec_open2: 176 " + configured), 0u) << printed;
+        EXPECT_TRUE(
+            printed.starts_with("Codec init\navcodec_open2: 176  : 144 : " + std::to_string(usedRate) +
+                                " : " + std::to_string(usedBits) + "\nAVC encoder codec opened"))
+            << printed;
+        const AVCodecContext& context = *reinterpret_cast<VideoEncoder*>(handle)->context;
+        EXPECT_EQ((std::tuple(context.bit_rate, context.time_base.den, context.gop_size)),
+                  (std::tuple(usedBits, usedRate, 2 * usedRate)));
         EXPECT_EQ(OpenH264Encoder(status)(env, nullptr, handle), 0);
         jbyteArray data = javaArray(picture), info = javaArray(8);
         EXPECT_EQ(OpenH264Encoder(encode)(env, nullptr, data, info, handle), 1);
@@ -127,19 +94,12 @@ TEST(FFmpegEncoder, LimitsItsParametersAndFillsItsArrays) {
         EXPECT_TRUE(std::equal(encoded.begin() + size, encoded.end(), picture.begin() + size));
         EXPECT_EQ(OpenH264Encoder(encode)(env, nullptr, javaArray(picture), javaArray(6), handle), 1);
         EXPECT_EQ(takeException(), "java.lang.ArrayIndexOutOfBoundsException");
-        EXPECT_EQ(printedBy([&] {
-                      EXPECT_EQ(OpenH264Encoder(encode)(env, nullptr, nullptr, info, handle), 0);
-                      EXPECT_EQ(OpenH264Encoder(encode)(env, nullptr, data, nullptr, handle), 0);
-                      EXPECT_EQ(OpenH264Encoder(encode)(env, nullptr, data, info, 0), 0);
-                      EXPECT_EQ(OpenH264Encoder(encode)(env, nullptr, javaArray(100), info, handle), 0);
-                      OpenH264Encoder(close)(env, nullptr, 0);
-                      OpenH264Encoder(close)(env, nullptr, handle);
-                  }),
+        EXPECT_EQ(OpenH264Encoder(encode)(env, nullptr, javaArray(100), info, handle), 0);
+        EXPECT_EQ(printedBy([&] { OpenH264Encoder(close)(env, nullptr, handle); }),
                   "AVC encoder codec closed\n");
     }
     const jlong unopened = OpenH264Encoder(open)(env, nullptr, 0, 0, 15, 0, 0);
     EXPECT_GT(unopened, 0);
     EXPECT_EQ(OpenH264Encoder(status)(env, nullptr, unopened), 1);
-    EXPECT_EQ(OpenH264Encoder(status)(env, nullptr, 0), 1);
     OpenH264Encoder(close)(env, nullptr, unopened);
 }

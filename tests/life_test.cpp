@@ -44,11 +44,6 @@ protected:
     fs::path directory;
 };
 
-int effort() {
-    const char* factor = std::getenv("KELVANE_EFFORT");
-    return factor ? std::max(1, std::atoi(factor)) : 1;
-}
-
 } // namespace
 
 TEST_F(InstalledLife, EndsInTheMiddleOfEncoding) {

@@ -1,3 +1,7 @@
+#include "com_kelvane_media_transform_codec_AVCEncoder.h"
+#include "com_kelvane_media_transform_codec_AVCProcessor.h"
+#include "fuzz/FakeJava.h"
+#include "support/Modules.h"
 #include "support/OpenH264.h"
 #include "support/Output.h"
 #include "video/OpenH264Loader.h"
@@ -55,8 +59,8 @@ TEST_F(Loader, LoadsOnceAndRetriesAfterFailures) {
     fs::create_directories(elsewhere);
     fs::current_path(elsewhere); // where there is no library
     EXPECT_EQ(load(loader, 0), "could not load pointers\n");
-    place(PARTIAL_OPENH264);
-    EXPECT_EQ(load(loader, 0), "could not load pointers\n");
+    EXPECT_EQ(printedBy([&] { EXPECT_EQ(loader.LoadLibFrom(PARTIAL_OPENH264), 0); }),
+              "could not load pointers\n");
     expectNothing();
     place(TEST_DATA "/baseline.h264"); // not a library
     EXPECT_EQ(load(loader, 0), "could not load pointers\n");
@@ -65,28 +69,12 @@ TEST_F(Loader, LoadsOnceAndRetriesAfterFailures) {
     EXPECT_EQ(load(loader, 2), "loaded pointers\n");
     fs::remove_all(elsewhere);
     EXPECT_EQ(load(loader, 2), "pointers pre loaded\n");
+    EXPECT_EQ(printedBy([&] { EXPECT_EQ(loader.LoadLibFrom("no/such.so"), 2); }), "pointers pre loaded\n");
     EXPECT_EQ(loader.GetLibFunctions(&functions), 2);
     ISVCEncoder* encoder = nullptr;
     ASSERT_EQ(functions.createEncoder(&encoder), 0);
     functions.destroyEncoder(encoder);
     EXPECT_EQ(library.destroyed, 1);
-    EXPECT_GE(functions.getCodecVersion().uMajor, 1u);
-}
-
-TEST_F(Loader, LoadsFromElsewhere) {
-    fs::create_directories(elsewhere);
-    const fs::path file = home / COpenLoaderImpl::libraryPath;
-    fs::current_path(elsewhere);
-    COpenLoaderImpl loader;
-    EXPECT_EQ(printedBy([&] {
-                  EXPECT_EQ(loader.LoadLibFrom(PARTIAL_OPENH264), 0);
-                  EXPECT_EQ(loader.LoadLibFrom(file.c_str()), 2);
-                  EXPECT_EQ(loader.LoadLibFrom("no/such.so"), 2);
-                  EXPECT_EQ(loader.LoadLib(), 2);
-              }),
-              "could not load pointers\nloaded pointers\npointers pre loaded\npointers pre loaded\n");
-    EncoderLibFunctions functions;
-    loader.GetLibFunctions(&functions);
     EXPECT_GE(functions.getCodecVersion().uMajor, 1u);
 }
 
@@ -111,4 +99,40 @@ TEST_F(Loader, ConcurrentFirstLoadsGiveWholeRecords) {
     for (size_t at = 0; (at = printed.find("loaded pointers\n", at)) != std::string::npos; ++at)
         ++loads;
     EXPECT_EQ(loads, 50u);
+}
+
+// The native library's own counts of what lives decide what is unmapped when it goes itself.
+TEST_F(Loader, GoesWithTheLibraryUnlessSomethingLives) {
+    const std::string openH264 = elsewhere / "openh264.so", module = elsewhere / "module.so";
+    fs::create_directories(elsewhere); // for files that nothing else has open
+    fs::copy(home / COpenLoaderImpl::libraryPath, openH264);
+    fs::copy(modulePath("every_other"), module);
+    static jlong encoder, pipeline;       // in reach of LeakSanitizer
+    for (const size_t live : {0, 1, 2}) { // nothing, an encoder, a module's processor
+        void* natives = dlopen(NATIVE_LIBRARY, RTLD_NOW | RTLD_LOCAL);
+        ASSERT_TRUE(natives) << dlerror();
+        const auto native = [&]<class Function>(const char* name, Function*) {
+            return reinterpret_cast<Function*>(dlsym(natives, name));
+        };
+#define NATIVE(name)                                                                                         \
+    native("Java_com_kelvane_media_transform_codec_" #name, &Java_com_kelvane_media_transform_codec_##name)
+        const auto string = [](const std::string& text) {
+            static FakeObject object;
+            object.bytes.assign(text.c_str(), text.c_str() + text.size() + 1);
+            return reinterpret_cast<jstring>(&object);
+        };
+        printedBy([&] {
+            EXPECT_EQ(NATIVE(AVCEncoder_loadLibrary)(fakeJava(), nullptr, string(openH264)), 1);
+            const jint guid = NATIVE(AVCProcessor_loadLibrary)(fakeJava(), nullptr, string(module));
+            encoder = NATIVE(AVCEncoder_open)(nullptr, nullptr, 64, 48, 25, 50, 100'000);
+            pipeline = NATIVE(AVCProcessor_open)(nullptr, nullptr, 25, 100'000, 1, 0, 0, 0);
+            for (int i = 0; i < 2; ++i) // the second replaces the first
+                NATIVE(AVCProcessor_brew)(nullptr, nullptr, guid, pipeline);
+            if (live != 1) NATIVE(AVCEncoder_close)(nullptr, nullptr, encoder);
+            if (live != 2) NATIVE(AVCProcessor_close)(nullptr, nullptr, pipeline);
+            dlclose(natives);
+        });
+        EXPECT_EQ(std::pair(isMapped(openH264), isMapped(module)), std::pair(live >= 1, live == 2))
+            << "what stayed, stays";
+    }
 }

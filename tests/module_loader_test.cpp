@@ -17,10 +17,6 @@ unsigned int load(CLibLoader& loader, const std::string& path, const char* print
     return static_cast<unsigned int>(guid);
 }
 
-bool isMapped(const std::string& library) {
-    return LibraryOwner(dlopen(library.c_str(), RTLD_LAZY | RTLD_NOLOAD)) != nullptr;
-}
-
 std::unique_ptr<CModuleProcessor> example(const char* path) {
     static CLibLoaderImpl loader;
     ProcessorFunctionPointers module;

@@ -83,67 +83,43 @@ protected:
 
 } // namespace
 
-TEST_F(PipelineTest, WithoutAModuleTheStreamIsEncodedAgain) {
-    const std::vector<Bytes> reordered = accessUnits("bframes.h264");
-    Pipeline pipeline;
-    std::vector<Bytes> encoded;
-    for (uint32_t i = 0; i < reordered.size(); ++i) {
-        const uint32_t time = 4294967290u + i; // passes 2^32
-        const int result = pipeline.write(jlong{time} + (jlong{7} << 32), reordered[i]);
-        const Output output = pipeline.read();
-        EXPECT_EQ(pipeline.sizeInfo, result ? bigEndian(output.data.size()) : untouched);
-        EXPECT_EQ(output.timestamp, result ? bigEndian(time) : untouched);
-        EXPECT_EQ(pipeline.read().timestamp, untouched);
-        if (result) encoded.push_back(output.data);
-    }
-    while (pipeline.drain()) {
-        const Output output = pipeline.read();
-        EXPECT_EQ(pipeline.sizeInfo, bigEndian(output.data.size()));
-        EXPECT_EQ(output.timestamp, bigEndian(static_cast<size_t>(pipeline.pictureTime())));
-        encoded.push_back(output.data);
-    }
-    EXPECT_EQ(pipeline.sizeInfo, untouched);
-    const std::vector<Picture> source = referenceDecode(reordered), decoded = referenceDecode(encoded);
-    ASSERT_EQ(decoded.size(), source.size());
-    EXPECT_EQ(pipeline.pictureTime(), (4294967290 + source.back().accessUnit) & 0xFFFFFFFF);
-    for (size_t i = 0; i < decoded.size(); ++i)
-        EXPECT_GT(psnr(decoded[i].i420, source[i].i420, source[i].i420.size()), 40) << i;
-}
-
 TEST_F(PipelineTest, AModuleGetsEveryCallInOrder) {
-    const std::vector<Picture> source = referenceDecode(resized);
+    std::vector<Bytes> sizes{resized[0], resized[1], resized[5], resized[10], keyPicture(160, 98)};
+    const std::vector<Picture> source = referenceDecode(sizes);
     Pipeline pipeline(60, 500000, 0x103);
     const std::string printed = printedBy([&] {
         EXPECT_EQ(pipeline.brew(recorderGuid), 1);
         EXPECT_EQ(pipeline.apply(recorderGuid, "k\xc3\xa9y", "value"), -77);
         EXPECT_EQ(pipeline.apply(recorderGuid + 1), -1);
-        for (const size_t i : {0, 1, 5, 10}) {
+        for (size_t i = 0; i < sizes.size(); ++i) {
             record.process = [&](unsigned char* data, int size, int*) {
                 return Bytes(data, data + size) == source[i].i420 ? -1 : 0;
             };
-            EXPECT_EQ(pipeline.write(static_cast<jlong>(i), resized[i]), 1);
+            EXPECT_EQ(pipeline.write(static_cast<jlong>(i), sizes[i]), 1);
             EXPECT_FALSE(pipeline.read().data.empty()) << "the module was not given picture " << i;
         }
     });
     pipeline.close();
-    EXPECT_EQ(record.take(),
-              (Calls{"create", "GetGuid", "Apply k\xc3\xa9y value", "GetGuid", "Open 160 96 3 1 0 255",
-                     "Process 23040 0", "Process 23040 1", "Reinit 320 180", "Process 86400 5",
-                     "Reinit 160 96", "Process 23040 10", "GetGuid", "destroy"}));
+    EXPECT_EQ(record.take(), (Calls{"create", "GetGuid", "Apply k\xc3\xa9y value", "GetGuid",
+                                    "Open 160 96 3 1 0 255", "Process 23040 0", "Process 23040 1",
+                                    "Reinit 320 180", "Process 86400 2", "Reinit 160 96", "Process 23040 3",
+                                    "Reinit 160 98", "Process 23520 4", "GetGuid", "destroy"}));
     const std::string opened = " : 60 : 500000\nAVC encoder codec opened\nAVC encoder Y: ";
-    const std::string small = "avcodec_open2: 160  : 96" + opened + "160  U: 96 V: 96 \n";
+    const std::string rows = opened + "160  U: 96 V: 96 \n", small = "avcodec_open2: 160  : 96" + rows;
     const std::string reinit = "AVCProcessor_reinit_encodere\n", module = "AVCProcessor_reinit_module\n";
     EXPECT_EQ(printed, "set/update w:160  h:96\nAVCProcessor_create_encoder  160  96\n" + small +
                            "AVCProcessor_open_module\nset/update w:320  h:180\n" + reinit +
                            "avcodec_open2: 320  : 180" + opened + "320  U: 160 V: 160 \n" + module +
-                           "set/update w:160  h:96\n" + reinit + small + module);
+                           "set/update w:160  h:96\n" + reinit + small + module + "set/update w:160  h:98\n" +
+                           reinit + "avcodec_open2: 160  : 98" + rows + module);
 }
 
 TEST_F(PipelineTest, BrewReplacesTheModule) {
     Pipeline pipeline;
     EXPECT_EQ(pipeline.apply(recorderGuid), -1);
     EXPECT_FALSE(pipeline.attached());
-    EXPECT_EQ(pipeline.write(0, units[0]), 1);
+    EXPECT_EQ(pipeline.write(4294967290, units[0]), 1);
+    EXPECT_EQ(pipeline.read().timestamp, bigEndian(4294967290));
     for (const jint i : {1, 2}) {
         pipeline.brew(recorderGuid);
         EXPECT_TRUE(pipeline.attached());
@@ -184,31 +160,6 @@ TEST_F(PipelineTest, AModuleChangesMovesAndDropsPictures) {
     EXPECT_EQ(pipeline.sizeInfo, bigEndian(unit.size()));
     EXPECT_EQ(static_cast<size_t>(pipeline.engine().encoder->encodedSize), unit.size());
     EXPECT_GT(psnr(referenceDecode({unit}).at(0).i420, Bytes(23040, 200), 23040), 40);
-}
-
-TEST_F(PipelineTest, PassThroughTouchesNothingButWhatTheModuleChanges) {
-    Pipeline pipeline(0, 0, 257);
-    record.process = [](unsigned char* data, int size, int* timestamp) {
-        if (size > 0) data[size - 1] = 1;
-        *timestamp += 40;
-        return 0; // which counts for nothing here
-    };
-    Bytes expected(1234, 9); // no start code is needed
-    for (const size_t time : {77, 117}) {
-        EXPECT_EQ(pipeline.write(77 + (jlong{1} << 32), Bytes(1234, 9)), 1);
-        EXPECT_EQ(pipeline.sizeInfo, bigEndian(1234));
-        const Output output = pipeline.read();
-        EXPECT_EQ(output.timestamp, bigEndian(time));
-        EXPECT_EQ(output.data, expected);
-        EXPECT_EQ(pipeline.read().timestamp, untouched);
-        pipeline.brew(recorderGuid);
-        expected.back() = 1;
-    }
-    EXPECT_EQ(pipeline.drain(), 0);
-    EXPECT_EQ(pipeline.pictureTime(), 0);
-    EXPECT_EQ(pipeline.write(5, {}), 1);
-    EXPECT_EQ(pipeline.sizeInfo, bigEndian(0));
-    EXPECT_EQ(pipeline.read().timestamp, untouched);
 }
 
 TEST_F(PipelineTest, WhatAModuleThrowsCountsAsZeroAndIsReportedOnce) {
@@ -273,38 +224,39 @@ TEST_F(PipelineTest, WhatYieldsNothingSaysSo) {
     EXPECT_EQ(pipeline.sizeInfo, bigEndian(0));
 }
 
-TEST_F(PipelineTest, NullAndShortArgumentsAreHarmless) {
+TEST_F(PipelineTest, PassesAccessUnitsToTheModuleAndTakesNulls) {
     JNIEnv* env = javaEnv();
-    Pipeline pipeline(15, 0, 1);
+    Pipeline pipeline(15, 0, 257); // of whose mode the low byte counts
     pipeline.brew(recorderGuid);
+    record.process = [](unsigned char* data, int size, int* timestamp) {
+        if (size > 0) data[size - 1] = 1;
+        *timestamp += 40;
+        return 0; // which counts for nothing here
+    };
+    EXPECT_EQ(pipeline.write(77 + (jlong{1} << 32), Bytes{9, 9, 9}), 1); // no start code is needed
+    EXPECT_EQ(pipeline.sizeInfo, bigEndian(3));
+    const Output output = pipeline.read();
+    EXPECT_EQ(output.timestamp, bigEndian(117));
+    EXPECT_EQ(output.data, (Bytes{9, 9, 1}));
+    EXPECT_EQ(pipeline.read().timestamp, untouched);
+    EXPECT_EQ(std::pair(pipeline.drain(), pipeline.pictureTime()), std::pair(0, jlong{0}));
+
     const jlong handle = pipeline.handle;
     jbyteArray data = javaArray(8, 3), info = javaArray(4);
     jstring text = javaString("no/such.so");
     EXPECT_EQ(AVCProcessor(write)(env, nullptr, 0, data, javaArray(3), handle), 1);
     EXPECT_EQ(takeException(), "java.lang.ArrayIndexOutOfBoundsException");
-    EXPECT_EQ(printedBy([&] {
-                  EXPECT_EQ(AVCProcessor(loadLibrary)(env, nullptr, nullptr), 0);
-                  EXPECT_EQ(AVCProcessor(loadLibrary)(env, nullptr, text), 0);
-                  EXPECT_EQ(AVCProcessor(brew)(env, nullptr, recorderGuid, 0), 0);
-                  EXPECT_EQ(AVCProcessor(apply)(env, nullptr, recorderGuid, text, text, 0), -1);
-                  EXPECT_EQ(AVCProcessor(apply)(env, nullptr, recorderGuid, nullptr, text, handle), -1);
-                  EXPECT_EQ(AVCProcessor(apply)(env, nullptr, recorderGuid, text, nullptr, handle), -1);
-                  EXPECT_EQ(AVCProcessor(write)(env, nullptr, 0, data, info, 0), 0);
-                  EXPECT_EQ(AVCProcessor(write)(env, nullptr, 0, nullptr, info, handle), 0);
-                  EXPECT_EQ(AVCProcessor(write)(env, nullptr, 0, data, nullptr, handle), 0);
-                  EXPECT_EQ(AVCProcessor(read)(env, nullptr, info, data, 0), 0);
-                  EXPECT_EQ(AVCProcessor(read)(env, nullptr, nullptr, data, handle), 0);
-                  EXPECT_EQ(AVCProcessor(read)(env, nullptr, info, nullptr, handle), 0);
-                  EXPECT_EQ(AVCProcessor(drain)(env, nullptr, info, 0), 0);
-                  EXPECT_EQ(AVCProcessor(drain)(env, nullptr, nullptr, handle), 0);
-                  EXPECT_FALSE(AVCProcessor(attached)(env, nullptr, 0));
-                  EXPECT_FALSE(AVCProcessor(close)(env, nullptr, 0));
-              }),
+    EXPECT_EQ(printedBy([&] { EXPECT_EQ(AVCProcessor(loadLibrary)(env, nullptr, text), 0); }),
               "loading no/such.so\nmodule not found \nfound 0\n");
-    EXPECT_EQ(bytesOf(info), untouched);
-    EXPECT_EQ(record.take(), (Calls{"create", "Process 8 0"}));
+    EXPECT_EQ(AVCProcessor(apply)(env, nullptr, recorderGuid, nullptr, text, handle), -1);
+    EXPECT_EQ(AVCProcessor(apply)(env, nullptr, recorderGuid, text, nullptr, handle), -1);
+    EXPECT_EQ(AVCProcessor(read)(env, nullptr, nullptr, data, handle), 0);
+    EXPECT_EQ(AVCProcessor(read)(env, nullptr, info, nullptr, handle), 0);
+    EXPECT_EQ(record.take(), (Calls{"create", "Process 3 77", "Process 8 0"}));
     AVCProcessor(read)(env, nullptr, info, javaArray(7), handle);
     EXPECT_EQ(takeException(), "java.lang.ArrayIndexOutOfBoundsException");
-    EXPECT_EQ(bytesOf(info), bigEndian(0));
+    EXPECT_EQ(bytesOf(info), bigEndian(40));
+    EXPECT_EQ(pipeline.write(5, {}), 1);
+    EXPECT_EQ(pipeline.sizeInfo, bigEndian(0));
     EXPECT_EQ(pipeline.read().timestamp, untouched);
 }

@@ -1,4 +1,4 @@
-#include "bridge/Owners.h"
+#include "bridge/JavaCall.h"
 #include "com_kelvane_media_Tarnwick.h"
 #include "support/Sound.h"
 
@@ -92,6 +92,21 @@ int scaleArray(jlong context, jobject source, const Format& from, int row, int r
 
 } // namespace
 
+TEST(Bridge, PadsCopiesWithZerosAndKeepsTheFirstException) {
+    const LocalFrame references;
+    JNIEnv* env = javaEnv();
+    {
+        JavaCall java(env);
+        const ArrayCopy copy = java.copyIn(javaArray(3, 7), 4);
+        EXPECT_EQ(Bytes(copy.bytes.get(), copy.bytes.get() + 7), (Bytes{7, 7, 7, 0, 0, 0, 0}));
+        java.copyOut(javaArray(2), copy.bytes.get(), copy.size);
+        env->ThrowNew(env->FindClass("java/lang/IllegalStateException"), "");
+        java.deferException();
+        EXPECT_FALSE(env->ExceptionCheck());
+    }
+    EXPECT_EQ(takeException(), "java.lang.ArrayIndexOutOfBoundsException");
+}
+
 TEST(Primitives, MemoryAndFrames) {
     JNIEnv* env = javaEnv();
     const jlong memory = Tarnwick(av_1malloc)(env, nullptr, 150);
@@ -151,81 +166,64 @@ TEST(Primitives, PacketsAreResizedAndFilled) {
 }
 
 // Each array has room for its picture and not a byte more: -Xcheck:jni ends the process when libswscale
-// writes behind it, as it would for most of the odd sizes if it worked on them in place.
+// writes behind it, as it would for most of the odd sizes if it worked on them in place. A picture is given
+// as it is described: part of a larger one, into part of a larger one, in slices of their own.
 TEST(Primitives, ScalesAsLibswscaleDoes) {
-    const std::pair<Format, Format> cases[] = {
-        {{AV_PIX_FMT_RGB24, 64, 48}, {AV_PIX_FMT_YUV420P, 32, 24}},
-        {{AV_PIX_FMT_YUV420P, 128, 32}, {AV_PIX_FMT_BGRA, 64, 64}},
-        {{AV_PIX_FMT_BGRA, 33, 17}, {AV_PIX_FMT_YUV420P, 21, 11}},
-        {{AV_PIX_FMT_YUV420P, 21, 11}, {AV_PIX_FMT_RGB565, 35, 17}},
-        {{AV_PIX_FMT_NV12, 34, 18}, {AV_PIX_FMT_YUV420P, 34, 18}},
-        {{AV_PIX_FMT_RGB24, 32, 4}, {AV_PIX_FMT_ARGB, 32, 4}},
-        {{AV_PIX_FMT_YUV420P, 2, 2}, {AV_PIX_FMT_BGRA, 2, 2}},
-        {{AV_PIX_FMT_GRAY8, 7, 5}, {AV_PIX_FMT_RGB24, 9, 3}},
-        {{AV_PIX_FMT_RGB24, 9, 3}, {AV_PIX_FMT_GRAY8, 7, 5}},
-        {{AV_PIX_FMT_YUVJ420P, 30, 10}, {AV_PIX_FMT_BGR0, 20, 10}},
-        {{AV_PIX_FMT_PAL8, 5, 4}, {AV_PIX_FMT_BGRA, 8, 4}},
+    struct Case {
+        Format from, to;       // the context's
+        Format source, target; // where they are others
     };
-    for (const auto& [from, to] : cases) {
-        SCOPED_TRACE(testing::Message() << from.number << " to " << to.number);
-        const LocalFrame references;
-        JNIEnv* env = javaEnv();
-        Bytes picture = noise(from.size());
-        const Bytes expected = scaledDirectly(from, picture, to);
-        const Context context(from, to);
-        const int size = to.size();
-        jbyteArray source = javaArray(picture);
-        for (jarray target : {jarray{env->NewByteArray(size)}, jarray{env->NewShortArray((size + 1) / 2)},
-                              jarray{env->NewIntArray((size + 3) / 4)}}) {
-            EXPECT_EQ(scaleArray(context.address, source, from, 0, from.height, target, to), to.height);
-            EXPECT_TRUE(take(target, expected.size()) == expected);
-        }
-        EXPECT_TRUE(bytesOf(source) == picture);
-        jbyteArray target = javaArray(size);
-        const FrameOwner frame = frameOver(from, picture);
-        EXPECT_EQ(scaleFrame(context.address, frame.get(), 0, from.height, target, to), to.height);
-        EXPECT_TRUE(bytesOf(target) == expected);
-        EXPECT_EQ(takeException(), "");
-    }
-}
-
-// A picture is given as it is described: part of a larger one, into part of a larger one, in slices of their
-// own.
-TEST(Primitives, PicturesNeedNotBeTheContexts) {
-    const struct {
-        Format from, to; // the context's
-        Format source, target;
-    } cases[] = {
+    const Case cases[] = {
+        {{AV_PIX_FMT_RGB24, 64, 48}, {AV_PIX_FMT_YUV420P, 32, 24}, {}, {}},
+        {{AV_PIX_FMT_YUV420P, 128, 32}, {AV_PIX_FMT_BGRA, 64, 64}, {}, {}},
+        {{AV_PIX_FMT_BGRA, 33, 17}, {AV_PIX_FMT_YUV420P, 21, 11}, {}, {}},
+        {{AV_PIX_FMT_YUV420P, 21, 11}, {AV_PIX_FMT_RGB565, 35, 17}, {}, {}},
+        {{AV_PIX_FMT_NV12, 34, 18}, {AV_PIX_FMT_YUV420P, 34, 18}, {}, {}},
+        {{AV_PIX_FMT_RGB24, 32, 4}, {AV_PIX_FMT_ARGB, 32, 4}, {}, {}},
+        {{AV_PIX_FMT_YUV420P, 2, 2}, {AV_PIX_FMT_BGRA, 2, 2}, {}, {}},
+        {{AV_PIX_FMT_GRAY8, 7, 5}, {AV_PIX_FMT_RGB24, 9, 3}, {}, {}},
+        {{AV_PIX_FMT_RGB24, 9, 3}, {AV_PIX_FMT_GRAY8, 7, 5}, {}, {}},
+        {{AV_PIX_FMT_YUVJ420P, 30, 10}, {AV_PIX_FMT_BGR0, 20, 10}, {}, {}},
+        {{AV_PIX_FMT_PAL8, 5, 4}, {AV_PIX_FMT_BGRA, 8, 4}, {}, {}},
         {{AV_PIX_FMT_YUV420P, 32, 16}, {AV_PIX_FMT_YUV420P, 64, 32}, {0, 128, 64}, {0, 128, 64}},
         {{AV_PIX_FMT_YUV420P, 30, 18}, {AV_PIX_FMT_NV12, 21, 11}, {0, 33, 19}, {AV_PIX_FMT_NV12, 40, 12}},
         {{AV_PIX_FMT_BGRA, 16, 8},
          {AV_PIX_FMT_BGRA, 16, 8},
          {AV_PIX_FMT_BGRA, 32, 8},
          {AV_PIX_FMT_BGRA, 32, 9}},
-        {{AV_PIX_FMT_PAL8, 5, 4},
-         {AV_PIX_FMT_RGB24, 8, 4},
-         {AV_PIX_FMT_PAL8, 5, 4},
-         {AV_PIX_FMT_RGB24, 9, 4}},
+        {{AV_PIX_FMT_PAL8, 5, 4}, {AV_PIX_FMT_RGB24, 8, 4}, {}, {AV_PIX_FMT_RGB24, 9, 4}},
     };
-    for (const auto& [from, to, source, target] : cases) {
-        SCOPED_TRACE(testing::Message() << from.number << " " << from.width);
+    for (const Case& each : cases) {
+        const auto& [from, to, largerSource, largerTarget] = each;
+        SCOPED_TRACE(testing::Message() << from.number << " " << from.width << " to " << to.number);
         const LocalFrame references;
-        const auto part = [](const Format& whole, Bytes& bytes, const Format& size) {
-            FrameOwner frame = frameOver(whole, bytes);
+        JNIEnv* env = javaEnv();
+        const Format source = largerSource.width ? largerSource : from,
+                     target = largerTarget.width ? largerTarget : to;
+        const auto part = [](const Format& whole, Bytes bytes, const Format& size) {
+            const FrameOwner frame = frameOver(whole, bytes);
             Bytes packed(static_cast<size_t>(size.size()));
             av_image_copy_to_buffer(packed.data(), size.size(), frame->data, frame->linesize, size.pixels(),
                                     size.width, size.height, 1);
             return packed;
         };
         Bytes picture = noise(source.size());
-        jbyteArray given = javaArray(picture), composed = javaArray(target.size());
+        jbyteArray given = javaArray(picture), last = javaArray(target.size());
         const Bytes expected = scaledDirectly(from, part(source, picture, from), to);
         const Context context(from, to);
-        EXPECT_EQ(scaleArray(context.address, given, source, 0, from.height, composed, target), to.height);
-        Bytes result = bytesOf(composed);
-        EXPECT_TRUE(part(target, result, to) == expected);
-        EXPECT_EQ(std::ranges::count(bytesOf(composed), 0xEE), // around it, and where it came out by chance
-                  target.size() - to.size() + std::ranges::count(expected, 0xEE));
+        const int size = target.size();
+        for (jarray array : {jarray{env->NewShortArray((size + 1) / 2)},
+                             jarray{env->NewIntArray((size + 3) / 4)}, jarray{last}}) {
+            EXPECT_EQ(scaleArray(context.address, given, source, 0, from.height, array, target), to.height);
+            EXPECT_TRUE(part(target, take(array, static_cast<size_t>(size)), to) == expected);
+        }
+        EXPECT_TRUE(bytesOf(given) == picture);
+        EXPECT_EQ(std::ranges::count(bytesOf(last), 0xEE), // around it, and where it came out by chance
+                  size - to.size() + std::ranges::count(expected, 0xEE));
+        const FrameOwner frame = frameOver(source, picture);
+        EXPECT_EQ(scaleFrame(context.address, frame.get(), 0, from.height, last, target), to.height);
+        EXPECT_TRUE(part(target, bytesOf(last), to) == expected);
+        EXPECT_EQ(takeException(), "");
     }
     for (const int width : {64, 37}) {
         const LocalFrame references;

@@ -26,34 +26,14 @@ extern "C" {
 #include <cstring>
 #include <fstream>
 #include <iterator>
+#include <string_view>
 
 namespace {
 
-class Hash {
-public:
-    void add(const void* bytes, size_t size) {
-        const auto* at = static_cast<const uint8_t*>(bytes);
-        for (; size >= sizeof(uint64_t); size -= sizeof(uint64_t), at += sizeof(uint64_t)) {
-            uint64_t word;
-            std::memcpy(&word, at, sizeof word);
-            add(word);
-        }
-        for (; size > 0; --size)
-            add(*at++);
-    }
-    void add(uint64_t number) {
-        value = (value ^ number) * 0x9E3779B97F4A7C15;
-        value ^= value >> 29;
-    }
-    uint64_t value = 0x1234567;
-};
-
 uint64_t hashOf(const void* bytes, int64_t size, uint32_t time = 0) {
     if (size <= 0) return 0;
-    Hash hash;
-    hash.add(bytes, static_cast<size_t>(size));
-    hash.add(time);
-    return hash.value;
+    const std::string_view view(static_cast<const char*>(bytes), static_cast<size_t>(size));
+    return std::hash<std::string_view>()(view) + time * 0x9E3779B97F4A7C15;
 }
 
 signed char* input(const Bytes& bytes) {
@@ -70,17 +50,23 @@ uint64_t hashOf(const VideoDecoder& decoder) {
                : 0;
 }
 
-class DecoderSubject final : public Subject {
+// Most have one engine and nothing else.
+template <class Engine>
+class EngineSubject : public Subject {
 public:
-    void open(const Script&) override { decoder.open(); }
-    uint64_t give(const Bytes& unit, uint32_t time) override {
-        return decoder.decode(input(unit), sizeOf(unit), time) == 1 ? hashOf(decoder) : 0;
-    }
-    uint64_t drain() override { return decoder.drain() == 1 ? hashOf(decoder) : 0; }
-    void close() override { decoder.close(); }
+    void open(const Script&) override { engine.open(); }
+    void close() override { engine.close(); }
 
-private:
-    VideoDecoder decoder;
+protected:
+    Engine engine;
+};
+
+class DecoderSubject final : public EngineSubject<VideoDecoder> {
+public:
+    uint64_t give(const Bytes& unit, uint32_t time) override {
+        return engine.decode(input(unit), sizeOf(unit), time) == 1 ? hashOf(engine) : 0;
+    }
+    uint64_t drain() override { return engine.drain() == 1 ? hashOf(engine) : 0; }
 };
 
 class TranscoderSubject final : public Subject {
@@ -111,12 +97,12 @@ public:
 
 private:
     uint64_t encode() {
-        Hash hash;
+        uint64_t hash = 1;
         for (CoderOut& output : outputs)
             if (output.encode(decoder.frame.get()))
-                hash.add(output.coder->output.get(), static_cast<size_t>(output.coder->outputSize));
-        hash.add(decoder.pictureTime);
-        return hash.value;
+                hash = 31 * hash +
+                       hashOf(output.coder->output.get(), output.coder->outputSize, decoder.pictureTime);
+        return hash;
     }
 
     VideoDecoder decoder;
@@ -183,61 +169,47 @@ private:
     VideoProcessor* pipeline = nullptr;
 };
 
-class AacSubject final : public Subject {
+class AacSubject final : public EngineSubject<AudioDecoder> {
 public:
     void open(const Script& script) override {
         // What the native method lets through.
         const Bytes& config = script.config;
-        if (config.size() < 2 || config.size() > sizeof decoder.config) return;
+        if (config.size() < 2 || config.size() > sizeof engine.config) return;
         if ((config[0] & 7) * 2 + (config[1] >> 7) > 12) return;
-        std::copy(config.begin(), config.end(), decoder.config);
-        decoder.configSize = static_cast<uint8_t>(config.size());
-        decoder.open();
+        std::copy(config.begin(), config.end(), engine.config);
+        engine.configSize = static_cast<uint8_t>(config.size());
+        engine.open();
     }
     uint64_t give(const Bytes& packet, uint32_t) override {
         const MallocBuffer padded = mallocBuffer(packet.size() + AV_INPUT_BUFFER_PADDING_SIZE);
         if (!padded) return 0;
         std::copy(packet.begin(), packet.end(), padded.get());
         std::memset(padded.get() + packet.size(), 0, AV_INPUT_BUFFER_PADDING_SIZE);
-        return decoder.decode(padded.get(), sizeOf(packet)) > 0 ? hashOf(decoder.output, decoder.outputSize)
-                                                                : 0;
+        return engine.decode(padded.get(), sizeOf(packet)) > 0 ? hashOf(engine.output, engine.outputSize) : 0;
     }
-    void close() override { decoder.close(); }
-
-private:
-    AudioDecoder decoder;
 };
 
-class Mp3Subject final : public Subject {
+class Mp3Subject final : public EngineSubject<MP3AudioDecoder> {
 public:
-    void open(const Script&) override { decoder.open(); }
     uint64_t give(const Bytes& packet, uint32_t) override {
-        const int samples = decoder.decode(reinterpret_cast<uint8_t*>(input(packet)), sizeOf(packet));
-        return samples > 0 ? hashOf(decoder.output.get(), decoder.outputSize) : 0;
+        const int samples = engine.decode(reinterpret_cast<uint8_t*>(input(packet)), sizeOf(packet));
+        return samples > 0 ? hashOf(engine.output.get(), engine.outputSize) : 0;
     }
-    void close() override { decoder.close(); }
-
-private:
-    MP3AudioDecoder decoder;
 };
 
-class OpusSubject final : public Subject {
+class OpusSubject final : public EngineSubject<NOpusDecoder> {
 public:
     void open(const Script& script) override {
         const Choices& choices = script.choices;
-        decoder.channels = 2 - choices[0] % 2;
-        decoder.fec = choices[1] % 3;
-        decoder.open();
+        engine.channels = 2 - choices[0] % 2;
+        engine.fec = choices[1] % 3;
+        engine.open();
     }
     uint64_t give(const Bytes& packet, uint32_t) override {
-        if (!decoder.decoder) return 0;
-        const int samples = decoder.decode(reinterpret_cast<uint8_t*>(input(packet)), sizeOf(packet));
-        return hashOf(decoder.output.get(), int64_t{2} * samples * decoder.channels);
+        if (!engine.decoder) return 0;
+        const int samples = engine.decode(reinterpret_cast<uint8_t*>(input(packet)), sizeOf(packet));
+        return hashOf(engine.output.get(), int64_t{2} * samples * engine.channels);
     }
-    void close() override { decoder.close(); }
-
-private:
-    NOpusDecoder decoder;
 };
 
 int choiceOf(const Choices& choices, size_t which, int first, int second, int third) {
@@ -245,86 +217,70 @@ int choiceOf(const Choices& choices, size_t which, int first, int second, int th
     return values[choices[which] % 3];
 }
 
-class AacEncoderSubject final : public Subject {
+class AacEncoderSubject final : public EngineSubject<AudioEncoder> {
 public:
     void open(const Script& script) override {
         const Choices& choices = script.choices;
-        encoder.channels = 2 - choices[0] % 2;
-        encoder.sampleRate = choiceOf(choices, 1, 44100, 8000, 44000);
-        encoder.open();
+        engine.channels = 2 - choices[0] % 2;
+        engine.sampleRate = choiceOf(choices, 1, 44100, 8000, 44000);
+        engine.open();
     }
     uint64_t give(const Bytes& pcm, uint32_t) override {
-        if (sizeOf(pcm) < 2048 * encoder.channels || !encoder.codec) return 0;
-        return hashOf(encoder.output.get(), encoder.encode(reinterpret_cast<short*>(input(pcm))));
+        if (sizeOf(pcm) < 2048 * engine.channels || !engine.codec) return 0;
+        return hashOf(engine.output.get(), engine.encode(reinterpret_cast<short*>(input(pcm))));
     }
-    void close() override { encoder.close(); }
-
-private:
-    AudioEncoder encoder;
 };
 
-class OpusEncoderSubject final : public Subject {
+class OpusEncoderSubject final : public EngineSubject<NOpusEncoder> {
 public:
     void open(const Script& script) override {
         const Choices& choices = script.choices;
-        encoder.channels = 2 - choices[0] % 2;
-        encoder.bitrate = choiceOf(choices, 1, 64000, 6000, 510000);
-        encoder.frameSize = choiceOf(choices, 2, 960, 120, 961);
-        encoder.open();
+        engine.channels = 2 - choices[0] % 2;
+        engine.bitrate = choiceOf(choices, 1, 64000, 6000, 510000);
+        engine.frameSize = choiceOf(choices, 2, 960, 120, 961);
+        engine.open();
     }
     uint64_t give(const Bytes& pcm, uint32_t) override {
-        if (!encoder.encoder || sizeOf(pcm) < encoder.frameSize * encoder.channels * 2) return 0;
-        const int size = encoder.encode(reinterpret_cast<short*>(input(pcm)));
-        return encoder.packetSize > 0 ? hashOf(encoder.packet.get(), size) : 0;
+        if (!engine.encoder || sizeOf(pcm) < engine.frameSize * engine.channels * 2) return 0;
+        const int size = engine.encode(reinterpret_cast<short*>(input(pcm)));
+        return engine.packetSize > 0 ? hashOf(engine.packet.get(), size) : 0;
     }
-    void close() override { encoder.close(); }
-
-private:
-    NOpusEncoder encoder;
 };
 
-class OpenH264Subject final : public Subject {
+class OpenH264Subject final : public EngineSubject<NativeOpenH264Encoder> {
 public:
     void open(const Script& script) override {
         const Choices& choices = script.choices;
-        encoder.width = static_cast<uint32_t>(choiceOf(choices, 0, 64, 16, 63));
-        encoder.height = static_cast<uint32_t>(choiceOf(choices, 1, 48, 16, 31));
-        encoder.bitrate = 200'000;
-        encoder.encMode = choices[2] % 2;
-        encoder.profile = choices[3] % 2;
-        encoder.open();
+        engine.width = static_cast<uint32_t>(choiceOf(choices, 0, 64, 16, 63));
+        engine.height = static_cast<uint32_t>(choiceOf(choices, 1, 48, 16, 31));
+        engine.bitrate = 200'000;
+        engine.encMode = choices[2] % 2;
+        engine.profile = choices[3] % 2;
+        engine.open();
     }
     uint64_t give(const Bytes& picture, uint32_t time) override {
-        const int encoded = encoder.encode(reinterpret_cast<uint8_t*>(input(picture)), sizeOf(picture), time);
-        return encoded == 1 ? hashOf(encoder.output.get(), encoder.outputSize) : 0;
+        const int encoded = engine.encode(reinterpret_cast<uint8_t*>(input(picture)), sizeOf(picture), time);
+        return encoded == 1 ? hashOf(engine.output.get(), engine.outputSize) : 0;
     }
-    void close() override { encoder.close(); }
-
-private:
-    NativeOpenH264Encoder encoder;
 };
 
-class FFmpegEncoderSubject final : public Subject {
+class FFmpegEncoderSubject final : public EngineSubject<VideoEncoder> {
 public:
     void open(const Script& script) override {
         const Choices& choices = script.choices;
-        encoder.width = choiceOf(choices, 0, 64, 16, 63);
-        encoder.height = choiceOf(choices, 1, 48, 16, 31);
-        encoder.frameRate = choices[2];
-        encoder.bitRate = 200'000;
-        encoder.open();
+        engine.width = choiceOf(choices, 0, 64, 16, 63);
+        engine.height = choiceOf(choices, 1, 48, 16, 31);
+        engine.frameRate = choices[2];
+        engine.bitRate = 200'000;
+        engine.open();
     }
     uint64_t give(const Bytes& picture, uint32_t time) override {
         const MallocBuffer copy = mallocBuffer(picture.size()); // the access unit is written over it
         if (!copy) return 0;
         std::copy(picture.begin(), picture.end(), copy.get());
-        const int encoded = encoder.encode(reinterpret_cast<signed char*>(copy.get()), sizeOf(picture), time);
-        return encoded == 1 ? hashOf(copy.get(), encoder.encodedSize) : 0;
+        const int encoded = engine.encode(reinterpret_cast<signed char*>(copy.get()), sizeOf(picture), time);
+        return encoded == 1 ? hashOf(copy.get(), engine.encodedSize) : 0;
     }
-    void close() override { encoder.close(); }
-
-private:
-    VideoEncoder encoder;
 };
 
 // Numbers out of the input, the awkward ones often.
@@ -468,7 +424,11 @@ std::vector<Bytes> nalUnits(const Bytes& stream) {
     return units;
 }
 
-enum Cutting { atAccessUnits, atNalUnits, atEither, anywhere };
+constexpr size_t mostCalls = 80; // of a fuzzed script, for speed
+
+Cutting cuttingOf(const Choices& choices) { return static_cast<Cutting>(choices[3] & 3); }
+
+} // namespace
 
 std::vector<Bytes> cutStream(const Bytes& stream, Cutting cutting, uint32_t seed) {
     std::minstd_rand random(seed + 1);
@@ -494,12 +454,6 @@ std::vector<Bytes> cutStream(const Bytes& stream, Cutting cutting, uint32_t seed
     }
     return calls;
 }
-
-constexpr size_t mostCalls = 80; // of a fuzzed script, for speed
-
-Cutting cuttingOf(const Choices& choices) { return static_cast<Cutting>(choices[3] & 3); }
-
-} // namespace
 
 const std::vector<SubjectKind>& subjectKinds() {
     using enum SubjectKind::Input;
@@ -534,11 +488,16 @@ Script seedOf(const SubjectKind& kind, const char* file) {
         }
         return script;
     }
-    const std::string path = std::string(TEST_DATA "/") + file;
-    if (kind.input == SubjectKind::annexB) {
+    return streamOf(file);
+}
+
+Script streamOf(const std::string& file) {
+    Script script;
+    const std::string path = TEST_DATA "/" + file;
+    if (path.ends_with(".h264")) {
         std::ifstream stream(path, std::ios::binary);
         const Bytes bytes(std::istreambuf_iterator<char>(stream), {});
-        script.calls = cutStream(bytes, atAccessUnits, 0);
+        script.calls = cutStream(bytes, atAccessUnits);
         return script;
     }
     AVFormatContext* sound = nullptr;

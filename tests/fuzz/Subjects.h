@@ -44,11 +44,18 @@ struct SubjectKind {
 };
 const std::vector<SubjectKind>& subjectKinds();
 
-// The access units of an Annex-B stream, the packets of a sound file, or made-up bytes.
+// The access units of an Annex-B stream in tests/data, each behind a long start code, or the packets of a
+// sound file.
+Script streamOf(const std::string& file);
+// The same, or made-up bytes.
 Script seedOf(const SubjectKind& kind, const char* file);
 
-// Scripts as bytes, for libFuzzer. Choices come first; the fourth also says how a stream is cut: at access
-// units, at NAL units, at either by chance, or anywhere.
+// An Annex-B stream in pieces, of NAL units each behind a long start code; the seed says where, where that is
+// by chance. What is ahead of the first NAL unit is lost.
+enum Cutting { atAccessUnits, atNalUnits, atEither, anywhere };
+std::vector<Bytes> cutStream(const Bytes& stream, Cutting cutting, uint32_t seed = 0);
+
+// Scripts as bytes, for libFuzzer. Choices come first; the fourth also says how a stream is cut.
 Bytes written(const SubjectKind& kind, const Script& script);
 Script scriptOf(const SubjectKind& kind, const uint8_t* data, size_t size);
 

@@ -71,6 +71,33 @@ protected:
         return finish(start(program, arguments, standardOutput));
     }
 
+    // For what has to succeed.
+    void ffmpeg(const std::string& arguments) {
+        ASSERT_EQ(run("ffmpeg", "-v error -y " + arguments), 0) << errors;
+    }
+    void kelvane(const std::string& arguments) {
+        ASSERT_EQ(run("kelvane", arguments), 0) << errors;
+        EXPECT_EQ(errors, "");
+    }
+    // The decibels that a rendition was found to have, by the summary's line about it.
+    double quality(const std::string& rendition, const std::string& pictures) const {
+        std::smatch row;
+        const std::regex line("\n" + rendition + " +" + pictures + " .* ([0-9.]+) dB ");
+        EXPECT_TRUE(std::regex_search(output, row, line)) << output;
+        return row.empty() ? 0 : std::stod(row[1]);
+    }
+    // What ffprobe says of packets 1/`rate` seconds apart with a key frame every 10, by
+    // "packet=pts_time,flags".
+    static std::string evenPackets(int count, double rate) {
+        std::string packets;
+        for (int i = 0; i < count; ++i) {
+            char line[32];
+            snprintf(line, sizeof line, "%.6f,%s\n", i / rate, i % 10 == 0 ? "K_" : "__");
+            packets += line;
+        }
+        return packets;
+    }
+
     std::string probe(const std::string& file, const std::string& entries) {
         EXPECT_EQ(run("ffprobe", "-v error -count_frames -of csv=p=0 -show_entries " + entries + " " + file),
                   0)

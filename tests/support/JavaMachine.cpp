@@ -84,9 +84,9 @@ Listener::Listener(const char* className) {
     listener = checked(env->NewObject(type, constructor), className);
 }
 
-void Listener::throwAtCall(int number) {
+void Listener::throwFrom(int call) {
     JNIEnv* env = javaEnv();
-    env->SetIntField(listener, checked(env->GetFieldID(type, "throwAtCall", "I"), "throwAtCall"), number);
+    env->SetIntField(listener, checked(env->GetFieldID(type, "throwFrom", "I"), "throwFrom"), call);
 }
 
 std::vector<Listener::Call> Listener::take() {

@@ -27,7 +27,7 @@ public:
 
     explicit Listener(const char* className = "com/kelvane/media/test/RecordingListener");
     jobject object() const { return listener; }
-    void throwAtCall(int number);
+    void throwFrom(int call); // -1 for never
     // The calls since the last take.
     std::vector<Call> take();
 

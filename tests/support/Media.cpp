@@ -1,6 +1,9 @@
 #include "support/Media.h"
 
 #include "bridge/Owners.h"
+#include "fuzz/Subjects.h"
+#include "support/Output.h"
+#include "video/AVCEncoder.h"
 
 #include <gtest/gtest.h>
 
@@ -15,27 +18,17 @@ Bytes readFile(const std::string& path) {
     return Bytes(std::istreambuf_iterator<char>(file), {});
 }
 
-std::vector<Bytes> accessUnits(const std::string& name) {
-    Bytes stream = readFile(TEST_DATA "/" + name);
-    const size_t length = stream.size();
-    stream.resize(length + AV_INPUT_BUFFER_PADDING_SIZE);
-    const CodecContextOwner context(avcodec_alloc_context3(avcodec_find_decoder(AV_CODEC_ID_H264)));
-    AVCodecParserContext* parser = av_parser_init(AV_CODEC_ID_H264);
-    std::vector<Bytes> units;
-    for (size_t at = 0;;) {
-        uint8_t* unit = nullptr;
-        int size = 0;
-        const bool flush = at == length;
-        at += static_cast<size_t>(av_parser_parse2(parser, context.get(), &unit, &size, stream.data() + at,
-                                                   static_cast<int>(length - at), AV_NOPTS_VALUE,
-                                                   AV_NOPTS_VALUE, 0));
-        if (size > 0) units.emplace_back(unit, unit + size);
-        if (flush) break;
-    }
-    av_parser_close(parser);
-    for (Bytes& unit : units) // the parser may leave a start code of three bytes
-        if (unit[2] == 1) unit.insert(unit.begin(), 0);
-    return units;
+std::vector<Bytes> accessUnits(const std::string& name) { return streamOf(name).calls; }
+
+Bytes keyPicture(uint32_t width, uint32_t height) {
+    NativeOpenH264Encoder encoder;
+    encoder.width = width;
+    encoder.height = height;
+    encoder.bitrate = 100'000;
+    Bytes grey(width * height * 3 / 2, static_cast<uint8_t>(100 + width * height % 100));
+    printedBy([&] { encoder.open(); });
+    EXPECT_EQ(encoder.encode(grey.data(), static_cast<int>(grey.size()), 0), 1) << width << "x" << height;
+    return {encoder.output.get(), encoder.output.get() + encoder.outputSize};
 }
 
 namespace {

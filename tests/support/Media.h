@@ -15,6 +15,9 @@ Bytes readFile(const std::string& path);
 // The access units of an Annex-B vector in tests/data, each starting with 00 00 00 01.
 std::vector<Bytes> accessUnits(const std::string& name);
 
+// An access unit of one grey picture of any size that OpenH264 takes.
+Bytes keyPicture(uint32_t width, uint32_t height);
+
 struct Picture {
     int width;
     int height;

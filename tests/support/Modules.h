@@ -12,3 +12,8 @@ inline ModuleRecord& moduleRecordOf(const std::string& name) {
     void* library = dlopen(modulePath(name).c_str(), RTLD_LAZY);
     return *reinterpret_cast<ModuleRecord* (*)()>(dlsym(library, "moduleRecord"))();
 }
+
+inline bool isMapped(const std::string& library) {
+    void* handle = dlopen(library.c_str(), RTLD_LAZY | RTLD_NOLOAD);
+    return handle && dlclose(handle) == 0;
+}

@@ -4,7 +4,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
+#include <cstdlib>
 #include <iostream>
 
 namespace {
@@ -39,6 +41,15 @@ std::string printedBy(const std::function<void()>& action, int descriptor) {
     // What GoogleTest says of a failure inside the action was caught with the rest.
     if (!hadFailed && testing::Test::HasFailure()) std::fputs(text.c_str(), stderr);
     return text;
+}
+
+std::string repeated(const std::string& text, int times) {
+    return times > 0 ? text + repeated(text, times - 1) : "";
+}
+
+int effort() {
+    const char* factor = std::getenv("KELVANE_EFFORT");
+    return factor ? std::max(1, std::atoi(factor)) : 1;
 }
 
 CommandResult run(const std::string& command) {

@@ -2,34 +2,13 @@
 
 #include "bridge/Owners.h"
 
-extern "C" {
-#include <libavformat/avformat.h>
-}
-
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cmath>
 #include <cstring>
-#include <stdexcept>
 
-SoundStream soundStream(const std::string& name) {
-    AVFormatContext* file = nullptr;
-    if (avformat_open_input(&file, (TEST_DATA "/" + name).c_str(), nullptr, nullptr) != 0)
-        throw std::runtime_error("cannot open " + name);
-    SoundStream stream;
-    const AVCodecParameters& codec = *file->streams[0]->codecpar;
-    stream.config.assign(codec.extradata, codec.extradata + codec.extradata_size);
-    AVPacket packet;
-    while (av_read_frame(file, &packet) == 0) {
-        stream.packets.emplace_back(packet.data, packet.data + packet.size);
-        av_packet_unref(&packet);
-    }
-    avformat_close_input(&file);
-    return stream;
-}
-
-Samples referenceSound(AVCodecID codecId, const SoundStream& stream, int sampleRate, int channels) {
+Samples referenceSound(AVCodecID codecId, const Script& stream, int sampleRate, int channels) {
     const AVCodec* codec = avcodec_find_decoder(codecId);
     const CodecContextOwner context(avcodec_alloc_context3(codec));
     context->sample_rate = sampleRate;
@@ -41,7 +20,7 @@ Samples referenceSound(AVCodecID codecId, const SoundStream& stream, int sampleR
     EXPECT_EQ(avcodec_open2(context.get(), codec, nullptr), 0);
     const FrameOwner frame(av_frame_alloc());
     Samples samples;
-    for (const Bytes& bytes : stream.packets) {
+    for (const Bytes& bytes : stream.calls) {
         AVPacket packet;
         av_new_packet(&packet, static_cast<int>(bytes.size()));
         std::copy(bytes.begin(), bytes.end(), packet.data);
@@ -114,18 +93,18 @@ Bytes written(jbyteArray array, int size) {
     return bytes;
 }
 
-int comparedWithFFmpeg(AVCodecID codec, DecodeMethod method, jlong handle, const SoundStream& stream,
+int comparedWithFFmpeg(AVCodecID codec, DecodeMethod method, jlong handle, const Script& stream,
                        int sampleRate, int channels) {
     const Samples expected = referenceSound(codec, stream, sampleRate, channels);
-    const size_t blockSamples = expected.size() / stream.packets.size();
+    const size_t blockSamples = expected.size() / stream.calls.size();
     const int perChannel = static_cast<int>(blockSamples) / channels;
     const int result = codec == AV_CODEC_ID_AAC ? perChannel : 0;
     int difference = 0;
-    for (size_t i = 0; i + 1 < stream.packets.size(); ++i) {
+    for (size_t i = 0; i + 1 < stream.calls.size(); ++i) {
         const LocalFrame references;
-        Bytes input = stream.packets[i];
+        Bytes input = stream.calls[i];
         // What lies behind a packet, junk or another packet, is neither decoded nor taken for the next one.
-        const Bytes& other = stream.packets[0];
+        const Bytes& other = stream.calls[0];
         if (i % 5 == 3) input.insert(input.end(), other.begin(), other.end());
         for (size_t junk = i % 3 * 150; junk > 0; --junk)
             input.push_back(static_cast<uint8_t>(junk * junk * (i + 3)));
@@ -148,7 +127,7 @@ int comparedWithFFmpeg(AVCodecID codec, DecodeMethod method, jlong handle, const
         difference = std::max(difference, largestDifference(samplesOf(bytesOf(output)), block));
     }
     const LocalFrame references;
-    method(javaEnv(), nullptr, javaArray(stream.packets.back()), javaArray(4),
+    method(javaEnv(), nullptr, javaArray(stream.calls.back()), javaArray(4),
            javaArray(static_cast<int>(2 * blockSamples)), handle);
     EXPECT_EQ(takeException(), "java.lang.ArrayIndexOutOfBoundsException");
     return difference;

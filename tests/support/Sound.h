@@ -1,22 +1,14 @@
 #pragma once
 
+#include "fuzz/Subjects.h"
 #include "support/JavaMachine.h"
 #include "support/Output.h"
 
-
 using Samples = std::vector<int16_t>;
-
-struct SoundStream {
-    Bytes config; // what the decoder needs first: for AAC the AudioSpecificConfig
-    std::vector<Bytes> packets;
-};
-
-// The packets of a sound vector in tests/data.
-SoundStream soundStream(const std::string& name);
 
 // Decodes with FFmpeg's own calls to interleaved samples, as many for every packet. What is decoded to
 // floating point is rounded.
-Samples referenceSound(AVCodecID codec, const SoundStream& stream, int sampleRate, int channels);
+Samples referenceSound(AVCodecID codec, const Script& stream, int sampleRate, int channels);
 
 // Interleaved sound, different in the left and the right channel.
 Samples testSound(int channels, int sampleRate, int samples);
@@ -38,5 +30,5 @@ Bytes written(jbyteArray array, int size);
 // Has a native method, AACDecoder's or MPADecoder's, decode a vector from Java arrays, with wrong calls
 // before each packet and something behind some. The largest difference from FFmpeg's own samples.
 using DecodeMethod = jint (*)(JNIEnv*, jclass, jbyteArray, jbyteArray, jbyteArray, jlong);
-int comparedWithFFmpeg(AVCodecID codec, DecodeMethod decode, jlong handle, const SoundStream& stream,
+int comparedWithFFmpeg(AVCodecID codec, DecodeMethod decode, jlong handle, const Script& stream,
                        int sampleRate, int channels);

@@ -8,7 +8,6 @@ import com.kelvane.media.AacDecoder;
 import com.kelvane.media.AacEncoder;
 import com.kelvane.media.EncodedPicture;
 import com.kelvane.media.MediaException;
-import com.kelvane.media.Mp3Decoder;
 import com.kelvane.media.OpusDecoder;
 import com.kelvane.media.OpusEncoder;
 import com.kelvane.media.Pcm;
@@ -16,21 +15,37 @@ import com.kelvane.media.Picture;
 import com.kelvane.media.Pipeline;
 import com.kelvane.media.ProcessingModule;
 import com.kelvane.media.Rendition;
+import com.kelvane.media.Tarnwick;
 import com.kelvane.media.Transcoder;
 import com.kelvane.media.VideoDecoder;
 import com.kelvane.media.VideoEncoder;
+import com.kelvane.media.test.EngineKind;
+import com.kelvane.media.transform.codec.AACDecoder;
+import com.kelvane.media.transform.codec.AACEncoder;
+import com.kelvane.media.transform.codec.AVCDecoder;
+import com.kelvane.media.transform.codec.AVCEncoder;
+import com.kelvane.media.transform.codec.AVCProcessor;
 import com.kelvane.media.transform.codec.MIRVProcessor;
+import com.kelvane.media.transform.codec.MPADecoder;
+import com.kelvane.media.transform.codec.NOpusDecoder;
+import com.kelvane.media.transform.codec.NOpusEncoder;
+import com.kelvane.media.transform.codec.OpenH264Encoder;
 import java.lang.ref.WeakReference;
+import java.lang.reflect.Method;
+import java.lang.reflect.Modifier;
 import java.nio.ByteBuffer;
 import java.nio.file.Path;
 import java.util.ArrayList;
+import java.util.Arrays;
+import java.util.Comparator;
 import java.util.List;
+import java.util.Optional;
+import java.util.StringJoiner;
 import java.util.concurrent.CountDownLatch;
 import java.util.concurrent.atomic.AtomicInteger;
-import java.util.function.Supplier;
-import java.util.logging.Handler;
 import java.util.logging.LogRecord;
 import java.util.logging.Logger;
+import java.util.stream.Stream;
 import org.junit.jupiter.api.Test;
 import org.junit.jupiter.api.function.Executable;
 import org.junit.jupiter.params.ParameterizedTest;
@@ -38,38 +53,16 @@ import org.junit.jupiter.params.provider.MethodSource;
 
 /** What a caller can do wrong: each gets an exception with a message worth reading, and the process lives on. */
 final class MisuseTest {
+    private static final int PACKED = 176 * 144 * 3 / 2; // bytes of a picture of the plain stream
     private static final byte[] AAC_LC_STEREO = {0x12, 0x10};
     private static final byte[] UNIT = Vectors.units(Vectors.PLAIN).get(0);
-
-    /** An engine and a call that takes it some time. */
-    record Kind(String name, Supplier<AutoCloseable> open, Call call) {
-        interface Call {
-            void on(AutoCloseable engine);
-        }
-
-        @Override
-        public String toString() {
-            return name;
-        }
-    }
 
     private static Transcoder transcoder() {
         return Transcoder.builder().rendition(Rendition.of(64, 48).bitrate(100_000)).open();
     }
 
-    private static List<Kind> kinds() {
-        Picture picture = new Picture(640, 480, 0, new byte[Picture.size(640, 480)]);
-        return List.of(
-                new Kind("Transcoder", MisuseTest::transcoder, e -> ((Transcoder) e).write(UNIT, 0, p -> { })),
-                new Kind("VideoDecoder", VideoDecoder::open, e -> ((VideoDecoder) e).decode(UNIT, 0)),
-                new Kind("VideoEncoder", () -> VideoEncoder.builder().size(640, 480).bitrate(300_000).open(),
-                        e -> ((VideoEncoder) e).encode(picture)),
-                new Kind("Pipeline", () -> Pipeline.builder().open(), e -> ((Pipeline) e).write(UNIT, 0)),
-                new Kind("AacDecoder", () -> AacDecoder.open(AAC_LC_STEREO), e -> ((AacDecoder) e).decode(new byte[2000])),
-                new Kind("AacEncoder", () -> AacEncoder.builder().open(), e -> ((AacEncoder) e).encode(new byte[4096])),
-                new Kind("Mp3Decoder", Mp3Decoder::open, e -> ((Mp3Decoder) e).decode(new byte[2000])),
-                new Kind("OpusDecoder", () -> OpusDecoder.open(2), e -> ((OpusDecoder) e).conceal()),
-                new Kind("OpusEncoder", () -> OpusEncoder.builder().open(), e -> ((OpusEncoder) e).encode(new byte[3840])));
+    private static List<EngineKind> kinds() {
+        return EngineKind.all(UNIT);
     }
 
     private static String messageOf(Class<? extends Exception> type, Executable call) {
@@ -78,20 +71,20 @@ final class MisuseTest {
 
     @ParameterizedTest
     @MethodSource("kinds")
-    void refusesUseAfterCloseAndTakesAnotherClose(Kind kind) throws Exception {
-        AutoCloseable engine = kind.open.get();
-        kind.call.on(engine);
+    void refusesUseAfterCloseAndTakesAnotherClose(EngineKind kind) throws Exception {
+        AutoCloseable engine = kind.open().get();
+        kind.call().accept(engine);
         engine.close();
         engine.close();
-        String message = messageOf(IllegalStateException.class, () -> kind.call.on(engine));
-        assertTrue(message.endsWith(": this " + kind.name + " is closed"), message);
+        String message = messageOf(IllegalStateException.class, () -> kind.call().accept(engine));
+        assertTrue(message.endsWith(": this " + kind.name() + " is closed"), message);
     }
 
     /** Four threads that use and at last close one engine: each call is served or refused, and nothing else happens. */
     @ParameterizedTest
     @MethodSource("kinds")
-    void refusesUseFromSeveralThreadsAtOnce(Kind kind) throws Exception {
-        AutoCloseable engine = kind.open.get();
+    void refusesUseFromSeveralThreadsAtOnce(EngineKind kind) throws Exception {
+        AutoCloseable engine = kind.open().get();
         AtomicInteger served = new AtomicInteger();
         AtomicInteger refused = new AtomicInteger();
         List<Throwable> wrong = new ArrayList<>();
@@ -104,10 +97,10 @@ final class MisuseTest {
                     start.await();
                     for (int call = 0; call < 20_000 && refused.get() < 20; call++) {
                         try {
-                            kind.call.on(engine);
+                            kind.call().accept(engine);
                             served.incrementAndGet();
                         } catch (IllegalStateException inUse) {
-                            assertTrue(inUse.getMessage().contains(": this " + kind.name + " is in use by the thread \"user "),
+                            assertTrue(inUse.getMessage().contains(": this " + kind.name() + " is in use by the thread \"user "),
                                     inUse.getMessage());
                             refused.incrementAndGet();
                         }
@@ -156,29 +149,18 @@ final class MisuseTest {
     void refusesCallsFromItsOwnCallback() {
         try (Transcoder transcoder = transcoder(); VideoDecoder decoder = VideoDecoder.open();
                 Transcoder other = transcoder()) {
-            List<Executable> calls = List.of(transcoder::close, () -> transcoder.write(UNIT, 0, p -> { }),
-                    () -> transcoder.drain(p -> { }));
-            for (Executable call : calls) {
+            for (Runnable call : List.<Runnable>of(transcoder::close, () -> transcoder.write(UNIT, 0, p -> { }),
+                    () -> transcoder.drain(p -> { }))) {
                 String message = messageOf(IllegalStateException.class, () -> transcoder.write(UNIT, 0, picture -> {
                     other.write(UNIT, 0, p -> { }); // another's business
                     transcoder.statistics();
-                    call(call);
+                    call.run();
                 }));
                 assertTrue(message.contains("called from a callback of the same Transcoder"), message);
             }
             decoder.decode(UNIT, 0);
             Vectors.units(Vectors.REORDERED).forEach(unit -> decoder.decode(unit, 0));
             assertThrows(IllegalStateException.class, () -> decoder.drain(picture -> decoder.close()));
-        }
-    }
-
-    private static void call(Executable call) {
-        try {
-            call.execute();
-        } catch (RuntimeException refused) {
-            throw refused;
-        } catch (Throwable impossible) {
-            throw new AssertionError(impossible);
         }
     }
 
@@ -267,26 +249,14 @@ final class MisuseTest {
     @Test
     void freesAndTellsOfWhatNobodyClosed() throws InterruptedException {
         List<LogRecord> warnings = new ArrayList<>();
-        Handler handler = new Handler() {
-            @Override
-            public void publish(LogRecord warning) {
-                synchronized (warnings) {
-                    warnings.add(warning);
-                    warnings.notifyAll();
-                }
-            }
-
-            @Override
-            public void flush() {
-            }
-
-            @Override
-            public void close() {
-            }
-        };
         Logger logger = Logger.getLogger("com.kelvane.media");
-        logger.addHandler(handler);
-        logger.setUseParentHandlers(false);
+        logger.setFilter(warning -> {
+            synchronized (warnings) {
+                warnings.add(warning);
+                warnings.notifyAll();
+            }
+            return false;
+        });
         System.setProperty("kelvane.leak.trace", "true");
         try {
             WeakReference<VideoDecoder> forgotten = new WeakReference<>(openAndForget());
@@ -304,7 +274,7 @@ final class MisuseTest {
             }
         } finally {
             System.clearProperty("kelvane.leak.trace");
-            logger.removeHandler(handler);
+            logger.setFilter(null);
         }
     }
 
@@ -334,5 +304,87 @@ final class MisuseTest {
             assertEquals(1, MIRVProcessor.write(listener, 0, UNIT, transcoder));
             assertEquals(List.of(7, 7, 7), listener.called, "sequence parameter sets come first");
         }
+    }
+
+    /** Native methods of an engine, what they return to no argument at all, and what to open the engine with. */
+    record Bare(Class<?> type, byte[] input, String answers, Object... open) {
+        @Override
+        public String toString() {
+            return type.getSimpleName();
+        }
+
+        Object call(Method method, long handle, int left) throws ReflectiveOperationException {
+            Class<?>[] types = method.getParameterTypes();
+            Object[] arguments = new Object[types.length];
+            List<byte[]> arrays = new ArrayList<>();
+            for (int i = 0; i < types.length; i++) {
+                boolean last = i + 1 == types.length;
+                if (types[i] == byte[].class) {
+                    arrays.add(arrays.isEmpty() ? input.clone() : new byte[PACKED]);
+                }
+                arguments[i] = types[i] == int.class ? (Object) 0 : types[i] == boolean.class ? false
+                        : types[i] == long.class ? (Object) (last && i != left ? handle : 0L) : i == left ? null : types[i] == String.class ? "x" : types[i] == byte[].class
+                        ? arrays.get(arrays.size() - 1) : new Object();
+            }
+            Object answer = method.invoke(null, arguments);
+            for (int i = 0; left >= 0 && i < arrays.size(); i++) {
+                assertTrue(Arrays.equals(arrays.get(i), i == 0 ? input : new byte[PACKED]), method::getName);
+            }
+            return answer instanceof Long number && number > 0 ? "+" : answer;
+        }
+    }
+
+    private static List<Bare> bareEngines() {
+        byte[] sound = new byte[4096];
+        return List.of(
+                new Bare(Tarnwick.class, sound, "av_free null: null, av_malloc +:, avcodec_alloc_frame +:, avcodec_free_frame null: null, "
+                        + "avframe_set_data null: null, avframe_set_key_frame null:, avframe_set_linesize null:, "
+                        + "avpacket_set_data null: null, avpicture_fill -22:, sws_freeContext null: null, "
+                        + "sws_getCachedContext 0:, sws_scale -1: -1, sws_scale -1: -1 -1"),
+                new Bare(MIRVProcessor.class, UNIT, "apply 0: 0 0 0, decode 1: 0 0, drain 0: 0 0, encode 0: 0 0, "
+                        + "pictureTime 0: 0, requestKey 0: 0, start 1: 1, status 2: 2, write 1: 1 0 0", 1),
+                new Bare(AVCDecoder.class, UNIT, "decode 1: 0 0 0 0, decodeAt 1: 0 0 0 0, drain 0: 0 0 0, "
+                        + "pictureTime 0: 0, take 0: 0 0 0"),
+                new Bare(AVCEncoder.class, new byte[PACKED], "encode 0: 0 0 0, loadLibrary 1: 0", 176, 144, 25, 50, 300_000),
+                new Bare(AVCProcessor.class, UNIT, "apply -1: -1 -1 -1, attached 0: 0, brew 1: 0, drain 0: 0 0, loadLibrary 0: 0, "
+                        + "pictureTime 0: 0, problem null, read 0: 0 0 0, write 1: 0 0 0", 25, 300_000, 0, 0, 0, 0),
+                new Bare(OpenH264Encoder.class, new byte[PACKED], "encode 1: 0 0 0, status 0: 1", 176, 144, 25, 300_000, 0),
+                new Bare(AACDecoder.class, AAC_LC_STEREO, "decode 0: 0 0 0 0, open 0", AAC_LC_STEREO),
+                new Bare(AACEncoder.class, sound, "encode 0: 0 0 0 -1", 2, 48_000),
+                new Bare(MPADecoder.class, sound, "decode 0: 0 0 0 0"),
+                new Bare(NOpusDecoder.class, new byte[] {-4}, "decode 960: 0 0 -1", 2, 0),
+                new Bare(NOpusEncoder.class, sound, "encode 160: 0 0 -1", 2, 64_000, 20));
+    }
+
+    /** A call with everything; each reference left out in turn, and the handle, which changes no array. */
+    @ParameterizedTest
+    @MethodSource("bareEngines")
+    void nativesTakeNullsAndNoHandle(Bare bare) throws ReflectiveOperationException {
+        transcoder().close(); // loads the library
+        List<Method> methods = Stream.of(bare.type.getMethods()).filter(method -> Modifier.isNative(method.getModifiers())
+                && Modifier.isStatic(method.getModifiers())).sorted(Comparator.comparing(Method::getName)
+                .thenComparing(Method::getParameterCount)).toList();
+        Optional<Method> open = methods.stream().filter(method -> method.getName().equals("open")).findAny();
+        Object handle = open.isPresent() ? open.get().invoke(null, bare.open) : 0L;
+        StringJoiner answers = new StringJoiner(", ");
+        for (Method method : methods) {
+            StringBuilder answer = new StringBuilder(method.getName());
+            Class<?>[] types = method.getParameterTypes();
+            if (!List.of("open", "close", "problem").contains(method.getName())) {
+                answer.append(' ').append(bare.call(method, (long) handle, -1)).append(':');
+            }
+            for (int left = 0; left < types.length; left++) {
+                if (!types[left].isPrimitive() || types[left] == long.class && left + 1 == types.length) {
+                    answer.append(' ').append(bare.call(method, (long) handle, left));
+                }
+            }
+            if (answer.length() > method.getName().length() && !method.getName().equals("close")) {
+                answers.add(answer);
+            }
+        }
+        if (open.isPresent()) {
+            bare.type.getMethod("close", long.class).invoke(null, handle);
+        }
+        assertEquals(bare.answers, answers.toString());
     }
 }

@@ -1,18 +1,10 @@
 package com.kelvane.media.test;
 
-import com.kelvane.media.AacDecoder;
-import com.kelvane.media.AacEncoder;
 import com.kelvane.media.AccessUnit;
 import com.kelvane.media.EncodedPicture;
-import com.kelvane.media.Mp3Decoder;
-import com.kelvane.media.OpusDecoder;
-import com.kelvane.media.OpusEncoder;
-import com.kelvane.media.Picture;
-import com.kelvane.media.Pipeline;
 import com.kelvane.media.Rendition;
 import com.kelvane.media.Transcoder;
 import com.kelvane.media.VideoDecoder;
-import com.kelvane.media.VideoEncoder;
 import com.kelvane.media.transform.codec.AVCDecoder;
 import com.kelvane.media.transform.codec.MIRVProcessor;
 import java.io.ByteArrayOutputStream;
@@ -173,11 +165,8 @@ public final class Life {
             watched("pictures", pictures,
                     i -> transcoder.write(units.get(i % units.size()), i, picture -> picture.data()));
         }
-        byte[] sound = new byte[4096];
-        VideoDecoder decoder = VideoDecoder.open();
-        Picture picture = decoder.decode(units.get(0), 0).orElseThrow();
-        decoder.close();
-        watched("lives of every engine", lives, i -> life(picture, sound));
+        List<EngineKind> kinds = EngineKind.all(units.get(0));
+        watched("lives of every engine", lives, i -> kinds.forEach(Life::live));
         try (Transcoder transcoder = threeRungs()) {
             last = transcode(transcoder, units.size());
         }
@@ -185,35 +174,15 @@ public final class Life {
         tell("the last stream's %d bytes are the first's", last.length);
     }
 
-    private static void life(Picture picture, byte[] sound) {
-        try (VideoDecoder decoder = VideoDecoder.open()) {
-            units.subList(0, 2).forEach(unit -> decoder.decode(unit, 0));
-        }
-        try (Transcoder transcoder = threeRungs()) {
-            transcoder.write(units.get(0), 0, encoded -> encoded.data());
-        }
-        try (Pipeline pipeline = Pipeline.builder().open()) {
-            pipeline.write(units.get(0), 0);
-        }
-        try (VideoEncoder encoder = VideoEncoder.builder().size(picture.width(), picture.height())
-                .bitrate(300_000).open()) {
-            encoder.encode(picture);
-        }
-        try (AacEncoder encoder = AacEncoder.builder().open()) {
-            encoder.encode(Arrays.copyOf(sound, encoder.blockSize()));
-        }
-        try (AacDecoder decoder = AacDecoder.open(new byte[] {0x12, 0x10})) {
-            decoder.decode(new byte[] {0x21, 0x10, 0x04, 0x60, (byte) 0x8c, 0x1c});
-        }
-        try (Mp3Decoder decoder = Mp3Decoder.open()) {
-            decoder.decode(sound);
-        }
-        try (OpusEncoder encoder = OpusEncoder.builder().open(); OpusDecoder decoder = OpusDecoder.open(2)) {
-            decoder.decode(encoder.encode(Arrays.copyOf(sound, encoder.frameSize())));
+    private static void live(EngineKind kind) {
+        try (AutoCloseable engine = kind.open().get()) {
+            kind.call().accept(engine);
+        } catch (Exception wrong) {
+            throw new IllegalStateException(kind.name(), wrong);
         }
     }
 
-    // The slope of resident memory over the second half, as what it adds up to there; and the descriptors.
+    // What resident memory grows by over the second half, from the averages of its quarters; and the descriptors.
     private static void watched(String what, int count, IntConsumer action) throws IOException {
         int samples = 60;
         double[] resident = new double[samples];
@@ -228,18 +197,10 @@ public final class Life {
                 descriptors = descriptors();
             }
         }
-        double sumX = 0;
-        double sumY = 0;
-        double sumXy = 0;
-        double sumXx = 0;
-        int half = samples / 2;
-        for (int i = half; i < samples; i++) {
-            sumX += i;
-            sumY += resident[i];
-            sumXy += i * resident[i];
-            sumXx += (double) i * i;
-        }
-        double growth = (half * sumXy - sumX * sumY) / (half * sumXx - sumX * sumX) * half;
+        double[] later = Arrays.copyOfRange(resident, samples / 2, samples);
+        int quarter = later.length / 2;
+        double growth = 2 * (Arrays.stream(later).skip(quarter).average().orElseThrow()
+                - Arrays.stream(later).limit(quarter).average().orElseThrow());
         tell("%d %s in %.1f s: %.0f MB resident, %+.2f MB over the second half; %d descriptors, %d in the middle",
                 count, what, (System.nanoTime() - begin) / 1e9, resident[samples - 1], growth, descriptors(), descriptors);
         // In a short run the virtual machine itself is still growing.

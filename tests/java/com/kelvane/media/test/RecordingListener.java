@@ -4,9 +4,10 @@ import java.nio.ByteBuffer;
 import java.util.ArrayList;
 import java.util.List;
 
-/** Keeps what the transcoder calls it with; throws at the call with a given number when told so. */
+/** Keeps what the transcoder calls it with; throws from the call with a given number on when told so,
+ * another exception the first time. */
 public class RecordingListener {
-    public int throwAtCall = -1;
+    public int throwFrom = -1;
     private final List<byte[]> records = new ArrayList<>();
     private int calls;
 
@@ -17,8 +18,9 @@ public class RecordingListener {
             record.put(data);
         }
         records.add(record.array());
-        if (calls++ == throwAtCall) {
-            throw new IllegalStateException("call " + throwAtCall);
+        int call = calls++;
+        if (throwFrom >= 0 && call >= throwFrom) {
+            throw call == throwFrom ? new IllegalStateException() : new UnsupportedOperationException();
         }
     }
 
