@@ -27,6 +27,8 @@ public final class PacketPipe implements Closeable {
 
     // stream, decoding time, presentation time, duration, size, checksum, flags unless it is a key frame
     private static final Pattern PACKET = Pattern.compile("0,( *-?\\d+, *){4}0x.*");
+    // Matroska has no decoding times, and FFmpeg guesses them: what it says of its own guesses is no damage.
+    private static final Pattern GUESS = Pattern.compile(".*pts \\(-?\\d+\\) < dts \\(-?\\d+\\) in stream \\d+");
     private static final String TIME_BASE = "#tb 0: ";
     private static final String END = "";
     private static final int SIGNALLED = 128; // exit codes above: what was read until then is not all there is
@@ -91,7 +93,7 @@ public final class PacketPipe implements Closeable {
             lines.add(END);
         } else if (line.startsWith(TIME_BASE) || PACKET.matcher(line).matches()) {
             lines.add(line);
-        } else if (!line.startsWith("#")) {
+        } else if (!line.startsWith("#") && !GUESS.matcher(line).matches()) {
             error.accept(line);
         }
     }

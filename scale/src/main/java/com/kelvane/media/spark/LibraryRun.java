@@ -189,6 +189,7 @@ final class LibraryRun {
         }
         if (folder.missing().isEmpty()) {
             join(folder);
+            outputs.remove(plan.source().folder()); // of a library there may be many
         }
     }
 
