@@ -1,11 +1,15 @@
 package com.kelvane.media.tool.live;
 
+import java.io.IOException;
+import java.nio.file.Files;
+import java.nio.file.Path;
 import java.util.Set;
 import java.util.concurrent.ConcurrentHashMap;
 import java.util.concurrent.Executor;
 import java.util.concurrent.LinkedBlockingQueue;
 import java.util.concurrent.ThreadPoolExecutor;
 import java.util.concurrent.TimeUnit;
+import java.util.function.Consumer;
 
 /**
  * Threads that answer clients, of the lowest priority: a few, so that any number of clients leaves the processors to the
@@ -13,6 +17,7 @@ import java.util.concurrent.TimeUnit;
  * no time but the others'.
  */
 final class ClientThreads implements Executor, AutoCloseable {
+    private static final String LOWEST = "19";      // as nice has it
     private static final int USUAL = 3;
     private static final int MOST = 2048;
     private static final int STACK = 1 << 17;       // bytes
@@ -47,15 +52,38 @@ final class ClientThreads implements Executor, AutoCloseable {
         }
     }
 
-    ClientThreads() {
+    /** @param serve begins to give work; its threads, and those that they start, have the lowest priority, too */
+    ClientThreads(Consumer<? super ClientThreads> serve) {
         threads.allowCoreThreadTimeOut(true);
-        watch.start();
+        Thread first = thread(() -> {
+            lowerPriority();
+            watch.start();
+            serve.accept(this);
+        }, "http start");
+        first.start();
+        try {
+            first.join();
+        } catch (InterruptedException interrupted) {
+            Thread.currentThread().interrupt();
+        }
+    }
+
+    /** Lowers that of this thread, which those that it starts inherit; Java's own priorities do nothing on Linux. */
+    private static void lowerPriority() {
+        try {
+            Path thread = Files.readSymbolicLink(Path.of("/proc/thread-self")).getFileName();
+            new ProcessBuilder("/usr/bin/renice", "-n", LOWEST, "-p", thread.toString()).redirectErrorStream(true)
+                    .redirectOutput(ProcessBuilder.Redirect.DISCARD).start().waitFor();
+        } catch (IOException notThere) {
+            // Then all have the same.
+        } catch (InterruptedException interrupted) {
+            Thread.currentThread().interrupt();
+        }
     }
 
     private static Thread thread(Runnable work, String name) {
         Thread thread = new Thread(null, work, name, STACK);
         thread.setDaemon(true);
-        thread.setPriority(Thread.MIN_PRIORITY);
         return thread;
     }
 

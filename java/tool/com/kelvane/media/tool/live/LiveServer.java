@@ -28,7 +28,7 @@ final class LiveServer implements AutoCloseable {
     private static final int CHUNK = 1 << 14;         // bytes
 
     private final HttpServer server;
-    private final ClientThreads threads = new ClientThreads();
+    private final ClientThreads threads;
     private final LiveFolder folder;
     private final LiveFigures figures;
     private final Supplier<byte[]> json;
@@ -48,9 +48,11 @@ final class LiveServer implements AutoCloseable {
             throw new Failure("cannot serve at %s:%d (%s); name another port with --http", address.getHostString(),
                     address.getPort(), Failure.reason(refused));
         }
-        server.setExecutor(threads);
         server.createContext("/", this::answer);
-        server.start();
+        threads = new ClientThreads(executor -> {
+            server.setExecutor(executor);
+            server.start();
+        });
     }
 
     InetSocketAddress address() {
