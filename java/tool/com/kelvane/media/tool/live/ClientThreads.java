@@ -12,12 +12,13 @@ import java.util.concurrent.TimeUnit;
 import java.util.function.Consumer;
 
 /**
- * Threads that answer clients, of the lowest priority: a few, so that any number of clients leaves the processors to the
+ * Threads that answer clients, of low priority: a few, so that any number of clients leaves the processors to the
  * encoders; and one more, or two, for each that is held up by a client that sends or reads slowly, or not at all, which takes
  * no time but the others'.
  */
 final class ClientThreads implements Executor, AutoCloseable {
-    private static final String LOWEST = "19";      // as nice has it
+    private static final int LOWER = 10;            // by which their niceness is above the others'
+    private static final int NICE = 16;             // its place in what the system tells of a thread
     private static final int USUAL = 3;
     private static final int MOST = 2048;
     private static final int STACK = 1 << 17;       // bytes
@@ -52,7 +53,7 @@ final class ClientThreads implements Executor, AutoCloseable {
         }
     }
 
-    /** @param serve begins to give work; its threads, and those that they start, have the lowest priority, too */
+    /** @param serve begins to give work; its threads, and those that they start, have the lower priority, too */
     ClientThreads(Consumer<? super ClientThreads> serve) {
         threads.allowCoreThreadTimeOut(true);
         Thread first = thread(() -> {
@@ -71,10 +72,12 @@ final class ClientThreads implements Executor, AutoCloseable {
     /** Lowers that of this thread, which those that it starts inherit; Java's own priorities do nothing on Linux. */
     private static void lowerPriority() {
         try {
-            Path thread = Files.readSymbolicLink(Path.of("/proc/thread-self")).getFileName();
-            new ProcessBuilder("/usr/bin/renice", "-n", LOWEST, "-p", thread.toString()).redirectErrorStream(true)
-                    .redirectOutput(ProcessBuilder.Redirect.DISCARD).start().waitFor();
-        } catch (IOException notThere) {
+            Path thread = Files.readSymbolicLink(Path.of("/proc/thread-self"));
+            String state = Files.readString(Path.of("/proc").resolve(thread).resolve("stat"));
+            int nice = Integer.parseInt(state.substring(state.lastIndexOf(')') + 2).split(" ")[NICE]) + LOWER;
+            new ProcessBuilder("/usr/bin/renice", "-n", Integer.toString(nice), "-p", thread.getFileName().toString())
+                    .redirectErrorStream(true).redirectOutput(ProcessBuilder.Redirect.DISCARD).start().waitFor();
+        } catch (IOException | NumberFormatException notThere) {
             // Then all have the same.
         } catch (InterruptedException interrupted) {
             Thread.currentThread().interrupt();

@@ -22,7 +22,7 @@ final class LiveServer implements AutoCloseable {
     static final String FIGURES = "live.json";
 
     private static final int BACKLOG = 1024;          // connections that wait to be accepted
-    private static final int LONGEST_REQUEST = 10;    // seconds that a request may take to come
+    private static final int LONGEST_REQUEST = 20;    // seconds that a request may take to come
     private static final int LONGEST_RESPONSE = 30;   // seconds that it may take to be answered
     private static final int MOST_IDLE = 2000;        // connections that are kept for another request
     private static final int CHUNK = 1 << 14;         // bytes
