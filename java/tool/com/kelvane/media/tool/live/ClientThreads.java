@@ -1,18 +1,24 @@
 package com.kelvane.media.tool.live;
 
+import java.io.IOException;
+import java.nio.file.Files;
+import java.nio.file.Path;
 import java.util.Set;
 import java.util.concurrent.ConcurrentHashMap;
 import java.util.concurrent.Executor;
 import java.util.concurrent.LinkedBlockingQueue;
 import java.util.concurrent.ThreadPoolExecutor;
 import java.util.concurrent.TimeUnit;
+import java.util.function.Consumer;
 
 /**
- * Threads that answer clients, of the lowest priority: a few, so that any number of clients leaves the processors to the
+ * Threads that answer clients, of low priority: a few, so that any number of clients leaves the processors to the
  * encoders; and one more, or two, for each that is held up by a client that sends or reads slowly, or not at all, which takes
  * no time but the others'.
  */
 final class ClientThreads implements Executor, AutoCloseable {
+    private static final int LOWER = 10;            // by which their niceness is above the others'
+    private static final int NICE = 16;             // its place in what the system tells of a thread
     private static final int USUAL = 3;
     private static final int MOST = 2048;
     private static final int STACK = 1 << 17;       // bytes
@@ -47,15 +53,40 @@ final class ClientThreads implements Executor, AutoCloseable {
         }
     }
 
-    ClientThreads() {
+    /** @param serve begins to give work; its threads, and those that they start, have the lower priority, too */
+    ClientThreads(Consumer<? super ClientThreads> serve) {
         threads.allowCoreThreadTimeOut(true);
-        watch.start();
+        Thread first = thread(() -> {
+            lowerPriority();
+            watch.start();
+            serve.accept(this);
+        }, "http start");
+        first.start();
+        try {
+            first.join();
+        } catch (InterruptedException interrupted) {
+            Thread.currentThread().interrupt();
+        }
+    }
+
+    /** Lowers that of this thread, which those that it starts inherit; Java's own priorities do nothing on Linux. */
+    private static void lowerPriority() {
+        try {
+            Path thread = Files.readSymbolicLink(Path.of("/proc/thread-self"));
+            String state = Files.readString(Path.of("/proc").resolve(thread).resolve("stat"));
+            int nice = Integer.parseInt(state.substring(state.lastIndexOf(')') + 2).split(" ")[NICE]) + LOWER;
+            new ProcessBuilder("/usr/bin/renice", "-n", Integer.toString(nice), "-p", thread.getFileName().toString())
+                    .redirectErrorStream(true).redirectOutput(ProcessBuilder.Redirect.DISCARD).start().waitFor();
+        } catch (IOException | NumberFormatException notThere) {
+            // Then all have the same.
+        } catch (InterruptedException interrupted) {
+            Thread.currentThread().interrupt();
+        }
     }
 
     private static Thread thread(Runnable work, String name) {
         Thread thread = new Thread(null, work, name, STACK);
         thread.setDaemon(true);
-        thread.setPriority(Thread.MIN_PRIORITY);
         return thread;
     }
 

@@ -31,7 +31,7 @@ public final class LiveRun {
     private volatile boolean succeeded;
     private LiveSession session;
     private double nextLine;
-    private boolean silent;
+    private double silentFor; // seconds, 0 while there is input
     private RuntimeException problem;
 
     public LiveRun(LiveSettings settings, LiveInput input) {
@@ -112,7 +112,6 @@ public final class LiveRun {
             boolean waits = !input.hasMore();
             LiveInput.Item item = input.poll(POLL);
             if (item instanceof LivePacket packet) {
-                returned();
                 figures.arrived(packet.arrival());
                 session.add(packet, waits);
             } else if (item instanceof LiveInput.Opened opened) {
@@ -145,17 +144,19 @@ public final class LiveRun {
         figures.source(opened.video(), audio);
     }
 
-    private void returned() {
-        if (silent) {
-            silent = false;
-            figures.note("returned", "input again after %.1f s", figures.silence());
-        }
-    }
-
     private void tell() {
-        if (!silent && figures.silence() > SILENCE) {
-            silent = true;
-            figures.note("silent", "no input");
+        if (input.hasMore()) { // what waits has come, however old it is
+            figures.arrived(System.nanoTime());
+        }
+        double silence = figures.silence();
+        if (silence > SILENCE) {
+            if (silentFor == 0) {
+                figures.note("silent", "no input");
+            }
+            silentFor = silence;
+        } else if (silentFor > 0) {
+            figures.note("returned", "input again after %.1f s", silentFor);
+            silentFor = 0;
         }
         double now = figures.now();
         if (now < nextLine) {

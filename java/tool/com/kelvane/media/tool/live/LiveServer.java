@@ -22,13 +22,13 @@ final class LiveServer implements AutoCloseable {
     static final String FIGURES = "live.json";
 
     private static final int BACKLOG = 1024;          // connections that wait to be accepted
-    private static final int LONGEST_REQUEST = 10;    // seconds that a request may take to come
+    private static final int LONGEST_REQUEST = 20;    // seconds that a request may take to come
     private static final int LONGEST_RESPONSE = 30;   // seconds that it may take to be answered
     private static final int MOST_IDLE = 2000;        // connections that are kept for another request
     private static final int CHUNK = 1 << 14;         // bytes
 
     private final HttpServer server;
-    private final ClientThreads threads = new ClientThreads();
+    private final ClientThreads threads;
     private final LiveFolder folder;
     private final LiveFigures figures;
     private final Supplier<byte[]> json;
@@ -48,9 +48,11 @@ final class LiveServer implements AutoCloseable {
             throw new Failure("cannot serve at %s:%d (%s); name another port with --http", address.getHostString(),
                     address.getPort(), Failure.reason(refused));
         }
-        server.setExecutor(threads);
         server.createContext("/", this::answer);
-        server.start();
+        threads = new ClientThreads(executor -> {
+            server.setExecutor(executor);
+            server.start();
+        });
     }
 
     InetSocketAddress address() {
@@ -123,9 +125,9 @@ final class LiveServer implements AutoCloseable {
                 : name.endsWith(".json") ? "application/json" : "video/mp4";
     }
 
+    /** Answers no more; the process, whose end closes the connections, does not wait for the server's own threads. */
     @Override
     public void close() {
-        server.stop(0);
         threads.close();
     }
 }
