@@ -107,8 +107,8 @@ TEST_F(Loader, GoesWithTheLibraryUnlessSomethingLives) {
     fs::create_directories(elsewhere); // for files that nothing else has open
     fs::copy(home / COpenLoaderImpl::libraryPath, openH264);
     fs::copy(modulePath("every_other"), module);
-    static jlong encoder, pipeline;       // in reach of LeakSanitizer
-    for (const size_t live : {0, 1, 2}) { // nothing, an encoder, a module's processor
+    static jlong encoders[3], pipelines[3]; // in reach of LeakSanitizer
+    for (const size_t live : {0, 1, 2}) {   // nothing, an encoder, a module's processor
         void* natives = dlopen(NATIVE_LIBRARY, RTLD_NOW | RTLD_LOCAL);
         ASSERT_TRUE(natives) << dlerror();
         const auto native = [&]<class Function>(const char* name, Function*) {
@@ -121,6 +121,7 @@ TEST_F(Loader, GoesWithTheLibraryUnlessSomethingLives) {
             object.bytes.assign(text.c_str(), text.c_str() + text.size() + 1);
             return reinterpret_cast<jstring>(&object);
         };
+        jlong &encoder = encoders[live], &pipeline = pipelines[live];
         printedBy([&] {
             EXPECT_EQ(NATIVE(AVCEncoder_loadLibrary)(fakeJava(), nullptr, string(openH264)), 1);
             const jint guid = NATIVE(AVCProcessor_loadLibrary)(fakeJava(), nullptr, string(module));
