@@ -5,6 +5,10 @@
 #include "transcoder/MIRVProcessor.h"
 #include "video/I420.h"
 
+extern "C" {
+#include <libavutil/imgutils.h>
+}
+
 #include <algorithm>
 #include <cstring>
 #include <map>
@@ -292,7 +296,7 @@ TEST(EngineRendition, FollowsThePicturesSizeAndFreesWhatItMade) {
     printedBy([] {
         CoderOut output;
         output.bitrate = 100'000;
-        for (const auto& [width, height] : {std::pair(0, 0), {64, 48}, {64, 32}, {32, 32}, {64, 48}}) {
+        for (const auto& [width, height] : {std::pair(0, 0), {64, 48}, {64, 32}, {32, 32}, {64, 64}}) {
             AVPacket packet{};
             const FrameOwner picture(av_frame_alloc());
             picture->format = AV_PIX_FMT_YUV420P;
@@ -309,8 +313,6 @@ TEST(EngineRendition, FollowsThePicturesSizeAndFreesWhatItMade) {
             EXPECT_EQ(packet.size, output.coder->outputSize);
             EXPECT_EQ(std::memcmp(packet.data, output.coder->output.get(), static_cast<size_t>(packet.size)),
                       0);
-            const MallocBuffer scaled = packPicture(*output.frame);
-            EXPECT_EQ(Bytes(scaled.get(), scaled.get() + 64 * 48 * 3 / 2), Bytes(64 * 48 * 3 / 2, 60));
             picture->data[1] = picture->data[2] = nullptr; // as in a picture without colour
             EXPECT_EQ(output.write(picture.get(), &packet), 0);
         }
@@ -318,6 +320,61 @@ TEST(EngineRendition, FollowsThePicturesSizeAndFreesWhatItMade) {
         EXPECT_FALSE(output.coder || output.frame || output.scaler);
         output.close();
     });
+}
+
+// Whatever is left out of the way of a picture leaves no trace in the access units.
+TEST(EngineRendition, EncodesWhatScalingAndPackingGive) {
+    for (const char* stream :
+         {"bframes.h264", "odd.h264", "yuv422.h264", "fields.h264", "size_change.h264"}) {
+        for (const auto& [width, height] : {std::pair(0, 0), {96, 96}, {86, 50}, {85, 50}, {86, 51}}) {
+            printedBy([&] {
+                VideoDecoder decoder;
+                decoder.open();
+                CoderOut output;
+                output.width = width;
+                output.height = height;
+                output.bitrate = 200'000;
+                NativeOpenH264Encoder bare;
+                ImageFrameOwner scaled;
+                size_t compared = 0;
+                for (Bytes unit : accessUnits(stream)) {
+                    if (decoder.decode(reinterpret_cast<signed char*>(unit.data()),
+                                       static_cast<int>(unit.size()), 0) != 1)
+                        continue;
+                    const AVFrame& picture = *decoder.frame;
+                    const bool encoded = output.encode(decoder.frame.get());
+                    if (!bare.encoder) {
+                        bare.width = static_cast<uint32_t>(output.width);
+                        bare.height = static_cast<uint32_t>(output.height);
+                        bare.bitrate = output.bitrate;
+                        bare.fps = bare.keyInterval = bare.maxBitrate = 0; // as CoderOut has them
+                        bare.open();
+                        scaled.reset(av_frame_alloc());
+                        scaled->width = output.width;
+                        scaled->height = output.height;
+                        av_image_alloc(scaled->data, scaled->linesize, output.width, output.height,
+                                       AV_PIX_FMT_YUV420P, 32);
+                    }
+                    const ScalerOwner scaler(sws_getContext(picture.width, picture.height, AV_PIX_FMT_YUV420P,
+                                                            output.width, output.height, AV_PIX_FMT_YUV420P,
+                                                            0, nullptr, nullptr, nullptr));
+                    sws_scale(scaler.get(), picture.data, picture.linesize, 0, picture.height, scaled->data,
+                              scaled->linesize);
+                    const MallocBuffer packed = packPicture(*scaled);
+                    ASSERT_EQ(bare.encode(packed.get(), packedPictureSize(scaled->width, scaled->height),
+                                          static_cast<unsigned int>(scaled->pts)),
+                              encoded);
+                    ASSERT_EQ(output.coder->outputSize, bare.outputSize);
+                    ASSERT_EQ(std::memcmp(output.coder->output.get(), bare.output.get(),
+                                          static_cast<size_t>(bare.outputSize)),
+                              0);
+                    compared += encoded;
+                }
+                EXPECT_GT(compared, 2u) << stream << " " << width << "x" << height;
+                output.close();
+            });
+        }
+    }
 }
 
 // What MIRVProcessor.encode does without Java around it; ThreadSanitizer watches.

@@ -49,7 +49,13 @@ void CoderOut::makeScaler(const AVFrame& in) {
                        : nullptr);
 }
 
-int CoderOut::write(AVFrame* in, AVPacket* packet) {
+// Scaled to their own size, pictures would only be copied. (Those without chroma the scaler refuses.)
+bool CoderOut::needsNoScaling(const AVFrame& in) const {
+    return in.width == frame->width && in.height == frame->height && hasWholeChroma(in) && in.data[1] &&
+           in.data[2];
+}
+
+bool CoderOut::encode(AVFrame* in) {
     if (in->width != 0 && in->height != 0) {
         if (!scaler) {
             if (width == 0 || height == 0) {
@@ -64,53 +70,53 @@ int CoderOut::write(AVFrame* in, AVPacket* packet) {
             makeScaler(*in);
         }
     }
-    if (!coder) return 0;
+    if (!coder) return false;
     const bool debugging = coder->debug != 0;
     if (!scaler || coder->status != 0) {
         if (debugging) std::printf("fail2context %d \n", coder->status);
-        return 0;
+        return false;
     }
-    // A frame without planes, for which there was no memory, is never scaled into.
-    if (!frame->data[0] || sws_scale(scaler.get(), in->data, in->linesize, 0, in->height, frame->data,
-                                     frame->linesize) != frame->height) {
+    const AVFrame* picture = frame.get();
+    if (needsNoScaling(*in)) {
+        picture = in;
+    } else if (!frame->data[0] || sws_scale(scaler.get(), in->data, in->linesize, 0, in->height, frame->data,
+                                            frame->linesize) != frame->height) {
+        // (A frame without planes, for which there was no memory, is never scaled into.)
         if (debugging) std::puts("fail2sws_scale ");
-        return 0;
+        return false;
     }
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wdeprecated-declarations"
     frame->pts = in->pkt_pts / 1000;
 #pragma GCC diagnostic pop
-    MallocBuffer packed;
-    if (!isPacked(*frame) && !(packed = packPicture(*frame))) {
+    const auto time = static_cast<uint32_t>(frame->pts);
+    int encoded = 0;
+    if (hasWholeChroma(*picture)) {
+        encoded = coder->encode(picture->data, picture->linesize, time);
+    } else if (const MallocBuffer packed = packPicture(*picture)) {
+        encoded = coder->encode(packed.get(), packedPictureSize(picture->width, picture->height), time);
+    } else {
         if (debugging) std::puts("could not alloc frame buffer ");
-        return 0;
+        return false;
     }
-    const int encoded =
-        coder->encode(packed ? packed.get() : frame->data[0], packedPictureSize(frame->width, frame->height),
-                      static_cast<uint32_t>(frame->pts));
-    packed.reset();
-    if (encoded == 1 && coder->outputSize != 0) {
-        const auto size = static_cast<size_t>(coder->outputSize);
-        if (MallocBuffer copy = mallocBuffer(size)) {
-            std::memcpy(copy.get(), coder->output.get(), size);
-            packet->data = copy.release();
-            packet->size = coder->outputSize;
-            return 1;
-        }
-    }
-    packet->size = 0;
+    if (encoded == 1 && coder->outputSize != 0) return true;
     if (debugging) std::printf("fail2 code %d \n", encoded);
-    return 0;
+    return false;
 }
 
-bool CoderOut::encode(AVFrame* in) {
-    AVPacket packet;
-    av_init_packet(&packet);
-    packet.data = nullptr;
-    packet.size = 0;
-    const int encoded = write(in, &packet);
-    const MallocBuffer copy(packet.data);
-    return encoded == 1;
+int CoderOut::write(AVFrame* in, AVPacket* packet) {
+    packet->size = 0;
+    if (!encode(in)) return 0;
+    const auto size = static_cast<size_t>(coder->outputSize);
+    MallocBuffer copy = mallocBuffer(size);
+    if (!copy) {
+        if (coder->debug) std::puts("fail2 code 1 ");
+        return 0;
+    }
+    std::memcpy(copy.get(), coder->output.get(), size);
+    packet->data = copy.release();
+    packet->size = coder->outputSize;
+    return 1;
 }
 
 void CoderOut::close() {

@@ -24,21 +24,23 @@ public:
     int32_t minQp = 0;
     int32_t debug = 0;
     OwnedEngine<NativeOpenH264Encoder> coder;
-    ImageFrameOwner frame; // the scaled picture
+    ImageFrameOwner frame; // the scaled picture; pictures of its own size do not come here
     ScalerOwner scaler;
 
     void open();
 
-    // `in`: a decoded picture with its pkt_pts. Returns 1 when it gave an access unit, which then lies in the
-    // encoder's `output`, and a copy of it, for the caller to free(), in the empty `packet`; otherwise 0.
-    int write(AVFrame* in, AVPacket* packet);
-
-    // write() for those who read the encoder's `output`. Different renditions may encode one picture at the
-    // same time, on threads of their own.
+    // `in`: a decoded picture with its pkt_pts. Returns whether it gave an access unit, which then lies in
+    // the encoder's `output`. Different renditions may encode one picture at the same time, on threads of
+    // their own.
     bool encode(AVFrame* in);
+
+    // The same for those who keep the access unit: a copy of it, for the caller to free(), in the empty
+    // `packet`. Returns 1 or 0.
+    int write(AVFrame* in, AVPacket* packet);
 
     void close();
 
 private:
     void makeScaler(const AVFrame& in);
+    bool needsNoScaling(const AVFrame& in) const;
 };

@@ -89,14 +89,20 @@ int NativeOpenH264Encoder::encode(unsigned char* picture, int size, unsigned int
     outputSize = 0;
     // In 64 bits: the 32-bit size of an absurd picture wraps to a small one.
     if (size < 0 || static_cast<uint64_t>(size) < uint64_t{width} * height * 3 / 2) return 0;
+    uint8_t* const planes[] = {picture, picture + lumaSize, picture + lumaSize + lumaSize / 4};
+    const auto chromaStride = static_cast<int>(width >> 1);
+    const int strides[] = {static_cast<int>(width), chromaStride, chromaStride};
+    return encode(planes, strides, timestamp);
+}
 
+int NativeOpenH264Encoder::encode(uint8_t* const planes[3], const int strides[3], unsigned int timestamp) {
+    if (!encoder) return 0;
+    output.reset();
+    outputSize = 0;
     SSourcePicture source{};
     source.iColorFormat = videoFormatI420;
-    source.iStride[0] = static_cast<int>(width);
-    source.iStride[1] = source.iStride[2] = static_cast<int>(width >> 1);
-    source.pData[0] = picture;
-    source.pData[1] = picture + lumaSize;
-    source.pData[2] = picture + lumaSize + lumaSize / 4;
+    std::copy_n(planes, 3, source.pData);
+    std::copy_n(strides, 3, source.iStride);
     source.iPicWidth = static_cast<int>(width);
     source.iPicHeight = static_cast<int>(height);
     source.uiTimeStamp = timestamp;

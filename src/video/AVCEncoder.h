@@ -41,6 +41,9 @@ public:
     // an access unit, 0 when there is none (too short a picture, a skipped picture, an error).
     int encode(unsigned char* picture, int size, unsigned int timestamp);
 
+    // The same for planes that lie anywhere, `strides` bytes from row to row; they are only read.
+    int encode(uint8_t* const planes[3], const int strides[3], unsigned int timestamp);
+
     // Makes the next picture that is encoded a key frame, from which the GOP length is counted anew. Returns
     // 1 when the library takes the request.
     int requestKey();

@@ -32,13 +32,9 @@ void givePacked(const AVFrame& frame, const Receiver& give) {
     give(nullptr, left, uint8_t{0});
 }
 
-// Whether the frame's own memory, from its first plane on, is the packed picture.
-inline bool isPacked(const AVFrame& frame) {
-    const ptrdiff_t luma = ptrdiff_t{frame.width} * frame.height;
-    return frame.width % 2 == 0 && frame.height % 2 == 0 && frame.linesize[0] == frame.width &&
-           frame.linesize[1] == frame.width / 2 && frame.linesize[2] == frame.width / 2 &&
-           frame.data[1] - frame.data[0] == luma && frame.data[2] - frame.data[1] == luma / 4;
-}
+// Whether packing leaves no chroma out, and nothing open at the end: an encoder then makes the same of the
+// frame's planes as of the packed picture.
+inline bool hasWholeChroma(const AVFrame& frame) { return frame.width % 2 == 0 && frame.height % 2 == 0; }
 
 // Packs an 8-bit 4:2:0 frame into a new buffer of packedPictureSize bytes. A plane that the frame does not
 // have is packed as 128; bytes that no plane reaches are 0. Null when there is no memory.

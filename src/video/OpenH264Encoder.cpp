@@ -76,8 +76,17 @@ void VideoEncoder::open() {
         std::puts("AVC encoder could not allocate raw picture buffer");
         return;
     }
-    // The encoder reads the last chroma row and column of an odd size, which packed pictures do not have.
-    std::memset(frame->data[0], 128, static_cast<size_t>(size));
+    if (hasWholeChroma(*frame)) {
+        // Packed pictures of such a size are encoded where they are.
+        given.reset(av_frame_alloc());
+        if (!given) return;
+        given->format = frame->format;
+        given->width = frame->width;
+        given->height = frame->height;
+    } else {
+        // The encoder reads the last chroma row and column of an odd size, which packed pictures do not have.
+        std::memset(frame->data[0], 128, static_cast<size_t>(size));
+    }
     std::printf("AVC encoder Y: %d  U: %d V: %d \n", frame->linesize[0], frame->linesize[1],
                 frame->linesize[2]);
     status = 0;
@@ -90,10 +99,16 @@ int VideoEncoder::encode(signed char* data, int length, unsigned int timestamp) 
     av_init_packet(&packet);
     packet.data = nullptr;
     packet.size = 0;
-    unpackPicture(reinterpret_cast<const uint8_t*>(data), *frame);
-    frame->pts = int64_t{timestamp} * 1000;
+    auto* const packed = reinterpret_cast<uint8_t*>(data);
+    AVFrame* const picture = given ? given.get() : frame.get();
+    if (given)
+        av_image_fill_arrays(given->data, given->linesize, packed, context->pix_fmt, given->width,
+                             given->height, 1);
+    else
+        unpackPicture(packed, *frame);
+    picture->pts = int64_t{timestamp} * 1000;
     int got = 0;
-    const auto send = [&] { return avcodec_encode_video2(context.get(), &packet, frame.get(), &got); };
+    const auto send = [&] { return avcodec_encode_video2(context.get(), &packet, picture, &got); };
     if (withoutExceptions(send) < 0 || packet.size > length) {
         std::puts("AVC encoder failed to encode frame");
         got = 0;
@@ -109,6 +124,7 @@ int VideoEncoder::encode(signed char* data, int length, unsigned int timestamp) 
 
 void VideoEncoder::close() {
     frame.reset();
+    given.reset();
     context.reset();
     codec = nullptr;
 }

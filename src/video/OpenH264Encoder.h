@@ -12,6 +12,7 @@ public:
     const AVCodec* codec = nullptr; // null means that FFmpeg has no such encoder
     CodecContextOwner context;
     ImageFrameOwner frame; // the raw picture
+    FrameOwner given;      // for even sizes: as `frame`, but its planes are those of the caller's picture
     AVPacket packet{};
     int32_t width = 0; // pixels
     int32_t height = 0;
