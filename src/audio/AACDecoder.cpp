@@ -11,7 +11,6 @@ extern "C" {
 
 #include <algorithm>
 #include <cstdio>
-#include <cstring>
 #include <iterator>
 
 // The FFmpeg 4 functions and fields that are meant here are deprecated there.
@@ -23,7 +22,6 @@ constexpr uint32_t samplingFrequencies[] = {96000, 88200, 64000, 48000, 44100, 3
                                             22050, 16000, 12000, 11025, 8000,  7350};
 constexpr int bytesPerSample = 2;
 constexpr int samplesPerFrame = 1024; // per channel
-constexpr int longestFrame = 2048;    // samples per channel, with spectral band replication
 
 // A damaged unit may tell FFmpeg of band replication or of other channels, which it then holds on to for
 // ever.
@@ -67,8 +65,9 @@ void AudioDecoder::open() {
     frame = audioFrame(layout, AV_SAMPLE_FMT_FLTP, sampleRate);
     converted = audioFrame(layout, AV_SAMPLE_FMT_S16, sampleRate);
     if (!frame || !converted) return;
-    converted->nb_samples = longestFrame;
-    if (av_frame_get_buffer(converted.get(), 0) < 0) converted.reset();
+    // The resampler writes to `output` itself.
+    converted->data[0] = output;
+    converted->linesize[0] = sizeof output;
     openContext();
     if (!context) return;
     if (context->codec) {
@@ -104,7 +103,7 @@ int AudioDecoder::decode(unsigned char* data, int size) {
     // FFmpeg reads through null in a context that failed to open.
     if (!resampler || !converted || !context || !avcodec_is_open(context.get())) return 0;
     bool got = false;
-    status = static_cast<int8_t>(decodeFirstFrame(context.get(), frame.get(), &got, data, size));
+    status = static_cast<int8_t>(decodeFirstFrame(context.get(), frame.get(), &got, input, data, size));
     if (!got) return 0;
     const int samples = convert();
     if (outputSize == samplesPerFrame * channels * bytesPerSample)
@@ -117,17 +116,18 @@ int AudioDecoder::decode(unsigned char* data, int size) {
 // Returns the samples per channel in `output`, 0 for a frame that is not of the configured stream.
 int AudioDecoder::convert() {
     outputSize = 0;
-    // Always room for the longest frame: the resampler would keep what does not fit, more with every frame.
-    converted->nb_samples = longestFrame;
+    const int room = static_cast<int>(sizeof output) / ((channels < 2 ? 1 : 2) * bytesPerSample);
+    // The resampler would keep what does not fit, more with every frame.
+    if (frame->nb_samples > room) return 0;
+    converted->nb_samples = room;
     const int result = swr_convert_frame(resampler.get(), converted.get(), frame.get());
     status = static_cast<int8_t>(result);
     if (result != 0) return 0;
     const int samples = converted->nb_samples;
     const auto bytes = static_cast<size_t>(samples) * channels * bytesPerSample;
     // A stream may deliver two channels whatever larger number its configuration claims.
-    if (channels > 2 || bytes > sizeof output) return 0;
+    if (channels > 2) return 0;
     outputSize = static_cast<uint16_t>(bytes);
-    std::memcpy(output, converted->data[0], bytes);
     return samples;
 }
 
@@ -136,6 +136,7 @@ void AudioDecoder::close() {
     converted.reset();
     resampler.reset();
     context.reset();
+    input.reset();
 }
 
 JNIEXPORT jlong JNICALL Java_com_kelvane_media_transform_codec_AACDecoder_open(JNIEnv* env, jclass,
@@ -174,7 +175,7 @@ JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_AACDecoder_decode(
     if (!decoder || !input || !info || !output) return 0;
     JavaCall java(env);
     const jsize outputLength = env->GetArrayLength(output);
-    const ArrayCopy accessUnit = java.copyIn(input, AV_INPUT_BUFFER_PADDING_SIZE);
+    const ArrayCopy accessUnit = java.copyIn(input);
     if (!accessUnit) return 0;
     const int samples = decoder->decode(accessUnit.as<unsigned char>(), accessUnit.size);
     if (samples <= 0) return samples;
@@ -188,7 +189,7 @@ JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_AACDecoder_decode(
         std::printf("error, expected sample size did not match %d \n", decoder->outputSize);
         return 0;
     }
-    java.copyOut(output, decoder->output, decoder->outputSize);
+    java.copyWithin(output, decoder->output, decoder->outputSize);
     uint8_t about[5] = {1};
     putBigEndian(about + 1, 4, static_cast<uint32_t>(decoder->frame->nb_samples));
     java.copyOut(info, about, sizeof about);

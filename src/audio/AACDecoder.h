@@ -13,22 +13,22 @@ public:
     const AVCodec* codec = nullptr; // null means that no AAC decoder is available
     CodecContextOwner context;
     FrameOwner frame;     // as decoded
-    FrameOwner converted; // as 16-bit samples
+    FrameOwner converted; // as 16-bit samples, in `output`
     uint32_t channels = 1;
     uint32_t sampleRate = 16000; // Hz
     uint32_t profile = 0;        // audio object type, 2 for AAC-LC
     int8_t status = 0;           // low 8 bits of the last FFmpeg result; -1 without a decoder
     uint8_t config[32] = {};     // AudioSpecificConfig
     uint8_t configSize = 0;
-    uint8_t rateIndex = 8;     // sampling frequency index, 0 to 12
-    uint8_t output[4096] = {}; // PCM of the last access unit: 1024 samples in two channels at most
-    uint16_t outputSize = 0;   // bytes
+    uint8_t rateIndex = 8; // sampling frequency index, 0 to 12
+    alignas(
+        32) uint8_t output[4096] = {}; // PCM of the last access unit: 1024 samples in two channels at most
+    uint16_t outputSize = 0;           // bytes
 
     // A failure shows as `codec` null, or as a decoder that never produces samples.
     void open();
 
-    // `data` is followed by AV_INPUT_BUFFER_PADDING_SIZE zero bytes. Returns the samples per channel in
-    // `output`, 0 when there are none.
+    // Returns the samples per channel in `output`, 0 when there are none.
     int decode(unsigned char* data, int size);
 
     void close();
@@ -37,5 +37,6 @@ private:
     void openContext();
     int convert();
 
-    int misfits = 0; // frames in a row that are not of the configured stream
+    BufferOwner input; // the packet's memory
+    int misfits = 0;   // frames in a row that are not of the configured stream
 };

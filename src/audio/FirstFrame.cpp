@@ -1,5 +1,7 @@
 #include "audio/FirstFrame.h"
 
+#include <algorithm>
+#include <climits>
 #include <cstring>
 
 // The decoding call of FFmpeg 4 that is meant here is deprecated there.
@@ -11,21 +13,25 @@ namespace {
 // state over it, nor looks at what follows when that is zeros.
 constexpr uint8_t emptyUnit = 0xE0;
 
-void keepMemory(void*, uint8_t*) {}
+// Bytes. Units of more, which no encoder makes, do not leave a decoder with their memory for good.
+constexpr int ordinaryUnit = 8192;
 
 } // namespace
 
-int decodeFirstFrame(AVCodecContext* context, AVFrame* frame, bool* got, unsigned char* data, int size) {
+int decodeFirstFrame(AVCodecContext* context, AVFrame* frame, bool* got, BufferOwner& input,
+                     const unsigned char* data, int size) {
     *got = false;
-    // FFmpeg copies a packet without a buffer. Ours stays the caller's memory, so that what FFmpeg keeps of
-    // the packet can be changed here, and must not be kept longer than this call.
-    const BufferOwner buffer(
-        av_buffer_create(data, size + AV_INPUT_BUFFER_PADDING_SIZE, keepMemory, nullptr, 0));
-    if (!buffer) return AVERROR(ENOMEM);
+    if (size > INT_MAX - AV_INPUT_BUFFER_PADDING_SIZE) return AVERROR(EINVAL);
+    // FFmpeg copies a packet without a buffer. With one, what FFmpeg keeps of the packet can be changed here.
+    if (!input || size > ordinaryUnit)
+        input.reset(av_buffer_alloc(std::max(size, ordinaryUnit) + AV_INPUT_BUFFER_PADDING_SIZE));
+    if (!input) return AVERROR(ENOMEM);
+    std::memcpy(input->data, data, static_cast<size_t>(size));
+    std::memset(input->data + size, 0, AV_INPUT_BUFFER_PADDING_SIZE);
     AVPacket packet;
     av_init_packet(&packet);
-    packet.buf = buffer.get();
-    packet.data = data;
+    packet.buf = input.get();
+    packet.data = input->data;
     packet.size = size;
     int gotFrame = 0;
     const int result = avcodec_decode_audio4(context, frame, &gotFrame, &packet);
@@ -40,6 +46,7 @@ int decodeFirstFrame(AVCodecContext* context, AVFrame* frame, bool* got, unsigne
         avcodec_decode_audio4(context, dropped.get(), &gotFrame, &packet);
     }
     // Where that could not be done, what comes next loses what it refers to.
-    if (av_buffer_get_ref_count(buffer.get()) > 1) avcodec_flush_buffers(context);
+    if (av_buffer_get_ref_count(input.get()) > 1) avcodec_flush_buffers(context);
+    if (size > ordinaryUnit) input.reset();
     return result;
 }

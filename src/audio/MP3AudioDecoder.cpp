@@ -54,13 +54,8 @@ void MP3AudioDecoder::open() {
 int MP3AudioDecoder::decode(unsigned char* data, int length) {
     outputSize = 0;
     if (!context || !codec || !data || length <= 0) return 0;
-    const auto size = static_cast<size_t>(length);
-    const MallocBuffer padded = mallocBuffer(size + AV_INPUT_BUFFER_PADDING_SIZE);
-    if (!padded) return 0;
-    std::memcpy(padded.get(), data, size);
-    std::memset(padded.get() + size, 0, AV_INPUT_BUFFER_PADDING_SIZE);
     bool got = false;
-    decodeFirstFrame(context.get(), frame.get(), &got, padded.get(), length);
+    decodeFirstFrame(context.get(), frame.get(), &got, input, data, length);
     return got && takeFrame() ? frame->nb_samples : 0;
 }
 
@@ -93,6 +88,7 @@ bool MP3AudioDecoder::takeFrame() {
 void MP3AudioDecoder::close() {
     frame.reset();
     context.reset();
+    input.reset();
 }
 
 JNIEXPORT jlong JNICALL Java_com_kelvane_media_transform_codec_MPADecoder_open(JNIEnv*, jclass) {
@@ -119,7 +115,7 @@ JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_MPADecoder_decode(
         std::printf("error, expected sample size did not match %d \n", decoder->outputSize);
         return -decoder->outputSize;
     }
-    java.copyOut(output, decoder->output.get(), decoder->outputSize);
+    java.copyWithin(output, decoder->output.get(), decoder->outputSize);
     uint8_t about[5] = {1};
     putBigEndian(about + 1, 4, static_cast<uint32_t>(samples));
     java.copyOut(info, about, sizeof about);

@@ -30,4 +30,6 @@ public:
 
 private:
     bool takeFrame();
+
+    BufferOwner input; // the packet's memory
 };

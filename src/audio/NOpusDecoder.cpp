@@ -5,6 +5,7 @@
 #include "com_kelvane_media_transform_codec_NOpusDecoder.h"
 
 #include <cstdio>
+#include <cstring>
 
 namespace {
 
@@ -41,11 +42,12 @@ int NOpusDecoder::decode(unsigned char* data, int length) {
         if (!output) return 0;
         std::printf("malloc %d init\n", pcmBytes(channels, samples));
     }
-    const int step = channels == 1 ? codedChannels : 1;
-    uint8_t* out = output.get();
-    for (int i = 0; i < samples * codedChannels; i += step) {
-        *out++ = static_cast<uint8_t>(pcm[i]);
-        *out++ = static_cast<uint8_t>(pcm[i] >> 8);
+    auto* out = reinterpret_cast<int16_t*>(output.get());
+    if (channels == codedChannels) {
+        std::memcpy(out, pcm, static_cast<size_t>(pcmBytes(channels, samples)));
+    } else {
+        for (int i = 0; i < samples; ++i)
+            out[i] = pcm[codedChannels * i];
     }
     return samples;
 }
@@ -92,7 +94,7 @@ JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_NOpusDecoder_decod
         std::printf("error, expected sample size did not match %d\n", size);
         return -size;
     }
-    java.copyOut(output, engine->output.get(), size);
+    java.copyWithin(output, engine->output.get(), size);
     return samples;
 }
 

@@ -7,8 +7,7 @@
 
 #include <jni.h>
 
-// A native copy of a whole Java array, followed by `padding` zero bytes; empty when there is no memory for
-// it.
+// A native copy of a whole Java array; empty when there is no memory for it.
 struct ArrayCopy {
     MallocBuffer bytes;
     jsize size = 0;
@@ -28,11 +27,15 @@ public:
     JavaCall(const JavaCall&) = delete;
     JavaCall& operator=(const JavaCall&) = delete;
 
-    ArrayCopy copyIn(jbyteArray array, size_t padding = 0) const;
+    ArrayCopy copyIn(jbyteArray array) const;
 
     // An array that ends before `at + size` stays untouched, and Java sees an ArrayIndexOutOfBoundsException.
     void copyOut(jbyteArray array, const void* bytes, jsize size, jsize at = 0);
-    void fill(jbyteArray array, jsize at, uint8_t value, jsize size);
+
+    // Into an array that is known to reach to `at + size`: the question for an exception, which takes as long
+    // as a small copy, is left out.
+    void copyWithin(jbyteArray array, const void* bytes, jsize size, jsize at = 0) const;
+    void fillWithin(jbyteArray array, jsize at, uint8_t value, jsize size) const;
 
     // Puts a pending exception aside for the return to Java; the first one is kept. To be called after every
     // JNI function that may raise one.

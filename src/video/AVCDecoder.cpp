@@ -250,8 +250,8 @@ jint deliver(VideoDecoder& decoder, JavaCall& java, jbyteArray info, jbyteArray 
     jsize at = 0;
     // Row by row into the array: a packed copy in between would cost more than the calls do.
     givePacked(converted ? *converted : picture, [&](const uint8_t* bytes, int count, uint8_t filler) {
-        if (!bytes) return java.fill(output, std::exchange(at, at + count), filler, count);
-        java.copyOut(output, bytes, count, std::exchange(at, at + count));
+        if (!bytes) return java.fillWithin(output, std::exchange(at, at + count), filler, count);
+        java.copyWithin(output, bytes, count, std::exchange(at, at + count));
     });
 
     uint8_t about[6] = {1};

@@ -19,6 +19,7 @@ public final class AacDecoder implements AutoCloseable {
     private static final int SAMPLES = 1024;
 
     private final Engine engine;
+    private final SpareArray spare = new SpareArray();
     private final int channels;
     private final int sampleRate;
     private final byte[] info = new byte[5];
@@ -64,14 +65,27 @@ public final class AacDecoder implements AutoCloseable {
      * @throws IllegalStateException if this decoder is closed or in use
      */
     public Optional<Pcm> decode(byte[] accessUnit) {
-        byte[] pcm = new byte[SAMPLES * Pcm.BYTES_PER_SAMPLE * channels];
         long handle = engine.enter("decode");
         try {
-            return AACDecoder.decode(accessUnit, info, pcm, handle) == SAMPLES
-                    ? Optional.of(new Pcm(channels, sampleRate, pcm)) : Optional.empty();
+            byte[] pcm = spare.take(SAMPLES * Pcm.BYTES_PER_SAMPLE * channels);
+            if (AACDecoder.decode(accessUnit, info, pcm, handle) == SAMPLES) {
+                return Optional.of(new Pcm(channels, sampleRate, pcm));
+            }
+            spare.give(pcm);
+            return Optional.empty();
         } finally {
             engine.exit();
         }
+    }
+
+    /**
+     * Gives an array of samples back for a following one, which spares the garbage collector one a call. The caller must not
+     * use the sound any more. Any thread may call this at any time.
+     *
+     * @param pcm sound that this decoder handed out
+     */
+    public void recycle(Pcm pcm) {
+        spare.give(pcm.bytes());
     }
 
     /** {@return 1 or 2} */

@@ -2,7 +2,6 @@ package com.kelvane.media;
 
 import com.kelvane.media.transform.codec.MPADecoder;
 import java.nio.ByteBuffer;
-import java.util.Arrays;
 import java.util.Optional;
 
 /**
@@ -22,6 +21,7 @@ public final class Mp3Decoder implements AutoCloseable {
     private static final int[] MPEG_1_RATES = {44_100, 48_000, 32_000};
 
     private final Engine engine;
+    private final SpareArray spare = new SpareArray();
     private final byte[] info = new byte[5];
     private final byte[] output = new byte[LONGEST_FRAME];
 
@@ -57,10 +57,20 @@ public final class Mp3Decoder implements AutoCloseable {
             int channels = (frame[3] >> 6 & 3) == MONO ? 1 : 2;
             int size = ByteBuffer.wrap(info).getInt(1) * channels * Pcm.BYTES_PER_SAMPLE;
             return size > LONGEST_FRAME ? Optional.empty()
-                    : Optional.of(new Pcm(channels, sampleRate(frame), Arrays.copyOf(output, size)));
+                    : Optional.of(new Pcm(channels, sampleRate(frame), spare.copyOf(output, size)));
         } finally {
             engine.exit();
         }
+    }
+
+    /**
+     * Gives an array of samples back for a following one, which spares the garbage collector one a call. The caller must not
+     * use the sound any more. Any thread may call this at any time.
+     *
+     * @param pcm sound that this decoder handed out
+     */
+    public void recycle(Pcm pcm) {
+        spare.give(pcm.bytes());
     }
 
     // MPEG-2 and MPEG-2.5 halve the rates of MPEG-1.

@@ -4,7 +4,6 @@ import com.kelvane.media.transform.codec.AVCDecoder;
 import java.nio.ByteBuffer;
 import java.util.Objects;
 import java.util.Optional;
-import java.util.concurrent.atomic.AtomicReference;
 import java.util.function.Consumer;
 
 /**
@@ -25,11 +24,9 @@ import java.util.function.Consumer;
  * <p>One thread may use a decoder at a time: anything else is refused with an {@link IllegalStateException}.
  */
 public final class VideoDecoder implements AutoCloseable {
-    private static final byte[] EMPTY = {};
-
     private final Engine engine;
     private final byte[] info = new byte[6];
-    private final AtomicReference<byte[]> spare = new AtomicReference<>(EMPTY);
+    private final SpareArray spare = new SpareArray();
     private int size; // bytes of the last picture
     private long lastTime;
 
@@ -61,7 +58,7 @@ public final class VideoDecoder implements AutoCloseable {
         long handle = engine.enter("decode");
         try {
             lastTime = time;
-            byte[] output = output();
+            byte[] output = spare.take(size);
             return Optional.ofNullable(picture(AVCDecoder.decodeAt(time, unit, info, output, handle), output, handle));
         } finally {
             engine.exit();
@@ -83,7 +80,7 @@ public final class VideoDecoder implements AutoCloseable {
             Failures failures = new Failures();
             int drained = 0;
             while (true) {
-                byte[] output = output();
+                byte[] output = spare.take(size);
                 Picture picture = picture(AVCDecoder.drain(info, output, handle), output, handle);
                 if (picture == null) {
                     failures.rethrow();
@@ -104,12 +101,7 @@ public final class VideoDecoder implements AutoCloseable {
      * @param picture one that this decoder handed out
      */
     public void recycle(Picture picture) {
-        spare.set(picture.i420());
-    }
-
-    private byte[] output() {
-        byte[] recycled = spare.getAndSet(EMPTY);
-        return recycled.length == size ? recycled : new byte[size];
+        spare.give(picture.i420());
     }
 
     // Null when there is none; `output` then serves the next call.
@@ -122,7 +114,7 @@ public final class VideoDecoder implements AutoCloseable {
             outcome = AVCDecoder.take(info, i420, handle);
         }
         if (outcome != 1) {
-            spare.compareAndSet(EMPTY, i420);
+            spare.give(i420);
             return null;
         }
         ByteBuffer about = ByteBuffer.wrap(info);
