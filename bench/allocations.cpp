@@ -1,7 +1,9 @@
-// Preloaded, it counts a process's allocations in the file that KELVANE_ALLOCATIONS names: their number, then
-// their bytes, 8 bytes each in the machine's order. Frees are not counted.
+// Preloaded, it counts a process's allocations in the file that KELVANE_ALLOCATIONS names: their number,
+// their bytes, the bytes that are not freed, and the most of those that there were; 8 bytes each in the
+// machine's order.
 
 #include <fcntl.h>
+#include <malloc.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -15,12 +17,13 @@ void* __libc_malloc(size_t);
 void* __libc_calloc(size_t, size_t);
 void* __libc_realloc(void*, size_t);
 void* __libc_memalign(size_t, size_t);
+void __libc_free(void*);
 }
 
 namespace {
 
 struct Counts {
-    std::atomic<uint64_t> number, bytes;
+    std::atomic<uint64_t> number, bytes, live, most;
 };
 Counts uncounted;
 Counts* counts = &uncounted;
@@ -37,15 +40,29 @@ __attribute__((constructor)) void openFile() {
 void* counted(void* memory, size_t size) {
     counts->number.fetch_add(1, std::memory_order_relaxed);
     counts->bytes.fetch_add(size, std::memory_order_relaxed);
+    const uint64_t usable = malloc_usable_size(memory);
+    const uint64_t live = counts->live.fetch_add(usable, std::memory_order_relaxed) + usable;
+    // Threads may overwrite each other's maximum; those of a megabyte matter, and are few.
+    if (live > counts->most.load(std::memory_order_relaxed))
+        counts->most.store(live, std::memory_order_relaxed);
     return memory;
 }
+
+void freed(void* memory) { counts->live.fetch_sub(malloc_usable_size(memory), std::memory_order_relaxed); }
 
 } // namespace
 
 extern "C" {
 void* malloc(size_t size) { return counted(__libc_malloc(size), size); }
 void* calloc(size_t number, size_t size) { return counted(__libc_calloc(number, size), number * size); }
-void* realloc(void* memory, size_t size) { return counted(__libc_realloc(memory, size), size); }
+void free(void* memory) {
+    freed(memory);
+    __libc_free(memory);
+}
+void* realloc(void* memory, size_t size) {
+    freed(memory);
+    return counted(__libc_realloc(memory, size), size);
+}
 void* memalign(size_t alignment, size_t size) { return counted(__libc_memalign(alignment, size), size); }
 void* aligned_alloc(size_t alignment, size_t size) { return memalign(alignment, size); }
 int posix_memalign(void** memory, size_t alignment, size_t size) {

@@ -2,11 +2,16 @@
 // with nothing around them. It works on commands, a line each on standard input, and answers each with a
 // line:
 //
-//   KIND MEASURE PACKETS [ARGUMENT...]    a pass over a file of packets, each behind its size (big-endian, 4
-//   bytes) run PROGRAM ARGUMENT...               another program
+//   KIND MEASURE PACKETS [ARGUMENT...]     a pass over a file of packets, each behind its size (big-endian, 4
+//                                          bytes)
+//   loop COUNTER PACKETS [ARGUMENT...]     passes of a ladder for ever; each picture is counted in 8 bytes of
+//                                          a file, COUNTER is FILE:OFFSET
+//   run MILLISECONDS PROGRAM ARGUMENT...   another program
 //
-// MEASURE is "time", or "check" for a checksum of all that came out. The answer: nanoseconds of CPU,
-// nanoseconds by the clock, units that came out, their bytes, the checksum.
+// MEASURE is "check" for a checksum of all that came out, or the number of packets after which the pass
+// answers "more" and waits for an empty line, as others take their turns; 0 for none. Another program is
+// stopped and answered for alike, by time. The answer: nanoseconds of CPU, nanoseconds by the clock, units
+// that came out, their bytes, the checksum.
 
 #include "bridge/Owners.h"
 #include "video/I420.h"
@@ -17,12 +22,17 @@ extern "C" {
 #include <libavutil/imgutils.h>
 }
 
+#include <fcntl.h>
+#include <sys/mman.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 #include <zlib.h>
 
+#include <atomic>
+#include <csignal>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <fstream>
@@ -55,10 +65,32 @@ int64_t nanoseconds(clockid_t clock) {
     return int64_t{time.tv_sec} * 1'000'000'000 + time.tv_nsec;
 }
 
-// What came out of a pass.
+void awaitTurn() {
+    std::puts("more");
+    std::fflush(stdout);
+    std::string line;
+    if (!std::getline(std::cin, line)) std::exit(0);
+}
+
+// What a pass took and what came out of it.
 class Output {
 public:
-    explicit Output(bool checked) : checking(checked) {}
+    explicit Output(const std::string& measure)
+        : checking(measure == "check"), slice(std::atoi(measure.c_str())) {
+        go();
+    }
+    // To be called ahead of each packet.
+    void turn() {
+        if (picturesDone) picturesDone->store(picturesDone->load() + 1);
+        if (slice == 0 || packets++ % slice != 0 || packets == 1) return;
+        halt();
+        awaitTurn();
+        go();
+    }
+    void halt() {
+        cpu += nanoseconds(CLOCK_THREAD_CPUTIME_ID);
+        wall += nanoseconds(CLOCK_MONOTONIC);
+    }
     void add(const void* data, size_t size) {
         ++units;
         bytes += size;
@@ -66,9 +98,17 @@ public:
     }
     uint64_t units = 0, bytes = 0;
     uLong sum = 0;
+    int64_t cpu = 0, wall = 0;
+    std::atomic<uint64_t>* picturesDone = nullptr;
 
 private:
+    void go() {
+        cpu -= nanoseconds(CLOCK_THREAD_CPUTIME_ID);
+        wall -= nanoseconds(CLOCK_MONOTONIC);
+    }
+
     bool checking;
+    int slice, packets = 0;
 };
 
 Packets readPackets(const std::string& path) {
@@ -90,7 +130,7 @@ Packets readPackets(const std::string& path) {
 
 // Each picture of the stream, the last ones included.
 template <class Receiver>
-void decodePictures(const Packets& units, const Receiver& receive) {
+void decodePictures(const Packets& units, Output& output, const Receiver& receive) {
     const AVCodec* codec = avcodec_find_decoder(AV_CODEC_ID_H264);
     const CodecContextOwner context(avcodec_alloc_context3(codec));
     context->flags2 |= AV_CODEC_FLAG2_CHUNKS;
@@ -99,6 +139,7 @@ void decodePictures(const Packets& units, const Receiver& receive) {
     const FrameOwner picture(av_frame_alloc());
     int got = 0;
     for (size_t i = 0; i < units.size(); ++i) {
+        output.turn();
         AVPacket packet;
         if (av_new_packet(&packet, static_cast<int>(units[i].size())) < 0) fail("no memory");
         std::memcpy(packet.data, units[i].data(), units[i].size());
@@ -167,19 +208,23 @@ public:
           scaler(std::move(other.scaler)) {}
 
     void encode(const AVFrame& picture, Output& output) {
-        if (!scaler)
-            scaler.reset(sws_getContext(picture.width, picture.height, AV_PIX_FMT_YUV420P, width, height,
-                                        AV_PIX_FMT_YUV420P, 0, nullptr, nullptr, nullptr));
-        sws_scale(scaler.get(), picture.data, picture.linesize, 0, picture.height, frame->data,
-                  frame->linesize);
+        const AVFrame* scaled = &picture;
+        if (picture.width != width || picture.height != height) {
+            if (!scaler)
+                scaler.reset(sws_getContext(picture.width, picture.height, AV_PIX_FMT_YUV420P, width, height,
+                                            AV_PIX_FMT_YUV420P, 0, nullptr, nullptr, nullptr));
+            sws_scale(scaler.get(), picture.data, picture.linesize, 0, picture.height, frame->data,
+                      frame->linesize);
+            scaled = frame.get();
+        }
         SSourcePicture source{};
         source.iColorFormat = videoFormatI420;
         source.iPicWidth = width;
         source.iPicHeight = height;
         source.uiTimeStamp = picture.pkt_pts / 1000;
         for (int plane = 0; plane < 3; ++plane) {
-            source.pData[plane] = frame->data[plane];
-            source.iStride[plane] = frame->linesize[plane];
+            source.pData[plane] = scaled->data[plane];
+            source.iStride[plane] = scaled->linesize[plane];
         }
         SFrameBSInfo encoded{};
         if (encoder->EncodeFrame(&source, &encoded) != 0 || encoded.iFrameSizeInBytes <= 0) return;
@@ -208,7 +253,7 @@ void ladder(const Packets& units, std::istream& arguments, Output& output) {
             fail("what rendition is " + size);
         renditions.emplace_back(library, width, height, bitrate, fps);
     }
-    decodePictures(units, [&](const AVFrame& picture) {
+    decodePictures(units, output, [&](const AVFrame& picture) {
         for (Rendition& rendition : renditions)
             rendition.encode(picture, output);
     });
@@ -217,7 +262,7 @@ void ladder(const Packets& units, std::istream& arguments, Output& output) {
 // The picture in one piece, as Java gets it: decoding plus one copy.
 void decode(const Packets& units, std::istream&, Output& output) {
     Bytes packed;
-    decodePictures(units, [&](const AVFrame& picture) {
+    decodePictures(units, output, [&](const AVFrame& picture) {
         packed.resize(static_cast<size_t>(packedPictureSize(picture.width, picture.height)));
         av_image_copy_to_buffer(packed.data(), static_cast<int>(packed.size()), picture.data,
                                 picture.linesize, AV_PIX_FMT_YUV420P, picture.width, picture.height, 1);
@@ -232,7 +277,7 @@ void pipeline(const Packets& units, std::istream& arguments, Output& output) {
     const AVCodec* codec = avcodec_find_encoder_by_name("libopenh264");
     CodecContextOwner context;
     ImageFrameOwner frame;
-    decodePictures(units, [&](const AVFrame& picture) {
+    decodePictures(units, output, [&](const AVFrame& picture) {
         if (!context) {
             context.reset(avcodec_alloc_context3(codec));
             context->bit_rate = bitrate;
@@ -286,7 +331,8 @@ FrameOwner audioFrame(AVSampleFormat format, int samples) {
 
 // Each frame of sound. Packets are followed by room for FFmpeg to read on.
 template <class Receiver>
-void decodeSound(const AVCodec* codec, const Bytes& config, const Packets& packets, const Receiver& receive) {
+void decodeSound(const AVCodec* codec, const Bytes& config, const Packets& packets, Output& output,
+                 const Receiver& receive) {
     const CodecContextOwner context(avcodec_alloc_context3(codec));
     context->extradata = static_cast<uint8_t*>(av_mallocz(config.size() + AV_INPUT_BUFFER_PADDING_SIZE));
     context->extradata_size = static_cast<int>(config.size());
@@ -294,6 +340,7 @@ void decodeSound(const AVCodec* codec, const Bytes& config, const Packets& packe
     if (avcodec_open2(context.get(), codec, nullptr) < 0) fail("no decoder");
     const FrameOwner frame(av_frame_alloc());
     for (const Bytes& bytes : packets) {
+        output.turn();
         AVPacket packet;
         av_init_packet(&packet);
         packet.data = const_cast<uint8_t*>(bytes.data());
@@ -308,7 +355,7 @@ void decodeAac(const Packets& units, std::istream&, Output& output) {
     const ResamplerOwner converter = resampler(AV_SAMPLE_FMT_FLTP, AV_SAMPLE_FMT_S16);
     const FrameOwner converted = audioFrame(AV_SAMPLE_FMT_S16, 1024);
     const Bytes stereo48kHz{0x11, 0x90};
-    decodeSound(avcodec_find_decoder(AV_CODEC_ID_AAC), stereo48kHz, units, [&](const AVFrame& frame) {
+    decodeSound(avcodec_find_decoder(AV_CODEC_ID_AAC), stereo48kHz, units, output, [&](const AVFrame& frame) {
         converted->nb_samples = 1024;
         if (swr_convert_frame(converter.get(), converted.get(), &frame) == 0)
             output.add(converted->data[0], static_cast<size_t>(converted->nb_samples) * 4);
@@ -317,7 +364,7 @@ void decodeAac(const Packets& units, std::istream&, Output& output) {
 
 void decodeMp3(const Packets& frames, std::istream&, Output& output) {
     std::vector<int16_t> pcm(2 * 1152);
-    decodeSound(avcodec_find_decoder_by_name("mp3"), {}, frames, [&](const AVFrame& frame) {
+    decodeSound(avcodec_find_decoder_by_name("mp3"), {}, frames, output, [&](const AVFrame& frame) {
         const auto* left = reinterpret_cast<const int16_t*>(frame.data[0]);
         const auto* right = reinterpret_cast<const int16_t*>(frame.data[1]);
         for (size_t i = 0; i < static_cast<size_t>(frame.nb_samples); ++i) {
@@ -342,6 +389,7 @@ void encodeAac(const Packets& blocks, std::istream&, Output& output) {
     const ResamplerOwner converter = resampler(AV_SAMPLE_FMT_S16, AV_SAMPLE_FMT_FLTP);
     const FrameOwner frame = audioFrame(AV_SAMPLE_FMT_FLTP, 1024);
     for (const Bytes& block : blocks) {
+        output.turn();
         const uint8_t* pcm = block.data();
         swr_convert(converter.get(), frame->extended_data, 1024, &pcm, 1024);
         AVPacket packet{};
@@ -363,6 +411,7 @@ void encodeOpus(const Packets& frames, std::istream&, Output& output) {
     opus_encoder_ctl(encoder.get(), OPUS_SET_VBR(0));
     uint8_t packet[3828];
     for (const Bytes& frame : frames) {
+        output.turn();
         const int size = opus_encode(encoder.get(), reinterpret_cast<const opus_int16*>(frame.data()), 960,
                                      packet, sizeof packet);
         if (size > 0) output.add(packet, static_cast<size_t>(size));
@@ -373,6 +422,7 @@ void decodeOpus(const Packets& packets, std::istream&, Output& output) {
     const OpusDecoderOwner decoder(opus_decoder_create(sampleRate, 2, nullptr));
     std::vector<opus_int16> pcm(5760 * 2);
     for (const Bytes& packet : packets) {
+        output.turn();
         const int samples =
             opus_decode(decoder.get(), packet.data(), static_cast<int>(packet.size()), pcm.data(), 5760, 0);
         if (samples > 0) output.add(pcm.data(), static_cast<size_t>(samples) * 4);
@@ -387,7 +437,10 @@ const std::map<std::string, Pass> passes = {
 };
 
 // The CPU time of another program, with what it prints thrown away.
-int64_t run(std::istream& arguments) {
+Output run(std::istream& arguments) {
+    Output output("0");
+    int slice = 0; // milliseconds
+    arguments >> slice;
     std::vector<std::string> words(std::istream_iterator<std::string>(arguments), {});
     std::vector<char*> argv;
     for (std::string& word : words)
@@ -401,11 +454,37 @@ int64_t run(std::istream& arguments) {
     }
     int status = 0;
     rusage usage{};
-    if (wait4(child, &status, 0, &usage) != child || status != 0) fail(words.at(0) + " failed");
+    int64_t begun = nanoseconds(CLOCK_MONOTONIC);
+    while (wait4(child, &status, slice ? WNOHANG : 0, &usage) == 0) {
+        usleep(1000);
+        if (nanoseconds(CLOCK_MONOTONIC) - begun < int64_t{slice} * 1'000'000) continue;
+        kill(child, SIGSTOP);
+        awaitTurn();
+        kill(child, SIGCONT);
+        begun = nanoseconds(CLOCK_MONOTONIC);
+    }
+    if (status != 0) fail(words.at(0) + " failed");
     const auto spent = [](const timeval& time) {
         return (int64_t{time.tv_sec} * 1'000'000 + time.tv_usec) * 1000;
     };
-    return spent(usage.ru_utime) + spent(usage.ru_stime);
+    output.halt();
+    output.cpu = spent(usage.ru_utime) + spent(usage.ru_stime);
+    return output;
+}
+
+// Does not return.
+[[noreturn]] void loop(const std::string& counter, const Packets& units, const std::string& arguments) {
+    const size_t colon = counter.rfind(':');
+    const int file = open(counter.substr(0, colon).c_str(), O_RDWR);
+    void* memory = mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_SHARED, file, 0);
+    if (memory == MAP_FAILED) fail("no counters in " + counter);
+    Output output("0");
+    output.picturesDone = reinterpret_cast<std::atomic<uint64_t>*>(static_cast<char*>(memory) +
+                                                                   std::stoul(counter.substr(colon + 1)));
+    for (;;) {
+        std::istringstream words(arguments);
+        ladder(units, words, output);
+    }
 }
 
 } // namespace
@@ -417,23 +496,22 @@ int main() {
         std::istringstream words(line);
         std::string kind, measure, path;
         words >> kind;
+        Output output("0");
         if (kind == "run") {
-            const int64_t begun = nanoseconds(CLOCK_MONOTONIC), cpu = run(words);
-            std::printf("%ld %ld 0 0 0\n", static_cast<long>(cpu),
-                        static_cast<long>(nanoseconds(CLOCK_MONOTONIC) - begun));
+            output = run(words);
         } else {
             words >> measure >> path;
+            if (!files.contains(path)) files[path] = readPackets(path);
+            if (kind == "loop")
+                loop(measure, files[path], std::string(std::istreambuf_iterator<char>(words), {}));
             const auto pass = passes.find(kind);
             if (pass == passes.end()) fail("what is " + kind);
-            if (!files.contains(path)) files[path] = readPackets(path);
-            Output output(measure == "check");
-            const int64_t begun = nanoseconds(CLOCK_MONOTONIC), cpu = nanoseconds(CLOCK_THREAD_CPUTIME_ID);
+            output = Output(measure);
             pass->second(files[path], words, output);
-            std::printf("%ld %ld %lu %lu %lu\n",
-                        static_cast<long>(nanoseconds(CLOCK_THREAD_CPUTIME_ID) - cpu),
-                        static_cast<long>(nanoseconds(CLOCK_MONOTONIC) - begun), output.units, output.bytes,
-                        output.sum);
+            output.halt();
         }
+        std::printf("%ld %ld %lu %lu %lu\n", static_cast<long>(output.cpu), static_cast<long>(output.wall),
+                    output.units, output.bytes, output.sum);
         std::fflush(stdout);
     }
 }

@@ -45,6 +45,7 @@ public final class Benchmarks {
         parts.put("sound", benchmarks::sound);
         parts.put("guard", benchmarks::guard);
         parts.put("machine", benchmarks::fullMachine);
+        parts.put("memory", benchmarks::memory);
         parts.put("writes", benchmarks::writeTimes);
         parts.put("picture", benchmarks::perPicture);
         List<String> chosen = arguments[2].equals("all") ? List.copyOf(parts.keySet()) : List.of(arguments[2].split(","));
@@ -77,33 +78,38 @@ public final class Benchmarks {
                 + "takes for a stream of one picture is subtracted as its start.",
                 "floor, ms|natives, ms|API, ms|FFmpeg, ms", atMost("natives to floor", 1.01), atMost("API to floor", 1.01),
                 atMost("API to FFmpeg", 0.99));
-        try (Floor floor = new Floor(Map.of())) {
+        try (Floor floor = new Floor(Map.of()).bound(); Floor again = new Floor(Map.of()).bound();
+                Floor starter = new Floor(Map.of()).bound()) {
             for (Map.Entry<String, Packets> source : sources.entrySet()) {
                 int height = Integer.parseInt(source.getKey().replaceAll("p.*", ""));
                 int frameRate = Integer.parseInt(source.getKey().replaceAll(".*p", ""));
                 for (int count : new int[] {1, 3, 5}) {
                     Ladder ladder = Ladder.of(height, frameRate, count);
-                    ladder(table, floor, source.getKey(), source.getValue(), ladder);
+                    FFmpegProgram program = new FFmpegProgram(folder, starter, source.getKey(), ladder);
+                    program.check(source.getValue().list().size());
+                    List<byte[]> units = source.getValue().list();
+                    Path packets = source.getValue().file();
+                    Contest contest = new Contest(source.getKey(), units.size())
+                            .way("floor", floor.pass("ladder", packets, ladder.forFloor()))
+                            .way("floor again", again.pass("ladder", packets, ladder.forFloor()));
+                    contest.way("natives", ladder.natives(units)).way("API", ladder.api(units, null)).other("FFmpeg", program.pass())
+                            .run(rounds);
+                    String row = source.getKey() + ", " + count + (count == 1 ? " rung" : " rungs");
+                    for (String way : List.of("floor", "natives", "API", "FFmpeg")) {
+                        table.put(row, way + ", ms", contest.result(way).median() / 1e6 / units.size(), 3);
+                    }
+                    ratio(table, row, "floor again to floor", contest.ratio("floor again", "floor"));
+                    ratio(table, row, "natives to floor", contest.ratio("natives", "floor"));
+                    ratio(table, row, "API to floor", contest.ratio("API", "floor"));
+                    ratio(table, row, "API to FFmpeg", contest.ratio("API", "FFmpeg"));
+                    table.tell(row);
                 }
             }
         }
     }
 
-    private void ladder(Table table, Floor floor, String name, Packets source, Ladder ladder) throws Exception {
-        FFmpegProgram program = new FFmpegProgram(folder, floor, name, ladder);
-        program.check(source.list().size());
-        Contest contest = new Contest(name).way("floor", floor.pass("ladder", source.file(), ladder.forFloor()))
-                .way("natives", ladder.natives(source.list())).way("API", ladder.api(source.list(), null))
-                .other("FFmpeg", program.pass()).run(rounds);
-        double pictures = source.list().size();
-        String row = name + ", " + ladder.rungs().size() + (ladder.rungs().size() == 1 ? " rung" : " rungs");
-        for (String way : List.of("floor", "natives", "API", "FFmpeg")) {
-            table.put(row, way + ", ms", contest.result(way).median() / 1e6 / pictures, 3);
-        }
-        table.put(row, "natives to floor", contest.ratio("natives", "floor"), 4).put(row, "API to floor", contest.ratio("API", "floor"), 4)
-                .put(row, "API to FFmpeg", contest.ratio("API", "FFmpeg"), 4)
-                .put(row, "spread of floor, %", 100 * contest.result("floor").spread(), 1)
-                .put(row, "spread of API, %", 100 * contest.result("API").spread(), 1).tell(row);
+    private static void ratio(Table table, String row, String column, Contest.Result ratio) {
+        table.put(row, column, ratio.median(), 4).put(row, column + ", spread, %", 100 * ratio.spread(), 1);
     }
 
     private void parallel() throws Exception {
@@ -112,7 +118,7 @@ public final class Benchmarks {
         Packets source = sources.get("1080p30");
         Ladder ladder = Ladder.of(1080, 30, 5);
         int cores = Runtime.getRuntime().availableProcessors();
-        Contest contest = new Contest("parallel").way("sequential", ladder.api(source.list(), null));
+        Contest contest = new Contest("parallel", source.list().size()).way("sequential", ladder.api(source.list(), null));
         List<ExecutorService> pools = new ArrayList<>();
         for (int threads : new int[] {1, 2, 4}) {
             if (threads <= cores) { // the calling thread is one of them
@@ -121,13 +127,13 @@ public final class Benchmarks {
                 contest.way(threads + (threads == 1 ? " thread" : " threads"), ladder.api(source.list(), threads == 1 ? Runnable::run : pool));
             }
         }
-        contest.run(rounds, Spent::wall);
+        contest.run(rounds, false, Spent::wall);
         for (String way : List.of("sequential", "1 thread", "2 threads", "4 threads")) {
             if (way.equals("4 threads") && cores < 4 || way.equals("2 threads") && cores < 2) {
                 continue;
             }
             table.put(way, "a write, ms", contest.result(way).median() / 1e6 / source.list().size(), 2)
-                    .put(way, "to sequential", contest.ratio(way, "sequential"), 3);
+                    .put(way, "to sequential", contest.ratio(way, "sequential").median(), 3);
         }
         pools.forEach(ExecutorService::shutdown);
     }
@@ -138,14 +144,14 @@ public final class Benchmarks {
                 + "is the example mosaic without a region.", "floor, ms|API, ms", atMost("decoding, to floor", 1.12),
                 atMost("pipeline, to floor", 1.02));
         Packets source = sources.get("720p30");
-        try (Floor floor = new Floor(Map.of())) {
-            row(decoding, "decoder", "decoding, to floor", new Contest("decoder").way("floor", floor.pass("decode", source.file(), ""))
+        try (Floor floor = new Floor(Map.of()).bound()) {
+            row(decoding, "decoder", "decoding, to floor", new Contest("decoder", source.list().size()).way("floor", floor.pass("decode", source.file(), ""))
                     .way("API", Engines.decode(source.list())));
             String pipeline = "30 " + Engines.PIPELINE_BITRATE;
             ProcessingModule idle = ProcessingModule.load(Path.of(System.getProperty("bench.module")));
             for (ProcessingModule module : new ProcessingModule[] {null, idle}) {
                 row(decoding, module == null ? "pipeline" : "pipeline, idle module", "pipeline, to floor",
-                        new Contest("pipeline").way("floor", floor.pass("pipeline", source.file(), pipeline))
+                        new Contest("pipeline", source.list().size()).way("floor", floor.pass("pipeline", source.file(), pipeline))
                                 .way("API", Engines.pipeline(source.list(), 30, module)));
             }
         }
@@ -154,9 +160,9 @@ public final class Benchmarks {
     private void row(Table table, String name, String ratio, Contest contest) throws Exception {
         contest.run(rounds);
         table.put(name, "floor, ms", contest.result("floor").median() / 1e6 / contest.units(), 3)
-                .put(name, "API, ms", contest.result("API").median() / 1e6 / contest.units(), 3)
-                .put(name, ratio, contest.ratio("API", "floor"), 4)
-                .put(name, "spread of API, %", 100 * contest.result("API").spread(), 1);
+                .put(name, "API, ms", contest.result("API").median() / 1e6 / contest.units(), 3);
+        ratio(table, name, ratio, contest.ratio("API", "floor"));
+        table.tell(name);
     }
 
     private void sound() throws Exception {
@@ -170,7 +176,7 @@ public final class Benchmarks {
         inputs.put("mp3-decoder", Sound.mp3(Path.of(System.getProperty("bench.mp3"))));
         inputs.put("opus-decoder", Sound.opus(frames));
         inputs.put("opus-encoder", frames);
-        try (Floor floor = new Floor(Map.of())) {
+        try (Floor floor = new Floor(Map.of()).bound(); Floor again = new Floor(Map.of()).bound()) {
             for (Map.Entry<String, List<byte[]>> input : inputs.entrySet()) {
                 String kind = input.getKey();
                 List<byte[]> packets = input.getValue();
@@ -182,14 +188,15 @@ public final class Benchmarks {
                     case "opus-decoder" -> new Contest.Pass[] {Engines.opusDecoderNatives(packets), Engines.opusDecoder(packets)};
                     default -> new Contest.Pass[] {Engines.opusEncoderNatives(packets), Engines.opusEncoder(packets)};
                 };
-                Contest contest = new Contest(kind).way("floor", floor.pass(kind, file, "")).way("natives", ours[0])
-                        .way("API", ours[1]).run(rounds);
+                Contest contest = new Contest(kind, packets.size()).way("floor", floor.pass(kind, file, ""))
+                        .way("floor again", again.pass(kind, file, "")).way("natives", ours[0]).way("API", ours[1]).run(rounds);
                 for (String way : List.of("floor", "natives", "API")) {
                     table.put(kind, way + ", times real time", Sound.SECONDS * 1e9 / contest.result(way).median(), 0);
                 }
-                table.put(kind, "natives to floor", contest.ratio("natives", "floor"), 4)
-                        .put(kind, "API to floor", contest.ratio("API", "floor"), 4)
-                        .put(kind, "spread of API, %", 100 * contest.result("API").spread(), 1);
+                ratio(table, kind, "floor again to floor", contest.ratio("floor again", "floor"));
+                ratio(table, kind, "natives to floor", contest.ratio("natives", "floor"));
+                ratio(table, kind, "API to floor", contest.ratio("API", "floor"));
+                table.tell(kind);
             }
         }
     }
@@ -200,14 +207,22 @@ public final class Benchmarks {
 
     private void fullMachine() throws Exception {
         Table table = table("A full machine", "720p into three renditions, as many at once in one virtual machine as there are processes of "
-                + "the floor in the next moment: pictures a second of all together. MB each: the most memory resident beyond what the "
-                + "process had before, for each transcoder, and the whole of a floor process.", "floor, pictures/s|API, pictures/s",
+                + "the floor in the next moment, both stopped and continued in turns: pictures a second of all together. MB each: the "
+                + "most memory resident beyond what the virtual machine had before, for each transcoder; and a floor process with its "
+                + "libraries, which processes share, and without.", "floor, pictures/s|API, pictures/s",
                 new Table.Goal("API to floor", 0.98, false));
-        Packets source = new Packets(null, sources.get("720p30").list().subList(0, 60));
-        source = Packets.write(folder.resolve("720p30-short.packets"), source.list());
         for (int count : new int[] {1, 2, 4, 8, 16, 64}) {
-            FullMachine.measure(table, count, Ladder.of(720, 30, 3), source, count <= 8 ? rounds : Math.max(3, rounds / 2));
+            FullMachine.measure(table, count + (count == 1 ? " transcoder" : " transcoders"), count, folder, Ladder.of(720, 30, 3),
+                    sources.get("720p30"), rounds, Map.of());
         }
+        FullMachine.measure(table, "64, MALLOC_ARENA_MAX=2", 64, folder, Ladder.of(720, 30, 3), sources.get("720p30"), rounds,
+                Map.of("MALLOC_ARENA_MAX", "2"));
+    }
+
+    private void memory() throws Exception {
+        MemoryParts.measure(table("What one transcoder has of memory", "720p into three renditions, in a process of the floor: the most that "
+                + "was allocated at one time, the codecs' own included, by differences between ladders; and what was resident.",
+                "allocated at most, MB"), folder, sources.get("720p30"));
     }
 
     private void writeTimes() throws Exception {

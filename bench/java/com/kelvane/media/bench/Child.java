@@ -17,8 +17,12 @@ final class Child {
         System.err.println("figure\t" + name + "\t" + value);
     }
 
-    static Map<String, Double> run(List<String> options, Map<String, String> environment, Class<?> main, String... arguments)
-            throws IOException, InterruptedException {
+    /** Starts a virtual machine whose pipes are the caller's. */
+    static Process start(List<String> options, Map<String, String> environment, Class<?> main, String... arguments) throws IOException {
+        return builder(options, environment, main, arguments).redirectError(ProcessBuilder.Redirect.INHERIT).start();
+    }
+
+    private static ProcessBuilder builder(List<String> options, Map<String, String> environment, Class<?> main, String... arguments) {
         List<String> command = new ArrayList<>(List.of(Path.of(System.getProperty("java.home"), "bin", "java").toString(), "-cp",
                 System.getProperty("java.class.path")));
         for (String property : List.of("bench.floor", "bench.openh264", "kelvane.openh264")) {
@@ -27,9 +31,14 @@ final class Child {
         command.addAll(options);
         command.add(main.getName());
         command.addAll(List.of(arguments));
-        ProcessBuilder builder = new ProcessBuilder(command).redirectOutput(ProcessBuilder.Redirect.DISCARD);
+        ProcessBuilder builder = new ProcessBuilder(command);
         builder.environment().putAll(environment);
-        Process process = builder.start();
+        return builder;
+    }
+
+    static Map<String, Double> run(List<String> options, Map<String, String> environment, Class<?> main, String... arguments)
+            throws IOException, InterruptedException {
+        Process process = builder(options, environment, main, arguments).redirectOutput(ProcessBuilder.Redirect.DISCARD).start();
         String printed = new String(process.getErrorStream().readAllBytes(), StandardCharsets.UTF_8);
         if (process.waitFor() != 0) {
             throw new IOException(main.getSimpleName() + " failed: " + printed);

@@ -27,8 +27,14 @@ final class Floor implements AutoCloseable {
         commands.flush();
     }
 
-    Spent answer() throws IOException {
+    /** Waits for the end of a pass, giving way to the others on the way. */
+    Spent answer(Turns turns) throws IOException {
         String line = answers.readLine();
+        while ("more".equals(line)) {
+            turns.pause();
+            begin("");
+            line = answers.readLine();
+        }
         if (line == null) {
             throw new IOException("the floor ended in the middle of a pass");
         }
@@ -37,14 +43,14 @@ final class Floor implements AutoCloseable {
                 Long.parseLong(numbers[3]), Long.parseLong(numbers[4]));
     }
 
-    Spent run(String command) throws IOException {
+    Spent run(String command, Turns turns) throws IOException {
         begin(command);
-        return answer();
+        return answer(turns);
     }
 
     /** A pass of a kind over a file of packets. */
     Contest.Pass pass(String kind, Path packets, String arguments) {
-        return checked -> run(kind + (checked ? " check " : " time ") + packets + " " + arguments);
+        return (checked, turns) -> run(kind + " " + (checked ? "check" : turns.slice) + " " + packets + " " + arguments, turns);
     }
 
     /** {@return the most memory that the process had resident, in bytes} */
@@ -63,6 +69,16 @@ final class Floor implements AutoCloseable {
 
     long pid() {
         return process.pid();
+    }
+
+    Process process() {
+        return process;
+    }
+
+    /** {@return this, working on the processor that is for comparisons} */
+    Floor bound() throws IOException, InterruptedException {
+        Turns.bind(Long.toString(pid()));
+        return this;
     }
 
     @Override

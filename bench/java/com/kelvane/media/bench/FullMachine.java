@@ -1,120 +1,127 @@
 package com.kelvane.media.bench;
 
+import java.io.IOException;
+import java.nio.LongBuffer;
+import java.nio.channels.FileChannel;
+import java.nio.file.Files;
+import java.nio.file.Path;
+import java.nio.file.StandardOpenOption;
 import java.util.ArrayList;
 import java.util.List;
 import java.util.Map;
-import java.util.concurrent.CyclicBarrier;
-import java.util.concurrent.ExecutorService;
-import java.util.concurrent.Executors;
-import java.util.concurrent.Future;
+import java.util.stream.LongStream;
 
 /**
- * So many transcoders in this virtual machine, each on a thread of its own, in turns with as many processes of the floor:
- * pictures a second of all together, and what each takes of memory.
+ * So many transcoders in one virtual machine, each on a thread of its own, beside as many processes of the floor: both sides
+ * work for ever, and are stopped and continued in turns. What each worker has done stands in a file that all of them map.
  */
 final class FullMachine {
+    static final int COUNTER_STRIDE = 64; // bytes, a cache line
+    static final int COUNTERS_SIZE = 4096;
+    private static final int PICTURES_TO_WARM_UP = 12; // of each worker
     private static final double MEGABYTE = 1e6;
 
     private FullMachine() {
     }
 
-    static void measure(Table table, int count, Ladder ladder, Packets source, int rounds) throws Exception {
-        Contest.Pass pass = ladder.api(source.list(), null);
-        ExecutorService threads = Executors.newFixedThreadPool(count);
-        List<Floor> floors = new ArrayList<>();
-        try {
+    static void measure(Table table, String row, int count, Path folder, Ladder ladder, Packets source, int rounds,
+            Map<String, String> environment) throws Exception {
+        long slice = 2000 + 40L * count; // milliseconds
+        try (Side bare = new Side(folder.resolve("counters-floor"), count); Side ours = new Side(folder.resolve("counters-api"), count)) {
             for (int i = 0; i < count; i++) {
-                floors.add(new Floor(Map.of()));
+                Floor floor = new Floor(environment);
+                bare.processes.add(floor.process());
+                floor.begin("loop " + bare.file + ":" + COUNTER_STRIDE * i + " " + source.file() + " " + ladder.forFloor());
             }
-            double[] ours = new double[rounds];
-            double[] bare = new double[rounds];
-            double[] ratios = new double[rounds];
-            long resident = Floor.statusBytes(ProcessHandle.current().pid(), "VmRSS");
-            long peak = resident;
-            for (int round = -1; round < rounds; round++) { // one to warm up
-                ResidentPeak watch = new ResidentPeak();
-                double api = together(count, threads, pass);
-                peak = Math.max(peak, watch.end());
-                double floor = together(floors, ladder, source);
-                if (round >= 0) {
-                    double pictures = (double) count * source.list().size();
-                    ours[round] = pictures / api;
-                    bare[round] = pictures / floor;
-                    ratios[round] = floor / api;
+            warmUp(bare);
+            Process machine = Child.start(List.of("-Xms64m", "-Xmx64m"), environment, Streams.class, Integer.toString(count),
+                    ours.file.toString(), source.file().toString());
+            ours.processes.add(machine);
+            machine.getInputStream().read(); // it is ready, without transcoders
+            double empty = Floor.statusBytes(machine.pid(), "VmRSS");
+            machine.getOutputStream().write('\n');
+            machine.getOutputStream().flush();
+            warmUp(ours);
+            double[] rates = new double[rounds];
+            double[] bareRates = new double[rounds];
+            for (int round = 0; round < rounds; round++) {
+                if (round % 2 == 0) {
+                    bareRates[round] = bare.rate(slice);
+                    rates[round] = ours.rate(slice);
+                } else {
+                    rates[round] = ours.rate(slice);
+                    bareRates[round] = bare.rate(slice);
                 }
             }
+            double[] ratios = rates.clone();
+            java.util.Arrays.setAll(ratios, i -> rates[i] / bareRates[i]);
+            Contest.Result ratio = Contest.Result.of(ratios);
             double floorMemory = 0;
-            for (Floor floor : floors) {
-                floorMemory += floor.mostResident() / MEGABYTE / count;
+            double floorPrivate = 0;
+            for (Process floor : bare.processes) {
+                floorMemory += Floor.statusBytes(floor.pid(), "VmHWM") / MEGABYTE / count;
+                floorPrivate += Floor.statusBytes(floor.pid(), "RssAnon") / MEGABYTE / count;
             }
-            String row = count + (count == 1 ? " transcoder" : " transcoders");
-            table.put(row, "floor, pictures/s", Contest.median(bare), 1).put(row, "API, pictures/s", Contest.median(ours), 1)
-                    .put(row, "API to floor", Contest.median(ratios), 3)
-                    .put(row, "least", java.util.Arrays.stream(ratios).min().orElseThrow(), 3)
-                    .put(row, "API, MB each", (peak - resident) / MEGABYTE / count, 1)
-                    .put(row, "floor process, MB", floorMemory, 1);
-        } finally {
-            threads.shutdownNow();
-            for (Floor floor : floors) {
-                floor.close();
+            table.put(row, "floor, pictures/s", Contest.Result.of(bareRates).median(), 1)
+                    .put(row, "API, pictures/s", Contest.Result.of(rates).median(), 1)
+                    .put(row, "API to floor", ratio.median(), 3).put(row, "least", ratio.least(), 3).put(row, "most", ratio.most(), 3)
+                    .put(row, "API, MB each", (Floor.statusBytes(machine.pid(), "VmHWM") - empty) / MEGABYTE / count, 1)
+                    .put(row, "floor process, MB", floorMemory, 1).put(row, "of it its own, MB", floorPrivate, 1).tell(row);
+        }
+    }
+
+    private static void warmUp(Side side) throws IOException, InterruptedException {
+        while (side.least() < PICTURES_TO_WARM_UP) {
+            Thread.sleep(20);
+        }
+        side.signal("STOP");
+    }
+
+    /** Processes that work together or not at all. */
+    private static final class Side implements AutoCloseable {
+        final Path file;
+        final List<Process> processes = new ArrayList<>();
+        private final LongBuffer counters;
+        private final int workers;
+
+        Side(Path file, int workers) throws IOException {
+            this.file = file;
+            this.workers = workers;
+            Files.write(file, new byte[COUNTERS_SIZE]);
+            try (FileChannel channel = FileChannel.open(file, StandardOpenOption.READ)) {
+                counters = channel.map(FileChannel.MapMode.READ_ONLY, 0, COUNTERS_SIZE).order(java.nio.ByteOrder.nativeOrder()).asLongBuffer();
             }
         }
-    }
 
-    /** {@return the seconds until the last is done} */
-    private static double together(int count, ExecutorService threads, Contest.Pass pass) throws Exception {
-        CyclicBarrier start = new CyclicBarrier(count);
-        List<Future<Spent>> running = new ArrayList<>();
-        long begun = System.nanoTime();
-        for (int i = 0; i < count; i++) {
-            running.add(threads.submit(() -> {
-                start.await();
-                return pass.run(false);
-            }));
+        private LongStream counts() {
+            return LongStream.range(0, workers).map(i -> counters.get((int) (COUNTER_STRIDE / Long.BYTES * i)));
         }
-        for (Future<Spent> each : running) {
-            each.get();
-        }
-        return (System.nanoTime() - begun) / 1e9;
-    }
 
-    private static double together(List<Floor> floors, Ladder ladder, Packets source) throws Exception {
-        long begun = System.nanoTime();
-        for (Floor floor : floors) {
-            floor.begin("ladder time " + source.file() + " " + ladder.forFloor());
+        long least() {
+            return counts().min().orElseThrow();
         }
-        for (Floor floor : floors) {
-            floor.answer();
+
+        /** Works for a while; {@return pictures a second} */
+        double rate(long milliseconds) throws IOException, InterruptedException {
+            long before = counts().sum();
+            signal("CONT");
+            long begun = System.nanoTime();
+            Thread.sleep(milliseconds);
+            signal("STOP");
+            return (counts().sum() - before) * 1e9 / (System.nanoTime() - begun);
         }
-        return (System.nanoTime() - begun) / 1e9;
-    }
 
-    /** The most memory that this process has resident, looked at twenty times a second. */
-    private static final class ResidentPeak extends Thread {
-        private volatile boolean ended;
-        private long peak;
-
-        ResidentPeak() {
-            setDaemon(true);
-            start();
+        void signal(String signal) throws IOException, InterruptedException {
+            List<String> command = new ArrayList<>(List.of("kill", "-" + signal));
+            processes.forEach(process -> command.add(Long.toString(process.pid())));
+            if (new ProcessBuilder(command).inheritIO().start().waitFor() != 0) {
+                throw new IOException("a worker has ended");
+            }
         }
 
         @Override
-        public void run() {
-            try {
-                while (!ended) {
-                    peak = Math.max(peak, Floor.statusBytes(ProcessHandle.current().pid(), "VmRSS"));
-                    Thread.sleep(50);
-                }
-            } catch (java.io.IOException | InterruptedException e) {
-                throw new IllegalStateException(e);
-            }
-        }
-
-        long end() throws InterruptedException {
-            ended = true;
-            join();
-            return peak;
+        public void close() {
+            processes.forEach(Process::destroyForcibly);
         }
     }
 }

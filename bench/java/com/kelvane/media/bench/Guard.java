@@ -39,7 +39,7 @@ final class Guard {
         }
         MPADecoder.close(handle);
         String row = "a call with nothing to decode";
-        table.put(row, "natives, ns", Contest.median(bare), 1).put(row, "API, ns", Contest.median(guarded), 1)
-                .put(row, "guard, ns", Contest.median(difference), 1);
+        table.put(row, "natives, ns", Contest.Result.of(bare).median(), 1).put(row, "API, ns", Contest.Result.of(guarded).median(), 1)
+                .put(row, "guard, ns", Contest.Result.of(difference).median(), 1);
     }
 }

@@ -46,11 +46,11 @@ record Ladder(int frameRate, List<Rung> rungs) {
     }
 
     Contest.Pass api(List<byte[]> units, Executor parallel) {
-        return checked -> Spent.by(checked, output -> {
+        return (checked, turns) -> Spent.by(checked, turns, output -> {
             Transcoder.Builder builder = parallel == null ? builder() : builder().parallel(parallel);
             try (Transcoder transcoder = builder.open()) {
                 long time = 0;
-                for (byte[] unit : units) {
+                for (byte[] unit : turns.over(units)) {
                     transcoder.write(unit, PICTURE_TIME * time++, picture -> output.add(picture.data()));
                 }
                 transcoder.drain(picture -> output.add(picture.data()));
@@ -68,7 +68,7 @@ record Ladder(int frameRate, List<Rung> rungs) {
     }
 
     Contest.Pass natives(List<byte[]> units) {
-        return checked -> Spent.by(checked, output -> {
+        return (checked, turns) -> Spent.by(checked, turns, output -> {
             long handle = MIRVProcessor.open(rungs.size());
             for (int id = 1; id <= rungs.size(); id++) {
                 Rung rung = rungs.get(id - 1);
@@ -81,7 +81,7 @@ record Ladder(int frameRate, List<Rung> rungs) {
             MIRVProcessor.start(handle);
             Listener listener = new Listener(output);
             long time = 0;
-            for (byte[] unit : units) {
+            for (byte[] unit : turns.over(units)) {
                 MIRVProcessor.write(listener, PICTURE_TIME * time++, unit, handle);
             }
             while (MIRVProcessor.drain(listener, handle) == 1) {

@@ -81,7 +81,7 @@ public final class PerPicture {
     }
 
     private static void report(String name, List<Counts> differences, double pictures, ToLongFunction<Counts> count) {
-        Child.report(name, Contest.median(differences.stream().mapToDouble(count::applyAsLong).toArray()) / pictures);
+        Child.report(name, Contest.Result.of(differences.stream().mapToDouble(count::applyAsLong).toArray()).median() / pictures);
     }
 
     private static Counts during(Path counted, long process, Contest.Pass pass) throws Exception {

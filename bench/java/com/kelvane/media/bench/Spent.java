@@ -1,7 +1,5 @@
 package com.kelvane.media.bench;
 
-import java.lang.management.ManagementFactory;
-import java.lang.management.ThreadMXBean;
 import java.nio.ByteBuffer;
 import java.util.zip.CRC32;
 
@@ -10,8 +8,6 @@ import java.util.zip.CRC32;
  * and, of a pass that was checked, their checksum.
  */
 record Spent(long cpu, long wall, long units, long bytes, long checksum) {
-    private static final ThreadMXBean THREADS = ManagementFactory.getThreadMXBean();
-
     /** Work that hands over all that it produces. */
     interface Work {
         void on(Output output) throws Exception;
@@ -45,13 +41,12 @@ record Spent(long cpu, long wall, long units, long bytes, long checksum) {
         }
     }
 
-    static Spent by(boolean checked, Work work) throws Exception {
+    static Spent by(boolean checked, Turns turns, Work work) throws Exception {
         Output output = new Output(checked);
-        long wall = System.nanoTime();
-        long cpu = THREADS.getCurrentThreadCpuTime();
+        turns.startClocks();
         work.on(output);
-        cpu = THREADS.getCurrentThreadCpuTime() - cpu;
-        return new Spent(cpu, System.nanoTime() - wall, output.units, output.bytes, output.sum.getValue());
+        turns.stopClocks();
+        return new Spent(turns.cpu(), turns.wall(), output.units, output.bytes, output.sum.getValue());
     }
 
     boolean gaveTheSameAs(Spent other) {

@@ -1,0 +1,43 @@
+package com.kelvane.media.bench;
+
+import com.kelvane.media.Transcoder;
+import java.nio.LongBuffer;
+import java.nio.channels.FileChannel;
+import java.nio.file.Path;
+import java.nio.file.StandardOpenOption;
+import java.util.List;
+
+/** So many transcoders on as many threads, for ever. Arguments: COUNT COUNTERS PACKETS; begins when it has read a byte. */
+public final class Streams {
+    private Streams() {
+    }
+
+    public static void main(String[] arguments) throws Exception {
+        List<byte[]> units = Packets.read(Path.of(arguments[2])).list();
+        LongBuffer counters;
+        try (FileChannel channel = FileChannel.open(Path.of(arguments[1]), StandardOpenOption.READ, StandardOpenOption.WRITE)) {
+            counters = channel.map(FileChannel.MapMode.READ_WRITE, 0, FullMachine.COUNTERS_SIZE)
+                    .order(java.nio.ByteOrder.nativeOrder()).asLongBuffer();
+        }
+        Ladder ladder = Ladder.of(720, 30, 3);
+        System.out.write('\n');
+        System.out.flush();
+        System.in.read();
+        for (int i = 0; i < Integer.parseInt(arguments[0]); i++) {
+            int counter = FullMachine.COUNTER_STRIDE / Long.BYTES * i;
+            new Thread(() -> serve(ladder, units, counters, counter)).start();
+        }
+    }
+
+    private static void serve(Ladder ladder, List<byte[]> units, LongBuffer counters, int counter) {
+        while (true) {
+            try (Transcoder transcoder = ladder.builder().open()) {
+                long time = 0;
+                for (byte[] unit : units) {
+                    transcoder.write(unit, Ladder.PICTURE_TIME * time++, picture -> picture.data());
+                    counters.put(counter, counters.get(counter) + 1);
+                }
+            }
+        }
+    }
+}
