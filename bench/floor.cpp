@@ -4,8 +4,8 @@
 //
 //   KIND MEASURE PACKETS [ARGUMENT...]     a pass over a file of packets, each behind its size (big-endian, 4
 //                                          bytes)
-//   loop COUNTER PACKETS [ARGUMENT...]     passes of a ladder for ever; each picture is counted in 8 bytes of
-//                                          a file, COUNTER is FILE:OFFSET
+//   loop COUNTER PACKETS [ARGUMENT...]     a ladder of the same pictures over and over, for ever; they are
+//                                          counted in 8 bytes of a file, COUNTER is FILE:OFFSET
 //   run MILLISECONDS PROGRAM ARGUMENT...   another program
 //
 // MEASURE is "check" for a checksum of all that came out, or the number of packets after which the pass
@@ -99,6 +99,7 @@ public:
     uint64_t units = 0, bytes = 0;
     uLong sum = 0;
     int64_t cpu = 0, wall = 0;
+    size_t repeats = 1; // of a stream of pictures
     std::atomic<uint64_t>* picturesDone = nullptr;
 
 private:
@@ -138,11 +139,12 @@ void decodePictures(const Packets& units, Output& output, const Receiver& receiv
     if (avcodec_open2(context.get(), codec, nullptr) < 0) fail("no H.264 decoder");
     const FrameOwner picture(av_frame_alloc());
     int got = 0;
-    for (size_t i = 0; i < units.size(); ++i) {
+    for (size_t i = 0; i < units.size() * output.repeats; ++i) {
         output.turn();
+        const Bytes& unit = units[i % units.size()];
         AVPacket packet;
-        if (av_new_packet(&packet, static_cast<int>(units[i].size())) < 0) fail("no memory");
-        std::memcpy(packet.data, units[i].data(), units[i].size());
+        if (av_new_packet(&packet, static_cast<int>(unit.size())) < 0) fail("no memory");
+        std::memcpy(packet.data, unit.data(), unit.size());
         packet.pts = 33 * 1000 * static_cast<int64_t>(i);
         avcodec_decode_video2(context.get(), picture.get(), &got, &packet);
         av_packet_unref(&packet);
@@ -481,10 +483,10 @@ Output run(std::istream& arguments) {
     Output output("0");
     output.picturesDone = reinterpret_cast<std::atomic<uint64_t>*>(static_cast<char*>(memory) +
                                                                    std::stoul(counter.substr(colon + 1)));
-    for (;;) {
-        std::istringstream words(arguments);
-        ladder(units, words, output);
-    }
+    output.repeats = SIZE_MAX / units.size();
+    std::istringstream words(arguments);
+    ladder(units, words, output);
+    fail("for ever is over");
 }
 
 } // namespace

@@ -1,6 +1,8 @@
 package com.kelvane.media.bench;
 
 import java.io.IOException;
+import java.io.InputStream;
+import java.io.OutputStream;
 import java.nio.LongBuffer;
 import java.nio.channels.FileChannel;
 import java.nio.file.Files;
@@ -38,6 +40,9 @@ final class FullMachine {
                     ours.file.toString(), source.file().toString());
             ours.processes.add(machine);
             machine.getInputStream().read(); // it is ready, without transcoders
+            Thread printed = new Thread(() -> discard(machine.getInputStream()));
+            printed.setDaemon(true);
+            printed.start();
             double empty = Floor.statusBytes(machine.pid(), "VmRSS");
             machine.getOutputStream().write('\n');
             machine.getOutputStream().flush();
@@ -67,6 +72,14 @@ final class FullMachine {
                     .put(row, "API to floor", ratio.median(), 3).put(row, "least", ratio.least(), 3).put(row, "most", ratio.most(), 3)
                     .put(row, "API, MB each", (Floor.statusBytes(machine.pid(), "VmHWM") - empty) / MEGABYTE / count, 1)
                     .put(row, "floor process, MB", floorMemory, 1).put(row, "of it its own, MB", floorPrivate, 1).tell(row);
+        }
+    }
+
+    private static void discard(InputStream printed) {
+        try (printed) {
+            printed.transferTo(OutputStream.nullOutputStream());
+        } catch (IOException ended) {
+            // with its process
         }
     }
 

@@ -30,13 +30,10 @@ public final class Streams {
     }
 
     private static void serve(Ladder ladder, List<byte[]> units, LongBuffer counters, int counter) {
-        while (true) {
-            try (Transcoder transcoder = ladder.builder().open()) {
-                long time = 0;
-                for (byte[] unit : units) {
-                    transcoder.write(unit, Ladder.PICTURE_TIME * time++, picture -> picture.data());
-                    counters.put(counter, counters.get(counter) + 1);
-                }
+        try (Transcoder transcoder = ladder.builder().open()) {
+            for (long time = 0;; time++) {
+                transcoder.write(units.get((int) (time % units.size())), Ladder.PICTURE_TIME * time, picture -> picture.data());
+                counters.put(counter, counters.get(counter) + 1);
             }
         }
     }
