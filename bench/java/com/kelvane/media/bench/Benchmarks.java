@@ -50,7 +50,8 @@ public final class Benchmarks {
         parts.put("picture", benchmarks::perPicture);
         List<String> chosen = arguments[2].equals("all") ? List.copyOf(parts.keySet()) : List.of(arguments[2].split(","));
         List<String> about = new ArrayList<>(List.of(arguments).subList(3, arguments.length));
-        about.add(benchmarks.rounds + " rounds in turns after warming up; medians; load at the beginning "
+        about.add(benchmarks.rounds + " rounds in turns after warming up, more where they are short; medians, and in brackets within how many percent of the "
+                + "ratio the middle half of the rounds lay; load at the beginning "
                 + Files.readString(Path.of("/proc/loadavg")).split(" ")[0]);
         for (String part : chosen) {
             System.err.println("measuring: " + part);
@@ -98,18 +99,14 @@ public final class Benchmarks {
                     for (String way : List.of("floor", "natives", "API", "FFmpeg")) {
                         table.put(row, way + ", ms", contest.result(way).median() / 1e6 / units.size(), 3);
                     }
-                    ratio(table, row, "floor again to floor", contest.ratio("floor again", "floor"));
-                    ratio(table, row, "natives to floor", contest.ratio("natives", "floor"));
-                    ratio(table, row, "API to floor", contest.ratio("API", "floor"));
-                    ratio(table, row, "API to FFmpeg", contest.ratio("API", "FFmpeg"));
+                    table.put(row, "floor again to floor", contest.ratio("floor again", "floor"));
+                    table.put(row, "natives to floor", contest.ratio("natives", "floor"));
+                    table.put(row, "API to floor", contest.ratio("API", "floor"));
+                    table.put(row, "API to FFmpeg", contest.ratio("API", "FFmpeg"));
                     table.tell(row);
                 }
             }
         }
-    }
-
-    private static void ratio(Table table, String row, String column, Contest.Result ratio) {
-        table.put(row, column, ratio.median(), 4).put(row, column + ", spread, %", 100 * ratio.spread(), 1);
     }
 
     private void parallel() throws Exception {
@@ -161,7 +158,7 @@ public final class Benchmarks {
         contest.run(rounds);
         table.put(name, "floor, ms", contest.result("floor").median() / 1e6 / contest.units(), 3)
                 .put(name, "API, ms", contest.result("API").median() / 1e6 / contest.units(), 3);
-        ratio(table, name, ratio, contest.ratio("API", "floor"));
+        table.put(name, ratio, contest.ratio("API", "floor"));
         table.tell(name);
     }
 
@@ -193,9 +190,9 @@ public final class Benchmarks {
                 for (String way : List.of("floor", "natives", "API")) {
                     table.put(kind, way + ", times real time", Sound.SECONDS * 1e9 / contest.result(way).median(), 0);
                 }
-                ratio(table, kind, "floor again to floor", contest.ratio("floor again", "floor"));
-                ratio(table, kind, "natives to floor", contest.ratio("natives", "floor"));
-                ratio(table, kind, "API to floor", contest.ratio("API", "floor"));
+                table.put(kind, "floor again to floor", contest.ratio("floor again", "floor"));
+                table.put(kind, "natives to floor", contest.ratio("natives", "floor"));
+                table.put(kind, "API to floor", contest.ratio("API", "floor"));
                 table.tell(kind);
             }
         }

@@ -69,7 +69,7 @@ final class FullMachine {
             }
             table.put(row, "floor, pictures/s", Contest.Result.of(bareRates).median(), 1)
                     .put(row, "API, pictures/s", Contest.Result.of(rates).median(), 1)
-                    .put(row, "API to floor", ratio.median(), 3).put(row, "least", ratio.least(), 3).put(row, "most", ratio.most(), 3)
+                    .put(row, "API to floor", ratio)
                     .put(row, "API, MB each", (Floor.statusBytes(machine.pid(), "VmHWM") - empty) / MEGABYTE / count, 1)
                     .put(row, "floor process, MB", floorMemory, 1).put(row, "of it its own, MB", floorPrivate, 1).tell(row);
         }

@@ -72,6 +72,9 @@ final class Report {
                     json.writeObjectFieldStart(row.getKey());
                     for (Map.Entry<String, Table.Figure> figure : row.getValue().entrySet()) {
                         json.writeNumberField(figure.getKey(), figure.getValue().value());
+                        if (figure.getValue().spread() >= 0) {
+                            json.writeNumberField(figure.getKey() + ", spread in %", figure.getValue().spread());
+                        }
                     }
                     json.writeEndObject();
                 }

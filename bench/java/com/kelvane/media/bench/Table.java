@@ -7,11 +7,16 @@ import java.util.Map;
 
 /** Figures of one kind: rows with named columns, of which one is drawn; and how far they are from what was aimed at. */
 final class Table {
-    /** A figure for people: its decimals are those that matter. */
-    record Figure(double value, int decimals) {
+    /**
+     * A figure for people.
+     *
+     * @param decimals those that matter
+     * @param spread how far the middle half of the rounds lay apart, in percent of the figure; below 0 when it was not told
+     */
+    record Figure(double value, int decimals, double spread) {
         @Override
         public String toString() {
-            return String.format("%." + decimals + "f", value);
+            return String.format("%." + decimals + "f", value) + (spread < 0 ? "" : String.format(" (%.1f)", spread));
         }
     }
 
@@ -42,7 +47,15 @@ final class Table {
     }
 
     Table put(String row, String column, double value, int decimals) {
-        rows.computeIfAbsent(row, ignored -> new LinkedHashMap<>()).put(column, new Figure(value, decimals));
+        return put(row, column, new Figure(value, decimals, -1));
+    }
+
+    Table put(String row, String column, Contest.Result ratio) {
+        return put(row, column, new Figure(ratio.median(), 4, 100 * ratio.spread() / ratio.median()));
+    }
+
+    private Table put(String row, String column, Figure figure) {
+        rows.computeIfAbsent(row, ignored -> new LinkedHashMap<>()).put(column, figure);
         return this;
     }
 
