@@ -25,7 +25,7 @@ final class Child {
     private static ProcessBuilder builder(List<String> options, Map<String, String> environment, Class<?> main, String... arguments) {
         List<String> command = new ArrayList<>(List.of(Path.of(System.getProperty("java.home"), "bin", "java").toString(), "-cp",
                 System.getProperty("java.class.path")));
-        for (String property : List.of("bench.floor", "bench.openh264", "kelvane.openh264")) {
+        for (String property : List.of("bench.floor", "bench.openh264", "bench.mp3", "kelvane.openh264")) {
             command.add("-D" + property + "=" + System.getProperty(property));
         }
         command.addAll(options);

@@ -17,7 +17,7 @@ import java.util.function.ToLongFunction;
  */
 final class Contest {
     private static final long WARM_UP = 3_000_000_000L; // nanoseconds
-    private static final long LEAST_TIME = 8_000_000_000L; // nanoseconds, in which short passes get more rounds
+    private static final long LEAST_TIME = 4_000_000_000L; // nanoseconds, in which short passes get more rounds
     private static final double SLICE = 60e6; // nanoseconds of the first way
 
     /** One way to do the work. A checked pass is not timed. */
