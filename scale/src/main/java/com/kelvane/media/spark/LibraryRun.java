@@ -86,7 +86,7 @@ final class LibraryRun {
 
     /** Reads the headers of all inputs, on the executors. */
     private List<Look> look(List<Source> sources) {
-        spark.setJobDescription("headers of " + sources.size() + " inputs");
+        spark.setJobDescription("headers of " + inputs(sources.size()));
         Settings wanted = settings;
         Broadcast<SerializableConfiguration> hadoop = everywhere;
         return spark.parallelize(sources, sources.size()).map(source -> {
@@ -105,7 +105,7 @@ final class LibraryRun {
         if (tasks.isEmpty()) {
             return;
         }
-        String description = String.format("%d parts of %d inputs", tasks.size(), outputs.size());
+        String description = tasks.size() + " parts of " + inputs(outputs.size());
         spark.setJobDescription(description);
         JavaRDD<PartTask> parts = spark.parallelize(tasks, tasks.size());
         long total = tasks.stream().mapToLong(LibraryRun::milliseconds).sum();
@@ -132,6 +132,10 @@ final class LibraryRun {
         for (String folder : touched) {
             OutputFolder.sweep(folder, configuration);
         }
+    }
+
+    private static String inputs(int count) {
+        return count == 1 ? "1 input" : count + " inputs";
     }
 
     private static long milliseconds(PartTask task) {
