@@ -9,8 +9,10 @@ import java.io.IOException;
 import java.io.Serializable;
 import java.util.ArrayList;
 import java.util.HashMap;
+import java.util.HashSet;
 import java.util.List;
 import java.util.Map;
+import java.util.Set;
 import java.util.stream.IntStream;
 import org.apache.hadoop.conf.Configuration;
 import org.apache.spark.TaskContext;
@@ -28,6 +30,7 @@ import scala.runtime.BoxedUnit;
 /** Transcodes inputs with a Spark context: looks at their headers, does all their parts as tasks, joins what is whole. */
 final class LibraryRun {
     private static final int MOST_FAILURES = 4; // Spark's own default
+    private static final int LAST_ATTEMPTS = 10; // seconds that they have to end
 
     private final JavaSparkContext spark;
     private final Settings settings;
@@ -83,7 +86,7 @@ final class LibraryRun {
 
     /** Reads the headers of all inputs, on the executors. */
     private List<Look> look(List<Source> sources) {
-        spark.setJobDescription("headers of " + sources.size() + " inputs");
+        spark.setJobDescription("headers of " + inputs(sources.size()));
         Settings wanted = settings;
         Broadcast<SerializableConfiguration> hadoop = everywhere;
         return spark.parallelize(sources, sources.size()).map(source -> {
@@ -98,14 +101,17 @@ final class LibraryRun {
         }).collect();
     }
 
-    private void transcode(List<PartTask> tasks) {
+    private void transcode(List<PartTask> tasks) throws IOException {
         if (tasks.isEmpty()) {
             return;
         }
-        spark.setJobDescription(String.format("%d parts of %d inputs", tasks.size(), outputs.size()));
+        String description = tasks.size() + " parts of " + inputs(outputs.size());
+        spark.setJobDescription(description);
         JavaRDD<PartTask> parts = spark.parallelize(tasks, tasks.size());
         long total = tasks.stream().mapToLong(LibraryRun::milliseconds).sum();
         long[] done = {0, 0, 0}; // milliseconds of video, pictures, milliseconds of work
+        Attempts attempts = new Attempts(description);
+        spark.sc().addSparkListener(attempts);
         long begin = System.nanoTime();
         try (Progress progress = new Progress(total)) {
             spark.sc().runJob(parts.rdd(), new Work(everywhere, pictures, mostFailures()),
@@ -121,6 +127,15 @@ final class LibraryRun {
         double seconds = (System.nanoTime() - begin) / 1e9;
         say("%d parts in %.2f s: %.0f pictures a second, %.1f times real time; %.2f s of work in the executors", tasks.size(),
                 seconds, done[1] / seconds, total / 1000.0 / seconds, done[2] / 1000.0);
+        Set<String> touched = new HashSet<>();
+        attempts.await(tasks.size(), LAST_ATTEMPTS).forEach(i -> touched.add(tasks.get(i).plan().source().folder()));
+        for (String folder : touched) {
+            OutputFolder.sweep(folder, configuration);
+        }
+    }
+
+    private static String inputs(int count) {
+        return count == 1 ? "1 input" : count + " inputs";
     }
 
     private static long milliseconds(PartTask task) {

@@ -97,6 +97,17 @@ final class OutputFolder {
 
     /** Removes what no player needs; the description of what was asked for stays, for a job that resumes. */
     void clean(boolean whole) throws IOException {
+        clean(folder, files, whole);
+    }
+
+    /** Does so once more, behind attempts that outlived their parts' end. */
+    static void sweep(String folder, Configuration configuration) throws IOException {
+        Path path = new Path(folder);
+        FileSystem files = Publisher.fileSystem(path, configuration);
+        clean(path, files, files.exists(new Path(path, Hls.MASTER)));
+    }
+
+    private static void clean(Path folder, FileSystem files, boolean whole) throws IOException {
         files.delete(new Path(folder, Publisher.TEMPORARY), true);
         if (whole) {
             files.delete(new Path(folder, PartTask.doneFolder()), true);
