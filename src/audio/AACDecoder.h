@@ -21,9 +21,9 @@ public:
     uint8_t config[32] = {};     // AudioSpecificConfig
     uint8_t configSize = 0;
     uint8_t rateIndex = 8; // sampling frequency index, 0 to 12
-    alignas(
-        32) uint8_t output[4096] = {}; // PCM of the last access unit: 1024 samples in two channels at most
-    uint16_t outputSize = 0;           // bytes
+    // PCM of the last access unit: 1024 samples in two channels at most. Aligned for the resampler.
+    alignas(32) uint8_t output[4096] = {};
+    uint16_t outputSize = 0; // bytes
 
     // A failure shows as `codec` null, or as a decoder that never produces samples.
     void open();
