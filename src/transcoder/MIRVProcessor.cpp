@@ -59,11 +59,27 @@ void receiveVideo(JavaCall& java, jobject listener, jmethodID method, const Code
     if (encoded) {
         // Over the encoder's own bytes, which stay until this output's next picture.
         data = java.env->NewDirectByteBuffer(output.coder->output.get(), output.coder->outputSize);
-        java.deferException();
+        if (!data) java.deferException();
     }
     java.env->CallVoidMethod(listener, method, output.index, static_cast<jint>(timestamp), data);
     java.deferException();
     java.env->DeleteLocalRef(data);
+}
+
+// Null for a position that there is not.
+CoderOut* renditionAt(jint position, jlong handle) {
+    const MIRVProcessor* processor = processorOf(handle);
+    if (!processor || static_cast<uint32_t>(position) >= processor->count) return nullptr;
+    return &processor->outputs[static_cast<uint32_t>(position)];
+}
+
+// Returns the size of the access unit that lies in the encoder, whether or not the array has room for it.
+jint copyEncoded(JNIEnv* env, const CoderOut& rendition, jbyteArray data) {
+    if (!rendition.coder || !data) return 0;
+    const NativeOpenH264Encoder& coder = *rendition.coder;
+    if (coder.outputSize > 0 && env->GetArrayLength(data) >= coder.outputSize)
+        JavaCall(env).copyWithin(data, coder.output.get(), coder.outputSize);
+    return coder.outputSize;
 }
 
 // Empty when there is nothing to decode; the last picture is no longer at hand even then.
@@ -163,10 +179,14 @@ void MIRVProcessor::dropFrame(JavaCall& java, jobject listener, uint32_t time) {
         receiveVideo(java, listener, receiveVideoMethod, outputs[i], time, false);
 }
 
+bool MIRVProcessor::encode(CoderOut& output) const {
+    return decoder->pictureReady && output.encode(decoder->frame.get());
+}
+
 int MIRVProcessor::encode(JavaCall& java, jobject listener, uint32_t position) const {
     if (position >= count || !listener) return 0;
     CoderOut& output = outputs[position];
-    const bool encoded = decoder->pictureReady && output.encode(decoder->frame.get());
+    const bool encoded = encode(output);
     // Looked up each time: what write() keeps is for one thread.
     jclass type = java.env->GetObjectClass(listener);
     jmethodID method = receiveVideoOf(java.env, type);
@@ -253,6 +273,23 @@ JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_MIRVProcessor_enco
     return processor->encode(java, listener, static_cast<uint32_t>(output));
 }
 
+JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_MIRVProcessor_encodeInto(JNIEnv* env, jclass,
+                                                                                       jint output,
+                                                                                       jbyteArray data,
+                                                                                       jlong handle) {
+    CoderOut* rendition = renditionAt(output, handle);
+    if (!rendition || !data || !processorOf(handle)->encode(*rendition)) return 0;
+    return copyEncoded(env, *rendition, data);
+}
+
+JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_MIRVProcessor_copyEncoded(JNIEnv* env, jclass,
+                                                                                        jint output,
+                                                                                        jbyteArray data,
+                                                                                        jlong handle) {
+    const CoderOut* rendition = renditionAt(output, handle);
+    return rendition ? copyEncoded(env, *rendition, data) : 0;
+}
+
 JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_MIRVProcessor_drain(JNIEnv* env, jclass,
                                                                                   jobject listener,
                                                                                   jlong handle) {
@@ -273,19 +310,15 @@ JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_MIRVProcessor_stat
                                                                                    jint output,
                                                                                    jlong handle) {
     constexpr jint notOpened = 2;
-    const MIRVProcessor* processor = processorOf(handle);
-    if (!processor || static_cast<uint32_t>(output) >= processor->count) return notOpened;
-    const CoderOut& rendition = processor->outputs[static_cast<uint32_t>(output)];
-    return rendition.coder ? rendition.coder->status : notOpened;
+    const CoderOut* rendition = renditionAt(output, handle);
+    return rendition && rendition->coder ? rendition->coder->status : notOpened;
 }
 
 JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_MIRVProcessor_requestKey(JNIEnv*, jclass,
                                                                                        jint output,
                                                                                        jlong handle) {
-    MIRVProcessor* processor = processorOf(handle);
-    if (!processor || static_cast<uint32_t>(output) >= processor->count) return 0;
-    CoderOut& rendition = processor->outputs[static_cast<uint32_t>(output)];
-    return rendition.coder ? rendition.coder->requestKey() : 0;
+    const CoderOut* rendition = renditionAt(output, handle);
+    return rendition && rendition->coder ? rendition->coder->requestKey() : 0;
 }
 
 JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_MIRVProcessor_apply(JNIEnv* env, jclass,

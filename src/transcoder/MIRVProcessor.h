@@ -55,6 +55,9 @@ public:
     // there is an access unit.
     int encode(JavaCall& java, jobject listener, uint32_t position) const;
 
+    // The same without a listener.
+    bool encode(CoderOut& output) const;
+
 private:
     ~MIRVProcessor();
 

@@ -1,7 +1,6 @@
 package com.kelvane.media;
 
 import com.kelvane.media.transform.codec.MIRVProcessor;
-import java.nio.ByteBuffer;
 import java.time.Duration;
 import java.util.function.Consumer;
 
@@ -77,12 +76,17 @@ final class RenditionOutput {
             return;
         }
         long begin = System.nanoTime();
-        boolean encoded = MIRVProcessor.encode(index, this, transcoder) == 1;
+        int encoded = MIRVProcessor.encodeInto(index, bytes, transcoder);
+        if (encoded > bytes.length) {
+            bytes = new byte[encoded + encoded / 4];
+            MIRVProcessor.copyEncoded(index, bytes, transcoder);
+        }
         nanoseconds = System.nanoTime() - begin;
         totalNanoseconds += nanoseconds;
-        if (encoded) {
+        if (encoded > 0) {
+            size = encoded;
             pictures++;
-            totalBytes += size;
+            totalBytes += encoded;
             return;
         }
         skipped++;
@@ -91,18 +95,6 @@ final class RenditionOutput {
             refused = new MediaException("OpenH264 does not encode pictures of the source's size, which rendition "
                     + (index + 1) + " is to have; sides of 16 pixels and more are encoded");
         }
-    }
-
-    /** Called by the native library while it encodes. The buffer is the encoder's. */
-    void receiveVideo(int id, int timestamp, ByteBuffer data) {
-        if (data == null) {
-            return;
-        }
-        size = data.remaining();
-        if (bytes.length < size) {
-            bytes = new byte[size + size / 4];
-        }
-        data.get(bytes, 0, size);
     }
 
     /** Hands the encoded picture, if there is one, to a receiver. */

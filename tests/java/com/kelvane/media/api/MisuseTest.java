@@ -341,8 +341,8 @@ final class MisuseTest {
                         + "avframe_set_data null: null, avframe_set_key_frame null:, avframe_set_linesize null:, "
                         + "avpacket_set_data null: null, avpicture_fill -22:, sws_freeContext null: null, "
                         + "sws_getCachedContext 0:, sws_scale -1: -1, sws_scale -1: -1 -1"),
-                new Bare(MIRVProcessor.class, UNIT, "apply 0: 0 0 0, decode 1: 0 0, drain 0: 0 0, encode 0: 0 0, "
-                        + "pictureTime 0: 0, requestKey 0: 0, start 1: 1, status 2: 2, write 1: 1 0 0", 1),
+                new Bare(MIRVProcessor.class, UNIT, "apply 0: 0 0 0, copyEncoded 0: 0 0, decode 1: 0 0, drain 0: 0 0, "
+                        + "encode 0: 0 0, encodeInto 0: 0 0, pictureTime 0: 0, requestKey 0: 0, start 1: 1, status 2: 2, write 1: 1 0 0", 1),
                 new Bare(AVCDecoder.class, UNIT, "decode 1: 0 0 0 0, decodeAt 1: 0 0 0 0, drain 0: 0 0 0, "
                         + "pictureTime 0: 0, take 0: 0 0 0"),
                 new Bare(AVCEncoder.class, new byte[PACKED], "encode 0: 0 0 0, loadLibrary 1: 0", 176, 144, 25, 50, 300_000),

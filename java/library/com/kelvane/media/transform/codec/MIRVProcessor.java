@@ -172,6 +172,30 @@ public final class MIRVProcessor {
     public static native int encode(int output, Object listener, long handle);
 
     /**
+     * Scales and encodes the picture at hand for one rendition, as {@link #encode} does, and copies the access unit into an
+     * array in place of a callback, which takes the virtual machine longer.
+     *
+     * @param output the rendition's position, from 0, in the order in which the ids were first applied
+     * @param data receives the access unit from its begin; when it is too short it stays as it is, and
+     *        {@link #copyEncoded} gives the access unit once there is a longer one. Null encodes nothing
+     * @param handle the transcoder, or 0
+     * @return bytes of the access unit, also when {@code data} is too short; 0 when the rendition has none for this picture,
+     *         for a position that there is not, for a null array and for a handle of 0
+     */
+    public static native int encodeInto(int output, byte[] data, long handle);
+
+    /**
+     * Copies the access unit of the picture that {@link #encodeInto} has just encoded once more. To be called while no other
+     * thread encodes this rendition.
+     *
+     * @param output the rendition's position, from 0, in the order in which the ids were first applied
+     * @param data receives it from its begin; when it is too short it stays as it is
+     * @param handle the transcoder, or 0
+     * @return as {@link #encodeInto}
+     */
+    public static native int copyEncoded(int output, byte[] data, long handle);
+
+    /**
      * Decodes the next picture that is held back for reordering, encodes it into every rendition and calls the listener
      * once for each, as {@code write} does, with the picture's own time; to be called at the end of a stream until it
      * returns 0. The transcoder is then ready for a new stream, which begins with a key frame.
