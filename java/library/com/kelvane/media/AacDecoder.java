@@ -19,7 +19,7 @@ public final class AacDecoder implements AutoCloseable {
     private static final int SAMPLES = 1024;
 
     private final Engine engine;
-    private final SpareArray spare = new SpareArray();
+    private final SparePcm spare = new SparePcm();
     private final int channels;
     private final int sampleRate;
     private final byte[] info = new byte[5];
@@ -67,9 +67,9 @@ public final class AacDecoder implements AutoCloseable {
     public Optional<Pcm> decode(byte[] accessUnit) {
         long handle = engine.enter("decode");
         try {
-            byte[] pcm = spare.take(SAMPLES * Pcm.BYTES_PER_SAMPLE * channels);
-            if (AACDecoder.decode(accessUnit, info, pcm, handle) == SAMPLES) {
-                return Optional.of(new Pcm(channels, sampleRate, pcm));
+            Pcm pcm = spare.take(channels, sampleRate, SAMPLES * Pcm.BYTES_PER_SAMPLE * channels);
+            if (AACDecoder.decode(accessUnit, info, pcm.bytes(), handle) == SAMPLES) {
+                return Optional.of(pcm);
             }
             spare.give(pcm);
             return Optional.empty();
@@ -79,13 +79,13 @@ public final class AacDecoder implements AutoCloseable {
     }
 
     /**
-     * Gives an array of samples back for a following one, which spares the garbage collector one a call. The caller must not
-     * use the sound any more. Any thread may call this at any time.
+     * Gives sound back, to be filled again by a following call, which spares the garbage collector an array a call. The
+     * caller must not use the sound any more. Any thread may call this at any time.
      *
      * @param pcm sound that this decoder handed out
      */
     public void recycle(Pcm pcm) {
-        spare.give(pcm.bytes());
+        spare.give(pcm);
     }
 
     /** {@return 1 or 2} */

@@ -21,7 +21,7 @@ public final class Mp3Decoder implements AutoCloseable {
     private static final int[] MPEG_1_RATES = {44_100, 48_000, 32_000};
 
     private final Engine engine;
-    private final SpareArray spare = new SpareArray();
+    private final SparePcm spare = new SparePcm();
     private final byte[] info = new byte[5];
     private final byte[] output = new byte[LONGEST_FRAME];
 
@@ -57,20 +57,20 @@ public final class Mp3Decoder implements AutoCloseable {
             int channels = (frame[3] >> 6 & 3) == MONO ? 1 : 2;
             int size = ByteBuffer.wrap(info).getInt(1) * channels * Pcm.BYTES_PER_SAMPLE;
             return size > LONGEST_FRAME ? Optional.empty()
-                    : Optional.of(new Pcm(channels, sampleRate(frame), spare.copyOf(output, size)));
+                    : Optional.of(spare.copyOf(channels, sampleRate(frame), output, size));
         } finally {
             engine.exit();
         }
     }
 
     /**
-     * Gives an array of samples back for a following one, which spares the garbage collector one a call. The caller must not
-     * use the sound any more. Any thread may call this at any time.
+     * Gives sound back, to be filled again by a following call, which spares the garbage collector an array a call. The
+     * caller must not use the sound any more. Any thread may call this at any time.
      *
      * @param pcm sound that this decoder handed out
      */
     public void recycle(Pcm pcm) {
-        spare.give(pcm.bytes());
+        spare.give(pcm);
     }
 
     // MPEG-2 and MPEG-2.5 halve the rates of MPEG-1.

@@ -21,7 +21,7 @@ public final class OpusDecoder implements AutoCloseable {
     private static final byte[] LOST = {};
 
     private final Engine engine;
-    private final SpareArray spare = new SpareArray();
+    private final SparePcm spare = new SparePcm();
     private final int channels;
     private final byte[] output;
 
@@ -71,21 +71,21 @@ public final class OpusDecoder implements AutoCloseable {
     }
 
     /**
-     * Gives an array of samples back for a following one, which spares the garbage collector one a call. The caller must not
-     * use the sound any more. Any thread may call this at any time.
+     * Gives sound back, to be filled again by a following call, which spares the garbage collector an array a call. The
+     * caller must not use the sound any more. Any thread may call this at any time.
      *
      * @param pcm sound that this decoder handed out
      */
     public void recycle(Pcm pcm) {
-        spare.give(pcm.bytes());
+        spare.give(pcm);
     }
 
     private Optional<Pcm> decode(String operation, byte[] packet) {
         long handle = engine.enter(operation);
         try {
             int samples = NOpusDecoder.decode(packet, output, handle);
-            return samples <= 0 ? Optional.empty() : Optional.of(new Pcm(channels, SAMPLE_RATE,
-                    spare.copyOf(output, samples * Pcm.BYTES_PER_SAMPLE * channels)));
+            return samples <= 0 ? Optional.empty() : Optional.of(
+                    spare.copyOf(channels, SAMPLE_RATE, output, samples * Pcm.BYTES_PER_SAMPLE * channels));
         } finally {
             engine.exit();
         }

@@ -1,6 +1,5 @@
 package com.kelvane.media;
 
-import java.util.Arrays;
 import java.util.concurrent.atomic.AtomicReference;
 
 /** An array that was given back, for the next result of its size. Any thread may use it at any time. */
@@ -17,15 +16,5 @@ final class SpareArray {
     byte[] take(int size) {
         byte[] recycled = spare.getAndSet(EMPTY);
         return recycled.length == size ? recycled : new byte[size];
-    }
-
-    /** {@return the first bytes of an array} */
-    byte[] copyOf(byte[] array, int size) {
-        byte[] recycled = spare.getAndSet(EMPTY);
-        if (recycled.length != size) {
-            return Arrays.copyOf(array, size);
-        }
-        System.arraycopy(array, 0, recycled, 0, size);
-        return recycled;
     }
 }
