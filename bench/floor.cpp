@@ -2,16 +2,19 @@
 // with nothing around them. It works on commands, a line each on standard input, and answers each with a
 // line:
 //
-//   KIND MEASURE PACKETS [ARGUMENT...]     a pass over a file of packets, each behind its size (big-endian, 4
-//                                          bytes)
-//   loop COUNTER PACKETS [ARGUMENT...]     a ladder of the same pictures over and over, for ever; they are
-//                                          counted in 8 bytes of a file, COUNTER is FILE:OFFSET
-//   run MILLISECONDS PROGRAM ARGUMENT...   another program
+//   KIND MEASURE LAPS PACKETS [ARGUMENT...]
+//       so many passes in the same engines over a file of packets, each behind its size (big-endian, 4 bytes)
+//   loop COUNTER PICTURES PACKETS [ARGUMENT...]
+//       a ladder of the same pictures over and over, for ever; COUNTER, a FILE:OFFSET, has 8 bytes for their
+//       number, and 8 bytes that it waits for behind so many pictures, until they are not 0
+//   run MILLISECONDS PROGRAM ARGUMENT...
+//       another program
 //
 // MEASURE is "check" for a checksum of all that came out, or the number of packets after which the pass
 // answers "more" and waits for an empty line, as others take their turns; 0 for none. Another program is
-// stopped and answered for alike, by time. The answer: nanoseconds of CPU, nanoseconds by the clock, units
-// that came out, their bytes, the checksum.
+// stopped and answered for alike, by time. At the end of each lap: "lap", nanoseconds of CPU, nanoseconds by
+// the clock. The answer: both for all laps with opening and closing, units that came out, their bytes, the
+// checksum.
 
 #include "bridge/Owners.h"
 #include "video/I420.h"
@@ -75,41 +78,70 @@ void awaitTurn() {
 // What a pass took and what came out of it.
 class Output {
 public:
-    explicit Output(const std::string& measure)
-        : checking(measure == "check"), slice(std::atoi(measure.c_str())) {
+    explicit Output(const std::string& measure, int lapCount = 1)
+        : laps(lapCount), checking(measure == "check"), slice(std::atoi(measure.c_str())) {
         go();
     }
-    // To be called ahead of each packet.
-    void turn() {
-        if (picturesDone) picturesDone->store(picturesDone->load() + 1);
-        if (slice == 0 || packets++ % slice != 0 || packets == 1) return;
+    // Calls for each packet of each lap; without an end when laps are counted in pictures.
+    template <class Receiver>
+    void forEach(const Packets& packets, const Receiver& receive) {
         halt();
-        awaitTurn();
+        for (int lap = 0; counter || lap < laps; ++lap) {
+            const Times before = times;
+            go();
+            for (const Bytes& packet : packets) {
+                turn();
+                receive(packet);
+                if (counter) count();
+            }
+            halt();
+            if (counter) continue;
+            std::printf("lap %ld %ld\n", static_cast<long>(times.cpu - before.cpu),
+                        static_cast<long>(times.wall - before.wall));
+            std::fflush(stdout);
+        }
         go();
     }
     void halt() {
-        cpu += nanoseconds(CLOCK_THREAD_CPUTIME_ID);
-        wall += nanoseconds(CLOCK_MONOTONIC);
+        times.cpu += nanoseconds(CLOCK_THREAD_CPUTIME_ID);
+        times.wall += nanoseconds(CLOCK_MONOTONIC);
     }
     void add(const void* data, size_t size) {
         ++units;
         bytes += size;
         if (checking) sum = crc32(sum, static_cast<const Bytef*>(data), static_cast<uInt>(size));
     }
+    struct Times {
+        int64_t cpu = 0, wall = 0; // nanoseconds
+    };
+    Times times; // while the clocks run, less the moment at which they began
     uint64_t units = 0, bytes = 0;
     uLong sum = 0;
-    int64_t cpu = 0, wall = 0;
-    size_t repeats = 1; // of a stream of pictures
-    std::atomic<uint64_t>* picturesDone = nullptr;
+    struct Counter {
+        std::atomic<int64_t> pictures, go;
+    };
+    Counter* counter = nullptr;
 
 private:
     void go() {
-        cpu -= nanoseconds(CLOCK_THREAD_CPUTIME_ID);
-        wall -= nanoseconds(CLOCK_MONOTONIC);
+        times.cpu -= nanoseconds(CLOCK_THREAD_CPUTIME_ID);
+        times.wall -= nanoseconds(CLOCK_MONOTONIC);
+    }
+    void count() {
+        if (++counter->pictures == laps)
+            while (counter->go == 0)
+                usleep(1000);
+    }
+    void turn() {
+        if (slice == 0 || packetsDone++ % slice != 0 || packetsDone == 1) return;
+        halt();
+        awaitTurn();
+        go();
     }
 
+    int laps;
     bool checking;
-    int slice, packets = 0;
+    int slice, packetsDone = 0;
 };
 
 Packets readPackets(const std::string& path) {
@@ -139,17 +171,17 @@ void decodePictures(const Packets& units, Output& output, const Receiver& receiv
     if (avcodec_open2(context.get(), codec, nullptr) < 0) fail("no H.264 decoder");
     const FrameOwner picture(av_frame_alloc());
     int got = 0;
-    for (size_t i = 0; i < units.size() * output.repeats; ++i) {
-        output.turn();
-        const Bytes& unit = units[i % units.size()];
+    int64_t milliseconds = 0;
+    output.forEach(units, [&](const Bytes& unit) {
         AVPacket packet;
         if (av_new_packet(&packet, static_cast<int>(unit.size())) < 0) fail("no memory");
         std::memcpy(packet.data, unit.data(), unit.size());
-        packet.pts = 33 * 1000 * static_cast<int64_t>(i);
+        packet.pts = 1000 * milliseconds;
+        milliseconds += 33;
         avcodec_decode_video2(context.get(), picture.get(), &got, &packet);
         av_packet_unref(&packet);
         if (got) receive(*picture);
-    }
+    });
     do {
         AVPacket packet{};
         av_init_packet(&packet);
@@ -341,8 +373,7 @@ void decodeSound(const AVCodec* codec, const Bytes& config, const Packets& packe
     std::copy(config.begin(), config.end(), context->extradata);
     if (avcodec_open2(context.get(), codec, nullptr) < 0) fail("no decoder");
     const FrameOwner frame(av_frame_alloc());
-    for (const Bytes& bytes : packets) {
-        output.turn();
+    output.forEach(packets, [&](const Bytes& bytes) {
         AVPacket packet;
         av_init_packet(&packet);
         packet.data = const_cast<uint8_t*>(bytes.data());
@@ -350,7 +381,7 @@ void decodeSound(const AVCodec* codec, const Bytes& config, const Packets& packe
         int got = 0;
         avcodec_decode_audio4(context.get(), frame.get(), &got, &packet);
         if (got) receive(*frame);
-    }
+    });
 }
 
 void decodeAac(const Packets& units, std::istream&, Output& output) {
@@ -390,8 +421,7 @@ void encodeAac(const Packets& blocks, std::istream&, Output& output) {
     if (avcodec_open2(context.get(), codec, nullptr) < 0) fail("no AAC encoder");
     const ResamplerOwner converter = resampler(AV_SAMPLE_FMT_S16, AV_SAMPLE_FMT_FLTP);
     const FrameOwner frame = audioFrame(AV_SAMPLE_FMT_FLTP, 1024);
-    for (const Bytes& block : blocks) {
-        output.turn();
+    output.forEach(blocks, [&](const Bytes& block) {
         const uint8_t* pcm = block.data();
         swr_convert(converter.get(), frame->extended_data, 1024, &pcm, 1024);
         AVPacket packet{};
@@ -399,7 +429,7 @@ void encodeAac(const Packets& blocks, std::istream&, Output& output) {
         avcodec_encode_audio2(context.get(), &packet, frame.get(), &got);
         if (got) output.add(packet.data, static_cast<size_t>(packet.size));
         av_packet_unref(&packet);
-    }
+    });
 }
 
 void encodeOpus(const Packets& frames, std::istream&, Output& output) {
@@ -412,23 +442,21 @@ void encodeOpus(const Packets& frames, std::istream&, Output& output) {
     opus_encoder_ctl(encoder.get(), OPUS_SET_FORCE_CHANNELS(2));
     opus_encoder_ctl(encoder.get(), OPUS_SET_VBR(0));
     uint8_t packet[3828];
-    for (const Bytes& frame : frames) {
-        output.turn();
+    output.forEach(frames, [&](const Bytes& frame) {
         const int size = opus_encode(encoder.get(), reinterpret_cast<const opus_int16*>(frame.data()), 960,
                                      packet, sizeof packet);
         if (size > 0) output.add(packet, static_cast<size_t>(size));
-    }
+    });
 }
 
 void decodeOpus(const Packets& packets, std::istream&, Output& output) {
     const OpusDecoderOwner decoder(opus_decoder_create(sampleRate, 2, nullptr));
     std::vector<opus_int16> pcm(5760 * 2);
-    for (const Bytes& packet : packets) {
-        output.turn();
+    output.forEach(packets, [&](const Bytes& packet) {
         const int samples =
             opus_decode(decoder.get(), packet.data(), static_cast<int>(packet.size()), pcm.data(), 5760, 0);
         if (samples > 0) output.add(pcm.data(), static_cast<size_t>(samples) * 4);
-    }
+    });
 }
 
 using Pass = void (*)(const Packets&, std::istream&, Output&);
@@ -458,7 +486,7 @@ Output run(std::istream& arguments) {
     rusage usage{};
     int64_t begun = nanoseconds(CLOCK_MONOTONIC);
     while (wait4(child, &status, slice ? WNOHANG : 0, &usage) == 0) {
-        usleep(1000);
+        usleep(10'000); // rarely, as what looks here takes turns with the program on one processor
         if (nanoseconds(CLOCK_MONOTONIC) - begun < int64_t{slice} * 1'000'000) continue;
         kill(child, SIGSTOP);
         awaitTurn();
@@ -470,20 +498,20 @@ Output run(std::istream& arguments) {
         return (int64_t{time.tv_sec} * 1'000'000 + time.tv_usec) * 1000;
     };
     output.halt();
-    output.cpu = spent(usage.ru_utime) + spent(usage.ru_stime);
+    output.times.cpu = spent(usage.ru_utime) + spent(usage.ru_stime);
     return output;
 }
 
 // Does not return.
-[[noreturn]] void loop(const std::string& counter, const Packets& units, const std::string& arguments) {
+[[noreturn]] void loop(const std::string& counter, int pictures, const Packets& units,
+                       const std::string& arguments) {
     const size_t colon = counter.rfind(':');
     const int file = open(counter.substr(0, colon).c_str(), O_RDWR);
     void* memory = mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_SHARED, file, 0);
     if (memory == MAP_FAILED) fail("no counters in " + counter);
-    Output output("0");
-    output.picturesDone = reinterpret_cast<std::atomic<uint64_t>*>(static_cast<char*>(memory) +
-                                                                   std::stoul(counter.substr(colon + 1)));
-    output.repeats = SIZE_MAX / units.size();
+    Output output("0", pictures);
+    output.counter = reinterpret_cast<Output::Counter*>(static_cast<char*>(memory) +
+                                                        std::stoul(counter.substr(colon + 1)));
     std::istringstream words(arguments);
     ladder(units, words, output);
     fail("for ever is over");
@@ -502,18 +530,19 @@ int main() {
         if (kind == "run") {
             output = run(words);
         } else {
-            words >> measure >> path;
+            int laps = 1;
+            words >> measure >> laps >> path;
             if (!files.contains(path)) files[path] = readPackets(path);
             if (kind == "loop")
-                loop(measure, files[path], std::string(std::istreambuf_iterator<char>(words), {}));
+                loop(measure, laps, files[path], std::string(std::istreambuf_iterator<char>(words), {}));
             const auto pass = passes.find(kind);
             if (pass == passes.end()) fail("what is " + kind);
-            output = Output(measure);
+            output = Output(measure, laps);
             pass->second(files[path], words, output);
             output.halt();
         }
-        std::printf("%ld %ld %lu %lu %lu\n", static_cast<long>(output.cpu), static_cast<long>(output.wall),
-                    output.units, output.bytes, output.sum);
+        std::printf("%ld %ld %lu %lu %lu\n", static_cast<long>(output.times.cpu),
+                    static_cast<long>(output.times.wall), output.units, output.bytes, output.sum);
         std::fflush(stdout);
     }
 }

@@ -1,7 +1,6 @@
 package com.kelvane.media.bench;
 
 import com.kelvane.media.AccessUnit;
-import com.kelvane.media.ProcessingModule;
 import java.io.IOException;
 import java.nio.file.Files;
 import java.nio.file.Path;
@@ -17,8 +16,6 @@ import java.util.concurrent.Executors;
  * 720p60.h264, and receives the report; PARTS are names separated by commas, or all.
  */
 public final class Benchmarks {
-    private static final int LAUNCHES = 5;
-
     private final Path folder;
     private final int rounds;
     private final List<Table> tables = new ArrayList<>();
@@ -52,8 +49,8 @@ public final class Benchmarks {
         parts.put("picture", benchmarks::perPicture);
         List<String> chosen = arguments[2].equals("all") ? List.copyOf(parts.keySet()) : List.of(arguments[2].split(","));
         List<String> about = new ArrayList<>(List.of(arguments).subList(3, arguments.length));
-        about.add(benchmarks.rounds + " rounds in turns after warming up, more where they are short; medians, and in brackets within how many percent of the "
-                + "ratio the middle half of the rounds lay; load at the beginning "
+        about.add(benchmarks.rounds + " launches of all programs, each measuring several laps after warming up; medians, and in brackets "
+                + "within how many percent of the ratio the middle half of the launches lay; load at the beginning "
                 + Files.readString(Path.of("/proc/loadavg")).split(" ")[0]);
         for (String part : chosen) {
             System.err.println("measuring: " + part);
@@ -75,40 +72,34 @@ public final class Benchmarks {
     }
 
     private void ladders() throws Exception {
-        Table table = table("A ladder of renditions", "Milliseconds of CPU for a picture of the source. The floor is a C++ program "
+        launch(table("A ladder of renditions", "Milliseconds of CPU for a picture of the source. The floor is a C++ program "
                 + "with the same library calls on the same access units and nothing else; all three give the same bytes. FFmpeg's own "
                 + "program decodes once, scales alike and encodes with libopenh264 at the same parameters, on one thread; what it "
-                + "takes for a stream of one picture is subtracted as its start.",
+                + "takes to start is subtracted, with its first pictures.",
                 "floor, ms|natives, ms|API, ms|FFmpeg, ms", atMost("natives to floor", 1.01), atMost("API to floor", 1.01),
-                atMost("API to FFmpeg", 0.99));
-        try (Floor floor = new Floor(Map.of()).bound(); Floor again = new Floor(Map.of()).bound();
-                Floor starter = new Floor(Map.of()).bound()) {
-            for (Map.Entry<String, Packets> source : sources.entrySet()) {
-                int height = Integer.parseInt(source.getKey().replaceAll("p.*", ""));
-                int frameRate = Integer.parseInt(source.getKey().replaceAll(".*p", ""));
-                for (int count : new int[] {1, 3, 5}) {
-                    Ladder ladder = Ladder.of(height, frameRate, count);
-                    FFmpegProgram program = new FFmpegProgram(folder, starter, source.getKey(), ladder);
-                    program.check(source.getValue().list().size());
-                    List<byte[]> units = source.getValue().list();
-                    Path packets = source.getValue().file();
-                    Contest contest = new Contest(source.getKey(), units.size())
-                            .way("floor", floor.pass("ladder", packets, ladder.forFloor()))
-                            .way("floor again", again.pass("ladder", packets, ladder.forFloor()));
-                    contest.way("natives", ladder.natives(units)).way("API", ladder.api(units, null)).other("FFmpeg", program.pass())
-                            .run(rounds);
-                    String row = source.getKey() + ", " + count + (count == 1 ? " rung" : " rungs");
-                    for (String way : List.of("floor", "natives", "API", "FFmpeg")) {
-                        table.put(row, way + ", ms", contest.result(way).median() / 1e6 / units.size(), 3);
-                    }
-                    table.put(row, "floor again to floor", contest.ratio("floor again", "floor"));
-                    table.put(row, "natives to floor", contest.ratio("natives", "floor"));
-                    table.put(row, "API to floor", contest.ratio("API", "floor"));
-                    table.put(row, "API to FFmpeg", contest.ratio("API", "FFmpeg"));
-                    table.tell(row);
-                }
-            }
+                atMost("API to FFmpeg", 0.99)), 3, LadderContests.class, sources.keySet().toArray(String[]::new));
+    }
+
+    /** Lets virtual machines of their own fill a table: medians of as many as there are rounds. */
+    private void launch(Table table, int decimals, Class<?> contests, String... names) throws Exception {
+        Map<String, List<Double>> figures = new LinkedHashMap<>();
+        for (int launch = 0; launch < rounds; launch++) {
+            List<String> arguments = new ArrayList<>(List.of(folder.toString(), Integer.toString(launch)));
+            arguments.addAll(List.of(names));
+            Child.run(List.of("-Xms512m", "-Xmn64m"), Map.of(), contests, arguments.toArray(String[]::new))
+                    .forEach((name, value) -> figures.computeIfAbsent(name, ignored -> new ArrayList<>()).add(value));
+            System.err.println("launch " + (launch + 1) + " of " + rounds);
         }
+        figures.forEach((name, values) -> {
+            String row = name.substring(0, name.indexOf(Child.COLUMN));
+            String column = name.substring(row.length() + Child.COLUMN.length());
+            Contest.Result result = Contest.Result.of(values.stream().mapToDouble(Double::doubleValue).toArray());
+            if (column.contains("to ")) {
+                table.put(row, column, result);
+            } else {
+                table.put(row, column, result.median(), decimals);
+            }
+        });
     }
 
     private void parallel() throws Exception {
@@ -126,7 +117,7 @@ public final class Benchmarks {
                 contest.way(threads + (threads == 1 ? " thread" : " threads"), ladder.api(source.list(), threads == 1 ? Runnable::run : pool));
             }
         }
-        contest.run(rounds, false, Spent::wall);
+        contest.run(rounds, false, Turns.Lap::wall);
         for (String way : List.of("sequential", "1 thread", "2 threads", "4 threads")) {
             if (way.equals("4 threads") && cores < 4 || way.equals("2 threads") && cores < 2) {
                 continue;
@@ -138,52 +129,15 @@ public final class Benchmarks {
     }
 
     private void engines() throws Exception {
-        Table decoding = table("Pictures to Java, and the pipeline", "Milliseconds of CPU for a picture of 1280x720. Decoding is compared "
+        launch(table("Pictures to Java, and the pipeline", "Milliseconds of CPU for a picture of 1280x720. Decoding is compared "
                 + "with bare decoding plus one copy, the pipeline with bare decoding, one copy and FFmpeg's own OpenH264 encoder; the module "
                 + "is the example mosaic without a region.", "floor, ms|API, ms", atMost("decoding, to floor", 1.12),
-                atMost("pipeline, to floor", 1.02));
-        Packets source = sources.get("720p30");
-        try (Floor floor = new Floor(Map.of()).bound()) {
-            row(decoding, "decoder", "decoding, to floor", new Contest("decoder", source.list().size()).way("floor", floor.pass("decode", source.file(), ""))
-                    .way("API", Engines.decode(source.list())));
-            String pipeline = "30 " + Engines.PIPELINE_BITRATE;
-            ProcessingModule idle = ProcessingModule.load(Path.of(System.getProperty("bench.module")));
-            for (ProcessingModule module : new ProcessingModule[] {null, idle}) {
-                row(decoding, module == null ? "pipeline" : "pipeline, idle module", "pipeline, to floor",
-                        new Contest("pipeline", source.list().size()).way("floor", floor.pass("pipeline", source.file(), pipeline))
-                                .way("API", Engines.pipeline(source.list(), 30, module)));
-            }
-        }
-    }
-
-    private void row(Table table, String name, String ratio, Contest contest) throws Exception {
-        contest.run(rounds);
-        table.put(name, "floor, ms", contest.result("floor").median() / 1e6 / contest.units(), 3)
-                .put(name, "API, ms", contest.result("API").median() / 1e6 / contest.units(), 3);
-        table.put(name, ratio, contest.ratio("API", "floor"));
-        table.tell(name);
+                atMost("pipeline, to floor", 1.02)), 3, EngineContests.class, "720p30");
     }
 
     private void sound() throws Exception {
-        Table table = table("Sound", "CPU for " + Sound.SECONDS + " s of stereo: how many times faster than real time, and beside the bare calls. "
-                + "Medians of " + LAUNCHES + " launches of all programs, as where the memory of so short a call lies counts for more than "
-                + "the call.",
-                "API, times real time", atMost("natives to floor", 1.03), atMost("API to floor", 1.03));
-        Map<String, List<Double>> figures = new LinkedHashMap<>();
-        for (int launch = 0; launch < LAUNCHES; launch++) {
-            Child.run(List.of("-Xms512m", "-Xmn64m"), Map.of(), SoundContests.class, folder.toString(), Integer.toString(rounds))
-                    .forEach((name, value) -> figures.computeIfAbsent(name, ignored -> new ArrayList<>()).add(value));
-        }
-        figures.forEach((name, values) -> {
-            String kind = name.substring(0, name.indexOf(':'));
-            String column = name.substring(kind.length() + 1);
-            Contest.Result result = Contest.Result.of(values.stream().mapToDouble(Double::doubleValue).toArray());
-            if (column.contains(" to ")) {
-                table.put(kind, column, result);
-            } else {
-                table.put(kind, column, result.median(), 0);
-            }
-        });
+        launch(table("Sound", "CPU for " + Sound.SECONDS + " s of stereo: how many times faster than real time, and beside the bare calls.",
+                "API, times real time", atMost("natives to floor", 1.03), atMost("API to floor", 1.03)), 0, SoundContests.class);
     }
 
     private void guard() {

@@ -10,11 +10,18 @@ import java.util.Map;
 
 /** A measurement in a virtual machine of its own, which prints lines of "figure NAME VALUE" on standard error. */
 final class Child {
+    static final String COLUMN = ":";
+
     private Child() {
     }
 
     static void report(String name, double value) {
         System.err.println("figure\t" + name + "\t" + value);
+    }
+
+    /** A figure for the column of a row. */
+    static void report(String row, String column, double value) {
+        report(row + COLUMN + column, value);
     }
 
     /** Starts a virtual machine whose pipes are the caller's. */
@@ -25,7 +32,8 @@ final class Child {
     private static ProcessBuilder builder(List<String> options, Map<String, String> environment, Class<?> main, String... arguments) {
         List<String> command = new ArrayList<>(List.of(Path.of(System.getProperty("java.home"), "bin", "java").toString(), "-cp",
                 System.getProperty("java.class.path")));
-        for (String property : List.of("bench.floor", "bench.openh264", "bench.mp3", "kelvane.openh264")) {
+        for (String property : List.of("bench.floor", "bench.openh264", "bench.ffmpeg", "bench.module", "bench.mp3",
+                "kelvane.openh264")) {
             command.add("-D" + property + "=" + System.getProperty(property));
         }
         command.addAll(options);

@@ -30,9 +30,14 @@ final class Floor implements AutoCloseable {
     /** Waits for the end of a pass, giving way to the others on the way. */
     Spent answer(Turns turns) throws IOException {
         String line = answers.readLine();
-        while ("more".equals(line)) {
-            turns.pause();
-            begin("");
+        while (line != null && (line.equals("more") || line.startsWith("lap "))) {
+            if (line.equals("more")) {
+                turns.pause();
+                begin("");
+            } else {
+                String[] lap = line.split(" ");
+                turns.lap(Long.parseLong(lap[1]), Long.parseLong(lap[2]));
+            }
             line = answers.readLine();
         }
         if (line == null) {
@@ -50,7 +55,8 @@ final class Floor implements AutoCloseable {
 
     /** A pass of a kind over a file of packets. */
     Contest.Pass pass(String kind, Path packets, String arguments) {
-        return (checked, turns) -> run(kind + " " + (checked ? "check" : turns.slice) + " " + packets + " " + arguments, turns);
+        return (checked, turns) -> run(kind + " " + (checked ? "check" : turns.slice) + " " + turns.laps + " " + packets + " "
+                + arguments, turns);
     }
 
     /** {@return the most memory that the process had resident, in bytes} */

@@ -23,7 +23,7 @@ final class MemoryParts {
             Files.deleteIfExists(counted);
             try (Floor floor = new Floor(Map.of("LD_PRELOAD", System.getProperty("bench.allocations"), "KELVANE_ALLOCATIONS",
                     counted.toString()))) {
-                floor.run("ladder 0 " + source.file() + " " + new Ladder(30, rungs.subList(0, count)).forFloor(), new Turns(0));
+                floor.run("ladder 0 1 " + source.file() + " " + new Ladder(30, rungs.subList(0, count)).forFloor(), Turns.none());
                 double most = ByteBuffer.wrap(Files.readAllBytes(counted)).order(ByteOrder.nativeOrder()).getLong(24) / MEGABYTE;
                 double packets = Files.size(source.file()) / MEGABYTE;
                 String row = count == 0 ? "decoder" : "rendition of " + rungs.get(count - 1).width() + "x" + rungs.get(count - 1).height();

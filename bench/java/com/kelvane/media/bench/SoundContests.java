@@ -5,8 +5,10 @@ import java.util.LinkedHashMap;
 import java.util.List;
 import java.util.Map;
 
-/** The engines of sound, both ways, beside the floor. Arguments: FOLDER ROUNDS */
+/** The engines of sound, both ways, beside the floor. Arguments: FOLDER LAUNCH */
 public final class SoundContests {
+    private static final int LAPS = 3;
+
     private SoundContests() {
     }
 
@@ -33,13 +35,13 @@ public final class SoundContests {
                 };
                 Contest contest = new Contest(kind, packets.size()).way("floor", floor.pass(kind, file, ""))
                         .way("floor again", again.pass(kind, file, "")).way("natives", ours[0]).way("API", ours[1])
-                        .run(Integer.parseInt(arguments[1]));
+                        .run(LAPS).mean("floor", "floor again", "both floors");
                 for (String way : List.of("floor", "natives", "API")) {
-                    Child.report(kind + ":" + way + ", times real time", Sound.SECONDS * 1e9 / contest.result(way).median());
+                    Child.report(kind, way + ", times real time", Sound.SECONDS * 1e9 / contest.result(way).median());
                 }
-                for (String way : List.of("floor again", "natives", "API")) {
-                    Child.report(kind + ":" + way + " to floor", contest.ratio(way, "floor").median());
-                }
+                Child.report(kind, "floor again to floor", contest.ratio("floor again", "floor").median());
+                Child.report(kind, "natives to floor", contest.ratio("natives", "both floors").median());
+                Child.report(kind, "API to floor", contest.ratio("API", "both floors").median());
             }
         }
     }

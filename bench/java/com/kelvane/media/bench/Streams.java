@@ -20,9 +20,10 @@ public final class Streams {
                     .order(java.nio.ByteOrder.nativeOrder()).asLongBuffer();
         }
         Ladder ladder = Ladder.of(720, 30, 3);
-        System.out.write('\n');
-        System.out.flush();
+        Heat.videoEngines();
+        counters.put(0, FullMachine.READY);
         System.in.read();
+        counters.put(0, 0);
         for (int i = 0; i < Integer.parseInt(arguments[0]); i++) {
             int counter = FullMachine.COUNTER_STRIDE / Long.BYTES * i;
             new Thread(() -> serve(ladder, units, counters, counter)).start();
@@ -33,8 +34,13 @@ public final class Streams {
         try (Transcoder transcoder = ladder.builder().open()) {
             for (long time = 0;; time++) {
                 transcoder.write(units.get((int) (time % units.size())), Ladder.PICTURE_TIME * time, picture -> picture.data());
-                counters.put(counter, counters.get(counter) + 1);
+                counters.put(counter, time + 1);
+                while (time + 1 == FullMachine.PICTURES_TO_WARM_UP && counters.get(counter + 1) == 0) {
+                    Thread.sleep(1);
+                }
             }
+        } catch (InterruptedException nobodyDoes) {
+            throw new IllegalStateException(nobodyDoes);
         }
     }
 }

@@ -80,7 +80,9 @@ final class Table {
             List<Double> values = rows.values().stream().filter(row -> row.containsKey(goal.column))
                     .map(row -> row.get(goal.column).value).toList();
             long missed = values.stream().filter(goal::isMissedBy).count();
-            return goal + ": " + (missed == 0 ? "reached" : "missed by " + missed + " of " + values.size());
+            double mean = values.stream().mapToDouble(Double::doubleValue).average().orElse(0);
+            return goal + ": " + (missed == 0 ? "reached" : "missed by " + missed + " of " + values.size())
+                    + (values.size() > 1 ? String.format(", %.4f on average", mean) : "");
         }).toList();
     }
 }
