@@ -11,9 +11,10 @@ import java.nio.file.StandardOpenOption;
 import java.util.ArrayList;
 import java.util.List;
 import java.util.Map;
-import java.util.function.IntFunction;
+import java.util.function.Function;
+import java.util.function.LongPredicate;
+import java.util.function.ToDoubleFunction;
 import java.util.stream.LongStream;
-import java.util.stream.Stream;
 
 /**
  * So many transcoders in one virtual machine, each on a thread of its own, beside as many processes of the floor: both sides
@@ -34,20 +35,24 @@ final class FullMachine {
 
     static void measure(Table table, String row, int count, Path folder, Ladder ladder, Packets source, int launches,
             Map<String, String> environment) throws Exception {
-        double[][] figures = new double[launches][];
+        List<Launch> all = new ArrayList<>();
         for (int launch = 0; launch < launches; launch++) {
-            figures[launch] = launch(count, folder, ladder, source, environment);
+            all.add(launch(count, folder, ladder, source, environment));
         }
-        IntFunction<Contest.Result> figure = i -> Contest.Result.of(Stream.of(figures).mapToDouble(of -> of[i]).toArray());
-        table.put(row, "floor, pictures/s", figure.apply(0).median(), 1).put(row, "API, pictures/s", figure.apply(1).median(), 1)
-                .put(row, "API to floor", figure.apply(2)).put(row, "API, MB each", figure.apply(3).median(), 1)
-                .put(row, "floor process, MB", figure.apply(4).median(), 1)
-                .put(row, "of it its own, MB", figure.apply(5).median(), 1).tell(row);
+        Function<ToDoubleFunction<Launch>, Contest.Result> over = figure -> Contest.Result.of(all.stream().mapToDouble(figure).toArray());
+        table.put(row, "floor, pictures/s", over.apply(Launch::floorRate).median(), 1)
+                .put(row, "API, pictures/s", over.apply(Launch::rate).median(), 1)
+                .put(row, "API to floor", over.apply(launch -> launch.rate / launch.floorRate))
+                .put(row, "API, MB each", over.apply(Launch::memory).median() / MEGABYTE, 1)
+                .put(row, "floor process, MB", over.apply(Launch::floorMemory).median() / MEGABYTE, 1)
+                .put(row, "of it its own, MB", over.apply(Launch::floorOwnMemory).median() / MEGABYTE, 1).tell(row);
     }
 
-    // In the order of the columns.
-    private static double[] launch(int count, Path folder, Ladder ladder, Packets source, Map<String, String> environment)
-            throws Exception {
+    /** Pictures a second of all together, and bytes for each. */
+    private record Launch(double floorRate, double rate, double memory, double floorMemory, double floorOwnMemory) {
+    }
+
+    private static Launch launch(int count, Path folder, Ladder ladder, Packets source, Map<String, String> environment) throws Exception {
         try (Side bare = new Side(folder.resolve("counters-floor"), count); Side ours = new Side(folder.resolve("counters-api"), count)) {
             for (int i = 0; i < count; i++) {
                 Floor floor = new Floor(environment);
@@ -62,27 +67,19 @@ final class FullMachine {
             Thread printed = new Thread(() -> discard(machine.getInputStream()));
             printed.setDaemon(true);
             printed.start();
-            while (ours.counts().min().orElseThrow() != READY) {
-                Thread.sleep(20);
-            }
+            ours.await(least -> least == READY);
             double empty = Floor.statusBytes(machine.pid(), "VmRSS");
             machine.getOutputStream().write('\n');
             machine.getOutputStream().flush();
             warmUp(ours);
-            double bareRate = 0;
+            double floorRate = 0;
             double rate = 0;
             for (int turn = 0; turn < TURNS; turn++) {
-                bareRate += bare.rate(SLICE + SLICE_OF_EACH * count) / TURNS;
+                floorRate += bare.rate(SLICE + SLICE_OF_EACH * count) / TURNS;
                 rate += ours.rate(SLICE + SLICE_OF_EACH * count) / TURNS;
             }
-            double floorMemory = 0;
-            double floorPrivate = 0;
-            for (Process floor : bare.processes) {
-                floorMemory += Floor.statusBytes(floor.pid(), "VmHWM") / MEGABYTE / count;
-                floorPrivate += Floor.statusBytes(floor.pid(), "RssAnon") / MEGABYTE / count;
-            }
-            return new double[] {bareRate, rate, rate / bareRate,
-                (Floor.statusBytes(machine.pid(), "VmHWM") - empty) / MEGABYTE / count, floorMemory, floorPrivate};
+            return new Launch(floorRate, rate, (Floor.statusBytes(machine.pid(), "VmHWM") - empty) / count,
+                    bare.bytes("VmHWM") / count, bare.bytes("RssAnon") / count);
         }
     }
 
@@ -95,9 +92,7 @@ final class FullMachine {
     }
 
     private static void warmUp(Side side) throws IOException, InterruptedException {
-        while (side.counts().min().orElseThrow() < PICTURES_TO_WARM_UP) {
-            Thread.sleep(20);
-        }
+        side.await(least -> least >= PICTURES_TO_WARM_UP);
         side.signal("STOP");
         side.go();
     }
@@ -127,7 +122,25 @@ final class FullMachine {
             }
         }
 
-        LongStream counts() {
+        /** Waits until the least of the counters is as it should be. */
+        void await(LongPredicate reached) throws IOException, InterruptedException {
+            while (!reached.test(counts().min().orElseThrow())) {
+                if (!processes.stream().allMatch(Process::isAlive)) {
+                    throw new IOException("a worker has ended");
+                }
+                Thread.sleep(20);
+            }
+        }
+
+        double bytes(String status) throws IOException {
+            double sum = 0;
+            for (Process process : processes) {
+                sum += Floor.statusBytes(process.pid(), status);
+            }
+            return sum;
+        }
+
+        private LongStream counts() {
             return LongStream.range(0, workers).map(i -> counters.get((int) (COUNTER_STRIDE / Long.BYTES * i)));
         }
 
