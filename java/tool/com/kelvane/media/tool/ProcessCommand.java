@@ -18,6 +18,7 @@ import com.kelvane.media.tool.output.Workspace;
 import com.kelvane.media.tool.shell.Caller;
 import com.kelvane.media.tool.shell.Failure;
 import com.kelvane.media.tool.shell.Progress;
+import com.kelvane.media.tool.shell.Text;
 import java.io.IOException;
 import java.nio.file.Files;
 import java.nio.file.Path;
@@ -213,7 +214,7 @@ final class ProcessCommand implements Callable<Integer> {
                                   double seconds, Comparison comparison, Path file) throws IOException {
         List<ContactSheet.Label> labels = List.of(
                 new ContactSheet.Label("before", List.of(track.width() + "x" + track.height(),
-                        String.format("%.2f pictures/s", track.frameRate()))),
+                        Text.format("%.2f pictures/s", track.frameRate()))),
                 Summary.label("after", statistics.bytes(), seconds, comparison.psnr(0)));
         ContactSheet.draw(track.path().getFileName().toString(), comparison.grid(), comparison.cellHeights(),
                 track.meaning().rotation(), labels, moments, file);

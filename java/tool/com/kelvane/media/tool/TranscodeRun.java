@@ -22,6 +22,7 @@ import com.kelvane.media.tool.output.Workspace;
 import com.kelvane.media.tool.shell.Failure;
 import com.kelvane.media.tool.shell.JsonLines;
 import com.kelvane.media.tool.shell.Progress;
+import com.kelvane.media.tool.shell.Text;
 import java.io.IOException;
 import java.nio.file.Files;
 import java.util.ArrayList;
@@ -154,7 +155,7 @@ final class TranscodeRun {
     private void drawSheet(double seconds) throws IOException {
         List<ContactSheet.Label> labels = new ArrayList<>();
         labels.add(new ContactSheet.Label("source", List.of(track.width() + "x" + track.height(),
-                String.format("%.2f pictures/s", track.frameRate()))));
+                Text.format("%.2f pictures/s", track.frameRate()))));
         for (int i = 0; i < outputs.size(); i++) {
             labels.add(Summary.label(outputs.get(i).size(), transcoding.statistics().renditions().get(i).bytes(), seconds,
                     comparison.psnr(i)));

@@ -8,6 +8,7 @@ import com.kelvane.media.tool.output.RenditionOutput;
 import com.kelvane.media.tool.output.Summary;
 import com.kelvane.media.tool.shell.JsonLines;
 import com.kelvane.media.tool.shell.Progress;
+import com.kelvane.media.tool.shell.Text;
 import java.io.ByteArrayOutputStream;
 import java.io.IOException;
 import java.util.HashMap;
@@ -162,14 +163,14 @@ final class LiveFigures {
             return "waiting for input";
         }
         double silent = silence();
-        return String.format("%.0f s   %s   behind by %.1f s   latency %.0f ms, segments %.1f s   %d of %d renditions", now(),
-                silent > 2 ? String.format("no input since %.0f s", silent) : String.format("%.1f pictures a second", rate),
+        return Text.format("%.0f s   %s   behind by %.1f s   latency %.0f ms, segments %.1f s   %d of %d renditions", now(),
+                silent > 2 ? Text.format("no input since %.0f s", silent) : Text.format("%.1f pictures a second", rate),
                 behind / 1000, latencyCount > 0 ? latencySum / latencyCount : latency, segmentLatency, made, outputs.size());
     }
 
     /** What is to be said in the end. */
     synchronized String ending() {
-        return String.format("%d pictures in %.1f s; %.1f s of them are kept, in %d segments", pictures, now(), listedSeconds,
+        return Text.format("%d pictures in %.1f s; %.1f s of them are kept, in %d segments", pictures, now(), listedSeconds,
                 listed);
     }
 
@@ -234,6 +235,6 @@ final class LiveFigures {
 
     private static void number(JsonGenerator json, String field, double value) throws IOException {
         json.writeFieldName(field);
-        json.writeNumber(String.format("%.3f", value));
+        json.writeNumber(Text.format("%.3f", value));
     }
 }

@@ -6,6 +6,7 @@ import com.kelvane.media.Transcoder.Statistics;
 import com.kelvane.media.tool.input.VideoTrack;
 import com.kelvane.media.tool.shell.Caller;
 import com.kelvane.media.tool.shell.JsonLines;
+import com.kelvane.media.tool.shell.Text;
 import java.time.Duration;
 import java.util.List;
 
@@ -21,19 +22,19 @@ public final class Summary {
         for (int i = 0; i < statistics.renditions().size(); i++) {
             RenditionStatistics rendition = statistics.renditions().get(i);
             row(rendition.rendition().width() + "x" + rendition.rendition().height(), rendition.pictures(), rendition.skipped(),
-                    String.format("%.1f", kilobitsPerSecond(rendition.bytes(), seconds)), target(rendition.rendition()),
+                    Text.format("%.1f", kilobitsPerSecond(rendition.bytes(), seconds)), target(rendition.rendition()),
                     comparison == null ? "-" : decibels(comparison.psnr(i)),
-                    String.format("%.2f", milliseconds(rendition.encodeTime(), rendition.pictures() + rendition.skipped())));
+                    Text.format("%.2f", milliseconds(rendition.encodeTime(), rendition.pictures() + rendition.skipped())));
         }
         row("decoding", statistics.pictures(), "", "", "", "",
-                String.format("%.2f", milliseconds(statistics.decodeTime(), statistics.pictures())));
+                Text.format("%.2f", milliseconds(statistics.decodeTime(), statistics.pictures())));
         line("");
     }
 
     /** What the source is. */
     public static void head(VideoTrack track) {
         line("%s: %dx%d, %s%.2f pictures a second", track.path(), track.width(), track.height(),
-                track.seconds() > 0 ? String.format("%.1f s, ", track.seconds()) : "", track.frameRate());
+                track.seconds() > 0 ? Text.format("%.1f s, ", track.seconds()) : "", track.frameRate());
     }
 
     /**
@@ -62,7 +63,7 @@ public final class Summary {
     /** A rendition's figures for the contact sheet. */
     public static ContactSheet.Label label(String name, long bytes, double seconds, double psnr) {
         return new ContactSheet.Label(name,
-                List.of(String.format("%.0f kbit/s", kilobitsPerSecond(bytes, seconds)), "PSNR-Y " + decibels(psnr)));
+                List.of(Text.format("%.0f kbit/s", kilobitsPerSecond(bytes, seconds)), "PSNR-Y " + decibels(psnr)));
     }
 
     public static double kilobitsPerSecond(long bytes, double seconds) {
@@ -76,11 +77,11 @@ public final class Summary {
 
     static String target(Rendition rendition) {
         return rendition.rateControl() == Rendition.RateControl.QUALITY ? "quality"
-                : String.format("%.1f", rendition.bitrate() / 1000.0);
+                : Text.format("%.1f", rendition.bitrate() / 1000.0);
     }
 
     static String decibels(double psnr) {
-        return Double.isNaN(psnr) ? "-" : Double.isInfinite(psnr) ? "identical" : String.format("%.2f dB", psnr);
+        return Double.isNaN(psnr) ? "-" : Double.isInfinite(psnr) ? "identical" : Text.format("%.2f dB", psnr);
     }
 
     private static void row(Object... cells) {
@@ -88,7 +89,7 @@ public final class Summary {
     }
 
     public static void line(String format, Object... values) {
-        String text = String.format(format, values).stripTrailing();
+        String text = Text.format(format, values).stripTrailing();
         if (!JsonLines.isOn()) {
             Caller.OUTPUT.println(text);
         } else if (!text.isEmpty()) {

@@ -5,6 +5,7 @@ import com.kelvane.media.tool.input.MediaFile;
 import com.kelvane.media.tool.shell.Caller;
 import com.kelvane.media.tool.shell.Failure;
 import com.kelvane.media.tool.shell.Progress;
+import com.kelvane.media.tool.shell.Text;
 import java.io.IOException;
 import java.io.Serializable;
 import java.util.ArrayList;
@@ -215,7 +216,7 @@ final class LibraryRun {
         boolean done = parts.stream().allMatch(part -> part.problem() == null);
         if (!done) {
             folder.clean(false);
-            report(String.format("%s: %d of %d parts failed; the others are kept for --resume, and no master playlist was"
+            report(Text.format("%s: %d of %d parts failed; the others are kept for --resume, and no master playlist was"
                     + " written", plan.source().uri(), parts.stream().filter(part -> part.problem() != null).count(),
                     parts.size()));
             return;
@@ -248,7 +249,7 @@ final class LibraryRun {
 
     private void say(String format, Object... values) {
         Progress.clear();
-        Caller.OUTPUT.printf(format + "%n", values);
+        Caller.OUTPUT.println(Text.format(format, values));
     }
 
     private void report(String problem) {

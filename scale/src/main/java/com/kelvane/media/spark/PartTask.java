@@ -15,6 +15,7 @@ import com.kelvane.media.tool.output.RenditionOutput;
 import com.kelvane.media.tool.output.Results;
 import com.kelvane.media.tool.output.Workspace;
 import com.kelvane.media.tool.shell.Failure;
+import com.kelvane.media.tool.shell.Text;
 import java.io.IOException;
 import java.io.Serializable;
 import java.nio.file.Files;
@@ -40,13 +41,13 @@ record PartTask(Plan plan, int number) implements Serializable {
         private static final long serialVersionUID = 1;
 
         BadInput(String message, Object... values) {
-            super(String.format(message, values));
+            super(Text.format(message, values));
         }
     }
 
     /** Where a finished part is remembered. */
     static String doneName(int number) {
-        return DONE + (number == Part.SOUND ? "sound" : String.format("%05d", number));
+        return DONE + (number == Part.SOUND ? "sound" : Text.format("%05d", number));
     }
 
     static String doneFolder() {
@@ -172,7 +173,7 @@ record PartTask(Plan plan, int number) implements Serializable {
         MediaPlaylist playlist = MediaPlaylist.read(made);
         ArrayList<Part.Segment> segments = new ArrayList<>();
         for (int i = 0; i < playlist.durations().size(); i++) {
-            String name = number == Part.SOUND ? String.format("%05d.m4s", i) : String.format("%05d-%03d.m4s", number, i);
+            String name = number == Part.SOUND ? Text.format("%05d.m4s", i) : Text.format("%05d-%03d.m4s", number, i);
             publisher.put(made.resolve(i + ".m4s"), folder + "/" + name);
             segments.add(new Part.Segment(name, playlist.durations().get(i), playlist.sizes().get(i)));
         }
