@@ -167,11 +167,11 @@ public final class NativeLibrary {
     }
 
     private static Path loadFromCache() throws IOException {
-        return loadFile(new NativesJar().unpackInto(PrivateFolder.cache()).resolve(FILE));
+        return loadFile(NativesJar.libraries().unpackInto(PrivateFolder.cache()).resolve(FILE));
     }
 
     private static Path loadUnpacked() throws IOException {
-        NativesJar jar = new NativesJar();
+        PackedFiles jar = NativesJar.libraries();
         Path folder = PrivateFolder.temporary();
         try {
             jar.unpackAll(folder);

@@ -91,7 +91,6 @@ final class LibraryRun {
         Settings wanted = settings;
         Broadcast<SerializableConfiguration> hadoop = everywhere;
         return spark.parallelize(sources, sources.size()).map(source -> {
-            Programs.provide();
             try (InputAccess access = new InputAccess(source, hadoop.value().value())) {
                 MediaFile file = access.probe();
                 return new Look(Plan.of(source, wanted, file), null);

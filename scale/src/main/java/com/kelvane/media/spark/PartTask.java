@@ -25,6 +25,7 @@ import java.util.List;
 import org.apache.hadoop.conf.Configuration;
 import org.apache.spark.SparkEnv;
 import org.apache.spark.TaskContext;
+import org.apache.spark.util.Utils;
 
 /**
  * The work on one part of an input, a task of the job. What it makes depends on the input and the settings alone.
@@ -61,9 +62,9 @@ record PartTask(Plan plan, int number) implements Serializable {
      */
     Part run(Configuration configuration, TaskContext task, boolean last) throws IOException {
         long start = System.nanoTime();
-        Programs.provide();
-        // A folder of its own, as a workspace removes what others have left beside it.
-        Path scratch = Files.createTempDirectory(Programs.scratch(), "part-");
+        // In Spark's folder for temporary files, which Spark removes in the end; of its own, as a workspace removes what others
+        // have left beside it.
+        Path scratch = Files.createTempDirectory(Path.of(Utils.getLocalDir(SparkEnv.get().conf())).toAbsolutePath(), "part-");
         try (InputAccess access = new InputAccess(plan.source(), configuration);
                 Workspace workspace = new Workspace(scratch)) {
             Publisher publisher = new Publisher(plan.source().folder(), SparkEnv.get().conf().getAppId() + "-"
