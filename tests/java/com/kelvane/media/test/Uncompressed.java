@@ -2,6 +2,10 @@ package com.kelvane.media.test;
 
 import com.kelvane.media.Picture;
 import java.io.ByteArrayOutputStream;
+import java.io.IOException;
+import java.io.OutputStream;
+import java.nio.file.Files;
+import java.nio.file.Path;
 import java.util.Arrays;
 import java.util.Random;
 
@@ -27,6 +31,15 @@ public final class Uncompressed {
             samples[i] = (byte) (samples[i] >> 7);
         }
         return new Picture(width, height, time, samples);
+    }
+
+    /** Writes a stream of 64x48: 50 grey pictures, 3 of noise, 50 grey ones. */
+    public static void main(String[] arguments) throws IOException {
+        try (OutputStream stream = Files.newOutputStream(Path.of(arguments[0]))) {
+            for (int i = 0; i < 103; i++) {
+                stream.write(accessUnit(i / 50 == 1 && i < 53 ? noise(64, 48, 40 * i, true) : grey(64, 48, 40 * i)));
+            }
+        }
     }
 
     public static byte[] accessUnit(Picture picture) {
