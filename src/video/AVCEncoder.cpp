@@ -27,12 +27,17 @@ void NativeOpenH264Encoder::open() {
     withoutExceptions([&] { return library.createEncoder(&created); });
     if (!created) {
         status = 1;
-        std::puts("could not open noh264");
+        if (!renewed) std::puts("could not open noh264");
         return;
     }
     ++loader.liveEncoders;
     encoder.reset(created);
     status = 0;
+    if (renewed) {
+        // OpenH264 warns of its settings at each opening and reports each picture that fails, on standard error.
+        int level = WELS_LOG_QUIET;
+        encoder->SetOption(ENCODER_OPTION_TRACE_LEVEL, &level);
+    }
 
     if (fps == 0 || fps > 60) fps = 30;
     if (keyInterval > 480) keyInterval = fps * 8;
@@ -96,6 +101,7 @@ int NativeOpenH264Encoder::encode(unsigned char* picture, int size, unsigned int
 }
 
 int NativeOpenH264Encoder::encode(uint8_t* const planes[3], const int strides[3], unsigned int timestamp) {
+    failure = -1;
     if (!encoder) return 0;
     output.reset();
     outputSize = 0;
@@ -107,7 +113,8 @@ int NativeOpenH264Encoder::encode(uint8_t* const planes[3], const int strides[3]
     source.iPicHeight = static_cast<int>(height);
     source.uiTimeStamp = timestamp;
     SFrameBSInfo encoded{};
-    if (withoutExceptions([&] { return encoder->EncodeFrame(&source, &encoded); }) != 0) {
+    failure = withoutExceptions([&] { return encoder->EncodeFrame(&source, &encoded); });
+    if (failure != 0) {
         if (debug) std::puts("error ");
         return 0;
     }
@@ -130,7 +137,10 @@ int NativeOpenH264Encoder::encode(uint8_t* const planes[3], const int strides[3]
         return 0;
     }
     output = mallocBuffer(static_cast<size_t>(total));
-    if (!output) return 0;
+    if (!output) {
+        failure = -1;
+        return 0;
+    }
     ++frameCount;
     outputSize = total;
     if (debug) std::printf("output_size: %d count: %d\n", outputSize, static_cast<int>(frameCount));
@@ -144,6 +154,15 @@ int NativeOpenH264Encoder::encode(uint8_t* const planes[3], const int strides[3]
 
 int NativeOpenH264Encoder::requestKey() {
     return encoder && status == 0 && encoder->ForceIntraFrame(true) == 0;
+}
+
+bool NativeOpenH264Encoder::renew() {
+    close();
+    outputSize = 0;
+    status = 1;
+    renewed = true;
+    open();
+    return status == 0;
 }
 
 void NativeOpenH264Encoder::close() {

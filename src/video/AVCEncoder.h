@@ -29,6 +29,9 @@ public:
     int32_t minQp = 0;
     uint32_t keyInterval = 60; // GOP length in pictures; open() turns 0 into 4 s and more than 480 into 8 s
     int32_t status = 1;        // 0 configured, 1 no library encoder, -1 parameters refused
+    int32_t failure = 0;       // 0 when the last picture was encoded or the encoder skipped it; otherwise what the
+                               // library answered, or -1 when it threw or memory was missing
+    bool renewed = false;      // reports nothing more on the process's output, debug lines aside
     uint64_t frameCount = 0;   // pictures that produced output
     int32_t debug = 0;         // non-zero prints diagnostics
     MallocBuffer output;       // NAL units of the last picture, until the next encode() or close()
@@ -47,6 +50,10 @@ public:
     // Makes the next picture that is encoded a key frame, from which the GOP length is counted anew. Returns
     // 1 when the library takes the request.
     int requestKey();
+
+    // Makes the library's encoder anew, with the same settings: OpenH264 encodes nothing more after a picture that
+    // failed. Its first picture is a key frame. Returns whether there is one that encodes.
+    bool renew();
 
     void close();
 };

@@ -3,6 +3,8 @@
 #include <dlfcn.h>
 
 #include <algorithm>
+#include <cstdio>
+#include <cstdlib>
 #include <mutex>
 
 #define EXPORTED extern "C" __attribute__((visibility("default")))
@@ -11,6 +13,14 @@ namespace {
 
 OpenH264Record record;
 std::mutex recording; // encoders may run on several threads
+const bool failsAlways = std::getenv("OPENH264_FAILS") != nullptr;
+
+// For a process that only the environment reaches.
+struct LastWords {
+    ~LastWords() {
+        if (failsAlways) std::fprintf(stderr, "%d encoders\n", record.created);
+    }
+} const lastWords;
 
 template <class Function>
 Function* inLibrary(const char* symbol) {
@@ -48,6 +58,11 @@ public:
             const std::lock_guard lock(recording);
             record.source = *picture;
             record.timestamps.push_back(picture->uiTimeStamp);
+            failed |= record.failAt.contains(record.timestamps.size() - 1);
+        }
+        if (failed || failsAlways) {
+            if (!quiet) std::fputs("[OpenH264] Error\n", stderr);
+            return cmMallocMemeError;
         }
         if (record.failToEncode) return cmUnknownReason;
         if (record.inventedLayers > 0) return invent(info);
@@ -61,6 +76,7 @@ public:
     int EncodeParameterSets(SFrameBSInfo* info) override { return other(real->EncodeParameterSets(info)); }
     int ForceIntraFrame(bool idr, int layer) override { return other(real->ForceIntraFrame(idr, layer)); }
     int SetOption(ENCODER_OPTION option, void* value) override {
+        if (option == ENCODER_OPTION_TRACE_LEVEL) quiet = *static_cast<int*>(value) == WELS_LOG_QUIET;
         return other(real->SetOption(option, value));
     }
     int GetOption(ENCODER_OPTION option, void* value) override {
@@ -88,6 +104,8 @@ private:
     }
 
     ISVCEncoder* real;
+    bool failed = false;
+    bool quiet = false;
     unsigned char bytes[MAX_LAYER_NUM_OF_FRAME][5];
     int nalLengths[2] = {2, 3};
 };

@@ -1,9 +1,11 @@
 package com.kelvane.media.tool.live;
 
 import com.fasterxml.jackson.core.JsonGenerator;
+import com.kelvane.media.EncoderFailure;
 import com.kelvane.media.Transcoder;
 import com.kelvane.media.tool.input.AudioTrack;
 import com.kelvane.media.tool.input.VideoTrack;
+import com.kelvane.media.tool.output.LostPictures;
 import com.kelvane.media.tool.output.RenditionOutput;
 import com.kelvane.media.tool.output.Summary;
 import com.kelvane.media.tool.shell.JsonLines;
@@ -46,6 +48,7 @@ final class LiveFigures {
     private long jumps;
     private long damaged;
     private long shed;
+    private final LostPictures lost = new LostPictures();
     private volatile double segmentLatency;
     private volatile double largestSegmentLatency;
     private volatile int first;
@@ -140,6 +143,18 @@ final class LiveFigures {
         shed++;
     }
 
+    /** An encoder has failed at a picture. */
+    synchronized void failed(EncoderFailure failure) {
+        lost.accept(failure);
+        note("failed " + failure.index(), "%s: the encoder failed at a picture, %s: %s", outputs.get(failure.index()).size(),
+                failure.lost() ? "which is missing" : "and was made anew for it", failure.reason());
+    }
+
+    /** A line for each rendition that lacks pictures. */
+    synchronized List<String> lacking() {
+        return lost.lines(outputs.stream().map(RenditionOutput::size).toList());
+    }
+
     /** A segment is in the lists; when its first picture came. */
     void listed(long arrival) {
         segmentLatency = (System.nanoTime() - arrival) / 1e9;
@@ -224,10 +239,14 @@ final class LiveFigures {
             json.writeBooleanField("made", i >= outputs.size() - made);
             json.writeNumberField("pictures", done.pictures());
             json.writeNumberField("skipped", done.skipped());
+            json.writeNumberField("failed", done.failed());
+            if (lost.reason(i) != null) {
+                json.writeStringField("failure", lost.reason(i));
+            }
             json.writeNumberField("bytes", done.bytes());
             json.writeNumberField("targetBitrate", done.rendition().bitrate());
             number(json, "encodeMilliseconds", done.pictures() == 0 ? 0
-                    : Summary.milliseconds(done.encodeTime(), done.pictures() + done.skipped()));
+                    : Summary.milliseconds(done));
             json.writeEndObject();
         }
         json.writeEndArray();

@@ -116,18 +116,18 @@ public final class Page {
     private String table() {
         boolean hls = !report.playlists().isEmpty();
         StringBuilder table = new StringBuilder("<table><thead>");
-        row(table, "th", Stream.concat(Stream.of("rendition", "pictures", "skipped", "kbit/s", "target", "PSNR-Y", "ms/picture"),
-                hls ? Stream.of("segments", "peak kbit/s") : Stream.empty()).toList());
+        row(table, "th", Stream.concat(Stream.of("rendition", "pictures", "skipped", "failed", "kbit/s", "target", "PSNR-Y",
+                "ms/picture"), hls ? Stream.of("segments", "peak kbit/s") : Stream.empty()).toList());
         table.append("</thead><tbody>");
         for (int i = 0; i < report.outputs().size(); i++) {
             RenditionStatistics done = report.statistics().renditions().get(i);
             List<String> cells = new ArrayList<>(List.of(
                     "<span class=\"key " + Plot.colour(i) + "\"></span>" + report.outputs().get(i).size(),
-                    Long.toString(done.pictures()), Long.toString(done.skipped()),
+                    Long.toString(done.pictures()), Long.toString(done.skipped()), Long.toString(done.failed()),
                     Text.format("%.1f", Summary.kilobitsPerSecond(done.bytes(), report.seconds())),
                     Summary.target(done.rendition()),
                     report.comparison() == null ? "-" : Summary.decibels(report.comparison().psnr(i)), Text.format("%.2f",
-                            Summary.milliseconds(done.encodeTime(), done.pictures() + done.skipped()))));
+                            Summary.milliseconds(done))));
             if (hls) {
                 cells.addAll(segments(report.playlists().get(i)));
             }
@@ -135,8 +135,8 @@ public final class Page {
         }
         if (report.playlists().size() > report.outputs().size()) {
             MediaPlaylist sound = report.playlists().get(report.outputs().size());
-            List<String> cells = new ArrayList<>(List.of("sound", "", "",
-                    Text.format("%.1f", sound.averageBandwidth() / 1000.0), "", "", ""));
+            List<String> cells = new ArrayList<>(List.of("sound", "", "", "", Text.format("%.1f", sound.averageBandwidth() / 1000.0),
+                    "", "", ""));
             cells.addAll(segments(sound));
             row(table, "td", cells);
         }

@@ -18,15 +18,15 @@ public final class Summary {
     /** A table of the renditions. */
     public static void table(Statistics statistics, double seconds, Comparison comparison) {
         line("");
-        row("rendition", "pictures", "skipped", "kbit/s", "target", "PSNR-Y", "ms/picture");
+        row("rendition", "pictures", "skipped", "failed", "kbit/s", "target", "PSNR-Y", "ms/picture");
         for (int i = 0; i < statistics.renditions().size(); i++) {
             RenditionStatistics rendition = statistics.renditions().get(i);
             row(rendition.rendition().width() + "x" + rendition.rendition().height(), rendition.pictures(), rendition.skipped(),
-                    Text.format("%.1f", kilobitsPerSecond(rendition.bytes(), seconds)), target(rendition.rendition()),
+                    rendition.failed(), Text.format("%.1f", kilobitsPerSecond(rendition.bytes(), seconds)), target(rendition.rendition()),
                     comparison == null ? "-" : decibels(comparison.psnr(i)),
-                    Text.format("%.2f", milliseconds(rendition.encodeTime(), rendition.pictures() + rendition.skipped())));
+                    Text.format("%.2f", milliseconds(rendition)));
         }
-        row("decoding", statistics.pictures(), "", "", "", "",
+        row("decoding", statistics.pictures(), "", "", "", "", "",
                 Text.format("%.2f", milliseconds(statistics.decodeTime(), statistics.pictures())));
         line("");
     }
@@ -75,6 +75,11 @@ public final class Summary {
         return time.toNanos() / 1e6 / pictures;
     }
 
+    /** Milliseconds for each picture that a rendition was given. */
+    public static double milliseconds(RenditionStatistics done) {
+        return milliseconds(done.encodeTime(), done.pictures() + done.skipped() + done.failed());
+    }
+
     static String target(Rendition rendition) {
         return rendition.rateControl() == Rendition.RateControl.QUALITY ? "quality"
                 : Text.format("%.1f", rendition.bitrate() / 1000.0);
@@ -85,7 +90,7 @@ public final class Summary {
     }
 
     private static void row(Object... cells) {
-        line("%-11s %9s %8s %9s %9s %10s %11s", cells);
+        line("%-11s %9s %8s %7s %9s %9s %10s %11s", cells);
     }
 
     public static void line(String format, Object... values) {

@@ -234,6 +234,10 @@ final class LibraryRun {
 
     private void damage(Plan plan, List<Part> parts, double seconds) {
         for (Part part : parts) {
+            if (part.lacking() != null) {
+                damaged = true;
+                say("%s, %s: %s", plan.source().uri(), plan.name(part.number()), part.lacking());
+            }
             if (part.lost() > 0 || part.damage() != null) {
                 damaged = true;
                 say("%s, %s: damaged source: %s; what could be read was kept", plan.source().uri(), plan.name(part.number()),

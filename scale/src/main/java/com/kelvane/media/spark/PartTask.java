@@ -83,8 +83,8 @@ record PartTask(Plan plan, int number) implements Serializable {
                 }
                 throw problem;
             }
-            Part done = new Part(number, part.begin(), part.pictures(), part.lost(), part.damage(), null, part.tracks(),
-                    access.bytesRead(), (System.nanoTime() - start) / 1_000_000);
+            Part done = new Part(number, part.begin(), part.pictures(), part.lost(), part.damage(), part.lacking(), null,
+                    part.tracks(), access.bytesRead(), (System.nanoTime() - start) / 1_000_000);
             publisher.put(done.lines(), doneName(number));
             return done;
         } finally {
@@ -122,7 +122,7 @@ record PartTask(Plan plan, int number) implements Serializable {
                     throw new BadInput("nothing could be read there: %s",
                             source.damage() == null ? "the file ends before" : source.damage());
                 }
-                return new Part(number, 0, 0, 0, null, null, new ArrayList<>(), 0, 0);
+                return new Part(number, 0, 0, 0, null, null, null, new ArrayList<>(), 0, 0);
             }
             return finish(ladder, transcoding, results, Math.max(0, source.count() - transcoding.pictures()), source.damage(),
                     workspace, publisher);
@@ -139,7 +139,8 @@ record PartTask(Plan plan, int number) implements Serializable {
         for (RenditionOutput output : ladder.outputs()) {
             tracks.add(publish(output.size(), new byte[0], 0, workspace, publisher));
         }
-        return new Part(number, transcoding.begin(), transcoding.pictures(), lost, damage, null, tracks, 0, 0);
+        return new Part(number, transcoding.begin(), transcoding.pictures(), lost, damage, transcoding.lacking(), null,
+                tracks, 0, 0);
     }
 
     private Part sound(MediaFile file, InputAccess access, Workspace workspace, Publisher publisher) throws IOException {
@@ -155,7 +156,7 @@ record PartTask(Plan plan, int number) implements Serializable {
                 tracks.add(publish(Hls.SOUND, source.configuration(), source.channels(), workspace, publisher));
             }
         }
-        return new Part(number, 0, 0, 0, null, null, tracks, 0, 0);
+        return new Part(number, 0, 0, 0, null, null, null, tracks, 0, 0);
     }
 
     private AudioTrack soundTrack(MediaFile file) {
