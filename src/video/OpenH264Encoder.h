@@ -30,4 +30,7 @@ public:
     int encode(signed char* data, int length, unsigned int timestamp);
 
     void close();
+
+private:
+    int encodeChecked(signed char* data, int length, unsigned int timestamp);
 };
