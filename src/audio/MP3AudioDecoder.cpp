@@ -1,7 +1,6 @@
 #include "audio/MP3AudioDecoder.h"
 
 #include "audio/FirstFrame.h"
-#include "bridge/Exceptions.h"
 #include "bridge/JavaCall.h"
 #include "bridge/Registries.h"
 #include "com_kelvane_media_transform_codec_MPADecoder.h"
@@ -43,7 +42,7 @@ void MP3AudioDecoder::open() {
     frame.reset(av_frame_alloc());
     if (!context || !frame) return;
     context->refcounted_frames = 1;
-    status = static_cast<int8_t>(resultOr(-1, [&] { return avcodec_open2(context.get(), codec, nullptr); }));
+    status = static_cast<int8_t>(openCodec(context, codec));
     if (context->codec) {
         std::puts("codec opened");
     } else {

@@ -44,6 +44,11 @@ struct CodecContextDeleter {
 };
 using CodecContextOwner = std::unique_ptr<AVCodecContext, CodecContextDeleter>;
 
+// As avcodec_open2; -1 when the codec's own code throws.
+inline int openCodec(const CodecContextOwner& context, const AVCodec* codec) {
+    return resultOr(-1, [&] { return avcodec_open2(context.get(), codec, nullptr); });
+}
+
 struct FrameDeleter {
     void operator()(AVFrame* frame) const {
         completes([&] { av_frame_free(&frame); });

@@ -71,7 +71,7 @@ void VideoDecoder::open() {
         context->opaque = this;
     }
     frame.reset(av_frame_alloc());
-    if (!context || avcodec_open2(context.get(), codec, nullptr) < 0) {
+    if (!context || openCodec(context, codec) < 0) {
         std::puts("AVC decoder codec not opened");
     } else if (context->codec) {
         std::printf("AVC decoder codec opened %d\n", context->refcounted_frames);

@@ -50,7 +50,7 @@ void VideoEncoder::open() {
     for (const auto& [name, value] : privateOptions)
         av_opt_set(context->priv_data, name, value, AV_OPT_SEARCH_CHILDREN);
     std::printf("avcodec_open2: %d  : %d : %d : %d\n", width, height, frameRate, bitRate);
-    const int result = resultOr(-1, [&] { return avcodec_open2(context.get(), codec, nullptr); });
+    const int result = openCodec(context, codec);
     if (result < 0) {
         std::printf("AVC encoder codec not opened %d\n", result);
         return;
