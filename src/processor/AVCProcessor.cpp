@@ -205,12 +205,7 @@ JNIEXPORT jstring JNICALL Java_com_kelvane_media_transform_codec_AVCProcessor_pr
     const JavaString file(java, path);
     char text[512];
     if (!file.get() || !findModuleProblem(file.get(), text, sizeof text)) return nullptr;
-    // A symbol's name may be any bytes, and Java takes modified UTF-8 alone.
-    for (char* byte = text; *byte; ++byte)
-        if (*byte & 0x80) *byte = '?';
-    jstring problem = env->NewStringUTF(text);
-    java.deferException();
-    return problem;
+    return java.newAscii(text);
 }
 
 JNIEXPORT jlong JNICALL Java_com_kelvane_media_transform_codec_AVCProcessor_open(JNIEnv*, jclass,

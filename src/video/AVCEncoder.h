@@ -1,8 +1,7 @@
 #pragma once
 
 #include "bridge/Owners.h"
-
-#include <wels/codec_api.h>
+#include "video/OpenH264Records.h"
 
 #include <cstdint>
 
@@ -17,7 +16,7 @@ class NativeOpenH264Encoder {
 public:
     int64_t handle = 0;
     std::unique_ptr<ISVCEncoder, OpenH264EncoderDeleter> encoder;
-    SEncParamExt param{};
+    OpenH264Parameters param{};
     uint32_t width = 0; // pixels
     uint32_t height = 0;
     uint32_t fps = 15;        // pictures per second; open() turns 0 and more than 60 into 30
@@ -56,4 +55,10 @@ public:
     bool renew();
 
     void close();
+
+private:
+    template <class Frame>
+    int encodeInto(const OpenH264Picture& source);
+
+    OpenH264Layout layout = OpenH264Layout::upTo25; // of the library's records
 };

@@ -1,10 +1,10 @@
 #include "video/OpenH264Encoder.h"
 
+#include "bridge/Exceptions.h"
 #include "bridge/JavaCall.h"
 #include "bridge/Registries.h"
 #include "com_kelvane_media_transform_codec_OpenH264Encoder.h"
 #include "video/I420.h"
-#include "video/OpenH264Loader.h"
 
 extern "C" {
 #include <libavformat/avformat.h>
@@ -39,7 +39,7 @@ void VideoEncoder::open() {
     if (frameRate == 0) frameRate = 15;
     if (!makeContext()) return;
     std::printf("avcodec_open2: %d  : %d : %d : %d\n", width, height, frameRate, bitRate);
-    const int result = openContext();
+    const int result = openCodec(context, codec);
     if (result < 0) {
         std::printf("AVC encoder codec not opened %d\n", result);
         return;
@@ -70,10 +70,6 @@ bool VideoEncoder::makeContext() {
     for (const auto& [name, value] : privateOptions)
         av_opt_set(context->priv_data, name, value, AV_OPT_SEARCH_CHILDREN);
     return true;
-}
-
-int VideoEncoder::openContext() {
-    return withoutExceptions([&] { return avcodec_open2(context.get(), codec, nullptr); });
 }
 
 bool VideoEncoder::makePictures() {
@@ -110,6 +106,13 @@ int VideoEncoder::encode(signed char* data, int length, unsigned int timestamp) 
     if (!frame || status != 0) return 0;
     const int64_t chromaSize = int64_t{frame->width / 2} * (frame->height / 2);
     if (length < int64_t{frame->width} * frame->height + 2 * chromaSize) return 0;
+    int got = 0;
+    if (!completes([&] { got = encodeChecked(data, length, timestamp); })) std::puts("Exception in encode");
+    av_packet_unref(&packet);
+    return got;
+}
+
+int VideoEncoder::encodeChecked(signed char* data, int length, unsigned int timestamp) {
     av_init_packet(&packet);
     packet.data = nullptr;
     packet.size = 0;
@@ -122,8 +125,7 @@ int VideoEncoder::encode(signed char* data, int length, unsigned int timestamp) 
         unpackPicture(packed, *frame);
     picture->pts = int64_t{timestamp} * 1000;
     int got = 0;
-    const auto send = [&] { return avcodec_encode_video2(context.get(), &packet, picture, &got); };
-    failure = std::min(withoutExceptions(send), 0);
+    failure = std::min(avcodec_encode_video2(context.get(), &packet, picture, &got), 0);
     if (packet.size > length) failure = -1;
     if (failure != 0) {
         if (!renewed) std::puts("AVC encoder failed to encode frame");
@@ -134,7 +136,6 @@ int VideoEncoder::encode(signed char* data, int length, unsigned int timestamp) 
         encodedSize = packet.size;
         encodedTimestamp = static_cast<int32_t>(packet.pts / 1000);
     }
-    av_packet_unref(&packet);
     return got;
 }
 
@@ -142,7 +143,7 @@ bool VideoEncoder::renew() {
     status = 1;
     renewed = true;
     // One that never had pictures refused its size.
-    if (!codec || !frame || !makeContext() || openContext() < 0) return false;
+    if (!codec || !frame || !makeContext() || openCodec(context, codec) < 0) return false;
     status = 0;
     return true;
 }

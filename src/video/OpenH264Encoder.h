@@ -40,6 +40,6 @@ public:
 
 private:
     bool makeContext();
-    int openContext();
     bool makePictures();
+    int encodeChecked(signed char* data, int length, unsigned int timestamp);
 };

@@ -22,6 +22,10 @@ struct LastWords {
     }
 } const lastWords;
 
+void called() {
+    if (record.onCall) record.onCall();
+}
+
 template <class Function>
 Function* inLibrary(const char* symbol) {
     static void* const library = dlopen(OPENH264_LIBRARY, RTLD_NOW);
@@ -41,12 +45,14 @@ public:
     }
 
     int GetDefaultParams(SEncParamExt* param) override {
+        called();
         const int result = real->GetDefaultParams(param);
         const std::lock_guard lock(recording);
         record.defaults = *param;
         return result;
     }
     int InitializeExt(const SEncParamExt* param) override {
+        called();
         {
             const std::lock_guard lock(recording);
             record.param = *param;
@@ -54,6 +60,7 @@ public:
         return record.refuseParameters ? cmInitParaError : real->InitializeExt(param);
     }
     int EncodeFrame(const SSourcePicture* picture, SFrameBSInfo* info) override {
+        called();
         {
             const std::lock_guard lock(recording);
             record.source = *picture;
@@ -85,6 +92,7 @@ public:
 
 private:
     static int other(int result) {
+        called();
         ++record.otherCalls;
         return result;
     }
@@ -115,13 +123,17 @@ private:
 EXPORTED OpenH264Record* openH264Record() { return &record; }
 
 EXPORTED int WelsCreateSVCEncoder(ISVCEncoder** encoder) {
+    called();
     ISVCEncoder* real = nullptr;
     if (record.refuseToCreate || inLibrary<int(ISVCEncoder**)>("WelsCreateSVCEncoder")(&real) != 0) return 1;
     *encoder = new RecordingEncoder(real);
     return 0;
 }
 
-EXPORTED void WelsDestroySVCEncoder(ISVCEncoder* encoder) { delete static_cast<RecordingEncoder*>(encoder); }
+EXPORTED void WelsDestroySVCEncoder(ISVCEncoder* encoder) {
+    delete static_cast<RecordingEncoder*>(encoder);
+    called();
+}
 
 EXPORTED OpenH264Version WelsGetCodecVersion() {
     return inLibrary<OpenH264Version()>("WelsGetCodecVersion")();

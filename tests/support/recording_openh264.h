@@ -24,6 +24,7 @@ struct OpenH264Record {
     // When above 0, pictures come out as this many layers of two NAL units: layer i holds 2 and 3 bytes of
     // value i.
     int inventedLayers = 0;
+    void (*onCall)() = nullptr; // at the beginning of each call, of destroying at its end
 };
 
 // Exported by the recording library.
