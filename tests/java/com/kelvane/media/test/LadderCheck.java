@@ -213,7 +213,7 @@ public final class LadderCheck {
                 variant.get("CODECS"), codecs);
         double rate = Double.parseDouble("0" + variant.get("FRAME-RATE"));
         double found = pictures.rate();
-        expect(rate >= 0.95 * found && rate <= 1.05 * Math.max(found, pictures.nominalRate()), where,
+        expect(rate >= 0.9 * found && rate <= 1.1 * Math.max(found, pictures.nominalRate()), where,
                 "%s: FRAME-RATE is %.3f, pictures come at up to %.3f", name, rate, found);
         int units = pictures.soundUnits + sounds.stream().mapToInt(sound -> sound.soundUnits).sum();
         String expected = options.getOrDefault("sound", units + "-" + units);
