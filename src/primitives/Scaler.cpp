@@ -26,17 +26,17 @@ using ContextOwner = std::unique_ptr<SwsContext, ContextDeleter>;
 
 // A context beside a caller's. It prints nothing.
 ContextOwner makeContext(int width, int height, AVPixelFormat source, int targetWidth, int targetHeight,
-                        AVPixelFormat target, int flags) {
+                         AVPixelFormat target, int flags) {
     return ContextOwner(sws_getContext(width, height, source, targetWidth, targetHeight, target,
-                                      flags & ~SWS_PRINT_INFO, nullptr, nullptr, nullptr));
+                                       flags & ~SWS_PRINT_INFO, nullptr, nullptr, nullptr));
 }
 
-// How much larger one side of a target is to be for libswscale to scale in one context: for filters that are too
-// long it makes two, but only of pictures that become less than a quarter, and refuses the others.
+// How much larger one side of a target is to be for libswscale to scale in one context: for filters that are
+// too long it makes two, but only of pictures that become less than a quarter, and refuses the others.
 int enlargement(int from, int to) { return 1 + from / to / 4; }
 
-// The last row of the source that each row of the target takes, by libswscale's own filters: a narrow picture of one
-// plane, which is safe in slices of a row, shows when its rows come out. Empty when that fails.
+// The last row of the source that each row of the target takes, by libswscale's own filters: a narrow picture
+// of one plane, which is safe in slices of a row, shows when its rows come out. Empty when that fails.
 std::vector<int> lastRowsTaken(int height, int targetHeight, int flags) {
     constexpr AVPixelFormat gray = AV_PIX_FMT_GRAY8;
     constexpr int width = 16;
@@ -72,7 +72,7 @@ bool Extent::isIn(const uint8_t* const* planes, const int* strides) const {
 }
 
 void PaddedPicture::Deleter::operator()(uint8_t* block) const {
-    ::operator delete(block, std::align_val_t{alignment});
+    ::operator delete (block, std::align_val_t{alignment});
 }
 
 bool PaddedPicture::make(const Extent& extent, Rows content) {
@@ -81,9 +81,10 @@ bool PaddedPicture::make(const Extent& extent, Rows content) {
         begins[plane] = size;
         if (extent.rowBytes[plane] <= 0) continue;
         strides[plane] = FFALIGN(extent.rowBytes[plane] + marginBytes, alignment);
-        size += static_cast<size_t>(extent.rows[plane] + 2 * marginRows) * static_cast<size_t>(strides[plane]);
+        size +=
+            static_cast<size_t>(extent.rows[plane] + 2 * marginRows) * static_cast<size_t>(strides[plane]);
     }
-    memory.reset(static_cast<uint8_t*>(::operator new(size, std::align_val_t{alignment}, std::nothrow)));
+    memory.reset(static_cast<uint8_t*>(::operator new (size, std::align_val_t{alignment}, std::nothrow)));
     if (!memory) return false;
     if (content == zeros) std::memset(memory.get(), 0, size);
     for (int plane = 0; plane < 4; ++plane) {
@@ -102,8 +103,7 @@ Scaler::Scaler(SwsContext* scaled, AVPixelFormat from, AVPixelFormat to, bool ma
       requestedTarget(to), known(madeHere), flags(option("sws_flags")),
       source(static_cast<AVPixelFormat>(option("src_format")), option("srcw"), option("srch")),
       target(static_cast<AVPixelFormat>(option("dst_format")), option("dstw"), option("dsth")),
-      chromaShift(source.chromaShift() +
-                  ((flags & dropsChroma) >> SWS_SRC_V_CHR_DROP_SHIFT)) {
+      chromaShift(source.chromaShift() + ((flags & dropsChroma) >> SWS_SRC_V_CHR_DROP_SHIFT)) {
     class_name = className;
     if (from == AV_PIX_FMT_NONE) requestedSource = source.format, requestedTarget = target.format;
 }
@@ -126,21 +126,22 @@ SwsContext* Scaler::cached(SwsContext* earlier, int sourceWidth, int sourceHeigh
         free(earlier);
         return nullptr;
     }
-    // Fast bilinear scaling divides by the chroma's width less 2. libswscale takes bilinear scaling for pictures that
-    // are too narrow, but not where only their chroma is.
-    if (flags & SWS_FAST_BILINEAR && targetWidth > 0 &&
+    // Fast bilinear scaling divides by the chroma's width less 2. libswscale takes bilinear scaling for
+    // pictures that are too narrow, but not where only their chroma is.
+    if (flags & SWS_FAST_BILINEAR && !(flags & SWS_BILINEAR) && targetWidth > 0 &&
         divideUp(targetWidth, av_pix_fmt_desc_get(target)->log2_chroma_w) == 2)
         flags ^= SWS_FAST_BILINEAR | SWS_BILINEAR;
     std::unique_ptr<Scaler> record(recordOf(earlier));
     ContextOwner made(sws_getCachedContext(earlier, sourceWidth, sourceHeight, source, targetWidth,
-                                          targetHeight, target, flags, nullptr, nullptr, nullptr));
+                                           targetHeight, target, flags, nullptr, nullptr, nullptr));
     if (!made) return nullptr;
     // A new one may have the address of the earlier.
     if (record && classOf(made.get()) == record.get()) {
         static_cast<void>(record.release());
         return made.release();
     }
-    if (made.get() == earlier && !record) return made.release(); // perhaps the same, of whose making nothing is known
+    if (made.get() == earlier && !record)
+        return made.release(); // perhaps the same, of whose making nothing is known
     auto* attached = new (std::nothrow) Scaler(made.get(), source, target, true);
     if (!attached) return nullptr;
     classOf(made.get()) = attached;
@@ -171,21 +172,22 @@ bool Scaler::isBayer() const { return av_pix_fmt_desc_get(source.format)->flags 
 
 bool Scaler::isScaled() const { return source.width != target.width || source.height != target.height; }
 
-// Whether the context is two, one behind the other, which libswscale forgets when it is given slices: it calls a null
-// pointer. That is so for mosaics, except for the two formats that it makes of them itself, and where a filter is too
-// long for one context. (Too long a vertical filter shows in lastRowsTaken.)
+// Whether the context is two, one behind the other, which libswscale forgets when it is given slices: it
+// calls a null pointer. That is so for mosaics, except for the two formats that it makes of them itself, and
+// where a filter is too long for one context. (Too long a vertical filter shows in lastRowsTaken.)
 bool Scaler::isCascade() const {
     if (isBayer())
         return isScaled() || (target.format != AV_PIX_FMT_RGB24 && target.format != AV_PIX_FMT_YUV420P);
-    return !makeContext(source.width, 1, requestedSource, target.width,
-                        enlargement(source.width, target.width), requestedTarget, flags);
+    return !makeContext(source.width, 1, source.format, target.width, enlargement(source.width, target.width),
+                        target.format, flags);
 }
 
-// libswscale turns YUV into RGB of up to 8 bits by tables with room for values from -512 to 767, and limits what it
-// looks up to that of a filtered sample times its vertical filter: -256 to 255 times the sum of the coefficients'
-// magnitudes. That sum is below 2 for all scalers but sinc, with which an ordinary picture with sharp edges can
-// address what lies beside the tables. Full chroma interpolation uses no tables, and no filter reaches the tables in
-// conversions between pictures of the same size and between rows that are not scaled.
+// libswscale turns YUV into RGB of up to 8 bits by tables with room for values from -512 to 767, and limits
+// what it looks up to that of a filtered sample times its vertical filter: -256 to 255 times the sum of the
+// coefficients' magnitudes. That sum is below 2 for all scalers but sinc, with which an ordinary picture with
+// sharp edges can address what lies beside the tables. Full chroma interpolation uses no tables, and no
+// filter reaches the tables in conversions between pictures of the same size and between rows that are not
+// scaled.
 bool Scaler::mayOverrunTables() const {
     const AVPixFmtDescriptor* to = av_pix_fmt_desc_get(target.format);
     const bool usesTables = to->flags & AV_PIX_FMT_FLAG_RGB && !(to->flags & AV_PIX_FMT_FLAG_PLANAR) &&
@@ -199,25 +201,26 @@ bool Scaler::mayOverrunTables() const {
     return !converts;
 }
 
-// Planar YUV is limited to its range when it is written. Where nothing was, the picture stays within the tables.
-// Otherwise RGB is made from it, which takes no filter any more.
+// Planar YUV is limited to its range when it is written. Where nothing was, the picture stays within the
+// tables. Otherwise RGB is made from it, which takes no filter any more.
 bool Scaler::makeYuvBetween() {
     if (between) return true;
     const bool alpha = av_pix_fmt_desc_get(source.format)->flags & av_pix_fmt_desc_get(target.format)->flags &
                        AV_PIX_FMT_FLAG_ALPHA;
-    const AVPixelFormat yuv = alpha                  ? AV_PIX_FMT_YUVA422P
+    const AVPixelFormat yuv = alpha                 ? AV_PIX_FMT_YUVA422P
                               : option("src_range") ? AV_PIX_FMT_YUVJ422P
                                                     : AV_PIX_FMT_YUV422P;
-    toYuv = makeContext(source.width, source.height, requestedSource, target.width, target.height, yuv, flags);
+    toYuv =
+        makeContext(source.width, source.height, requestedSource, target.width, target.height, yuv, flags);
     fromYuv = makeContext(target.width, target.height, yuv, target.width, target.height, requestedTarget,
                           flags & ~dropsChroma);
     return toYuv && fromYuv && between.make({yuv, target.width, target.height});
 }
 
-// libswscale keeps the rows that a row of the target still waits for in two buffers, of luma and of chroma, which
-// hold what its filter takes and a number of rows ahead. It ends the process over a slice with which more wait. How
-// far ahead that is, it reckons from its filters when it makes the context; that reckoning is repeated here, and with
-// it the row of the target that each number of rows of the source comes to.
+// libswscale keeps the rows that a row of the target still waits for in two buffers, of luma and of chroma,
+// which hold what its filter takes and a number of rows ahead. It ends the process over a slice with which
+// more wait. How far ahead that is, it reckons from its filters when it makes the context; that reckoning is
+// repeated here, and with it the row of the target that each number of rows of the source comes to.
 void Scaler::learnSlices() {
     if (learnt) return;
     learnt = true;
@@ -240,10 +243,11 @@ void Scaler::learnSlices() {
         lumaAhead = std::max(lumaAhead, (chromaEnd << chromaShift) - lumaOf(row) - 1);
         chromaAhead = std::max(chromaAhead, chromaEnd - chromaOf(chromaRow) - 1);
     }
-    // With these two a row of the target is made of one or two rows, however many lie between them and the next. Over
-    // a gap, rows that waited are taken once more, from the slice with which they came.
+    // With these two a row of the target is made of one or two rows, however many lie between them and the
+    // next. Over a gap, rows that waited are taken once more, from the slice with which they came.
     const auto skips = [](const std::vector<int>& rows) {
-        return std::ranges::adjacent_find(rows, [](int row, int next) { return next > row + 1; }) != rows.end();
+        return std::ranges::adjacent_find(rows, [](int row, int next) { return next > row + 1; }) !=
+               rows.end();
     };
     rereadsSlices = flags & (SWS_POINT | SWS_FAST_BILINEAR) && (skips(luma) || skips(chroma));
 
@@ -254,16 +258,17 @@ void Scaler::learnSlices() {
         while (row < target.height && lumaOf(std::min(row | pair, target.height - 1)) < there &&
                chromaOf(row >> targetShift) < chromaThere)
             ++row;
-        const bool ends = row < target.height && (there - lumaOf(row) - 1 > lumaAhead ||
-                                                  chromaThere - chromaOf(row >> targetShift) - 1 > chromaAhead);
+        const bool ends =
+            row < target.height && (there - lumaOf(row) - 1 > lumaAhead ||
+                                    chromaThere - chromaOf(row >> targetShift) - 1 > chromaAhead);
         rowsComplete[static_cast<size_t>(there)] = ends ? endsProcess : row;
         someEndProcess |= ends && there % (1 << chromaShift) == 0;
     }
     someEndProcess |= countsXyzRows() && source.height > target.height;
 }
 
-// Rows of XYZ are made from rows of RGB where libswscale has written them. It takes the end of the slice for that
-// place while it has written none, and ends the process when that lies below the target.
+// Rows of XYZ are made from rows of RGB where libswscale has written them. It takes the end of the slice for
+// that place while it has written none, and ends the process when that lies below the target.
 bool Scaler::countsXyzRows() const {
     return requestedTarget == AV_PIX_FMT_XYZ12LE || requestedTarget == AV_PIX_FMT_XYZ12BE;
 }
@@ -304,8 +309,9 @@ int Scaler::prepare(Slice given) {
     return isReady;
 }
 
-// Whether none of the picture that comes may be given to libswscale in slices. Upwards, it begins a row of chroma too
-// high where the last one is of fewer rows, and further off where only some rows of chroma are taken.
+// Whether none of the picture that comes may be given to libswscale in slices. Upwards, it begins a row of
+// chroma too high where the last one is of fewer rows, and further off where only some rows of chroma are
+// taken.
 bool Scaler::mustGatherAll() const {
     const auto endsAmidChroma = [](int height, int shift) { return height % (1 << shift) != 0; };
     const bool dropsPlanesRows = flags & dropsChroma && source.rowBytes[1] > 0 && !source.hasPalette();
@@ -402,11 +408,12 @@ void Scaler::gather(const uint8_t* const* planes, const int* strides) {
     const Extent there = sourceExtent();
     for (int plane = 0; plane < 4; ++plane) {
         if (there.rowBytes[plane] <= 0) continue;
-        const bool hasNext = source.width % 2 != 0 && there.rowBytes[plane] == source.width * pixelBytes[plane];
+        const bool hasNext =
+            source.width % 2 != 0 && there.rowBytes[plane] == source.width * pixelBytes[plane];
         const int taken = there.rowBytes[plane] + (hasNext ? pixelBytes[plane] : 0);
         auto* to = const_cast<uint8_t*>(gatheredPlane(plane));
         for (int row = 0; row < there.rows[plane]; ++row)
-            std::memcpy(to + int64_t{row} * gathered.strides[plane], planes[plane] + int64_t{row} * strides[plane],
-                        static_cast<size_t>(taken));
+            std::memcpy(to + int64_t{row} * gathered.strides[plane],
+                        planes[plane] + int64_t{row} * strides[plane], static_cast<size_t>(taken));
     }
 }

@@ -25,12 +25,13 @@ struct Extent {
     bool isIn(const uint8_t* const* planes, const int* strides) const;
 };
 
-// A picture of our own, in which libswscale can do no harm: its vector code reads and writes beyond the rows and
-// faults on some unaligned planes, and what takes rows by pairs goes a row beyond an odd number of them.
+// A picture of our own, in which libswscale can do no harm: its vector code reads and writes beyond the rows
+// and faults on some unaligned planes, and what takes rows by pairs goes a row beyond an odd number of them.
 class PaddedPicture {
 public:
-    static constexpr int marginBytes = 128; // behind each row: twice the 16 pixels of 4 bytes of the widest loop
-    static constexpr int marginRows = 2;    // above and below each plane: twice as many as a pair of rows reaches over
+    // Behind each row, and above and below each plane: twice the 16 pixels of 4 bytes that the widest loop
+    // takes at a time, and twice the row that a pair reaches over.
+    static constexpr int marginBytes = 128, marginRows = 2;
 
     enum Rows { zeros, undefined };
     bool make(const Extent& extent, Rows content = zeros); // false without memory
@@ -57,9 +58,9 @@ struct Slice {
     int end() const { return first + rows; }
 };
 
-// What is known of a scaling context beside what libswscale keeps in it. It hangs on the context itself, in the place
-// where each of FFmpeg's objects says what it is: the AVClass there is the beginning of a record of ours. So a context
-// is libswscale's own address, and nothing is kept for the process.
+// What is known of a scaling context beside what libswscale keeps in it. It hangs on the context itself, in
+// the place where each of FFmpeg's objects says what it is: the AVClass there is the beginning of a record of
+// ours. So a context is libswscale's own address, and nothing is kept for the process.
 class Scaler : private AVClass {
 public:
     // sws_getCachedContext and sws_freeContext.
@@ -67,27 +68,28 @@ public:
                               int targetWidth, int targetHeight, AVPixelFormat target, int flags);
     static void free(SwsContext* context);
 
-    // A context that was made elsewhere may be freed there as well: it has a record for as long as it is used or a
-    // picture is incomplete. Null without memory.
+    // A context that was made elsewhere may be freed there as well: it has a record for as long as it is used
+    // or a picture is incomplete. Null without memory.
     struct Release {
         void operator()(Scaler* scaler) const;
     };
     using Use = std::unique_ptr<Scaler, Release>;
     static Use of(SwsContext* context);
 
-    // sws_scale is two steps: this finds out and allocates what the slice needs. Returns isReady, or the result for
-    // a slice with which nothing is to be done.
+    // sws_scale is two steps: this finds out and allocates what the slice needs. Returns isReady, or the
+    // result for a slice with which nothing is to be done.
     static constexpr int isReady = 1, outOfOrder = -1;
     int prepare(Slice given);
 
-    // After isReady: scales the slice, or puts it aside until its picture is complete, and returns the rows that were
-    // written. Planes and strides are those of sws_scale; libswscale may go beyond the rows.
+    // After isReady: scales the slice, or puts it aside until its picture is complete, and returns the rows
+    // that were written. Planes and strides are those of sws_scale; libswscale may go beyond the rows.
     int scale(const uint8_t* const* planes, const int* strides, uint8_t* const* targetPlanes,
               const int* targetStrides);
 
-    // What libswscale goes over for the slice; whether it keeps to rows of the two pictures, in their order; whether its
-    // vector code reads behind the last pixel of any row, as the fast bilinear scaler does, or of a plane, as what
-    // converts pictures of several planes without scaling them does, which takes its samples ahead.
+    // What libswscale goes over for the slice; whether it keeps to rows of the two pictures, in their order;
+    // whether its vector code reads behind the last pixel of any row, as the fast bilinear scaler does, or of
+    // a plane, as what converts pictures of several planes without scaling them does, which takes its samples
+    // ahead.
     Extent sourceExtent() const { return {source.format, source.width, slice.rows}; }
     const Extent& targetExtent() const { return target; }
     bool keepsToItsRows() const;
@@ -129,8 +131,8 @@ private:
     const Extent source, target;
     const int chromaShift; // from rows of the source to the rows of chroma that are taken
 
-    // How many rows of the target are complete when so many of the source are there, or endsProcess. Empty for a
-    // context that cannot be given slices.
+    // How many rows of the target are complete when so many of the source are there, or endsProcess. Empty
+    // for a context that cannot be given slices.
     static constexpr int endsProcess = -1;
     std::vector<int> rowsComplete;
     bool learnt = false, someEndProcess = false, rereadsSlices = false;
@@ -141,7 +143,7 @@ private:
     bool begins = false;
     Direction direction = none; // of the picture; none when it is complete
     int reached = 0;            // where its next slice begins or, upwards, ends
-    int returned = 0;             // rows of the target that were returned for it
+    int returned = 0;           // rows of the target that were returned for it
     bool gathers = false, gathersOnly = false;
     PaddedPicture gathered;
 

@@ -27,7 +27,8 @@ AVPixelFormat pixelFormat(jint number) {
     return number >= 0 && number < AV_PIX_FMT_NB ? static_cast<AVPixelFormat>(number) : AV_PIX_FMT_NONE;
 }
 
-// The class, which is looked up once: that of an array of a primitive type lives as long as the virtual machine.
+// The class, which is looked up once: that of an array of a primitive type lives as long as the virtual
+// machine.
 jclass knownClass(JNIEnv* env, std::atomic<jclass>& known, const char* name) {
     if (jclass found = known.load(std::memory_order_acquire)) return found;
     jclass local = env->FindClass(name);
@@ -74,8 +75,8 @@ struct JavaPicture {
     int size() const { return av_image_get_buffer_size(format, width, height, 1); }
 };
 
-// A picture in its pinned array, for libswscale: in place where it can be, else the extent in a padded copy. Of what
-// reaches beyond the array, 0 is read and nothing written.
+// A picture in its pinned array, for libswscale: in place where it can be, else the extent in a padded copy.
+// Of what reaches beyond the array, 0 is read and nothing written.
 class PinnedPicture {
 public:
     PinnedPicture(JNIEnv* environment, const JavaPicture& java, int64_t arrayBytes, const Extent& reached)
@@ -118,9 +119,10 @@ public:
 private:
     enum Access { read, write };
 
-    // libswscale's vector code takes and writes up to 32 bytes at a time of a row, its last bytes included, and faults
-    // on some unaligned planes. So it stays within rows that are multiples of that, except of the formats whose pixels
-    // are no fraction of a vector or, as it writes four bytes from the first colour on, do not begin with one.
+    // libswscale's vector code takes and writes up to 32 bytes at a time of a row, its last bytes included,
+    // and faults on some unaligned planes. So it stays within rows that are multiples of that, except of the
+    // formats whose pixels are no fraction of a vector or, as it writes four bytes from the first colour on,
+    // do not begin with one.
     bool staysWithin(Access access) const {
         constexpr int rowAlignment = 32;
         constexpr uintptr_t planeAlignment = 16;
@@ -159,10 +161,10 @@ private:
 
     bool hasMargin() const {
         for (int plane = 0; plane < 4; ++plane)
-            if (extent.rowBytes[plane] > 0 &&
-                picture.data[plane] - bytes + int64_t{extent.rows[plane]} * picture.linesize[plane] +
-                        PaddedPicture::marginBytes >
-                    room)
+            if (extent.rowBytes[plane] > 0 && picture.data[plane] - bytes +
+                                                      int64_t{extent.rows[plane]} * picture.linesize[plane] +
+                                                      PaddedPicture::marginBytes >
+                                                  room)
                 return false;
         return true;
     }
@@ -172,8 +174,8 @@ private:
         Extent copied = extent;
         std::fill_n(copied.rowBytes, first, 0);
         if (!padded.make(copied, PaddedPicture::undefined)) return false;
-        // The chroma of an odd last column takes in the pixel behind the row. As in the array itself, that is the next
-        // row's first.
+        // The chroma of an odd last column takes in the pixel behind the row. As in the array itself, that is
+        // the next row's first.
         forEachRow([this](int plane, uint8_t* copy, uint8_t* own, int64_t present) {
             const int length = padded.strides[plane];
             const auto taken = static_cast<size_t>(std::min<int64_t>(length, present));
