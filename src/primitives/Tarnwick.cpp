@@ -119,15 +119,17 @@ public:
 private:
     enum Access { read, write };
 
-    // libswscale's vector code takes and writes up to 32 bytes at a time of a row, its last bytes included,
-    // and faults on some unaligned planes. So it stays within rows that are multiples of that, except of the
+    // libswscale's vector code takes and writes up to 32 bytes or 16 pixels of a row at a time, the last ones
+    // included, and faults on some unaligned planes. So it stays within rows of as many, except of the
     // formats whose pixels are no fraction of a vector or, as it writes four bytes from the first colour on,
     // do not begin with one.
     bool staysWithin(Access access) const {
         constexpr int rowAlignment = 32;
+        constexpr int loopPixels = 16;
         constexpr uintptr_t planeAlignment = 16;
         constexpr AVPixelFormat runningOver[] = {AV_PIX_FMT_RGB24, AV_PIX_FMT_BGR24, AV_PIX_FMT_ARGB,
                                                  AV_PIX_FMT_ABGR,  AV_PIX_FMT_0RGB,  AV_PIX_FMT_0BGR};
+        if (extent.width % loopPixels != 0) return false;
         if (std::ranges::find(runningOver, extent.format) != std::end(runningOver)) return false;
         for (int plane = 0; plane < 4; ++plane) {
             const int rowBytes = extent.rowBytes[plane];

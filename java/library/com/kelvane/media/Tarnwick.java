@@ -39,11 +39,11 @@ package com.kelvane.media;
  * garbage collector for the length of the call.
  *
  * <p>FFmpeg's scaler reads and writes some bytes beyond the rows of many pictures and wants aligned planes. A picture
- * in an array is scaled in place if each of its strides is a multiple of 32 bytes and the virtual machine happens to
- * have aligned the array to 16 bytes, as it does with large ones. Otherwise a padded native copy of it is, at the cost
- * of copying the picture; so for {@code RGB24}, {@code BGR24}, the formats whose alpha or padding comes first, any source
- * of fast bilinear scaling, and slices with an odd number of rows or from bottom to top. Of a source that is converted
- * at its own size, only the planes of chroma are copied. A native frame is the caller's to pad: give it planes aligned
+ * in an array is scaled in place if its width is a multiple of 16, each of its strides is one of 32 bytes, and the
+ * virtual machine happens to have aligned the array to 16 bytes, as it does with large ones. Otherwise a padded native
+ * copy of it is, at the cost of copying the picture; so for {@code RGB24}, {@code BGR24}, the formats whose alpha or
+ * padding comes first, any source of fast bilinear scaling, and slices with an odd number of rows or from bottom to top.
+ * Of a source that is converted at its own size, only the planes of chroma are copied. A native frame is the caller's to pad: give it planes aligned
  * to 64 bytes, strides that are multiples of 64, and 64 bytes behind its last row.
  *
  * <h2>Pictures</h2>
