@@ -1,6 +1,7 @@
 package com.kelvane.media.api;
 
 import static org.junit.jupiter.api.Assertions.assertEquals;
+import static org.junit.jupiter.api.Assertions.assertNull;
 import static org.junit.jupiter.api.Assertions.assertThrows;
 import static org.junit.jupiter.api.Assertions.assertTrue;
 
@@ -243,6 +244,17 @@ final class MisuseTest {
         message = messageOf(IllegalArgumentException.class,
                 () -> Pipeline.builder().module(mosaic).setting("region", "1,2").open());
         assertTrue(message.endsWith("mosaic.so refused the setting region=1,2"), message);
+    }
+
+    @Test
+    void saysWhatIsWrongWithAnOpenH264() {
+        Path module = Path.of(System.getProperty("test.modules"), "recorder.so");
+        String text = "it is OpenH264 0.0.0; those that will do are 1.8 to 2.6";
+        assertEquals(text, AVCEncoder.problem(System.getProperty("test.openh264")));
+        assertEquals("it is no OpenH264", AVCEncoder.problem(module.toString()));
+        assertTrue(AVCEncoder.problem(module + ".none").endsWith("No such file or directory"));
+        assertNull(AVCEncoder.problem(System.getProperty("kelvane.openh264")));
+        assertNull(AVCEncoder.problem(null));
     }
 
     /** What nobody closes is freed, and one warning says where it was opened. */
