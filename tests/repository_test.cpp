@@ -149,7 +149,8 @@ TEST_F(InstalledRepository, TellsWhereItLooks) {
                                 "this is Mac OS X on x86_64\n" + folder + "\n/opt/openh264.so\n" + folder +
                                 "/libopenh264-1.8.0-linux64.4.so\n" + folder + "/libopenh264.so.7\n" +
                                 "lib/amd64-Linux-gpp/jni/libopenh264-1.8.0-linux64.4.so\n"
-                                "libopenh264.so.7\nlibopenh264.so.6\nlibopenh264.so.5\nlibopenh264.so.4\n");
+                                "libopenh264.so.7\nlibopenh264.so.8\nlibopenh264.so.6\n"
+                                "libopenh264.so.5\nlibopenh264.so.4\n");
 
     const CommandResult foreign = runJava("-Dos.arch=aarch64 " + classPath + picture);
     EXPECT_NE(foreign.output.find("UnsatisfiedLinkError: libkelvane_media.so could not be loaded: " +

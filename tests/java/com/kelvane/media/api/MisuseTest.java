@@ -1,6 +1,7 @@
 package com.kelvane.media.api;
 
 import static org.junit.jupiter.api.Assertions.assertEquals;
+import static org.junit.jupiter.api.Assertions.assertNull;
 import static org.junit.jupiter.api.Assertions.assertThrows;
 import static org.junit.jupiter.api.Assertions.assertTrue;
 
@@ -245,6 +246,17 @@ final class MisuseTest {
         assertTrue(message.endsWith("mosaic.so refused the setting region=1,2"), message);
     }
 
+    @Test
+    void saysWhatIsWrongWithAnOpenH264() {
+        Path module = Path.of(System.getProperty("test.modules"), "recorder.so");
+        String text = "it is OpenH264 2.7.0; those that will do are 1.8 to 2.6";
+        assertEquals(text, AVCEncoder.problem(System.getProperty("test.openh264")));
+        assertEquals("it is no OpenH264", AVCEncoder.problem(module.toString()));
+        assertTrue(AVCEncoder.problem(module + ".none").endsWith("No such file or directory"));
+        assertNull(AVCEncoder.problem(System.getProperty("kelvane.openh264")));
+        assertNull(AVCEncoder.problem(null));
+    }
+
     /** What nobody closes is freed, and one warning says where it was opened. */
     @Test
     void freesAndTellsOfWhatNobodyClosed() throws InterruptedException {
@@ -346,7 +358,8 @@ final class MisuseTest {
                         + "status 2: 2, write 1: 1 0 0", 1),
                 new Bare(AVCDecoder.class, UNIT, "decode 1: 0 0 0 0, decodeAt 1: 0 0 0 0, drain 0: 0 0 0, "
                         + "pictureTime 0: 0, take 0: 0 0 0"),
-                new Bare(AVCEncoder.class, new byte[PACKED], "encode 0: 0 0 0, loadLibrary 1: 0", 176, 144, 25, 50, 300_000),
+                new Bare(AVCEncoder.class, new byte[PACKED], "encode 0: 0 0 0, loadLibrary 1: 0, problem null", 176, 144, 25,
+                        50, 300_000),
                 new Bare(AVCProcessor.class, UNIT, "apply -1: -1 -1 -1, attached 0: 0, brew 1: 0, drain 0: 0 0, failure 0: 0, "
                         + "loadLibrary 0: 0, pictureTime 0: 0, problem null, read 0: 0 0 0, renew 0: 0, retry 0: 0 0, write 1: 0 0 0", 25, 300_000, 0, 0, 0, 0),
                 new Bare(OpenH264Encoder.class, new byte[PACKED], "encode 1: 0 0 0, failure 0: 0, renew 1: 0, status 0: 1", 176, 144, 25, 300_000, 0),
