@@ -203,6 +203,16 @@ TEST_F(InstalledRepository, HasTheToolWhichWritesTheSameInEveryLocale) {
     EXPECT_EQ(names(root / "work"), std::set<std::string>{});
     EXPECT_EQ(names(root / "tmp"), std::set<std::string>{});
 
+    // A headless Java without fonts, for the sheet.
+    std::ofstream(root / "fonts.conf") << "<?xml version='1.0'?><fontconfig/>";
+    const CommandResult wordless =
+        run("export FONTCONFIG_FILE='" + (root / "fonts.conf").string() + "'; " +
+            java("-Duser.home='" + (root / "nobody").string() + "'" + withPrograms + main + "transcode " TEST_DATA
+                 "/bframes.h264 -o film" + ladder, root / "home"));
+    EXPECT_EQ(wordless.exitCode, 0);
+    EXPECT_NE(wordless.output.find("contact-sheet.png has no words: "), std::string::npos) << wordless.output;
+    fs::remove_all(root / "work/film");
+
     // No home to unpack to; then none of the programs.
     const std::string probe = main + "transcode " TEST_DATA "/tiny.h264 -o film";
     for (const auto& [jars, reason] :
