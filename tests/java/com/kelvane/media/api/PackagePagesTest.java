@@ -95,7 +95,7 @@ final class PackagePagesTest {
 
     private String run(String page, Path... arguments) throws Exception {
         String text = Files.readString(Path.of(System.getProperty("test.library.sources"), page));
-        Matcher example = Pattern.compile("<pre>\\{@code\n(.*?public class (\\w+).*?)\n \\* }</pre>", Pattern.DOTALL).matcher(text);
+        Matcher example = Pattern.compile("<pre>\\{@code\n((?:(?!</pre>).)*?public class (\\w+).*?)\n \\* }</pre>", Pattern.DOTALL).matcher(text);
         assertTrue(example.find());
         Path program = folder.resolve(example.group(2) + ".java");
         Files.writeString(program, example.group(1).replaceAll("(?m)^ \\* ?", ""));
