@@ -15,6 +15,12 @@ ArrayCopy JavaCall::copyIn(jbyteArray array) const {
     return copy;
 }
 
+bool JavaCall::copyIn(jbyteArray array, void* bytes, jsize from, jsize size) const {
+    if (from < 0 || size < 0 || size > env->GetArrayLength(array) - from) return false;
+    env->GetByteArrayRegion(array, from, size, static_cast<jbyte*>(bytes));
+    return true;
+}
+
 void JavaCall::copyOut(jbyteArray array, const void* bytes, jsize size, jsize at) {
     copyWithin(array, bytes, size, at);
     deferException();

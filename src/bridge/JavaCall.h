@@ -29,6 +29,9 @@ public:
 
     ArrayCopy copyIn(jbyteArray array) const;
 
+    // A part of an array to memory that has room for it. False when the array does not have that part.
+    bool copyIn(jbyteArray array, void* bytes, jsize from, jsize size) const;
+
     // An array that ends before `at + size` stays untouched, and Java sees an ArrayIndexOutOfBoundsException.
     void copyOut(jbyteArray array, const void* bytes, jsize size, jsize at = 0);
 
