@@ -39,7 +39,7 @@ public final class Pipeline implements AutoCloseable {
     private final boolean passThrough;
     private final byte[] number = new byte[Integer.BYTES];
     private final ByteBuffer value = ByteBuffer.wrap(number);
-    private long lastTime;
+    private final Times times = new Times();
     private volatile long sourceTime;
     private volatile long pictures;
     private volatile long dropped;
@@ -74,7 +74,7 @@ public final class Pipeline implements AutoCloseable {
         byte[] unit = passThrough ? Objects.requireNonNull(accessUnit, "accessUnit") : AnnexB.checked(accessUnit);
         long handle = engine.enter("write");
         try {
-            lastTime = time;
+            times.write(time);
             work(() -> AVCProcessor.write(time, unit, number, handle));
             return Optional.ofNullable(pending(handle, time));
         } finally {
@@ -165,7 +165,7 @@ public final class Pipeline implements AutoCloseable {
         AVCProcessor.read(number, data, handle);
         bytes += size;
         int shift = module == null ? 0 : value.getInt(0) - (int) given;
-        long own = passThrough ? lastTime : Times.nearest(AVCProcessor.pictureTime(handle), lastTime);
+        long own = passThrough ? times.last() : times.of(AVCProcessor.pictureTime(handle));
         sourceTime = own;
         return new AccessUnit(data, own + shift);
     }
