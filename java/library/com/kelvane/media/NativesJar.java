@@ -46,7 +46,7 @@ final class NativesJar {
     NativesJar() throws IOException {
         index = locate();
         if (index == null) {
-            throw new IOException("not on the class path or module path");
+            throw new NotThere("not on the class path or module path");
         }
         MessageDigest digest = sha256();
         try (BufferedReader lines = new BufferedReader(new InputStreamReader(
