@@ -7,6 +7,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <random>
 
 #define AACDecoder(name) Java_com_kelvane_media_transform_codec_AACDecoder_##name
