@@ -458,7 +458,7 @@ int Muxer::releaseHeld(Track& track, int64_t end) {
 int Muxer::mux(Track& track, MuxedUnit unit) {
     track.lastDuration = unit.duration;
     if (track.annotation && hasParameterSets(unit.packet->data, unit.packet->size)) {
-        const PacketOwner copy(av_packet_clone(unit.packet.get()));
+        PacketOwner copy(av_packet_clone(unit.packet.get()));
         if (!copy) return AVERROR(ENOMEM);
         // What it cannot read it drops.
         if (av_bsf_send_packet(track.annotation.get(), copy.get()) < 0 ||
@@ -466,7 +466,7 @@ int Muxer::mux(Track& track, MuxedUnit unit) {
             !startsWithCode(copy->data, copy->size))
             av_bsf_flush(track.annotation.get());
         else
-            av_packet_move_ref(unit.packet.get(), copy.get());
+            unit.packet = std::move(copy);
     }
     return put(track, unit);
 }
@@ -502,6 +502,14 @@ int Muxer::put(Track& track, MuxedUnit& unit) {
 int Muxer::cut(int64_t nextTime) {
     if (!format || !begun || finished) return WRONG_CALL;
     if (failure) return failure;
+    if (nextTime != unknown && !tracks[0].queue.empty()) {
+        const Track& track = tracks[0];
+        if (nextTime <= track.lastTime) return NOT_RISING;
+        const int64_t limit = longestSeconds * track.tick.den;
+        if (nextTime > limit ||
+            av_rescale_q(nextTime - track.lastTime, track.tick, track.stream->time_base) > longestDistance)
+            return OUT_OF_RANGE;
+    }
     return answer(guarded([&] {
         bool any = false;
         for (Track& track : tracks) {
