@@ -534,6 +534,7 @@ public final class ContainerWriter implements AutoCloseable {
      *
      * @param next when the next unit of track 0 is decoded, in its ticks
      * @return what was written since the last cut; empty when nothing was
+     * @throws IllegalArgumentException if that time is not behind the last one of the track, or too far behind
      * @throws IllegalStateException if this writer is closed, finished or in use, or the format is another one
      */
     public Optional<Fragment> cut(long next) {
@@ -547,6 +548,10 @@ public final class ContainerWriter implements AutoCloseable {
                 return Optional.empty();
             }
             int result = Muxer.cut(next, handle);
+            if (result == Muxer.NOT_RISING || result == Muxer.OUT_OF_RANGE) {
+                throw new IllegalArgumentException("next is " + next + ": it lies behind the last decoding time of track 0, by at most"
+                        + " 2^30 ticks");
+            }
             if (result < 0) {
                 throw fail(new MediaException("the fragment could not be made: " + describe(result)));
             }
