@@ -21,6 +21,7 @@ extern "C" {
 namespace {
 
 enum NalUnitType { otherSlice = 1, idrSlice = 5 };
+enum Fields { topField = 1, bottomField = 2, bothFields = 3 }; // as FFmpeg numbers them
 
 // A picture of the highest level of the standard, 6.2, has at most so many macroblocks.
 constexpr int largestPicture = 139264;
@@ -66,7 +67,8 @@ void VideoDecoder::open() {
         context->flags |= AV_CODEC_FLAG_TRUNCATED;
         context->refcounted_frames = 0;
         context->get_format = acceptSize;
-        context->get_buffer2 = beginPicture;
+        context->get_buffer2 = beginFrame;
+        context->slice_flags = SLICE_FLAG_ALLOW_FIELD; // so that seeRows is told of first fields
         context->opaque = this;
     }
     frame.reset(av_frame_alloc());
@@ -80,27 +82,50 @@ void VideoDecoder::open() {
     }
 }
 
-// FFmpeg asks for the format before it takes any memory for pictures of a new size.
+// FFmpeg asks for the format before it takes any memory for pictures of a new size. It holds none of the old
+// size back.
 AVPixelFormat VideoDecoder::acceptSize(AVCodecContext* codecContext, const AVPixelFormat* formats) {
+    static_cast<VideoDecoder*>(codecContext->opaque)->progress.unseen = 0;
     const int64_t macroblocks = int64_t{codecContext->coded_width / 16} * (codecContext->coded_height / 16);
     if (macroblocks > largestPicture) return AV_PIX_FMT_NONE;
     return avcodec_default_get_format(codecContext, formats);
 }
 
 // FFmpeg asks for a buffer once for each frame that it begins: the only sign that it has taken a slice.
-int VideoDecoder::beginPicture(AVCodecContext* codecContext, AVFrame* picture, int flags) {
-    ++static_cast<VideoDecoder*>(codecContext->opaque)->picturesBegun;
+int VideoDecoder::beginFrame(AVCodecContext* codecContext, AVFrame* picture, int flags) {
+    Progress& progress = static_cast<VideoDecoder*>(codecContext->opaque)->progress;
+    progress.fields = progress.slices = 0;
+    codecContext->draw_horiz_band = seeRows;
     return avcodec_default_get_buffer2(codecContext, picture, flags);
+}
+
+// FFmpeg tells of each row of macroblocks that it has decoded. What is asked here is whether it belongs to a
+// frame or to one of two fields; so the first row of a frame is enough.
+void VideoDecoder::seeRows(AVCodecContext* codecContext, const AVFrame*, int*, int, int fields, int) {
+    Progress& progress = static_cast<VideoDecoder*>(codecContext->opaque)->progress;
+    if ((progress.fields |= fields) != bothFields) return;
+    codecContext->draw_horiz_band = nullptr;
+    progress.unseen += progress.unseen % 2;
+}
+
+// Where fields were lost, or order was, FFmpeg may begin every frame and show none, for ever. Of the IDR
+// pictures that whole frames came with, those that did not come out are held back, and FFmpeg knows how many
+// that are. A field whose partner was lost is not held back but dropped, and proves nothing.
+bool VideoDecoder::isConfused(int start) const {
+    return start == idrSlice && progress.unseen / 2 > context->has_b_frames;
 }
 
 // Taking pictures in chunks, FFmpeg's decoder waits for the rest of a picture whose end was lost and refuses
 // every later one, without an error: it does not begin them. In a stream in good order it begins each one but
-// a second field, which follows a first, is no IDR picture and belongs to the frame already begun. (It also
-// drops redundant slices and what lacks its parameter sets; giving up nothing then changes nothing.)
-bool VideoDecoder::isRefused(int start) {
-    constexpr int longestRefusal = 32; // pictures, where no IDR picture shows the end of the damage
-    if (start == 0 || picturesBegun == 0) return false;
-    return ++refusedPictures >= longestRefusal || start == idrSlice;
+// second fields. (It also drops redundant slices and what lacks its parameter sets; giving up nothing then
+// changes nothing.) Where pictures come in pieces, the one refused may be a slice out of order, or twice, of
+// the picture that FFmpeg waits for; so the next one decides.
+bool VideoDecoder::isRefused(int start, int fieldsBefore) {
+    if (fieldsBefore == topField || fieldsBefore == bottomField) {
+        progress.fields = bothFields; // even if this slice of the second field is shorter than a row
+        return false;
+    }
+    return ++progress.refused > progress.inPieces || start == idrSlice;
 }
 
 // A call that is not in chunks ends the wait, as every packet does where FFmpeg is given whole ones; the
@@ -116,15 +141,15 @@ void VideoDecoder::giveUpPicture() {
     int got = 0;
     avcodec_decode_video2(context.get(), frame.get(), &got, &lone);
     context->flags2 |= AV_CODEC_FLAG2_CHUNKS;
-    slicesGiven = 0;
+    progress.slices = 0;
 }
 
 // Strangers can write what FFmpeg pays for dearly, or what it takes for something else.
 bool VideoDecoder::admit(int size, int nalUnits, int slices) {
     if (size > largestAccessUnit || nalUnits > mostNalUnits || slices > mostSlices) return false;
     // In chunks, the slices of a picture may come in any number of calls.
-    if (slicesGiven + slices > mostSlices) giveUpPicture();
-    slicesGiven += slices;
+    if (progress.slices + slices > mostSlices) giveUpPicture();
+    progress.slices += slices;
     return true;
 }
 
@@ -141,42 +166,55 @@ int VideoDecoder::decode(signed char* data, int size, unsigned int time) {
     }
     // FFmpeg reads through null in a context that failed to open.
     if (!frame || !context || !avcodec_is_open(context.get())) return 0;
+    if (progress.draining) endStream(); // what was still held back belongs to the old one
     const Contents contents = contentsOf(data, size);
     if (!admit(size, contents.nalUnits, contents.slices)) return 0;
     // av_new_packet makes the private, padded copy; reference-counted, so that FFmpeg takes no second one.
     if (av_new_packet(&packet, size) < 0) return 0;
     packet.pts = int64_t{time} * 1000;
     std::memcpy(packet.data, data, static_cast<size_t>(size));
-    // FFmpeg does begin an IDR frame behind an unfinished picture, but with that one's parameter sets, in
-    // which it may fail again; and there are confusions of fields in which it begins every frame and shows
-    // none. Each IDR picture comes out or is held back; of those that are, FFmpeg knows the number.
-    if (unseenIdrPictures > context->has_b_frames && contents.pictureStart == idrSlice) {
-        // What is held back and referred to can go: this picture needs none of it. Giving up the picture
-        // alone is not enough for FFmpeg to get out of every confusion of fields.
-        avcodec_flush_buffers(context.get());
-        slicesGiven = unseenIdrPictures = 0;
-    }
-    const uint64_t begunBefore = picturesBegun;
-    int got = 0;
-    avcodec_decode_video2(context.get(), frame.get(), &got, &packet);
-    if (got > 0) {
-        refusedPictures = unseenIdrPictures = 0;
-    } else if (picturesBegun != begunBefore) {
-        refusedPictures = 0;
-        if (contents.pictureStart == idrSlice) ++unseenIdrPictures;
-    } else if (isRefused(contents.pictureStart)) {
-        giveUpPicture();
-        avcodec_decode_video2(context.get(), frame.get(), &got, &packet);
-        refusedPictures = unseenIdrPictures = 0;
-    }
-    if (picturesBegun != begunBefore) slicesGiven = contents.slices;
+    const bool got = decodePacket(contents.slices, contents.pictureStart);
     timestamp = time;
     av_packet_unref(&packet);
     return receive(got);
 }
 
-int VideoDecoder::receive(int got) {
-    if (got <= 0) return 0;
+bool VideoDecoder::decodePacket(int slices, int start) {
+    const int fieldsBefore = progress.fields;
+    progress.inPieces |= slices > 0 && start == 0;
+    bool got = callFFmpeg();
+    const auto begun = [&] { return slices > 0 && progress.slices == 0; };
+    if (!got && start != 0) {
+        if (begun() && isConfused(start)) {
+            // What is held back and referred to can go: this picture needs none of it.
+            avcodec_flush_buffers(context.get());
+            progress.unseen = 0;
+            got = callFFmpeg();
+        } else if (!begun() && isRefused(start, fieldsBefore)) {
+            giveUpPicture();
+            progress.slices = slices;
+            got = callFFmpeg();
+            progress.refused = 0;
+        }
+    }
+    if (got)
+        progress.unseen = progress.refused = 0;
+    if (begun()) {
+        progress.refused = 0;
+        progress.slices = slices;
+        if (start == idrSlice && !got) progress.unseen = (progress.unseen | 1) + (progress.fields == bothFields);
+    }
+    return got;
+}
+
+bool VideoDecoder::callFFmpeg() {
+    int got = 0;
+    avcodec_decode_video2(context.get(), frame.get(), &got, &packet);
+    return got > 0;
+}
+
+int VideoDecoder::receive(bool got) {
+    if (!got) return 0;
     if (frame->width != width || frame->height != height) {
         width = frame->width;
         height = frame->height;
@@ -194,15 +232,16 @@ int VideoDecoder::drain() {
     av_init_packet(&packet);
     packet.data = nullptr; // which is how FFmpeg is told that the stream has ended
     packet.size = 0;
-    int got = 0;
-    avcodec_decode_video2(context.get(), frame.get(), &got, &packet);
-    if (got <= 0) {
-        avcodec_flush_buffers(context.get());
-        context->has_b_frames = 0; // the delay that FFmpeg learnt from the old stream
-        picturesBegun = 0;
-        refusedPictures = unseenIdrPictures = slicesGiven = 0;
-    }
+    progress.draining = true;
+    const bool got = callFFmpeg();
+    if (!got) endStream();
     return receive(got);
+}
+
+void VideoDecoder::endStream() {
+    avcodec_flush_buffers(context.get());
+    context->has_b_frames = 0; // the delay that FFmpeg learnt from the old stream
+    progress = {};
 }
 
 void VideoDecoder::close() {
