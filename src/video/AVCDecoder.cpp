@@ -82,16 +82,16 @@ void VideoDecoder::open() {
     }
 }
 
-// FFmpeg asks for the format before it takes any memory for pictures of a new size. It holds none of the old
+// FFmpeg asks for the format before it takes any memory for pictures of a new size; it holds none of the old
 // size back.
 AVPixelFormat VideoDecoder::acceptSize(AVCodecContext* codecContext, const AVPixelFormat* formats) {
-    static_cast<VideoDecoder*>(codecContext->opaque)->progress.unseen = 0;
+    static_cast<VideoDecoder*>(codecContext->opaque)->progress.unseen %= 2;
     const int64_t macroblocks = int64_t{codecContext->coded_width / 16} * (codecContext->coded_height / 16);
     if (macroblocks > largestPicture) return AV_PIX_FMT_NONE;
     return avcodec_default_get_format(codecContext, formats);
 }
 
-// FFmpeg asks for a buffer once for each frame that it begins: the only sign that it has taken a slice.
+// FFmpeg asks for a buffer once for each frame that it begins.
 int VideoDecoder::beginFrame(AVCodecContext* codecContext, AVFrame* picture, int flags) {
     Progress& progress = static_cast<VideoDecoder*>(codecContext->opaque)->progress;
     progress.fields = progress.slices = 0;
@@ -108,24 +108,38 @@ void VideoDecoder::seeRows(AVCodecContext* codecContext, const AVFrame*, int*, i
     progress.unseen += progress.unseen % 2;
 }
 
-// Where fields were lost, or order was, FFmpeg may begin every frame and show none, for ever. Of the IDR
-// pictures that whole frames came with, those that did not come out are held back, and FFmpeg knows how many
-// that are. A field whose partner was lost is not held back but dropped, and proves nothing.
-bool VideoDecoder::isConfused(int start) const {
-    return start == idrSlice && progress.unseen / 2 > context->has_b_frames;
-}
-
 // Taking pictures in chunks, FFmpeg's decoder waits for the rest of a picture whose end was lost and refuses
 // every later one, without an error: it does not begin them. In a stream in good order it begins each one but
 // second fields. (It also drops redundant slices and what lacks its parameter sets; giving up nothing then
-// changes nothing.) Where pictures come in pieces, the one refused may be a slice out of order, or twice, of
-// the picture that FFmpeg waits for; so the next one decides.
+// changes nothing.) Where pictures come in pieces, what it refuses may be a slice of the very picture that it
+// waits for, which came twice or late; so the next one decides, unless all that follows needs this one.
 bool VideoDecoder::isRefused(int start, int fieldsBefore) {
     if (fieldsBefore == topField || fieldsBefore == bottomField) {
         progress.fields = bothFields; // even if this slice of the second field is shorter than a row
         return false;
     }
-    return ++progress.refused > progress.inPieces || start == idrSlice;
+    return ++progress.refused > (progress.inPieces ? 1 : 0) || start == idrSlice;
+}
+
+// After a call that begins a picture and brings none out: whether FFmpeg was in the way, and is to be given
+// the packet once more.
+bool VideoDecoder::clearTheWay(int start, const Progress& before) {
+    const bool isIdr = start == idrSlice, isBegun = progress.slices == 0;
+    if (isBegun && isIdr && before.unseen / 2 > context->has_b_frames) {
+        // Where order was lost, FFmpeg may begin every frame and show none, for ever. Of the IDR pictures
+        // that it decoded whole frames with, all that did not come out are held back, and it knows how many
+        // those are. (A field without its partner is dropped; it proves nothing.) What is held back and
+        // referred to can go: this picture needs none of it.
+        avcodec_flush_buffers(context.get());
+        progress.unseen = 1;
+        return true;
+    }
+    // Behind an unfinished frame FFmpeg does begin an IDR picture, but with that one's parameter sets, in
+    // which it may fail again, and again behind the failed one.
+    const bool failsAgain = isIdr && progress.fields == 0 && before.fields == 0;
+    if (!(isBegun ? failsAgain : isRefused(start, before.fields))) return false;
+    giveUpPicture();
+    return true;
 }
 
 // A call that is not in chunks ends the wait, as every packet does where FFmpeg is given whole ones; the
@@ -180,30 +194,16 @@ int VideoDecoder::decode(signed char* data, int size, unsigned int time) {
 }
 
 bool VideoDecoder::decodePacket(int slices, int start) {
-    const int fieldsBefore = progress.fields;
-    progress.inPieces |= slices > 0 && start == 0;
+    const Progress before = progress;
+    if (slices > 0 && start == 0) progress.inPieces = true;
+    if (start == idrSlice) progress.unseen |= 1;
     bool got = callFFmpeg();
-    const auto begun = [&] { return slices > 0 && progress.slices == 0; };
-    if (!got && start != 0) {
-        if (begun() && isConfused(start)) {
-            // What is held back and referred to can go: this picture needs none of it.
-            avcodec_flush_buffers(context.get());
-            progress.unseen = 0;
-            got = callFFmpeg();
-        } else if (!begun() && isRefused(start, fieldsBefore)) {
-            giveUpPicture();
-            progress.slices = slices;
-            got = callFFmpeg();
-            progress.refused = 0;
-        }
-    }
-    if (got)
-        progress.unseen = progress.refused = 0;
-    if (begun()) {
-        progress.refused = 0;
+    if (!got && start != 0 && clearTheWay(start, before)) got = callFFmpeg();
+    if (progress.slices == 0) { // a frame was begun, or given up
         progress.slices = slices;
-        if (start == idrSlice && !got) progress.unseen = (progress.unseen | 1) + (progress.fields == bothFields);
+        progress.refused = 0;
     }
+    if (got) progress.unseen = progress.refused = 0;
     return got;
 }
 
@@ -275,7 +275,9 @@ ImageFrameOwner convertToYuv420(const AVFrame& picture) {
 
 bool isYuv420(int format) { return format == AV_PIX_FMT_YUV420P || format == AV_PIX_FMT_YUVJ420P; }
 
-// Copies the decoder's picture out; one that `output` is not made for waits.
+constexpr jsize infoSize = 6;
+
+// Copies the decoder's picture out; one that `output` or `info` is not made for waits.
 jint deliver(VideoDecoder& decoder, JavaCall& java, jbyteArray info, jbyteArray output) {
     const AVFrame& picture = *decoder.frame;
     const int pictureSize = packedPictureSize(picture.width, picture.height);
@@ -293,12 +295,21 @@ jint deliver(VideoDecoder& decoder, JavaCall& java, jbyteArray info, jbyteArray 
         java.copyWithin(output, bytes, count, std::exchange(at, at + count));
     });
 
-    uint8_t about[6] = {1};
+    uint8_t about[infoSize] = {1};
     putBigEndian(about + 1, 2, static_cast<uint32_t>(picture.width));
     putBigEndian(about + 3, 2, static_cast<uint32_t>(picture.height));
     about[5] = static_cast<uint8_t>(picture.format);
-    java.copyOut(info, about, sizeof about);
+    decoder.pictureWaiting = java.env->GetArrayLength(info) < infoSize;
+    java.copyOut(info, about, infoSize);
     return 1;
+}
+
+// Asked where a picture may still be left where it is; Java sees an exception over a shorter array.
+bool takesInfo(JavaCall& java, jbyteArray info) {
+    if (java.env->GetArrayLength(info) >= infoSize) return true;
+    constexpr uint8_t nothing[infoSize] = {};
+    java.copyOut(info, nothing, infoSize); // raises, and copies nothing
+    return false;
 }
 
 jint decodeInto(JNIEnv* env, uint32_t time, jbyteArray input, jbyteArray info, jbyteArray output,
@@ -341,9 +352,9 @@ JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_AVCDecoder_drain(J
                                                                                jbyteArray output,
                                                                                jlong handle) {
     VideoDecoder* decoder = avc_dec_ctx.GetCoder(handle);
-    if (!decoder || !info || !output || decoder->drain() != 1) return 0;
+    if (!decoder || !info || !output) return 0;
     JavaCall java(env);
-    return deliver(*decoder, java, info, output);
+    return takesInfo(java, info) && decoder->drain() == 1 ? deliver(*decoder, java, info, output) : 0;
 }
 
 JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_AVCDecoder_take(JNIEnv* env, jclass,
@@ -353,7 +364,7 @@ JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_AVCDecoder_take(JN
     VideoDecoder* decoder = avc_dec_ctx.GetCoder(handle);
     if (!decoder || !info || !output || !decoder->pictureWaiting) return 0;
     JavaCall java(env);
-    return deliver(*decoder, java, info, output);
+    return takesInfo(java, info) ? deliver(*decoder, java, info, output) : 0;
 }
 
 JNIEXPORT jlong JNICALL Java_com_kelvane_media_transform_codec_AVCDecoder_pictureTime(JNIEnv*, jclass,

@@ -36,6 +36,17 @@ public:
     void close();
 
 private:
+    // How far FFmpeg has come with the present stream.
+    struct Progress {
+        int32_t fields = 3;    // of the frame that it began last: those that it decoded rows of
+        int32_t slices = 0;    // given to it since it began that frame, or gave it up
+        int32_t refused = 0;   // pictures in a row that it did not begin
+        int32_t unseen = 0;    // since a picture came out: odd behind an IDR picture, even again behind the
+                               // first whole frame from there on
+        bool inPieces = false; // a picture came in more than one call
+        bool draining = false; // drain() has begun, and has not come to its end
+    };
+
     bool decodePacket(int slices, int start);
     bool callFFmpeg();
     int receive(bool got);
@@ -45,17 +56,9 @@ private:
     static void seeRows(AVCodecContext* codecContext, const AVFrame* picture, int* offsets, int y, int fields,
                         int height);
     bool admit(int size, int nalUnits, int slices);
-    bool isConfused(int start) const;
     bool isRefused(int start, int fieldsBefore);
+    bool clearTheWay(int start, const Progress& before);
     void giveUpPicture();
 
-    // How far FFmpeg has come with the present stream.
-    struct Progress {
-        int32_t fields = 0;   // of the frame that it began last: those that it decoded rows of
-        int32_t slices = 0;   // given to it since it began that frame, or gave it up
-        int32_t refused = 0;  // pictures in a row that it did not begin
-        int32_t unseen = 0;   // odd: an IDR picture; even: a whole frame behind it; since a picture came out
-        bool inPieces = false; // a picture came in more than one call
-        bool draining = false; // drain() has begun, and has not come to its end
-    } progress;
+    Progress progress;
 };
