@@ -21,7 +21,7 @@ extern "C" {
 namespace {
 
 enum NalUnitType { otherSlice = 1, idrSlice = 5 };
-enum Fields { topField = 1, bottomField = 2, bothFields = 3 }; // as FFmpeg numbers them
+enum Fields : uint32_t { topField = 1, bottomField = 2, bothFields = 3 }; // as FFmpeg numbers them
 
 // A picture of the highest level of the standard, 6.2, has at most so many macroblocks.
 constexpr int largestPicture = 139264;
@@ -55,6 +55,13 @@ Contents contentsOf(const signed char* data, int size) {
         if (contents.slices++ == 0 && at[2] < 0) contents.pictureStart = type;
     }
     return contents;
+}
+
+// Whether FFmpeg has a picture for the packet. Its errors change nothing: there is none then.
+bool pictureOf(AVCodecContext& context, AVFrame& frame, const AVPacket& packet) {
+    int got = 0;
+    avcodec_decode_video2(&context, &frame, &got, &packet);
+    return got > 0;
 }
 
 } // namespace
@@ -94,7 +101,8 @@ AVPixelFormat VideoDecoder::acceptSize(AVCodecContext* codecContext, const AVPix
 // FFmpeg asks for a buffer once for each frame that it begins.
 int VideoDecoder::beginFrame(AVCodecContext* codecContext, AVFrame* picture, int flags) {
     Progress& progress = static_cast<VideoDecoder*>(codecContext->opaque)->progress;
-    progress.fields = progress.slices = 0;
+    progress.fields = 0;
+    progress.slices = progress.refused = 0;
     codecContext->draw_horiz_band = seeRows;
     return avcodec_default_get_buffer2(codecContext, picture, flags);
 }
@@ -103,9 +111,9 @@ int VideoDecoder::beginFrame(AVCodecContext* codecContext, AVFrame* picture, int
 // frame or to one of two fields; so the first row of a frame is enough.
 void VideoDecoder::seeRows(AVCodecContext* codecContext, const AVFrame*, int*, int, int fields, int) {
     Progress& progress = static_cast<VideoDecoder*>(codecContext->opaque)->progress;
-    if ((progress.fields |= fields) != bothFields) return;
+    if ((progress.fields |= static_cast<uint32_t>(fields)) != bothFields) return;
     codecContext->draw_horiz_band = nullptr;
-    progress.unseen += progress.unseen % 2;
+    progress.unseen += progress.unseen & 1;
 }
 
 // Taking pictures in chunks, FFmpeg's decoder waits for the rest of a picture whose end was lost and refuses
@@ -113,7 +121,7 @@ void VideoDecoder::seeRows(AVCodecContext* codecContext, const AVFrame*, int*, i
 // second fields. (It also drops redundant slices and what lacks its parameter sets; giving up nothing then
 // changes nothing.) Where pictures come in pieces, what it refuses may be a slice of the very picture that it
 // waits for, which came twice or late; so the next one decides, unless all that follows needs this one.
-bool VideoDecoder::isRefused(int start, int fieldsBefore) {
+bool VideoDecoder::isRefused(int start, uint32_t fieldsBefore) {
     if (fieldsBefore == topField || fieldsBefore == bottomField) {
         progress.fields = bothFields; // even if this slice of the second field is shorter than a row
         return false;
@@ -123,9 +131,9 @@ bool VideoDecoder::isRefused(int start, int fieldsBefore) {
 
 // After a call that begins a picture and brings none out: whether FFmpeg was in the way, and is to be given
 // the packet once more.
-bool VideoDecoder::clearTheWay(int start, const Progress& before) {
+bool VideoDecoder::clearTheWay(int start, uint32_t fieldsBefore, uint32_t unseenBefore) {
     const bool isIdr = start == idrSlice, isBegun = progress.slices == 0;
-    if (isBegun && isIdr && before.unseen / 2 > context->has_b_frames) {
+    if (isBegun && isIdr && unseenBefore / 2 > static_cast<uint32_t>(context->has_b_frames)) {
         // Where order was lost, FFmpeg may begin every frame and show none, for ever. Of the IDR pictures
         // that it decoded whole frames with, all that did not come out are held back, and it knows how many
         // those are. (A field without its partner is dropped; it proves nothing.) What is held back and
@@ -136,8 +144,8 @@ bool VideoDecoder::clearTheWay(int start, const Progress& before) {
     }
     // Behind an unfinished frame FFmpeg does begin an IDR picture, but with that one's parameter sets, in
     // which it may fail again, and again behind the failed one.
-    const bool failsAgain = isIdr && progress.fields == 0 && before.fields == 0;
-    if (!(isBegun ? failsAgain : isRefused(start, before.fields))) return false;
+    const bool failsAgain = isIdr && progress.fields == 0 && fieldsBefore == 0;
+    if (!(isBegun ? failsAgain : isRefused(start, fieldsBefore))) return false;
     giveUpPicture();
     return true;
 }
@@ -152,10 +160,9 @@ void VideoDecoder::giveUpPicture() {
     lone.data = delimiter;
     lone.size = sizeof delimiter;
     context->flags2 &= ~AV_CODEC_FLAG2_CHUNKS;
-    int got = 0;
-    avcodec_decode_video2(context.get(), frame.get(), &got, &lone);
+    pictureOf(*context, *frame, lone);
     context->flags2 |= AV_CODEC_FLAG2_CHUNKS;
-    progress.slices = 0;
+    progress.slices = progress.refused = 0;
 }
 
 // Strangers can write what FFmpeg pays for dearly, or what it takes for something else.
@@ -187,30 +194,18 @@ int VideoDecoder::decode(signed char* data, int size, unsigned int time) {
     if (av_new_packet(&packet, size) < 0) return 0;
     packet.pts = int64_t{time} * 1000;
     std::memcpy(packet.data, data, static_cast<size_t>(size));
-    const bool got = decodePacket(contents.slices, contents.pictureStart);
+    const uint32_t fieldsBefore = progress.fields, unseenBefore = progress.unseen;
+    if (contents.slices > 0 && contents.pictureStart == 0) progress.inPieces = true;
+    if (contents.pictureStart == idrSlice) progress.unseen |= 1;
+    bool got = pictureOf(*context, *frame, packet);
+    if (!got && contents.pictureStart != 0 &&
+        clearTheWay(contents.pictureStart, fieldsBefore, unseenBefore))
+        got = pictureOf(*context, *frame, packet);
+    if (progress.slices == 0) progress.slices = contents.slices; // of the frame that was begun in this call
+    if (got) progress.unseen = 0;
     timestamp = time;
     av_packet_unref(&packet);
     return receive(got);
-}
-
-bool VideoDecoder::decodePacket(int slices, int start) {
-    const Progress before = progress;
-    if (slices > 0 && start == 0) progress.inPieces = true;
-    if (start == idrSlice) progress.unseen |= 1;
-    bool got = callFFmpeg();
-    if (!got && start != 0 && clearTheWay(start, before)) got = callFFmpeg();
-    if (progress.slices == 0) { // a frame was begun, or given up
-        progress.slices = slices;
-        progress.refused = 0;
-    }
-    if (got) progress.unseen = progress.refused = 0;
-    return got;
-}
-
-bool VideoDecoder::callFFmpeg() {
-    int got = 0;
-    avcodec_decode_video2(context.get(), frame.get(), &got, &packet);
-    return got > 0;
 }
 
 int VideoDecoder::receive(bool got) {
@@ -233,7 +228,7 @@ int VideoDecoder::drain() {
     packet.data = nullptr; // which is how FFmpeg is told that the stream has ended
     packet.size = 0;
     progress.draining = true;
-    const bool got = callFFmpeg();
+    const bool got = pictureOf(*context, *frame, packet);
     if (!got) endStream();
     return receive(got);
 }

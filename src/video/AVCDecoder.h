@@ -38,17 +38,15 @@ public:
 private:
     // How far FFmpeg has come with the present stream.
     struct Progress {
-        int32_t fields = 3;    // of the frame that it began last: those that it decoded rows of
+        uint32_t fields = 3;   // of the frame that it began last: those that it decoded rows of
         int32_t slices = 0;    // given to it since it began that frame, or gave it up
         int32_t refused = 0;   // pictures in a row that it did not begin
-        int32_t unseen = 0;    // since a picture came out: odd behind an IDR picture, even again behind the
+        uint32_t unseen = 0;   // since a picture came out: odd behind an IDR picture, even again behind the
                                // first whole frame from there on
         bool inPieces = false; // a picture came in more than one call
         bool draining = false; // drain() has begun, and has not come to its end
     };
 
-    bool decodePacket(int slices, int start);
-    bool callFFmpeg();
     int receive(bool got);
     void endStream();
     static AVPixelFormat acceptSize(AVCodecContext* codecContext, const AVPixelFormat* formats);
@@ -56,8 +54,8 @@ private:
     static void seeRows(AVCodecContext* codecContext, const AVFrame* picture, int* offsets, int y, int fields,
                         int height);
     bool admit(int size, int nalUnits, int slices);
-    bool isRefused(int start, int fieldsBefore);
-    bool clearTheWay(int start, const Progress& before);
+    bool isRefused(int start, uint32_t fieldsBefore);
+    bool clearTheWay(int start, uint32_t fieldsBefore, uint32_t unseenBefore);
     void giveUpPicture();
 
     Progress progress;
