@@ -502,7 +502,7 @@ int Muxer::put(Track& track, MuxedUnit& unit) {
 int Muxer::cut(int64_t nextTime) {
     if (!format || !begun || finished) return WRONG_CALL;
     if (failure) return failure;
-    if (nextTime != unknown && !tracks[0].queue.empty()) {
+    if (nextTime != unknown && (!tracks[0].queue.empty() || tracks[0].held.packet)) {
         const Track& track = tracks[0];
         if (nextTime <= track.lastTime) return NOT_RISING;
         const int64_t limit = longestSeconds * track.tick.den;
