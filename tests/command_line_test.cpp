@@ -166,6 +166,7 @@ TEST_F(InstalledTool, CutsAllRenditionsAtTheSameTimes) {
 }
 
 TEST_F(InstalledTool, KeepsTheMeaningOfPictures) {
+    ladderOptions = "turned=90";
     ffmpeg("-i " TEST_DATA "/baseline.h264 -c copy -bsf:v h264_metadata="
            "sample_aspect_ratio=4/3:video_full_range_flag=1:colour_primaries=5:"
            "transfer_characteristics=6:matrix_coefficients=5 -metadata:s:v:0 rotate=270 "

@@ -48,6 +48,7 @@ std::vector<std::string> entries(const std::string& playlist, const std::string&
 } // namespace
 
 TEST_F(InstalledTool, GoesOnThroughWhatALiveSourceDoes) {
+    ladderOptions = "holes";
     // 4 s each, with flashes and clicks: another size and a jump; back; a hole; the end of the 33 bits of
     // MPEG-TS.
     makeFlashesAndClicks("320x180", "-t 4 -g 25 -b:v 300k -f mpegts a.ts");

@@ -35,22 +35,18 @@ REFUSAL(LEFT_OUT);
 
 constexpr int64_t unknown = INT64_MIN;
 constexpr int streamBuffer = 8192;                   // bytes; longer runs go round it in pieces
-constexpr size_t keptCapacity = 1 << 20;             // bytes that stay allocated for what comes next
-constexpr int64_t fragmentLimit = int64_t{256} << 20; // bytes
-constexpr int unitLimit = 64 << 20;                  // bytes
+constexpr size_t keptCapacity = 1 << 16;             // bytes that stay allocated for what comes next
+constexpr int64_t fragmentLimit = int64_t{64} << 20; // bytes
+constexpr int unitLimit = 32 << 20;                  // bytes
 constexpr int flvLimit = (1 << 24) - 16;             // a tag's length has 24 bits
 constexpr int adtsLimit = (1 << 13) - 1 - 7;         // a frame's length has 13 bits
 constexpr int64_t longestSeconds = int64_t{1} << 32;
 constexpr int64_t longestDistance = INT_MAX / 2; // in the container's ticks, which MP4 keeps in 32 bits
 constexpr int tracksLimit = 64;
-constexpr int64_t usualRate = 25;            // pictures a second, of a single picture
-constexpr int64_t transportLead = 700'000;   // microseconds from the clock's start to the first unit's decoding
+constexpr int64_t usualRate = 25;          // pictures a second, of a single picture
+constexpr int64_t transportLead = 700'000; // microseconds from the clock's start to the first unit's decoding
 constexpr int adtsHeader = 7, adtsHeaderWithChecksum = 9;
 
-struct Named {
-    const char* name;
-    AVCodecID id;
-};
 constexpr AVCodecID codecIds[Muxer::codecs] = {AV_CODEC_ID_H264, AV_CODEC_ID_AAC, AV_CODEC_ID_MP3,
                                                AV_CODEC_ID_OPUS, AV_CODEC_ID_PCM_S16LE};
 
@@ -75,8 +71,8 @@ bool hasParameterSets(const uint8_t* bytes, int size) {
     return false;
 }
 
-// How many bytes of an AAC unit are an ADTS header, which no container but ADTS wants: the muxers write it where it
-// belongs.
+// How many bytes of an AAC unit are an ADTS header, which no container but ADTS wants: the muxers write it
+// where it belongs.
 int adtsHeaderOf(const uint8_t* bytes, int size) {
     if (size < adtsHeader || bytes[0] != 0xFF || (bytes[1] & 0xF6) != 0xF0) return 0;
     return bytes[1] & 1 ? adtsHeader : adtsHeaderWithChecksum;
@@ -114,8 +110,10 @@ int setConfiguration(AVCodecParameters& codec, std::span<const uint8_t> bytes) {
 bool Muxer::open(const char* formatName, int options) {
     const bool isoBase = isOneOf(formatName, {"mp4", "mov"});
     if (!isoBase && !isOneOf(formatName, {"mpegts", "flv", "matroska", "ogg", "adts", "wav"})) return false;
-    if (options & fragmented && (std::string_view(formatName) != "mp4" || options != fragmented)) return false;
-    if (isoBase && !(options & (fragmented | seekable))) return false; // sizes are written when they are known
+    if (options & fragmented && (std::string_view(formatName) != "mp4" || options != fragmented))
+        return false;
+    if (isoBase && !(options & (fragmented | seekable)))
+        return false; // sizes are written when they are known
     if (options & fastStart && !isoBase) return false;
     av_log_set_level(AV_LOG_QUIET);
     return guarded([&] {
@@ -181,8 +179,8 @@ int Muxer::addPictures(const PictureFormat& picture, int ticksPerSecond, std::sp
         codec.height = picture.height;
         codec.format = AV_PIX_FMT_YUV420P;
         if (picture.pixelWidth && picture.pixelHeight)
-            track->stream->sample_aspect_ratio = codec.sample_aspect_ratio = {picture.pixelWidth,
-                                                                              picture.pixelHeight};
+            track->stream->sample_aspect_ratio =
+                codec.sample_aspect_ratio = {picture.pixelWidth, picture.pixelHeight};
         codec.color_range = static_cast<AVColorRange>(picture.range);
         const auto orUnspecified = [](int number) { return number ? number : 2; };
         codec.color_primaries = static_cast<AVColorPrimaries>(orUnspecified(picture.primaries));
@@ -208,7 +206,8 @@ int Muxer::addPictures(const PictureFormat& picture, int ticksPerSecond, std::sp
 
 // Players that look at the pictures alone are told as well: the parameter sets say it too.
 int Muxer::annotate(Track& track, const PictureFormat& picture) {
-    const bool shaped = picture.pixelWidth && picture.pixelHeight && picture.pixelWidth != picture.pixelHeight;
+    const bool shaped =
+        picture.pixelWidth && picture.pixelHeight && picture.pixelWidth != picture.pixelHeight;
     if (!shaped && !picture.range && !picture.primaries && !picture.transfer && !picture.matrix) return 0;
     const AVBitStreamFilter* found = av_bsf_get_by_name("h264_metadata");
     AVBSFContext* made = nullptr;
@@ -271,7 +270,8 @@ int Muxer::addSound(Codec codec, int sampleRate, int channels, int priming,
             sound.frame_size = 960;
             sound.seek_preroll = 3840;
             head[9] = static_cast<uint8_t>(channels);
-            AV_WL16(head + 10, static_cast<uint16_t>(priming));
+            // In fragments the times say all: units of nothing but priming are left out there.
+            AV_WL16(head + 10, settings & fragmented ? uint16_t{0} : static_cast<uint16_t>(priming));
             AV_WL32(head + 12, static_cast<uint32_t>(sampleRate));
             configuration = head;
             break;
@@ -294,8 +294,8 @@ int Muxer::label(int track, const char* language, const char* title) {
     return std::min(result, 0);
 }
 
-int Muxer::begin() {
-    if (!format || begun || tracks.empty()) return WRONG_CALL;
+int Muxer::begin(int firstFragment) {
+    if (!format || begun || tracks.empty() || firstFragment < 1) return WRONG_CALL;
     AVDictionary* options = nullptr;
     if (isOneOf(name, {"mp4", "mov"})) {
         std::string flags = settings & fragmented  ? "cmaf+frag_custom+frag_discont+skip_trailer"
@@ -313,6 +313,7 @@ int Muxer::begin() {
         }
         if (coloured) flags += flags.empty() ? "write_colr" : "+write_colr";
         if (!flags.empty()) av_dict_set(&options, "movflags", flags.c_str(), 0);
+        if (settings & fragmented) av_dict_set_int(&options, "fragment_index", firstFragment, 0);
         if (timescale > 0) av_dict_set_int(&options, "video_track_timescale", timescale, 0);
     } else if (name == "flv" && !(settings & seekable)) {
         av_dict_set(&options, "flvflags", "no_duration_filesize", 0);
@@ -340,7 +341,8 @@ int Muxer::refusal(const Track& track, const MuxedUnit& unit) const {
 
     const int64_t limit = longestSeconds * track.tick.den;
     const auto beyond = [&](int64_t time) { return time < -limit || time > limit; };
-    if (beyond(unit.presentationTime) || beyond(unit.decodingTime) || unit.duration < 0 || beyond(unit.duration))
+    if (beyond(unit.presentationTime) || beyond(unit.decodingTime) || unit.duration < 0 ||
+        beyond(unit.duration))
         return OUT_OF_RANGE;
     if (unit.presentationTime < unit.decodingTime) return SHOWN_BEFORE_DECODED;
     const auto inContainer = [&](int64_t time) {
@@ -357,15 +359,17 @@ int Muxer::refusal(const Track& track, const MuxedUnit& unit) const {
             return OUT_OF_RANGE;
     }
 
-    // The earliest time. Sound before the beginning is an encoder's priming, which only some containers can tell of.
+    // The earliest time. Sound before the beginning is an encoder's priming, which only some containers can
+    // tell of.
     const int64_t priming = track.stream->codecpar->initial_padding;
     if (track.codec == h264) {
-        const int64_t shift = track.begun ? track.shift : unit.presentationTime - unit.decodingTime;
-        const int64_t earliest = settings & fragmented     ? unit.decodingTime + shift
-                                 : name == "matroska"      ? unit.presentationTime
-                                 : name == "flv"           ? unit.decodingTime
-                                 : name == "mpegts" ? unit.decodingTime + transportLead * track.tick.den / AV_TIME_BASE
-                                                    : 0;
+        const int64_t shift = track.begun ? track.shift : shiftOf(unit);
+        const int64_t earliest = settings & fragmented ? unit.decodingTime + shift
+                                 : name == "matroska"  ? unit.presentationTime
+                                 : name == "flv"       ? unit.decodingTime
+                                 : name == "mpegts"
+                                     ? unit.decodingTime + transportLead * track.tick.den / AV_TIME_BASE
+                                     : 0;
         if (earliest < 0) return TOO_EARLY;
     } else if (name == "ogg" || (track.codec == opus && isOneOf(name, {"matroska", "mpegts"}))) {
         if (unit.presentationTime < -priming) return LEFT_OUT;
@@ -391,7 +395,8 @@ int Muxer::write(int number, MuxedUnit unit) {
         packet.size -= header;
     }
     if (const int refused = refusal(track, unit)) return refused;
-    if (!track.begun) track.shift = unit.presentationTime - unit.decodingTime;
+    const bool first = !track.begun;
+    if (first) track.shift = shiftOf(unit);
     track.begun = true;
     track.lastTime = unit.decodingTime;
     if (name == "flv" && !anyWritten)
@@ -399,6 +404,8 @@ int Muxer::write(int number, MuxedUnit unit) {
     anyWritten = true;
     fragmentSize += packet.size;
     return guarded([&] {
+        if (first && settings & fragmented && !track.shift)
+            if (const int result = keepDecodingTimes(track); result < 0) return answer(result);
         if (const int result = releaseHeld(track, unit.decodingTime); result < 0) return answer(result);
         if (keepsDurations() && !unit.duration) {
             track.held = std::move(unit);
@@ -406,6 +413,22 @@ int Muxer::write(int number, MuxedUnit unit) {
         }
         return answer(mux(track, std::move(unit)));
     });
+}
+
+// Of the decoding times of a track in fragments, which have no sign: as far as its first unit waits to be
+// shown.
+int64_t Muxer::shiftOf(const MuxedUnit& first) {
+    return first.decodingTime < 0 ? first.presentationTime - first.decodingTime : 0;
+}
+
+// FFmpeg would shift every track that reorders, and its own demuxer then reads all times too late. It learns
+// the distance from the first packet, which may be an empty one.
+int Muxer::keepDecodingTimes(const Track& track) {
+    const PacketOwner packet(av_packet_alloc());
+    if (!packet) return AVERROR(ENOMEM);
+    packet->stream_index = track.stream->index;
+    packet->pts = packet->dts = 0;
+    return av_write_frame(format.get(), packet.get());
 }
 
 // Writes the unit that waits, which lasts until `end` where that is known.
@@ -504,7 +527,8 @@ int Muxer::finish() {
         finished = true;
         const int result = av_write_trailer(format.get());
         // With the index in front it is what was written last, and all the rest had to make room for it.
-        const auto move = std::find_if(pieces.begin(), pieces.end(), [](const Piece& piece) { return piece.moves; });
+        const auto move =
+            std::find_if(pieces.begin(), pieces.end(), [](const Piece& piece) { return piece.moves; });
         if (move != pieces.end() && move + 1 != pieces.end()) move->place = move[1].place;
         for (auto piece = move; piece != pieces.end(); ++piece)
             if (!piece->moves) move->size = std::max(move->size, piece->place + piece->size - move->place);
@@ -556,8 +580,8 @@ int64_t Muxer::seek(void* opaque, int64_t place, int whence) {
     return muxer.place = place;
 }
 
-// FFmpeg opens its output once more for one thing, to move what it has written and make room in front. It lies with
-// whoever took it, who is told to; FFmpeg reads an empty stream.
+// FFmpeg opens its output once more for one thing, to move what it has written and make room in front. It
+// lies with whoever took it, who is told to; FFmpeg reads an empty stream.
 int Muxer::openStream(AVFormatContext* opened, AVIOContext** made, const char*, int flags, AVDictionary**) {
     Muxer& muxer = *static_cast<Muxer*>(opened->opaque);
     if (!(muxer.settings & fastStart) || !muxer.finished || flags != AVIO_FLAG_READ) return AVERROR(EACCES);
@@ -566,7 +590,8 @@ int Muxer::openStream(AVFormatContext* opened, AVIOContext** made, const char*, 
         auto* buffer = static_cast<uint8_t*>(av_malloc(streamBuffer));
         if (!buffer) return AVERROR(ENOMEM);
         *made = avio_alloc_context(
-            buffer, streamBuffer, 0, nullptr, [](void*, uint8_t*, int) { return AVERROR_EOF; }, nullptr, nullptr);
+            buffer, streamBuffer, 0, nullptr, [](void*, uint8_t*, int) { return AVERROR_EOF; }, nullptr,
+            nullptr);
         if (!*made) av_free(buffer);
         return *made ? 0 : AVERROR(ENOMEM);
     });
@@ -605,10 +630,9 @@ JNIEXPORT jlong JNICALL Java_com_kelvane_media_transform_codec_Muxer_open(JNIEnv
     return 0;
 }
 
-JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_Muxer_addPictures(JNIEnv* env, jclass, jint width,
-                                                                                jint height, jint ticksPerSecond,
-                                                                                jbyteArray parameterSets,
-                                                                                jbyteArray shape, jlong handle) {
+JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_Muxer_addPictures(
+    JNIEnv* env, jclass, jint width, jint height, jint ticksPerSecond, jbyteArray parameterSets,
+    jbyteArray shape, jlong handle) {
     Muxer* muxer = muxer_ctx.GetCoder(handle);
     if (!muxer || !parameterSets || !shape) return WRONG_CALL;
     JavaCall java(env);
@@ -631,7 +655,8 @@ JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_Muxer_addPictures(
 JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_Muxer_addSound(JNIEnv* env, jclass, jint codec,
                                                                              jint sampleRate, jint channels,
                                                                              jint priming,
-                                                                             jbyteArray configuration, jlong handle) {
+                                                                             jbyteArray configuration,
+                                                                             jlong handle) {
     Muxer* muxer = muxer_ctx.GetCoder(handle);
     if (!muxer || !configuration || codec < 0 || codec >= Muxer::codecs) return WRONG_CALL;
     JavaCall java(env);
@@ -652,14 +677,17 @@ JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_Muxer_label(JNIEnv
     return result;
 }
 
-JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_Muxer_begin(JNIEnv*, jclass, jlong handle) {
+JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_Muxer_begin(JNIEnv*, jclass, jint firstFragment,
+                                                                          jlong handle) {
     Muxer* muxer = muxer_ctx.GetCoder(handle);
-    return muxer ? muxer->begin() : WRONG_CALL;
+    return muxer ? muxer->begin(firstFragment) : WRONG_CALL;
 }
 
-JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_Muxer_write(
-    JNIEnv* env, jclass, jint track, jbyteArray unit, jint from, jint size, jlong presentationTime,
-    jlong decodingTime, jlong duration, jboolean key, jlong handle) {
+JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_Muxer_write(JNIEnv* env, jclass, jint track,
+                                                                          jbyteArray unit, jint from,
+                                                                          jint size, jlong presentationTime,
+                                                                          jlong decodingTime, jlong duration,
+                                                                          jboolean key, jlong handle) {
     Muxer* muxer = muxer_ctx.GetCoder(handle);
     if (!muxer || !unit) return WRONG_CALL;
     JavaCall java(env);
@@ -717,8 +745,9 @@ JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_Muxer_next(JNIEnv*
     return told[0];
 }
 
-JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_Muxer_take(JNIEnv* env, jclass, jbyteArray output,
-                                                                         jint at, jlong handle) {
+JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_Muxer_take(JNIEnv* env, jclass,
+                                                                         jbyteArray output, jint at,
+                                                                         jlong handle) {
     Muxer* muxer = muxer_ctx.GetCoder(handle);
     const Muxer::Piece* piece = muxer ? muxer->next() : nullptr;
     if (!piece) return 0;
@@ -738,8 +767,7 @@ JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_Muxer_describe(JNI
     JavaCall java(env);
     char words[AV_ERROR_MAX_STRING_SIZE] = {};
     av_strerror(result, words, sizeof words);
-    const auto size =
-        std::min(static_cast<jsize>(std::strlen(words)), java.env->GetArrayLength(text));
+    const auto size = std::min(static_cast<jsize>(std::strlen(words)), java.env->GetArrayLength(text));
     java.copyWithin(text, words, size);
     return size;
 }

@@ -10,10 +10,10 @@
 
 // How the pictures of a track are to be shown; 0 is the ordinary case or "not told".
 struct PictureFormat {
-    int width = 0, height = 0;           // pixels
-    int pixelWidth = 0, pixelHeight = 0; // shape of a pixel
-    int rotation = 0;                    // degrees clockwise: 0, 90, 180 or 270
-    int range = 0;                       // 1: 16 to 235, 2: 0 to 255
+    int width = 0, height = 0;                   // pixels
+    int pixelWidth = 0, pixelHeight = 0;         // shape of a pixel
+    int rotation = 0;                            // degrees clockwise: 0, 90, 180 or 270
+    int range = 0;                               // 1: 16 to 235, 2: 0 to 255
     int primaries = 0, transfer = 0, matrix = 0; // by H.264's numbers
 };
 
@@ -34,9 +34,9 @@ struct MuxedUnit {
     bool key = false;
 };
 
-// Writes access units into a container, by libavformat's muxers. What it makes is kept in memory, as pieces with their
-// places, until it is taken. Results below 0 are FFmpeg's errors or the refusals that the Java class lists; a
-// refusal changes nothing.
+// Writes access units into a container, by libavformat's muxers. What it makes is kept in memory, as pieces
+// with their places, until it is taken. Results below 0 are FFmpeg's errors or the refusals that the Java
+// class lists; a refusal changes nothing.
 class Muxer {
 public:
     enum Codec { h264, aac, mp3, opus, pcm, codecs };
@@ -57,10 +57,11 @@ public:
     // Tracks come first and are numbered from 0. `parameterSets` are in byte-stream form.
     int addPictures(const PictureFormat& format, int ticksPerSecond, std::span<const uint8_t> parameterSets);
     // A tick is one sample. `priming`: samples at the start that are not sound.
-    int addSound(Codec codec, int sampleRate, int channels, int priming, std::span<const uint8_t> configuration);
+    int addSound(Codec codec, int sampleRate, int channels, int priming,
+                 std::span<const uint8_t> configuration);
     int label(int track, const char* language, const char* name);
-    // Writes what comes ahead of the units.
-    int begin();
+    // Writes what comes ahead of the units. `firstFragment`: the number of the first one, from 1.
+    int begin(int firstFragment);
 
     int write(int track, MuxedUnit unit);
     // Ends a fragment. `next`: when the next unit of track 0 is decoded; INT64_MIN when that is not known.
@@ -95,6 +96,8 @@ private:
 
     Track* addTrack(Codec codec, AVRational tick);
     int annotate(Track& track, const PictureFormat& format);
+    static int64_t shiftOf(const MuxedUnit& first);
+    int keepDecodingTimes(const Track& track);
     int refusal(const Track& track, const MuxedUnit& unit) const;
     int mux(Track& track, MuxedUnit unit);
     int put(Track& track, MuxedUnit& unit);
@@ -104,7 +107,8 @@ private:
 
     static int acceptBytes(void* muxer, uint8_t* data, int size);
     static int64_t seek(void* muxer, int64_t place, int whence);
-    static int openStream(AVFormatContext* format, AVIOContext** stream, const char*, int flags, AVDictionary**);
+    static int openStream(AVFormatContext* format, AVIOContext** stream, const char*, int flags,
+                          AVDictionary**);
     static void closeStream(AVFormatContext* format, AVIOContext* stream);
 
     std::string name; // of the format

@@ -42,7 +42,21 @@ protected:
         std::ofstream(path(".output")), std::ofstream(path(".errors"));
     }
     void TearDown() override {
-        if (!directory.empty()) fs::remove_all(directory);
+        if (directory.empty()) return;
+        checkLadders();
+        fs::remove_all(directory);
+    }
+
+    // Has all the ladders that a test leaves looked at, box by box.
+    void checkLadders() {
+        std::string ladders;
+        for (const auto& entry : fs::recursive_directory_iterator(directory))
+            if (entry.path().filename() == "master.m3u8") ladders += " '" + entry.path().parent_path().string() + "'";
+        if (ladders.empty()) return;
+        const std::string check = "exec java -XX:TieredStopAtLevel=1 -cp '" TEST_JAR
+                                  "' com.kelvane.media.test.LadderCheck " +
+                                  ladderOptions + ladders + " >'" + path(".ladders").string() + "' 2>&1";
+        EXPECT_EQ(std::system(check.c_str()), 0) << contents(path(".ladders"));
     }
 
     fs::path path(const std::string& name) const { return directory / name; }
@@ -153,4 +167,5 @@ protected:
 
     fs::path tree, directory;
     std::string output, errors;
+    std::string ladderOptions; // for the check of ladders
 };

@@ -65,7 +65,8 @@ import java.util.stream.Collectors;
  * <tbody>
  * <tr><th scope="row">MP4, MOV<td>kept, hidden by an edit list<td>may be shown and decoded before 0, hidden likewise<td>edit
  *     list, to the millisecond
- * <tr><th scope="row">FRAGMENTED_MP4<td>units that begin before 0 are left out, as no player honours edit lists there<td>are
+ * <tr><th scope="row">FRAGMENTED_MP4<td>units that begin before 0 are left out, as Media Source players ignore edit
+ *     lists<td>are
  *     shown at 0 or later<td>{@code tfdt} of their first fragment
  * <tr><th scope="row">MPEG_TS<td>left out; Opus has its priming<td>are decoded at -0.7 s or later<td>times (all are 1.4 s
  *     later, so that the clock comes first)
@@ -84,9 +85,11 @@ import java.util.stream.Collectors;
  *
  * <p>{@link Format#FRAGMENTED_MP4} begins with {@link #initSegment}; {@link #cut} ends a fragment and hands it out. With one
  * track, which is what CMAF asks for, it is a CMAF chunk; several of them make a segment. Its {@code tfdt} is the true
- * decoding time of its first unit, whatever the durations of earlier ones add up to. There is no edit list: in a stream that
- * reorders pictures the decoding times of the whole track are moved to where its first unit is shown, and composition offsets
- * may be negative, so that all presentation times stay as they were given.
+ * decoding time of its first unit, whatever the durations of earlier ones add up to. There is no edit list. Where pictures are
+ * reordered and the first one is decoded before 0, the decoding times of the whole track are moved to where it is shown, and
+ * composition offsets may be negative, so that all presentation times stay as they were given. Media Source players read that
+ * as it is meant; FFmpeg, and what plays with it, shows such a track as much too late as it was moved, and right when all tracks
+ * begin that much later.
  *
  * <h2>Parameter sets</h2>
  *
@@ -99,8 +102,94 @@ import java.util.stream.Collectors;
  *
  * <p>Units go through as they are written, and nothing of them is kept but: in MP4 and MOV an index of about 80 bytes a
  * unit until {@link #finish}, some 40 MB for two hours of film with sound; in Matroska into a file 32 bytes for each key picture;
- * a cluster of Matroska (5 MB or 5 seconds), a page of Ogg or 350 ms of MPEG-TS sound; of a fragment its units, up to 256 MB,
+ * a cluster of Matroska (5 MB or 5 seconds), a page of Ogg or 350 ms of MPEG-TS sound; of a fragment its units, up to 64 MB,
  * beyond which {@code write} throws.
+ *
+ * <h2>A ladder for players</h2>
+ *
+ * <p>A program that makes an HLS ladder with sound of a raw H.264 stream of 25 pictures a second and of samples (stereo, 48
+ * kHz), each rendition and the sound in a folder of its own:
+ * <pre>{@code
+ * import com.kelvane.media.*;
+ * import java.io.IOException;
+ * import java.nio.file.*;
+ * import java.util.*;
+ *
+ * public class HlsLadder {
+ *     static final Map<String, byte[]> FILES = new TreeMap<>();
+ *     final StringBuilder list = new StringBuilder("#EXTM3U\n#EXT-X-VERSION:7\n#EXT-X-TARGETDURATION:2\n#EXT-X-MAP:URI=\"init.mp4\"\n");
+ *     final String name;
+ *     final ContainerWriter writer;
+ *     long time = -AacEncoder.LEAD_IN; // of the next unit of sound
+ *
+ *     HlsLadder(String name, MediaTrack track) {
+ *         this.name = name;
+ *         writer = ContainerWriter.builder(ContainerWriter.Format.FRAGMENTED_MP4).track(track).open();
+ *     }
+ *
+ *     void cut(long next) {
+ *         writer.cut(next).ifPresent(fragment -> {
+ *             FILES.put(name + "/" + fragment.decodeTime() + ".m4s", fragment.bytes());
+ *             list.append(String.format(Locale.ROOT, "#EXTINF:%.5f,%n%d.m4s%n",
+ *                     (double) fragment.duration() / writer.track(0).timescale(), fragment.decodeTime()));
+ *         });
+ *     }
+ *
+ *     void addPicture(EncodedPicture picture) {
+ *         if (picture.time() % 2000 == 0) {
+ *             cut(picture.time() * 90);
+ *         }
+ *         writer.write(0, picture);
+ *     }
+ *
+ *     void addSound(byte[] unit) {
+ *         if (time / 96_000 > (time - 1024) / 96_000) {
+ *             cut(time);
+ *         }
+ *         writer.write(0, unit, time);
+ *         time += 1024;
+ *     }
+ *
+ *     void finish(long end) {
+ *         cut(end);
+ *         FILES.put(name + "/init.mp4", writer.initSegment());
+ *         FILES.put(name + "/index.m3u8", list.append("#EXT-X-ENDLIST\n").toString().getBytes());
+ *     }
+ *
+ *     public static void main(String[] arguments) throws IOException {
+ *         List<byte[]> source = AccessUnit.split(Files.readAllBytes(Path.of(arguments[0])));
+ *         byte[] pcm = Files.readAllBytes(Path.of(arguments[1]));
+ *         List<Rendition> rungs = List.of(Rendition.of(320, 180).bitrate(500_000), Rendition.of(160, 90).bitrate(150_000));
+ *         List<HlsLadder> pictures = rungs.stream().map(rung -> new HlsLadder(rung.width() + "x" + rung.height(),
+ *                 MediaTrack.h264(rung.width(), rung.height()))).toList();
+ *         HlsLadder sound = new HlsLadder("sound", MediaTrack.aac(48_000, 2));
+ *         try (Transcoder transcoder = Transcoder.builder().renditions(rungs).keys((rung, time) -> time % 2000 == 0).open();
+ *                 AacEncoder encoder = AacEncoder.builder().open()) {
+ *             for (int i = 0; i < source.size(); i++) {
+ *                 transcoder.write(source.get(i), i * 40, picture -> pictures.get(picture.index()).addPicture(picture));
+ *             }
+ *             for (int at = 0; at < pcm.length; at += encoder.blockSize()) {
+ *                 encoder.encode(Arrays.copyOfRange(pcm, at, at + encoder.blockSize())).ifPresent(sound::addSound);
+ *             }
+ *             encoder.drain(sound::addSound);
+ *         }
+ *         sound.finish(sound.time);
+ *         String master = "#EXTM3U\n#EXT-X-VERSION:7\n#EXT-X-MEDIA:TYPE=AUDIO,GROUP-ID=\"sound\",NAME=\"Sound\",DEFAULT=YES,"
+ *                 + "URI=\"sound/index.m3u8\"\n";
+ *         for (HlsLadder rung : pictures) {
+ *             rung.finish(source.size() * 40L * 90);
+ *             master += String.format("#EXT-X-STREAM-INF:BANDWIDTH=900000,RESOLUTION=%s,CODECS=\"%s,%s\",AUDIO=\"sound\"%n"
+ *                     + "%1$s/index.m3u8%n", rung.name, rung.writer.codecs(), sound.writer.codecs());
+ *         }
+ *         FILES.put("master.m3u8", master.getBytes());
+ *         for (Map.Entry<String, byte[]> file : FILES.entrySet()) {
+ *             Path path = Path.of(file.getKey());
+ *             Files.createDirectories(path.toAbsolutePath().getParent());
+ *             Files.write(path, file.getValue());
+ *         }
+ *     }
+ * }
+ * }</pre>
  *
  * <p>One thread may use a writer at a time: anything else is refused with an {@link IllegalStateException}. A wrong argument
  * is an {@link IllegalArgumentException} and changes nothing. When the channel throws, the writer is of no more use, as the
@@ -163,6 +252,7 @@ public final class ContainerWriter implements AutoCloseable {
     private final WritableByteChannel channel;
     private final SeekableByteChannel file; // the channel, if it has positions
     private final long start;
+    private final int firstFragment;
     private final byte[] info = new byte[PIECE_INFO];
     private byte[] piece = new byte[0];
     private byte[] initSegment;
@@ -178,6 +268,7 @@ public final class ContainerWriter implements AutoCloseable {
     private ContainerWriter(Builder settings, WritableByteChannel channel) {
         format = settings.format;
         tracks = settings.tracks.toArray(MediaTrack[]::new);
+        firstFragment = settings.firstFragment;
         this.channel = channel;
         file = channel instanceof SeekableByteChannel ? (SeekableByteChannel) channel : null;
         try {
@@ -367,7 +458,7 @@ public final class ContainerWriter implements AutoCloseable {
                 throw fail(new MediaException(format + " does not take track " + i + " (" + tracks[i] + ")"));
             }
         }
-        int result = Muxer.begin(handle);
+        int result = Muxer.begin(firstFragment, handle);
         if (result < 0) {
             throw fail(new MediaException(format + " cannot be begun with these tracks: " + describe(result)));
         }
@@ -421,7 +512,7 @@ public final class ContainerWriter implements AutoCloseable {
                 return new IllegalArgumentException(which + format + " cannot tell of times that early; begin all tracks later"
                         + " by the same time");
             case Muxer.FRAGMENT_FULL:
-                return new IllegalStateException(which + "the fragment holds 256 MB already; cut() ends it");
+                return new IllegalStateException(which + "the fragment holds 64 MB already; cut() ends it");
             default:
                 return fail(new MediaException(which + describe(result)));
         }
@@ -573,7 +664,7 @@ public final class ContainerWriter implements AutoCloseable {
         } catch (RuntimeException failed) {
             throw fail(failed);
         }
-        if (piece.length > MOVE_BUFFER) {
+        if (piece.length > 2 * FILE_BUFFER) {
             piece = new byte[0];
         }
     }
@@ -607,6 +698,7 @@ public final class ContainerWriter implements AutoCloseable {
         private final Format format;
         private final List<MediaTrack> tracks = new ArrayList<>();
         private boolean fastStart;
+        private int firstFragment = 1;
 
         private Builder(Format format) {
             this.format = format;
@@ -661,6 +753,18 @@ public final class ContainerWriter implements AutoCloseable {
                 throw new IllegalArgumentException("fastStart: " + format + " has no index to put in front");
             }
             fastStart = true;
+            return this;
+        }
+
+        /**
+         * Sets the number that the first fragment has in its {@code mfhd}, where the fragments of several writers follow one
+         * another.
+         *
+         * @param number 1 or more
+         * @return this builder
+         */
+        public Builder firstFragment(int number) {
+            firstFragment = Settings.check("firstFragment", number, 1, Integer.MAX_VALUE, "");
             return this;
         }
 

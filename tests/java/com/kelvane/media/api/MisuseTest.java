@@ -27,6 +27,7 @@ import com.kelvane.media.transform.codec.AVCEncoder;
 import com.kelvane.media.transform.codec.AVCProcessor;
 import com.kelvane.media.transform.codec.MIRVProcessor;
 import com.kelvane.media.transform.codec.MPADecoder;
+import com.kelvane.media.transform.codec.Muxer;
 import com.kelvane.media.transform.codec.NOpusDecoder;
 import com.kelvane.media.transform.codec.NOpusEncoder;
 import com.kelvane.media.transform.codec.OpenH264Encoder;
@@ -353,7 +354,10 @@ final class MisuseTest {
                 new Bare(AACEncoder.class, sound, "encode 0: 0 0 0 -1", 2, 48_000),
                 new Bare(MPADecoder.class, sound, "decode 0: 0 0 0 0"),
                 new Bare(NOpusDecoder.class, new byte[] {-4}, "decode 960: 0 0 -1", 2, 0),
-                new Bare(NOpusEncoder.class, sound, "encode 160: 0 0 -1", 2, 64_000, 20));
+                new Bare(NOpusEncoder.class, sound, "encode 160: 0 0 -1", 2, 64_000, 20),
+                new Bare(Muxer.class, UNIT, "addPictures -2001: -2001 -2001 -2001, addSound -2001: -2001 -2001, begin -2001: -2001, "
+                        + "cut -2001: -2001, describe 7: 0, finish -2001: -2001, label -2001: -2001 -2001 -2001, next 0: 0 0, open 0, "
+                        + "run -2001: -2001 -2001, take 0: 0 0, write -2002: -2001 -2001", "matroska", 0));
     }
 
     /** A call with everything; each reference left out in turn, and the handle, which changes no array. */

@@ -56,7 +56,7 @@ public final class Muxer {
     public static final int OUT_OF_RANGE = -2005;
     /** Refusal: a time before the earliest that the container can tell. */
     public static final int TOO_EARLY = -2006;
-    /** Refusal: the fragment would hold more than 256 MB. */
+    /** Refusal: the fragment would hold more than 64 MB. */
     public static final int FRAGMENT_FULL = -2007;
     /** Refusal, which is no fault: the unit lies before the beginning and is left out. */
     public static final int LEFT_OUT = -2008;
@@ -131,10 +131,11 @@ public final class Muxer {
     /**
      * Ends the adding of tracks and writes the beginning of the container.
      *
+     * @param firstFragment the number of the first fragment, 1 or more
      * @param handle the muxer, or 0
      * @return the bytes that are to be taken, a refusal or an error
      */
-    public static native int begin(long handle);
+    public static native int begin(int firstFragment, long handle);
 
     /**
      * Writes an access unit.
