@@ -56,6 +56,34 @@ TEST_F(InstalledTool, KeepsTimesOfVariableFrameRateAndCutsToThePicture) {
     EXPECT_NEAR(count, 30, 1);
 }
 
+// 50 grey pictures, 3 of noise that OpenH264 fails at, and 50 grey ones, 40 ms apart.
+TEST_F(InstalledTool, TellsOfPicturesThatAnEncoderFailedAt) {
+    ASSERT_EQ(std::system(("java -cp '" + tree.string() + "/lib/kelvane-media.jar:" TEST_JAR
+                           "' com.kelvane.media.test.Uncompressed '" +
+                           path("noise.h264").string() + "'")
+                              .c_str()),
+              0);
+    const std::string lacks = " lacks 3 pictures, the first at 2.00 s: ";
+    EXPECT_EQ(run("kelvane", "transcode noise.h264 -r 64x48@100k -r 32x32@100k -o out"), 3) << errors;
+    EXPECT_EQ(errors, "");
+    EXPECT_GT(quality("32x32", "103 +0 +0"), 40);
+    EXPECT_TRUE(std::regex_search(output, std::regex("\n64x48 +100 +0 +3 "))) << output;
+    EXPECT_NE(output.find("\n64x48" + lacks + "OpenH264 has no room"), std::string::npos) << output;
+    EXPECT_EQ(output.find("32x32 lacks"), std::string::npos) << output;
+    EXPECT_NE(contents(path("out/result.json")).find("\"failed\":3,\"failure\":\"OpenH264 has no room"),
+              std::string::npos);
+    EXPECT_EQ(probe("out/64x48.mp4", "stream=nb_read_frames"), "100\n");
+    EXPECT_NE(probe("out/64x48.mp4", "packet=pts_time,flags").find("\n1.960000,__\n2.120000,K_\n"),
+              std::string::npos)
+        << output;
+
+    kelvane("live noise.h264 -r 64x48@100k");
+    EXPECT_NE(output.find("\n64x48" + lacks), std::string::npos) << output;
+    kelvane("process noise.h264 --module '" + (tree / "modules/mosaic.so").string() + "'");
+    EXPECT_NE(output.find("kept                    100\n"), std::string::npos) << output;
+    EXPECT_NE(output.find("\nthe result" + lacks), std::string::npos) << output;
+}
+
 TEST_F(InstalledTool, CarriesSoundInStepWithThePictures) {
     // A flash and a click each second, from the first on.
     makeFlashesAndClicks("160x90", "-t 4 -g 40 plain.mp4");

@@ -64,28 +64,9 @@ TEST_F(EngineEncoder, GivesTheLibraryTheWholeParameterRecord) {
         EXPECT_EQ(configured.maxQp, expected.iMaxQp);
         EXPECT_EQ(configured.status, 0);
 
-        expected.iUsageType = CAMERA_VIDEO_REAL_TIME;
-        expected.iPicWidth = 176;
-        expected.iPicHeight = 144;
-        expected.iTargetBitrate = expected.iMaxBitrate = 700'000;
-        expected.iRCMode = rateControl;
-        expected.fMaxFrameRate = 25;
-        expected.iTemporalLayerNum = expected.iSpatialLayerNum = 1;
-        expected.bEnableDenoise = expected.bEnableBackgroundDetection = expected.bEnableAdaptiveQuant = false;
-        expected.bEnableFrameSkip = expected.bPrefixNalAddingCtrl = false;
-        expected.uiIntraPeriod = 50;
-        expected.eSpsPpsIdStrategy = CONSTANT_ID;
-        expected.iLoopFilterDisableIdc = 1;
-        expected.iLtrMarkPeriod = 30;
-        expected.iMultipleThreadIdc = 1;
-        expected.iEntropyCodingModeFlag = profile;
-        SSpatialLayerConfig& layer = expected.sSpatialLayers[0];
-        layer.iVideoWidth = 176;
-        layer.iVideoHeight = 144;
-        layer.fFrameRate = 25;
-        layer.iSpatialBitrate = layer.iMaxSpatialBitrate = 700'000;
-        layer.sSliceArgument.uiSliceMode = SM_SINGLE_SLICE;
-        layer.sSliceArgument.uiSliceNum = 0;
+        setAsConfigured(expected, configured);
+        EXPECT_EQ((std::tuple(expected.iRCMode, expected.fMaxFrameRate, expected.uiIntraPeriod)),
+                  (std::tuple(rateControl, 25.0F, 50u)));
         EXPECT_EQ(std::memcmp(&library.param, &expected, sizeof expected), 0);
     }
     EXPECT_EQ(library.otherCalls, 0);

@@ -38,7 +38,7 @@ TEST(EngineModuleCheck, TellsEachFaultInWords) {
         {"null_in_open", {"Open, pictures of 640x360: writes through a null pointer", "Faulty::Open"}},
         {"divides", {"Process, pictures of 1x1: divides by zero", "Faulty::Process"}},
         {"deep", {"pictures of 640x360: runs out of its stack, which has 1024 kB", "Faulty::Process"}},
-        {"fixed_buffer", {"Apply of 'depth' = '9999", "its stack is damaged"}, "--set depth=1"},
+        {"fixed_buffer", {"Apply of 'depth' = '", "its stack is damaged"}, "--set depth=1"},
         {"writes_value", {"writes byte 0 of the value of a setting, which is for reading"}, "--set depth=1"},
         {"refuses", {"the setting 'depth' = '1' is refused: Apply returned 0"}, "--set depth=1"},
         {"not_destroyed", {"bytes behind when its object is destroyed by DestroyVideoProcessor"}},
@@ -48,6 +48,7 @@ TEST(EngineModuleCheck, TellsEachFaultInWords) {
         {"shared_state", {"two streams in turns disturb each other"}},
         {"ends_process", {"ends the process with exit()", "Faulty::Process"}},
         {"never_returns", {"does not return within 1 seconds", "Faulty::Process"}, "--timeout 1"},
+        {"unset", {"writes outside of the picture: byte 1 behind its end", "Faulty::Process"}},
         {"new_interface", {"it is built for interface 2"}},
         {"no_entry_point", {"CreateVideoProcessor is not exported"}},
     };
@@ -67,7 +68,8 @@ TEST(EngineModuleCheck, FindsNothingWrongWithGoodModules) {
     for (const std::string& module :
          {examples + "grayscale.so --set strength=20", examples + "solarize.so --set threshold=9",
           examples + "mosaic.so --set region=1,1,99,99 --set block=3 --set clear=",
-          modulePath("mymodule") + " --set amount=9", modulePath("every_other") + " --set delay=1"}) {
+          modulePath("mymodule") + " --set amount=9", modulePath("every_other") + " --set delay=1",
+          modulePath("faulty_unset") + " --set depth=1"}) {
         for (const char* options : {" --frames 10", " --plain --picture 33x17"}) {
             const CommandResult found = check(module + options);
             EXPECT_EQ(found.exitCode, 0) << module << options << "\n" << found.output;
@@ -105,8 +107,14 @@ TEST(EngineModuleCheck, ProcessesPictures) {
         EXPECT_NE(failed.output.find(reason), std::string::npos) << failed.output;
     }
     for (const char* wrong :
-         {"", "a b c", "a --set x", "a --picture 0x2", "a --picture 3x2 -o b", "a --frames x", "a --nope"})
+         {"", "a b c", "a --set x", "a --picture 3x2 -o b", "a --frames x", "a --timeout ''", "a --nope"})
         EXPECT_EQ(check(wrong).exitCode, 2) << wrong;
+    for (const char* wrong : {"22", "x2", "2x", "0x2", "2x0", "-2x2", "2x8193", "8193x2", "2x2x", "2yx2"}) {
+        const CommandResult refused = check("a --picture " + std::string(wrong));
+        EXPECT_EQ(refused.exitCode, 2) << wrong;
+        EXPECT_NE(refused.output.find(": --picture takes "), std::string::npos) << refused.output;
+    }
+    EXPECT_EQ(check(modulePath("faulty_overrun") + " -o " + (folder / "crashed.y4m").string()).exitCode, 1);
     size_t files = 0;
     for ([[maybe_unused]] const auto& entry : fs::directory_iterator(folder))
         ++files;

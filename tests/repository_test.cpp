@@ -48,9 +48,13 @@ protected:
         EXPECT_EQ(names(root / "tmp"), std::set<std::string>{});
     }
 
-    const fs::path repository = fs::path(MAVEN_REPOSITORY) / "com/kelvane/kelvane-media" / PROJECT_VERSION;
-    const std::string jar = repository / "kelvane-media-" PROJECT_VERSION ".jar";
-    const std::string natives = repository / "kelvane-media-" PROJECT_VERSION "-linux-x86_64.jar";
+    static std::string artifact(const std::string& name, const std::string& classifier) {
+        return fs::path(MAVEN_REPOSITORY) / "com/kelvane" / name / PROJECT_VERSION /
+               (name + "-" PROJECT_VERSION + classifier + ".jar");
+    }
+
+    const std::string jar = artifact("kelvane-media", "");
+    const std::string natives = artifact("kelvane-media", "-linux-x86_64");
     const std::string classPath = "-cp " + jar + ":" + natives + ":" TEST_JAR " ";
     const std::string picture = "com.kelvane.media.test.Picture";
     fs::path root;
@@ -161,4 +165,50 @@ TEST_F(InstalledRepository, TellsWhereItLooks) {
                              "\n  java.library.path: ",
                              "\nTo fix it, add the artifact com.kelvane:kelvane-media"})
         EXPECT_NE(none.output.find(line), std::string::npos) << line << none.output;
+}
+
+TEST_F(InstalledRepository, HasTheToolWhichWritesTheSameInEveryLocale) {
+    const std::string tool = artifact("kelvane-tool", "");
+    const std::string paths = " -cp " + tool + ":" + jar + ":" + natives + ":" PICOCLI_JAR ":" JACKSON_JAR;
+    const std::string withPrograms = paths + ":" + artifact("kelvane-tool", "-linux-x86_64");
+    const std::string main = " com.kelvane.media.tool.Kelvane ";
+    const std::string ladder = " --segment 1 -r 160x90@100k -r 80x46@60k ";
+    const std::string clip = std::string(std::getenv("KELVANE_DIST")) + "/share/kelvane/demo.mp4";
+    std::map<std::string, std::string> expected;
+    // Egypt's numbers have digits of their own, and another sign where others have a point or a comma.
+    for (const std::string locale : {"-Duser.language=en", "-Duser.language=ar -Duser.country=EG"}) {
+        SCOPED_TRACE(locale);
+        const std::string call = locale + withPrograms + main;
+        const CommandResult film =
+            runJava(call + "transcode " + clip + " --start 4.5 --duration 1.5 -o film" + ladder);
+        ASSERT_EQ(film.exitCode, 0) << film.output;
+        const CommandResult live = runJava(call + "live - -o live" + ladder + "<" TEST_DATA "/bframes.h264");
+        ASSERT_EQ(live.exitCode, 0) << live.output;
+        const size_t table = film.output.find("\nrendition ");
+        ASSERT_NE(table, std::string::npos) << film.output;
+        std::map<std::string, std::string> written{{"summary", film.output.substr(table)}};
+        for (const char* file : {"film/result.json", "film/index.html", "film/master.m3u8",
+                                 "film/160x90/media.m3u8", "live/master.m3u8", "live/80x46/media.m3u8"})
+            written[file] = contents(root / "work" / file);
+        EXPECT_NE(written["film/160x90/media.m3u8"].find("#EXTINF:1.0"), std::string::npos);
+        for (auto& [file, text] : written) { // all but their figures
+            std::erase_if(text, [](char c) { return c == '.' || (c >= '0' && c <= '9'); });
+            EXPECT_TRUE(expected.empty() || text == expected[file]) << file << text;
+        }
+        expected = written;
+        for (const char* folder : {"film", "live"})
+            fs::remove_all(root / "work" / folder);
+    }
+    EXPECT_EQ(names(root / "work"), std::set<std::string>{});
+    EXPECT_EQ(names(root / "tmp"), std::set<std::string>{});
+
+    // No home to unpack to; then none of the programs.
+    const std::string probe = main + "transcode " TEST_DATA "/tiny.h264 -o film";
+    for (const auto& [jars, reason] :
+         {std::pair(withPrograms, "no usual size"), {paths, "artifact com.kelvane:kelvane-tool"}}) {
+        const CommandResult failed = run(java(jars + probe, "/proc"));
+        EXPECT_EQ(failed.exitCode, 1);
+        EXPECT_NE(failed.output.find(reason), std::string::npos) << failed.output;
+        EXPECT_EQ(names(root / "tmp"), std::set<std::string>{});
+    }
 }

@@ -65,6 +65,8 @@ public:
         return bytes;
     }
     int drain(jobject listener) { return MIRVProcessor(drain)(javaEnv(), nullptr, listener, handle); }
+    int failure(int position) { return MIRVProcessor(failure)(javaEnv(), nullptr, position, handle); }
+    int renew(int position) { return MIRVProcessor(renew)(javaEnv(), nullptr, position, handle); }
     int status(int position) { return MIRVProcessor(status)(javaEnv(), nullptr, position, handle); }
     CoderOut& output(int i) {
         return reinterpret_cast<MIRVProcessor*>(handle)->outputs[static_cast<size_t>(i)];
@@ -293,6 +295,58 @@ TEST_F(Transcoder, OneOutputsFailureLeavesTheOthersAlone) {
     for (const char* line :
          {"error \nfail2 code 0 \n", "opened -1\ncoder opened, error=-1  -", "fail2context -1 \n"})
         EXPECT_NE(printed.find(line), std::string::npos) << "no " << line << " in:\n" << printed;
+}
+
+TEST_F(Transcoder, AnEncoderThatFailedIsMadeAnew) {
+    const std::string printed = printedBy([&] {
+        JavaTranscoder transcoder(3);
+        transcoder.addRendition(1, 96, 80);
+        transcoder.apply(1, "videoEncMode", "1");
+        transcoder.apply(1, "videoQPMax", "40");
+        transcoder.addRendition(2, 64, 48);
+        transcoder.apply(3, "videoBR", "400000"); // of the source's size, without an encoder yet
+        transcoder.start();
+        EXPECT_EQ(transcoder.failure(0), 0);
+        EXPECT_EQ(transcoder.renew(2), 0);
+        const auto encode = [&](int position) { return transcoder.encodeInto(position, 100'000); };
+        const auto isKey = [](const Bytes& unit) { return unit.size() > 4 && (unit[4] & 31) == 7; };
+        const auto decode = [&](size_t i) { EXPECT_EQ(transcoder.decode(0, units[i]), 1); };
+        decode(0);
+        EXPECT_TRUE(isKey(encode(1)));
+        EXPECT_TRUE(isKey(encode(0)));
+        decode(1);
+        library.failAt = {2};
+        EXPECT_TRUE(encode(0).empty());
+        EXPECT_EQ(transcoder.failure(0), 3);
+        EXPECT_FALSE(isKey(encode(1)));
+        EXPECT_EQ(transcoder.failure(1), 0);
+        decode(2);
+        EXPECT_TRUE(encode(0).empty()) << "it fails for good";
+        library.refuseToCreate = true;
+        EXPECT_EQ(transcoder.renew(0), 0);
+        EXPECT_TRUE(encode(0).empty());
+        EXPECT_EQ(transcoder.failure(0), -1);
+        library.refuseToCreate = false;
+        const int others = library.otherCalls;
+        EXPECT_EQ(transcoder.renew(0), 1);
+        EXPECT_EQ(library.otherCalls, others + 1) << "quiet from now on, and nothing else";
+        EXPECT_EQ((std::vector{library.param.iPicWidth, library.param.iPicHeight, library.param.iTargetBitrate,
+                               static_cast<int>(library.param.fMaxFrameRate), library.param.iMaxQp,
+                               static_cast<int>(library.param.iRCMode)}),
+                  (std::vector{96, 80, 400'000, 25, 40, static_cast<int>(RC_QUALITY_MODE)}));
+        EXPECT_TRUE(isKey(encode(0))) << "the picture at hand, once more";
+        decode(3);
+        library.skipPictures = true;
+        EXPECT_TRUE(encode(0).empty());
+        EXPECT_EQ(transcoder.failure(0), 0) << "skipped";
+        library.skipPictures = false;
+        EXPECT_FALSE(encode(2).empty());
+        for (const int position : {-1, 3, 65'536}) {
+            EXPECT_EQ(transcoder.failure(position), 0);
+            EXPECT_EQ(transcoder.renew(position), 0);
+        }
+    });
+    EXPECT_EQ(printed.find("noh264"), std::string::npos) << printed;
 }
 
 TEST_F(Transcoder, ListenersMayThrowLackTheMethodOrChange) {

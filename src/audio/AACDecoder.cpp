@@ -96,7 +96,7 @@ void AudioDecoder::openContext() {
     context->sample_fmt = AV_SAMPLE_FMT_FLTP;
     context->time_base = {1, context->sample_rate};
     context->refcounted_frames = 1;
-    status = static_cast<int8_t>(avcodec_open2(context.get(), codec, nullptr));
+    status = static_cast<int8_t>(openCodec(context, codec));
 }
 
 int AudioDecoder::decode(unsigned char* data, int size) {

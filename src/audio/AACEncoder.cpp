@@ -57,7 +57,7 @@ void AudioEncoder::open() {
     context->bit_rate = bitrate;
     // FFmpeg has counted its AAC encoder among the experimental ones.
     context->strict_std_compliance = FF_COMPLIANCE_EXPERIMENTAL;
-    if (avcodec_open2(context.get(), codec, nullptr) < 0) {
+    if (openCodec(context, codec) < 0) {
         std::puts("codec not opened");
     } else if (context->codec) {
         std::puts("codec opened");

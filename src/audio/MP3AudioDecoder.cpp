@@ -42,7 +42,7 @@ void MP3AudioDecoder::open() {
     frame.reset(av_frame_alloc());
     if (!context || !frame) return;
     context->refcounted_frames = 1;
-    status = static_cast<int8_t>(avcodec_open2(context.get(), codec, nullptr));
+    status = static_cast<int8_t>(openCodec(context, codec));
     if (context->codec) {
         std::puts("codec opened");
     } else {

@@ -37,6 +37,14 @@ void JavaCall::fillWithin(jbyteArray array, jsize at, uint8_t value, jsize size)
         copyWithin(array, run, std::min(static_cast<jsize>(sizeof run), size - done), at + done);
 }
 
+jstring JavaCall::newAscii(char* text) {
+    for (char* byte = text; *byte; ++byte)
+        if (*byte & 0x80) *byte = '?'; // Java takes modified UTF-8 alone
+    jstring string = env->NewStringUTF(text);
+    deferException();
+    return string;
+}
+
 void JavaCall::deferException() {
     jthrowable raised = env->ExceptionOccurred();
     if (!raised) return;

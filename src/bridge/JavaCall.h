@@ -40,6 +40,10 @@ public:
     void copyWithin(jbyteArray array, const void* bytes, jsize size, jsize at = 0) const;
     void fillWithin(jbyteArray array, jsize at, uint8_t value, jsize size) const;
 
+    // `text` as a Java string, its bytes that are not ASCII, which a file or a symbol may have, as question
+    // marks.
+    jstring newAscii(char* text);
+
     // Puts a pending exception aside for the return to Java; the first one is kept. To be called after every
     // JNI function that may raise one.
     void deferException();

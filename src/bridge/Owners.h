@@ -1,6 +1,9 @@
 #pragma once
 
-// One typed owner for each kind of resource that the engines hold.
+// One typed owner for each kind of resource that the engines hold. Those whose release runs a codec's own
+// code let no exception out of it: what was still to be released is lost then.
+
+#include "bridge/Exceptions.h"
 
 extern "C" {
 #include <libavcodec/avcodec.h>
@@ -16,7 +19,9 @@ extern "C" {
 #include <opus.h>
 
 #include <cstdint>
+#include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <memory>
 
 struct FreeDeleter {
@@ -34,12 +39,21 @@ inline MallocBuffer zeroedBuffer(size_t size) {
 }
 
 struct CodecContextDeleter {
-    void operator()(AVCodecContext* context) const { avcodec_free_context(&context); }
+    void operator()(AVCodecContext* context) const {
+        completes([&] { avcodec_free_context(&context); });
+    }
 };
 using CodecContextOwner = std::unique_ptr<AVCodecContext, CodecContextDeleter>;
 
+// As avcodec_open2; -1 when the codec's own code throws.
+inline int openCodec(const CodecContextOwner& context, const AVCodec* codec) {
+    return resultOr(-1, [&] { return avcodec_open2(context.get(), codec, nullptr); });
+}
+
 struct FrameDeleter {
-    void operator()(AVFrame* frame) const { av_frame_free(&frame); }
+    void operator()(AVFrame* frame) const {
+        completes([&] { av_frame_free(&frame); });
+    }
 };
 using FrameOwner = std::unique_ptr<AVFrame, FrameDeleter>;
 
@@ -52,7 +66,7 @@ using BufferOwner = std::unique_ptr<AVBufferRef, BufferDeleter>;
 struct ImageFrameDeleter {
     void operator()(AVFrame* frame) const {
         av_freep(&frame->data[0]);
-        av_frame_free(&frame);
+        FrameDeleter()(frame);
     }
 };
 using ImageFrameOwner = std::unique_ptr<AVFrame, ImageFrameDeleter>;
@@ -97,9 +111,23 @@ struct LibraryDeleter {
 };
 using LibraryOwner = std::unique_ptr<void, LibraryDeleter>;
 
+// Why the last dlopen, of `path`, failed; cut to `size` bytes.
+inline void describeLoadFailure(const char* path, char* text, size_t size) {
+    const char* reason = dlerror();
+    // The dynamic loader's text begins with the path, which the caller knows.
+    const size_t known = std::strlen(path);
+    if (std::strncmp(reason, path, known) == 0 && std::strncmp(reason + known, ": ", 2) == 0)
+        reason += known + 2;
+    std::snprintf(text, size, "%s", reason);
+}
+
 struct OpusDeleter {
-    void operator()(OpusDecoder* decoder) const { opus_decoder_destroy(decoder); }
-    void operator()(OpusEncoder* encoder) const { opus_encoder_destroy(encoder); }
+    void operator()(OpusDecoder* decoder) const {
+        completes([&] { opus_decoder_destroy(decoder); });
+    }
+    void operator()(OpusEncoder* encoder) const {
+        completes([&] { opus_encoder_destroy(encoder); });
+    }
 };
 using OpusDecoderOwner = std::unique_ptr<OpusDecoder, OpusDeleter>;
 using OpusEncoderOwner = std::unique_ptr<OpusEncoder, OpusDeleter>;

@@ -109,18 +109,20 @@ void VideoProcessor::fitEncoder(const AVFrame& picture) {
 }
 
 int VideoProcessor::process(signed char* data, int size, uint32_t timestamp, int& newOutput) {
+    forgetPicture();
     const int decoded = decoder->decode(data, size, timestamp);
     if (decoded == -1) std::puts("warning, corrupt input stream");
     return decoded == 1 ? processPicture(timestamp, newOutput) : decoded;
 }
 
 int VideoProcessor::drain(int& newOutput) {
+    forgetPicture();
     return decoder->drain() == 1 ? processPicture(decoder->pictureTime, newOutput) : 0;
 }
 
 int VideoProcessor::processPicture(uint32_t timestamp, int& newOutput) {
     const AVFrame& picture = *decoder->frame;
-    const MallocBuffer packed = packPicture(picture);
+    MallocBuffer packed = packPicture(picture);
     if (!packed) return 0;
     const int packedSize = packedPictureSize(picture.width, picture.height);
     fitEncoder(picture);
@@ -129,17 +131,42 @@ int VideoProcessor::processPicture(uint32_t timestamp, int& newOutput) {
     const auto keeps = [&] { return processor->Process(packed.get(), packedSize, &time); };
     if (processor && (callModule("Process", keeps) == 0 || !encoder)) return 1;
     newOutput = 0;
+    failure = -1;
     if (!encoder) return 1;
-    const int encoded = encoder->encode(reinterpret_cast<signed char*>(packed.get()), packedSize, timestamp);
+    unencoded = {std::move(packed), packedSize, timestamp, time};
+    return encodePicture(newOutput);
+}
+
+int VideoProcessor::encodePicture(int& newOutput) {
+    auto* const picture = reinterpret_cast<signed char*>(unencoded.packed.get());
+    const int encoded = encoder->encode(picture, unencoded.size, unencoded.timestamp);
+    failure = encoder->failure;
+    if (failure != 0) return encoded;
+    // It is encoded, or skipped.
+    const MallocBuffer packed = std::move(unencoded.packed);
     if (encoded != 1 || encoder->encodedSize <= 0) return encoded;
     const auto encodedSize = static_cast<size_t>(encoder->encodedSize);
     MallocBuffer accessUnit = mallocBuffer(encodedSize);
-    if (!accessUnit) return 0;
+    if (!accessUnit) {
+        failure = -1;
+        return 0;
+    }
     std::memcpy(accessUnit.get(), packed.get(), encodedSize);
     output = std::move(accessUnit);
     outputSize = newOutput = encoder->encodedSize;
-    outputTimestamp = processor ? time : encoder->encodedTimestamp;
+    outputTimestamp = processor ? unencoded.moduleTime : encoder->encodedTimestamp;
     return 1;
+}
+
+int VideoProcessor::retry(int& newOutput) {
+    if (!encoder || !unencoded.packed) return 0;
+    newOutput = 0;
+    return encodePicture(newOutput);
+}
+
+void VideoProcessor::forgetPicture() {
+    unencoded.packed.reset();
+    failure = 0;
 }
 
 void VideoProcessor::passThrough(MallocBuffer data, int size, uint32_t timestamp) {
@@ -178,12 +205,7 @@ JNIEXPORT jstring JNICALL Java_com_kelvane_media_transform_codec_AVCProcessor_pr
     const JavaString file(java, path);
     char text[512];
     if (!file.get() || !findModuleProblem(file.get(), text, sizeof text)) return nullptr;
-    // A symbol's name may be any bytes, and Java takes modified UTF-8 alone.
-    for (char* byte = text; *byte; ++byte)
-        if (*byte & 0x80) *byte = '?';
-    jstring problem = env->NewStringUTF(text);
-    java.deferException();
-    return problem;
+    return java.newAscii(text);
 }
 
 JNIEXPORT jlong JNICALL Java_com_kelvane_media_transform_codec_AVCProcessor_open(JNIEnv*, jclass,
@@ -260,6 +282,30 @@ JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_AVCProcessor_drain
     JavaCall java(env);
     int newOutput = -1;
     const int result = pipeline->drain(newOutput);
+    copyOutSize(java, sizeInfo, newOutput);
+    return result;
+}
+
+JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_AVCProcessor_failure(JNIEnv*, jclass,
+                                                                                   jlong handle) {
+    const VideoProcessor* pipeline = proc_ctx.GetProcessor(handle);
+    return pipeline ? pipeline->failure : 0;
+}
+
+JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_AVCProcessor_renew(JNIEnv*, jclass,
+                                                                                 jlong handle) {
+    const VideoProcessor* pipeline = proc_ctx.GetProcessor(handle);
+    return pipeline && pipeline->encoder && pipeline->encoder->renew();
+}
+
+JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_AVCProcessor_retry(JNIEnv* env, jclass,
+                                                                                 jbyteArray sizeInfo,
+                                                                                 jlong handle) {
+    VideoProcessor* pipeline = proc_ctx.GetProcessor(handle);
+    if (!pipeline || !sizeInfo) return 0;
+    JavaCall java(env);
+    int newOutput = -1;
+    const int result = pipeline->retry(newOutput);
     copyOutSize(java, sizeInfo, newOutput);
     return result;
 }

@@ -27,6 +27,7 @@ public:
     uint8_t option2 = 0;
     uint8_t option3 = 1;
     ModuleCaller callModule; // of the attached processor
+    int32_t failure = 0; // of the last picture: as the encoder's; 0 also when there was none or the module dropped it
 
     // Attaches the module with this GUID in place of the one attached, if any.
     void brew(unsigned int guid);
@@ -44,13 +45,26 @@ public:
     // none.
     int drain(int& newOutput);
 
+    // Encodes the picture that failed once more, as the module left it. As process().
+    int retry(int& newOutput);
+
     // Makes the access unit itself pending.
     void passThrough(MallocBuffer data, int size, uint32_t timestamp);
 
     void close();
 
 private:
+    struct UnencodedPicture {
+        MallocBuffer packed;
+        int size;
+        uint32_t timestamp;
+        int32_t moduleTime;
+    };
+    UnencodedPicture unencoded{}; // kept from a picture that failed to the next call
+
     void makeEncoder(const AVFrame& picture);
     void fitEncoder(const AVFrame& picture);
     int processPicture(uint32_t timestamp, int& newOutput);
+    int encodePicture(int& newOutput);
+    void forgetPicture();
 };

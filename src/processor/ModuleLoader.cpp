@@ -52,12 +52,7 @@ void ModuleCaller::finish(const void* entryPoint) {
 bool findModuleProblem(const char* path, char* text, size_t size) {
     const LibraryOwner library(dlopen(path, RTLD_NOW));
     if (!library) {
-        const char* reason = dlerror();
-        // The loader's text begins with the path, which the caller knows.
-        const size_t known = std::strlen(path);
-        if (std::strncmp(reason, path, known) == 0 && std::strncmp(reason + known, ": ", 2) == 0)
-            reason += known + 2;
-        std::snprintf(text, size, "%s", reason);
+        describeLoadFailure(path, text, size);
         return true;
     }
     for (const char* name : {"GetGuid", "CreateVideoProcessor", "DestroyVideoProcessor"}) {

@@ -56,6 +56,7 @@ bool CoderOut::needsNoScaling(const AVFrame& in) const {
 }
 
 bool CoderOut::encode(AVFrame* in) {
+    failure = -1;
     if (in->width != 0 && in->height != 0) {
         if (!scaler) {
             if (width == 0 || height == 0) {
@@ -99,6 +100,7 @@ bool CoderOut::encode(AVFrame* in) {
         if (debugging) std::puts("could not alloc frame buffer ");
         return false;
     }
+    failure = coder->failure;
     if (encoded == 1 && coder->outputSize != 0) return true;
     if (debugging) std::printf("fail2 code %d \n", encoded);
     return false;

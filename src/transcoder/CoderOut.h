@@ -26,6 +26,7 @@ public:
     OwnedEngine<NativeOpenH264Encoder> coder;
     ImageFrameOwner frame; // the scaled picture; pictures of its own size do not come here
     ScalerOwner scaler;
+    int32_t failure = 0; // of the last encode(): as the encoder's, -1 also when the picture did not get that far
 
     void open();
 

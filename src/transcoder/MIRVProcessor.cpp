@@ -321,6 +321,20 @@ JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_MIRVProcessor_requ
     return rendition && rendition->coder ? rendition->coder->requestKey() : 0;
 }
 
+JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_MIRVProcessor_failure(JNIEnv*, jclass,
+                                                                                    jint output,
+                                                                                    jlong handle) {
+    const CoderOut* rendition = renditionAt(output, handle);
+    return rendition ? rendition->failure : 0;
+}
+
+JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_MIRVProcessor_renew(JNIEnv*, jclass,
+                                                                                  jint output,
+                                                                                  jlong handle) {
+    const CoderOut* rendition = renditionAt(output, handle);
+    return rendition && rendition->coder && rendition->coder->renew();
+}
+
 JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_MIRVProcessor_apply(JNIEnv* env, jclass,
                                                                                   jint index, jstring key,
                                                                                   jstring value,

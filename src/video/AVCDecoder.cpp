@@ -1,5 +1,6 @@
 #include "video/AVCDecoder.h"
 
+#include "bridge/Exceptions.h"
 #include "bridge/JavaCall.h"
 #include "bridge/Registries.h"
 #include "com_kelvane_media_transform_codec_AVCDecoder.h"
@@ -70,7 +71,7 @@ void VideoDecoder::open() {
         context->opaque = this;
     }
     frame.reset(av_frame_alloc());
-    if (!context || avcodec_open2(context.get(), codec, nullptr) < 0) {
+    if (!context || openCodec(context, codec) < 0) {
         std::puts("AVC decoder codec not opened");
     } else if (context->codec) {
         std::printf("AVC decoder codec opened %d\n", context->refcounted_frames);
@@ -141,6 +142,18 @@ int VideoDecoder::decode(signed char* data, int size, unsigned int time) {
     }
     // FFmpeg reads through null in a context that failed to open.
     if (!frame || !context || !avcodec_is_open(context.get())) return 0;
+    int result = 0;
+    if (!completes([&] { result = decodeChecked(data, size, time); })) {
+        std::puts("Exception in decode");
+        av_packet_unref(&packet);
+        // Over what it had done by half, FFmpeg would end the process in the next call.
+        close();
+        open();
+    }
+    return result;
+}
+
+int VideoDecoder::decodeChecked(const signed char* data, int size, unsigned int time) {
     const Contents contents = contentsOf(data, size);
     if (!admit(size, contents.nalUnits, contents.slices)) return 0;
     // av_new_packet makes the private, padded copy; reference-counted, so that FFmpeg takes no second one.

@@ -36,6 +36,7 @@ public:
     void close();
 
 private:
+    int decodeChecked(const signed char* data, int size, unsigned int time);
     int receive(int got);
     static AVPixelFormat acceptSize(AVCodecContext* codecContext, const AVPixelFormat* formats);
     static int beginPicture(AVCodecContext* codecContext, AVFrame* picture, int flags);

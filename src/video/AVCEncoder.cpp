@@ -1,5 +1,6 @@
 #include "video/AVCEncoder.h"
 
+#include "bridge/Exceptions.h"
 #include "bridge/JavaCall.h"
 #include "bridge/Registries.h"
 #include "com_kelvane_media_transform_codec_AVCEncoder.h"
@@ -14,7 +15,7 @@ static COpenLoaderImpl loader;
 void OpenH264EncoderDeleter::operator()(ISVCEncoder* encoder) const {
     EncoderLibFunctions library;
     loader.GetLibFunctions(&library);
-    library.destroyEncoder(encoder);
+    completes([&] { library.destroyEncoder(encoder); });
     --loader.liveEncoders;
 }
 
@@ -24,21 +25,26 @@ void NativeOpenH264Encoder::open() {
     // A load that another thread had under way may have failed.
     if (loader.GetLibFunctions(&library) != 2) return;
     ISVCEncoder* created = nullptr;
-    withoutExceptions([&] { return library.createEncoder(&created); });
-    if (!created) {
+    if (!completes([&] { library.createEncoder(&created); }) || !created) {
         status = 1;
-        std::puts("could not open noh264");
+        if (!renewed) std::puts("could not open noh264");
         return;
     }
     ++loader.liveEncoders;
     encoder.reset(created);
+    layout = library.layout;
     status = 0;
+    if (renewed) {
+        // OpenH264 warns of its settings at each opening and reports each picture that fails, on standard error.
+        int level = WELS_LOG_QUIET;
+        completes([&] { encoder->SetOption(ENCODER_OPTION_TRACE_LEVEL, &level); });
+    }
 
     if (fps == 0 || fps > 60) fps = 30;
     if (keyInterval > 480) keyInterval = fps * 8;
     if (keyInterval == 0) keyInterval = fps * 4;
 
-    encoder->GetDefaultParams(&param);
+    const bool hasDefaults = completes([&] { encoder->GetDefaultParams(&param); });
     if (maxQp == 0) maxQp = param.iMaxQp;
     if (minQp == 0) minQp = param.iMinQp;
     if (debug) std::printf("qp  %d -%d \n", minQp, maxQp);
@@ -74,7 +80,7 @@ void NativeOpenH264Encoder::open() {
     layer.sSliceArgument.uiSliceMode = SM_SINGLE_SLICE;
     layer.sSliceArgument.uiSliceNum = 0;
 
-    if (withoutExceptions([&] { return encoder->InitializeExt(&param); }) != 0) status = -1;
+    if (!hasDefaults || resultOr(-1, [&] { return encoder->InitializeExt(&param); }) != 0) status = -1;
     if (debug)
         std::puts(status == 0 ? "opened and configured h264 encoder." : "could not configure noh264 codec.");
 }
@@ -96,18 +102,26 @@ int NativeOpenH264Encoder::encode(unsigned char* picture, int size, unsigned int
 }
 
 int NativeOpenH264Encoder::encode(uint8_t* const planes[3], const int strides[3], unsigned int timestamp) {
+    failure = -1;
     if (!encoder) return 0;
     output.reset();
     outputSize = 0;
-    SSourcePicture source{};
+    OpenH264Picture source{};
     source.iColorFormat = videoFormatI420;
     std::copy_n(planes, 3, source.pData);
     std::copy_n(strides, 3, source.iStride);
     source.iPicWidth = static_cast<int>(width);
     source.iPicHeight = static_cast<int>(height);
     source.uiTimeStamp = timestamp;
-    SFrameBSInfo encoded{};
-    if (withoutExceptions([&] { return encoder->EncodeFrame(&source, &encoded); }) != 0) {
+    return layout == OpenH264Layout::since26 ? encodeInto<OpenH264Frame<LayerSince26>>(source)
+                                             : encodeInto<OpenH264Frame<LayerUpTo25>>(source);
+}
+
+template <class Frame>
+int NativeOpenH264Encoder::encodeInto(const OpenH264Picture& source) {
+    Frame encoded{};
+    failure = resultOr(-1, [&] { return encoder->EncodeFrame(&source, encoded.record()); });
+    if (failure != 0) {
         if (debug) std::puts("error ");
         return 0;
     }
@@ -120,7 +134,7 @@ int NativeOpenH264Encoder::encode(uint8_t* const planes[3], const int strides[3]
     int layerSizes[MAX_LAYER_NUM_OF_FRAME] = {};
     int total = 0;
     for (int i = 0; i < layers; ++i) {
-        const SLayerBSInfo& layer = encoded.sLayerInfo[i];
+        const auto& layer = encoded.sLayerInfo[i];
         for (int nal = 0; nal < layer.iNalCount; ++nal)
             layerSizes[i] += layer.pNalLengthInByte[nal];
         total += layerSizes[i];
@@ -130,7 +144,10 @@ int NativeOpenH264Encoder::encode(uint8_t* const planes[3], const int strides[3]
         return 0;
     }
     output = mallocBuffer(static_cast<size_t>(total));
-    if (!output) return 0;
+    if (!output) {
+        failure = -1;
+        return 0;
+    }
     ++frameCount;
     outputSize = total;
     if (debug) std::printf("output_size: %d count: %d\n", outputSize, static_cast<int>(frameCount));
@@ -143,7 +160,16 @@ int NativeOpenH264Encoder::encode(uint8_t* const planes[3], const int strides[3]
 }
 
 int NativeOpenH264Encoder::requestKey() {
-    return encoder && status == 0 && encoder->ForceIntraFrame(true) == 0;
+    return encoder && status == 0 && resultOr(-1, [&] { return encoder->ForceIntraFrame(true); }) == 0;
+}
+
+bool NativeOpenH264Encoder::renew() {
+    close();
+    outputSize = 0;
+    status = 1;
+    renewed = true;
+    open();
+    return status == 0;
 }
 
 void NativeOpenH264Encoder::close() {
@@ -183,6 +209,15 @@ JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_AVCEncoder_loadLib
     JavaCall java(env);
     const JavaString file(java, path);
     return file.get() && loader.LoadLibFrom(file.get()) == 2;
+}
+
+JNIEXPORT jstring JNICALL Java_com_kelvane_media_transform_codec_AVCEncoder_problem(JNIEnv* env, jclass,
+                                                                                    jstring path) {
+    if (!path) return nullptr;
+    JavaCall java(env);
+    const JavaString file(java, path);
+    char text[512];
+    return file.get() && findOpenH264Problem(file.get(), text, sizeof text) ? java.newAscii(text) : nullptr;
 }
 
 JNIEXPORT void JNICALL Java_com_kelvane_media_transform_codec_AVCEncoder_close(JNIEnv*, jclass,

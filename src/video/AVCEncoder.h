@@ -1,8 +1,7 @@
 #pragma once
 
 #include "bridge/Owners.h"
-
-#include <wels/codec_api.h>
+#include "video/OpenH264Records.h"
 
 #include <cstdint>
 
@@ -17,7 +16,7 @@ class NativeOpenH264Encoder {
 public:
     int64_t handle = 0;
     std::unique_ptr<ISVCEncoder, OpenH264EncoderDeleter> encoder;
-    SEncParamExt param{};
+    OpenH264Parameters param{};
     uint32_t width = 0; // pixels
     uint32_t height = 0;
     uint32_t fps = 15;        // pictures per second; open() turns 0 and more than 60 into 30
@@ -29,6 +28,9 @@ public:
     int32_t minQp = 0;
     uint32_t keyInterval = 60; // GOP length in pictures; open() turns 0 into 4 s and more than 480 into 8 s
     int32_t status = 1;        // 0 configured, 1 no library encoder, -1 parameters refused
+    int32_t failure = 0;       // 0 when the last picture was encoded or the encoder skipped it; otherwise what the
+                               // library answered, or -1 when it threw or memory was missing
+    bool renewed = false;      // reports nothing more on the process's output, debug lines aside
     uint64_t frameCount = 0;   // pictures that produced output
     int32_t debug = 0;         // non-zero prints diagnostics
     MallocBuffer output;       // NAL units of the last picture, until the next encode() or close()
@@ -48,5 +50,15 @@ public:
     // 1 when the library takes the request.
     int requestKey();
 
+    // Makes the library's encoder anew, with the same settings: OpenH264 encodes nothing more after a picture that
+    // failed. Its first picture is a key frame. Returns whether there is one that encodes.
+    bool renew();
+
     void close();
+
+private:
+    template <class Frame>
+    int encodeInto(const OpenH264Picture& source);
+
+    OpenH264Layout layout = OpenH264Layout::upTo25; // of the library's records
 };

@@ -1,10 +1,10 @@
 #include "video/OpenH264Encoder.h"
 
+#include "bridge/Exceptions.h"
 #include "bridge/JavaCall.h"
 #include "bridge/Registries.h"
 #include "com_kelvane_media_transform_codec_OpenH264Encoder.h"
 #include "video/I420.h"
-#include "video/OpenH264Loader.h"
 
 extern "C" {
 #include <libavformat/avformat.h>
@@ -37,20 +37,9 @@ void VideoEncoder::open() {
         return;
     }
     if (frameRate == 0) frameRate = 15;
-    context.reset(avcodec_alloc_context3(codec));
-    if (!context) return;
-    context->bit_rate = bitRate;
-    context->width = width;
-    context->height = height;
-    context->time_base = {1, frameRate};
-    context->gop_size = static_cast<int>(int64_t{2} * frameRate);
-    context->max_b_frames = 0;
-    context->pix_fmt = AV_PIX_FMT_YUV420P;
-    context->ticks_per_frame = 2;
-    for (const auto& [name, value] : privateOptions)
-        av_opt_set(context->priv_data, name, value, AV_OPT_SEARCH_CHILDREN);
+    if (!makeContext()) return;
     std::printf("avcodec_open2: %d  : %d : %d : %d\n", width, height, frameRate, bitRate);
-    const int result = withoutExceptions([&] { return avcodec_open2(context.get(), codec, nullptr); });
+    const int result = openCodec(context, codec);
     if (result < 0) {
         std::printf("AVC encoder codec not opened %d\n", result);
         return;
@@ -61,11 +50,33 @@ void VideoEncoder::open() {
         std::puts("AVC encoder setting codec");
         context->codec = codec;
     }
+    if (!makePictures()) return;
+    std::printf("AVC encoder Y: %d  U: %d V: %d \n", frame->linesize[0], frame->linesize[1],
+                frame->linesize[2]);
+    status = 0;
+}
 
+bool VideoEncoder::makeContext() {
+    context.reset(avcodec_alloc_context3(codec));
+    if (!context) return false;
+    context->bit_rate = bitRate;
+    context->width = width;
+    context->height = height;
+    context->time_base = {1, frameRate};
+    context->gop_size = static_cast<int>(int64_t{2} * frameRate);
+    context->max_b_frames = 0;
+    context->pix_fmt = AV_PIX_FMT_YUV420P;
+    context->ticks_per_frame = 2;
+    for (const auto& [name, value] : privateOptions)
+        av_opt_set(context->priv_data, name, value, AV_OPT_SEARCH_CHILDREN);
+    return true;
+}
+
+bool VideoEncoder::makePictures() {
     frame.reset(av_frame_alloc());
     if (!frame) {
         std::puts("AVC encoder could not allocate video frame");
-        return;
+        return false;
     }
     frame->format = context->pix_fmt;
     frame->width = context->width;
@@ -74,12 +85,12 @@ void VideoEncoder::open() {
         av_image_alloc(frame->data, frame->linesize, frame->width, frame->height, context->pix_fmt, 32);
     if (size < 0) {
         std::puts("AVC encoder could not allocate raw picture buffer");
-        return;
+        return false;
     }
     if (hasWholeChroma(*frame)) {
         // Packed pictures of such a size are encoded where they are.
         given.reset(av_frame_alloc());
-        if (!given) return;
+        if (!given) return false;
         given->format = frame->format;
         given->width = frame->width;
         given->height = frame->height;
@@ -87,15 +98,21 @@ void VideoEncoder::open() {
         // The encoder reads the last chroma row and column of an odd size, which packed pictures do not have.
         std::memset(frame->data[0], 128, static_cast<size_t>(size));
     }
-    std::printf("AVC encoder Y: %d  U: %d V: %d \n", frame->linesize[0], frame->linesize[1],
-                frame->linesize[2]);
-    status = 0;
+    return true;
 }
 
 int VideoEncoder::encode(signed char* data, int length, unsigned int timestamp) {
+    failure = -1;
     if (!frame || status != 0) return 0;
     const int64_t chromaSize = int64_t{frame->width / 2} * (frame->height / 2);
     if (length < int64_t{frame->width} * frame->height + 2 * chromaSize) return 0;
+    int got = 0;
+    if (!completes([&] { got = encodeChecked(data, length, timestamp); })) std::puts("Exception in encode");
+    av_packet_unref(&packet);
+    return got;
+}
+
+int VideoEncoder::encodeChecked(signed char* data, int length, unsigned int timestamp) {
     av_init_packet(&packet);
     packet.data = nullptr;
     packet.size = 0;
@@ -108,9 +125,10 @@ int VideoEncoder::encode(signed char* data, int length, unsigned int timestamp) 
         unpackPicture(packed, *frame);
     picture->pts = int64_t{timestamp} * 1000;
     int got = 0;
-    const auto send = [&] { return avcodec_encode_video2(context.get(), &packet, picture, &got); };
-    if (withoutExceptions(send) < 0 || packet.size > length) {
-        std::puts("AVC encoder failed to encode frame");
+    failure = std::min(avcodec_encode_video2(context.get(), &packet, picture, &got), 0);
+    if (packet.size > length) failure = -1;
+    if (failure != 0) {
+        if (!renewed) std::puts("AVC encoder failed to encode frame");
         got = 0;
     }
     if (got) {
@@ -118,8 +136,16 @@ int VideoEncoder::encode(signed char* data, int length, unsigned int timestamp) 
         encodedSize = packet.size;
         encodedTimestamp = static_cast<int32_t>(packet.pts / 1000);
     }
-    av_packet_unref(&packet);
     return got;
+}
+
+bool VideoEncoder::renew() {
+    status = 1;
+    renewed = true;
+    // One that never had pictures refused its size.
+    if (!codec || !frame || !makeContext() || openCodec(context, codec) < 0) return false;
+    status = 0;
+    return true;
 }
 
 void VideoEncoder::close() {
@@ -175,6 +201,18 @@ JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_OpenH264Encoder_st
                                                                                      jlong handle) {
     const VideoEncoder* encoder = avc_enc_ctx.GetCoder(handle);
     return encoder ? encoder->status : 1;
+}
+
+JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_OpenH264Encoder_failure(JNIEnv*, jclass,
+                                                                                      jlong handle) {
+    const VideoEncoder* encoder = avc_enc_ctx.GetCoder(handle);
+    return encoder ? encoder->failure : 0;
+}
+
+JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_OpenH264Encoder_renew(JNIEnv*, jclass,
+                                                                                    jlong handle) {
+    VideoEncoder* encoder = avc_enc_ctx.GetCoder(handle);
+    return encoder && encoder->renew();
 }
 
 JNIEXPORT void JNICALL Java_com_kelvane_media_transform_codec_OpenH264Encoder_close(JNIEnv*, jclass,

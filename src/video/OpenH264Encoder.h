@@ -21,6 +21,9 @@ public:
     int32_t encodedSize = 0;      // bytes of the last access unit
     int32_t status = 1;           // 0 while open, 1 before open() and after one that failed
     int32_t encodedTimestamp = 0; // of the last access unit, in the caller's unit
+    int32_t failure = 0;          // 0 when the last picture was encoded or the encoder skipped it; otherwise FFmpeg's
+                                  // error code, or -1 when the picture or its access unit had no room
+    bool renewed = false;         // pictures that fail are reported no more
 
     // Leaves its outcome in `status` and `codec`.
     void open();
@@ -29,5 +32,14 @@ public:
     // is one; 0 when there is none, when `length` is less than the picture's or than the access unit's size.
     int encode(signed char* data, int length, unsigned int timestamp);
 
+    // Makes FFmpeg's encoder anew, with the same settings: OpenH264 encodes nothing more after a picture that failed.
+    // Its first picture is a key frame. Returns whether it opened.
+    bool renew();
+
     void close();
+
+private:
+    bool makeContext();
+    bool makePictures();
+    int encodeChecked(signed char* data, int length, unsigned int timestamp);
 };

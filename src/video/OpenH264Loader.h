@@ -1,36 +1,29 @@
 #pragma once
 
 #include "bridge/Owners.h"
-
-#include <wels/codec_api.h>
+#include "video/OpenH264Records.h"
 
 #include <atomic>
 #include <cstdint>
 #include <mutex>
-#include <new>
 
 // Entry points of the OpenH264 library; all null while it is not loaded.
 struct EncoderLibFunctions {
     int (*createEncoder)(ISVCEncoder** encoder) = nullptr;
     void (*destroyEncoder)(ISVCEncoder* encoder) = nullptr;
     OpenH264Version (*getCodecVersion)() = nullptr;
+    OpenH264Layout layout = OpenH264Layout::upTo25; // of the library's records
 };
 
-// The result of a call into OpenH264, or of FFmpeg around it; -1 for the std::bad_alloc that it lets through when it is
-// out of memory, and which would end the Java virtual machine.
-template <class Call>
-int withoutExceptions(Call call) {
-    try {
-        return call();
-    } catch (const std::bad_alloc&) {
-        return -1;
-    }
-}
+// Opens a library as LoadLib does, and closes it again. True when it cannot be opened, is no OpenH264, or one
+// of a version that is not known; `text` then says which, cut to `size` bytes.
+bool findOpenH264Problem(const char* path, char* text, size_t size);
 
 // Opens the OpenH264 library at run time. All operations may be called from several threads at once.
 class COpenLoader {
 public:
-    // Loads the library unless it is loaded; returns `state` afterwards: 2 loaded, 0 not.
+    // Loads the library unless it is loaded; returns `state` afterwards: 2 loaded, 0 not. A version whose
+    // records are not known is refused, with a line on standard error.
     virtual int LoadLib() = 0;
     // Copies the entry points and returns `state`. Waits for a load under way.
     virtual int GetLibFunctions(EncoderLibFunctions* functions) = 0;

@@ -34,6 +34,9 @@ JNIEnv* fakeJava() {
         made.FindClass = findClass;
         made.IsInstanceOf = isInstanceOf;
         made.GetArrayLength = arrayLength;
+        made.GetByteArrayRegion = [](JNIEnv*, jbyteArray array, jsize at, jsize size, jbyte* bytes) {
+            std::memcpy(bytes, objectOf(array).bytes.data() + at, static_cast<size_t>(size));
+        };
         made.GetPrimitiveArrayCritical = pin;
         made.ReleasePrimitiveArrayCritical = [](JNIEnv*, jarray, void*, jint) {};
         made.GetStringUTFChars = characters;

@@ -52,6 +52,7 @@ enum Fault {
     shared_state,    // has its size in a static variable
     ends_process,    // by exit()
     never_returns,   // from Process
+    unset,           // writes one byte behind what it gets until its depth is set
     none,            // but what the compiler was told besides
 };
 
@@ -78,6 +79,7 @@ public:
     }
     int Apply(const char* key, const char* value) override {
         if (std::strcmp(key, "depth") != 0 || fault == refuses) return 0;
+        isSet = true;
         if (fault == throws_in_apply) throw std::invalid_argument("stoi\nfails");
         char text[16];
         if (fault == fixed_buffer) std::strcpy(text, value);
@@ -86,6 +88,7 @@ public:
     }
     int Process(unsigned char* data, int size, int* timestamp) override {
         if (fault == late) std::memset(data, 0, 100);
+        if (fault == unset && !isSet) const_cast<unsigned char volatile*>(data)[size] = 1;
         I420View picture;
         if (!I420Of(&picture, data, size, width, height)) return 1;
         unsigned char volatile* bytes = data;
@@ -121,6 +124,7 @@ public:
 private:
     int width = 0; // pixels
     int height = 0;
+    bool isSet = false;
     unsigned char* lines = nullptr;
     std::list<std::vector<char>> history;
 };

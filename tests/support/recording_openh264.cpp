@@ -3,6 +3,8 @@
 #include <dlfcn.h>
 
 #include <algorithm>
+#include <cstdio>
+#include <cstdlib>
 #include <mutex>
 
 #define EXPORTED extern "C" __attribute__((visibility("default")))
@@ -11,6 +13,18 @@ namespace {
 
 OpenH264Record record;
 std::mutex recording; // encoders may run on several threads
+const bool failsAlways = std::getenv("OPENH264_FAILS") != nullptr;
+
+// For a process that only the environment reaches.
+struct LastWords {
+    ~LastWords() {
+        if (failsAlways) std::fprintf(stderr, "%d encoders\n", record.created);
+    }
+} const lastWords;
+
+void called() {
+    if (record.onCall) record.onCall();
+}
 
 template <class Function>
 Function* inLibrary(const char* symbol) {
@@ -31,12 +45,14 @@ public:
     }
 
     int GetDefaultParams(SEncParamExt* param) override {
+        called();
         const int result = real->GetDefaultParams(param);
         const std::lock_guard lock(recording);
         record.defaults = *param;
         return result;
     }
     int InitializeExt(const SEncParamExt* param) override {
+        called();
         {
             const std::lock_guard lock(recording);
             record.param = *param;
@@ -44,10 +60,16 @@ public:
         return record.refuseParameters ? cmInitParaError : real->InitializeExt(param);
     }
     int EncodeFrame(const SSourcePicture* picture, SFrameBSInfo* info) override {
+        called();
         {
             const std::lock_guard lock(recording);
             record.source = *picture;
             record.timestamps.push_back(picture->uiTimeStamp);
+            failed |= record.failAt.contains(record.timestamps.size() - 1);
+        }
+        if (failed || failsAlways) {
+            if (!quiet) std::fputs("[OpenH264] Error\n", stderr);
+            return cmMallocMemeError;
         }
         if (record.failToEncode) return cmUnknownReason;
         if (record.inventedLayers > 0) return invent(info);
@@ -61,6 +83,7 @@ public:
     int EncodeParameterSets(SFrameBSInfo* info) override { return other(real->EncodeParameterSets(info)); }
     int ForceIntraFrame(bool idr, int layer) override { return other(real->ForceIntraFrame(idr, layer)); }
     int SetOption(ENCODER_OPTION option, void* value) override {
+        if (option == ENCODER_OPTION_TRACE_LEVEL) quiet = *static_cast<int*>(value) == WELS_LOG_QUIET;
         return other(real->SetOption(option, value));
     }
     int GetOption(ENCODER_OPTION option, void* value) override {
@@ -69,6 +92,7 @@ public:
 
 private:
     static int other(int result) {
+        called();
         ++record.otherCalls;
         return result;
     }
@@ -88,6 +112,8 @@ private:
     }
 
     ISVCEncoder* real;
+    bool failed = false;
+    bool quiet = false;
     unsigned char bytes[MAX_LAYER_NUM_OF_FRAME][5];
     int nalLengths[2] = {2, 3};
 };
@@ -97,13 +123,17 @@ private:
 EXPORTED OpenH264Record* openH264Record() { return &record; }
 
 EXPORTED int WelsCreateSVCEncoder(ISVCEncoder** encoder) {
+    called();
     ISVCEncoder* real = nullptr;
     if (record.refuseToCreate || inLibrary<int(ISVCEncoder**)>("WelsCreateSVCEncoder")(&real) != 0) return 1;
     *encoder = new RecordingEncoder(real);
     return 0;
 }
 
-EXPORTED void WelsDestroySVCEncoder(ISVCEncoder* encoder) { delete static_cast<RecordingEncoder*>(encoder); }
+EXPORTED void WelsDestroySVCEncoder(ISVCEncoder* encoder) {
+    delete static_cast<RecordingEncoder*>(encoder);
+    called();
+}
 
 EXPORTED OpenH264Version WelsGetCodecVersion() {
     return inLibrary<OpenH264Version()>("WelsGetCodecVersion")();

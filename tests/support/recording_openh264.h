@@ -3,6 +3,7 @@
 #include <wels/codec_api.h>
 
 #include <cstdint>
+#include <set>
 #include <vector>
 
 // What the recorder in front of OpenH264 saw since it was last reset, and what it is told to do.
@@ -19,9 +20,11 @@ struct OpenH264Record {
     bool refuseParameters = false;
     bool failToEncode = false;
     bool skipPictures = false;
+    std::set<uint64_t> failAt; // pictures, counted over all encoders; the encoder fails for good, as OpenH264 does
     // When above 0, pictures come out as this many layers of two NAL units: layer i holds 2 and 3 bytes of
     // value i.
     int inventedLayers = 0;
+    void (*onCall)() = nullptr; // at the beginning of each call, of destroying at its end
 };
 
 // Exported by the recording library.

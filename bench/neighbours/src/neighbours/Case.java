@@ -5,6 +5,7 @@ import java.nio.file.Files;
 import java.nio.file.Path;
 import java.util.Arrays;
 import java.util.List;
+import java.util.Locale;
 import java.util.Map;
 import java.util.TreeMap;
 import java.util.concurrent.Callable;
@@ -122,7 +123,7 @@ public record Case(int point, String label, Callable<?> body, List<String> optio
             each[i] = (double) (System.nanoTime() - start) / calls;
         }
         Arrays.sort(each);
-        return String.format("%.1f ns", each[2]);
+        return String.format(Locale.ROOT, "%.1f ns", each[2]);
     }
 
     /**
@@ -139,10 +140,10 @@ public record Case(int point, String label, Callable<?> body, List<String> optio
             for (int i = 0; i < count; i++) {
                 make.run();
             }
-            text.append(String.format("%s: open files +%d, resident +%d MB", round == 0 ? "" : "; as many again",
+            text.append(String.format(Locale.ROOT, "%s: open files +%d, resident +%d MB", round == 0 ? "" : "; as many again",
                     openFiles() - files, (residentKilobytes() - memory) >> 10));
             collect();
-            text.append(String.format(", once collected +%d, +%d MB", openFiles() - files,
+            text.append(String.format(Locale.ROOT, ", once collected +%d, +%d MB", openFiles() - files,
                     (residentKilobytes() - memory) >> 10));
         }
         return text.toString();

@@ -12,6 +12,7 @@ import java.util.Arrays;
 import java.util.Comparator;
 import java.util.LinkedHashMap;
 import java.util.List;
+import java.util.Locale;
 import java.util.Map;
 import java.util.TreeMap;
 import java.util.TreeSet;
@@ -318,7 +319,8 @@ public final class Runner {
             bytes += Files.size(jar);
             each.add(jar.getFileName().toString());
         }
-        return Map.of("jars", String.format("%d, %.1f MB (%s)", each.size(), bytes / 1e6, String.join(", ", each)));
+        return Map.of("jars", String.format(Locale.ROOT, "%d, %.1f MB (%s)", each.size(), bytes / 1e6,
+                String.join(", ", each)));
     }
 
     private void runAll(String[] arguments) throws Exception {
@@ -359,7 +361,7 @@ public final class Runner {
                 } else if (point == 12) {
                     results.putAll(sizes(column));
                 }
-                results.forEach((label, text) -> System.out.printf("%s %d %s: %s%n", name, point, label, text));
+                results.forEach((label, text) -> System.out.printf(Locale.ROOT, "%s %d %s: %s%n", name, point, label, text));
                 rows.computeIfAbsent(point, p -> new StringBuilder("| " + p + ". " + POINTS.get(p) + " |")).append(' ')
                         .append(results.entrySet().stream()
                                 .map(each -> each.getKey() + ": " + shortened(each.getValue()))

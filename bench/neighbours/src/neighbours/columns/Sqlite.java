@@ -19,9 +19,6 @@ import org.sqlite.core.DB;
 
 /** sqlite-jdbc: a connection, its statements and result sets. */
 public final class Sqlite implements Column {
-    private static final String COUNT_TO =
-            "with recursive n(i) as (select 1 union all select i+1 from n where i<%d) select %s from n";
-
     @Override
     public String title() {
         return "sqlite-jdbc";
@@ -48,6 +45,10 @@ public final class Sqlite implements Column {
         try (Statement statement = connection.createStatement(); ResultSet row = statement.executeQuery(query)) {
             return row.next() ? row.getString(1) : "no row";
         }
+    }
+
+    private static String countTo1000(String result) {
+        return "with recursive n(i) as (select 1 union all select i+1 from n where i<1000) select " + result + " from n";
     }
 
     private static DB handle(Connection connection) throws SQLException {
@@ -92,7 +93,7 @@ public final class Sqlite implements Column {
                 }
             });
         }
-        String query = String.format(COUNT_TO, 1000, progress ? "sum(i)" : "sum(misuse())");
+        String query = countTo1000(progress ? "sum(i)" : "sum(misuse())");
         String outside = Case.attempt(() -> one(connection, query));
         return "in the callback: " + inside.get() + "; the query: " + outside + "; afterwards: "
                 + Case.attempt(() -> one(connection, "select 7"));
@@ -152,7 +153,7 @@ public final class Sqlite implements Column {
                 }),
                 new Case(5, "connection closed while they query", () -> {
                     Connection connection = shared();
-                    return Case.hammer(() -> one(connection, String.format(COUNT_TO, 1000, "sum(i)")).equals("500500"),
+                    return Case.hammer(() -> one(connection, countTo1000("sum(i)")).equals("500500"),
                             connection::close);
                 }),
                 new Case(6, "function closes its connection", () -> {

@@ -3,6 +3,7 @@ package com.kelvane.media;
 import java.util.ArrayList;
 import java.util.Arrays;
 import java.util.List;
+import java.util.Locale;
 
 /** What this package has to know of H.264's byte-stream form: NAL units, each behind a start code 00 00 01. */
 final class AnnexB {
@@ -31,7 +32,7 @@ final class AnnexB {
         }
         StringBuilder start = new StringBuilder();
         for (int i = 0; i < Math.min(4, accessUnit.length); i++) {
-            start.append(String.format(" %02x", accessUnit[i]));
+            start.append(String.format(Locale.ROOT, " %02x", accessUnit[i]));
         }
         throw new IllegalArgumentException("an access unit begins with the start code 00 00 00 01 or 00 00 01; this one"
                 + (start.length() == 0 ? " is empty" : " begins with" + start)

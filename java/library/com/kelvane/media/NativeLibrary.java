@@ -43,7 +43,7 @@ public final class NativeLibrary {
     private static final String OPENH264_OF_TREE = "libopenh264-1.8.0-linux64.4.so";
     private static final String OPENH264_PATH = "lib/amd64-Linux-gpp/jni/" + OPENH264_OF_TREE;
     private static final List<String> OPENH264_NAMES =
-            List.of("libopenh264.so.7", "libopenh264.so.6", "libopenh264.so.5", "libopenh264.so.4");
+            List.of("libopenh264.so.7", "libopenh264.so.8", "libopenh264.so.6", "libopenh264.so.5", "libopenh264.so.4");
 
     private interface Place {
         /** Loads the library and tells the folder it lies in, or null. */
@@ -167,11 +167,11 @@ public final class NativeLibrary {
     }
 
     private static Path loadFromCache() throws IOException {
-        return loadFile(new NativesJar().unpackInto(PrivateFolder.cache()).resolve(FILE));
+        return loadFile(NativesJar.libraries().unpackInto(PrivateFolder.cache()).resolve(FILE));
     }
 
     private static Path loadUnpacked() throws IOException {
-        NativesJar jar = new NativesJar();
+        PackedFiles jar = NativesJar.libraries();
         Path folder = PrivateFolder.temporary();
         try {
             jar.unpackAll(folder);

@@ -1,8 +1,6 @@
 package com.kelvane.media;
 
 import com.kelvane.media.transform.codec.AVCEncoder;
-import java.nio.file.Files;
-import java.nio.file.Path;
 
 /** Sees to it that the OpenH264 library is loaded before an encoder opens, from the first place that has it. */
 final class OpenH264 {
@@ -11,27 +9,20 @@ final class OpenH264 {
     private OpenH264() {
     }
 
-    /** @throws MediaException if no place has it; the message lists them */
+    /** @throws MediaException if no place has one that will do; the message lists them */
     static synchronized void load() {
         if (loaded) {
             return;
         }
-        StringBuilder failure = new StringBuilder("OpenH264, which encodes H.264, was not found. Tried:");
+        StringBuilder failure = new StringBuilder("OpenH264, which encodes H.264, could not be loaded. Tried:");
         for (String place : NativeLibrary.openH264Places()) {
             if (AVCEncoder.loadLibrary(place) == 1) {
                 loaded = true;
                 return;
             }
-            failure.append("\n  ").append(place).append(": ").append(reason(place));
+            failure.append("\n  ").append(place).append(": ").append(AVCEncoder.problem(place));
         }
         throw new MediaException(failure.append("\nTo fix it, add the natives jar (classifier linux-x86_64), install the"
-                + " library (Debian: libopenh264-7) or name it with -Dkelvane.openh264=/path/to/libopenh264.so").toString());
-    }
-
-    private static String reason(String place) {
-        if (!place.contains("/")) {
-            return "the dynamic loader does not find it";
-        }
-        return Files.exists(Path.of(place)) ? "does not load, or is no OpenH264" : "no such file";
+                + " library (Debian: libopenh264-7 or -8) or name it with -Dkelvane.openh264=/path/to/libopenh264.so").toString());
     }
 }

@@ -25,7 +25,8 @@ import java.util.function.IntSupplier;
  * }
  * }</pre>
  *
- * <p>Pictures come out in display order. One thread may use a pipeline at a time: anything else is refused with an
+ * <p>Pictures come out in display order. After a picture that it failed at the encoder is made anew, see
+ * {@link EncoderFailure}. One thread may use a pipeline at a time: anything else is refused with an
  * {@link IllegalStateException}. A module runs on the calling thread; what it throws is reported on standard error, and the
  * picture counts as dropped.
  */
@@ -37,12 +38,14 @@ public final class Pipeline implements AutoCloseable {
     private final Engine engine;
     private final ProcessingModule module;
     private final boolean passThrough;
+    private final Recovery recovery;
     private final byte[] number = new byte[Integer.BYTES];
     private final ByteBuffer value = ByteBuffer.wrap(number);
     private long lastTime;
     private volatile long sourceTime;
     private volatile long pictures;
     private volatile long dropped;
+    private volatile long skipped;
     private volatile long failed;
     private volatile long bytes;
     private volatile long nanoseconds;
@@ -50,6 +53,7 @@ public final class Pipeline implements AutoCloseable {
     private Pipeline(Builder settings) {
         module = settings.module;
         passThrough = settings.passThrough;
+        recovery = new Recovery("Pipeline", 0, settings.failureListener);
         engine = Engine.open("Pipeline", () -> AVCProcessor.open(settings.frameRate, settings.bitrate,
                 passThrough ? PASS_THROUGH_MODE : DECODING_MODE, settings.options[0], settings.options[1],
                 settings.options[2]), AVCProcessor::close);
@@ -75,8 +79,10 @@ public final class Pipeline implements AutoCloseable {
         long handle = engine.enter("write");
         try {
             lastTime = time;
-            work(() -> AVCProcessor.write(time, unit, number, handle));
-            return Optional.ofNullable(pending(handle, time));
+            work(handle, () -> AVCProcessor.write(time, unit, number, handle));
+            Optional<AccessUnit> out = Optional.ofNullable(pending(handle, time));
+            recovery.tell(handle, ownTime(handle));
+            return out;
         } finally {
             engine.exit();
         }
@@ -96,8 +102,9 @@ public final class Pipeline implements AutoCloseable {
         try {
             Failures failures = new Failures();
             int drained = 0;
-            while (work(() -> AVCProcessor.drain(number, handle))) {
+            while (work(handle, () -> AVCProcessor.drain(number, handle))) {
                 AccessUnit unit = pending(handle, AVCProcessor.pictureTime(handle));
+                failures.of(() -> recovery.tell(handle, ownTime(handle)));
                 if (unit != null) {
                     failures.of(() -> receiver.accept(unit));
                     drained++;
@@ -136,22 +143,40 @@ public final class Pipeline implements AutoCloseable {
 
     // Returns whether there was a picture; `value` then holds the bytes that are pending, or UNTOUCHED when the module
     // dropped it.
-    private boolean work(IntSupplier call) {
+    private boolean work(long handle, IntSupplier call) {
         value.putInt(0, UNTOUCHED);
         long begin = System.nanoTime();
         int result = call.getAsInt();
+        int failure = passThrough || value.getInt(0) > 0 ? 0 : AVCProcessor.failure(handle);
+        if (failure != 0 && recovery.recover(failure, () -> AVCProcessor.renew(handle) == 1, () -> retry(handle))) {
+            failure = 0;
+        }
         nanoseconds += System.nanoTime() - begin;
         int size = value.getInt(0);
         if (size == UNTOUCHED && result != 1) {
             return false;
         }
         pictures++;
-        if (size == UNTOUCHED) {
-            dropped++;
-        } else if (size == 0 && !passThrough) {
+        if (failure != 0) {
             failed++;
+        } else if (size == UNTOUCHED) {
+            dropped++;
+        } else {
+            recovery.succeeded();
+            if (size == 0 && !passThrough) {
+                skipped++;
+            }
         }
         return true;
+    }
+
+    private int retry(long handle) {
+        AVCProcessor.retry(number, handle);
+        return AVCProcessor.failure(handle);
+    }
+
+    private long ownTime(long handle) {
+        return passThrough ? lastTime : Times.nearest(AVCProcessor.pictureTime(handle), lastTime);
     }
 
     // The module was given the time `given`, which with reordering need not be the picture's own; what it made of it moves
@@ -165,7 +190,7 @@ public final class Pipeline implements AutoCloseable {
         AVCProcessor.read(number, data, handle);
         bytes += size;
         int shift = module == null ? 0 : value.getInt(0) - (int) given;
-        long own = passThrough ? lastTime : Times.nearest(AVCProcessor.pictureTime(handle), lastTime);
+        long own = ownTime(handle);
         sourceTime = own;
         return new AccessUnit(data, own + shift);
     }
@@ -180,7 +205,7 @@ public final class Pipeline implements AutoCloseable {
 
     /** {@return what this pipeline has done so far} Any thread may ask, at any time, also after {@link #close}. */
     public Statistics statistics() {
-        return new Statistics(pictures, dropped, failed, bytes, Duration.ofNanos(nanoseconds));
+        return new Statistics(pictures, dropped, skipped, failed, bytes, Duration.ofNanos(nanoseconds));
     }
 
     /**
@@ -199,11 +224,12 @@ public final class Pipeline implements AutoCloseable {
      *
      * @param pictures decoded or, in pass-through mode, access units written
      * @param dropped of these, by the module
-     * @param failed of these, those that could not be encoded
+     * @param skipped of these, by the encoder
+     * @param failed of these, those lost because the encoder failed, see {@link EncoderFailure}
      * @param bytes of all access units that came out
      * @param time spent in decoder, module and encoder, by the clock
      */
-    public record Statistics(long pictures, long dropped, long failed, long bytes, Duration time) {
+    public record Statistics(long pictures, long dropped, long skipped, long failed, long bytes, Duration time) {
     }
 
     /** Collects a pipeline's settings. */
@@ -220,6 +246,7 @@ public final class Pipeline implements AutoCloseable {
         private boolean passThrough;
         private int frameRate = 30;
         private int bitrate = 2_000_000;
+        private Consumer<? super EncoderFailure> failureListener;
         private final int[] options = {1, 0, 1};
 
         private Builder() {
@@ -282,6 +309,18 @@ public final class Pipeline implements AutoCloseable {
             options[0] = Settings.check("first option", first, 0, 255, "");
             options[1] = Settings.check("second option", second, 0, 255, "");
             options[2] = Settings.check("third option", third, 0, 255, "");
+            return this;
+        }
+
+        /**
+         * Tells of pictures that the encoder failed at.
+         *
+         * @param listener is called during {@link #write} and {@link #drain}, which throw what it throws; the access unit
+         *        of that picture, if there is one all the same, is lost in {@code write} then
+         * @return this builder
+         */
+        public Builder onFailure(Consumer<? super EncoderFailure> listener) {
+            failureListener = Objects.requireNonNull(listener, "listener");
             return this;
         }
 

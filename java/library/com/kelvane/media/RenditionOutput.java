@@ -7,9 +7,11 @@ import java.util.function.Consumer;
 /** One rendition of a transcoder at work. One thread uses it at a time; its figures may be read by any. */
 final class RenditionOutput {
     private static final int NOT_OPENED = 2;
+    private static final int SIZE_REFUSED = 5; // by OpenH264, of a picture
 
     private final int index;
     private final Rendition rendition;
+    private final Recovery recovery;
     // The access unit of the picture at hand: out of the encoder's own memory, which a buffer kept too long must not
     // reach into.
     private byte[] bytes = new byte[0];
@@ -19,12 +21,14 @@ final class RenditionOutput {
     private RuntimeException refused;
     private volatile long pictures;
     private volatile long skipped;
+    private volatile long failed;
     private volatile long totalBytes;
     private volatile long totalNanoseconds;
 
-    RenditionOutput(int index, Rendition rendition) {
+    RenditionOutput(int index, Rendition rendition, Consumer<? super EncoderFailure> listener) {
         this.index = index;
         this.rendition = rendition;
+        recovery = new Recovery("Transcoder", index, listener);
     }
 
     Rendition rendition() {
@@ -76,25 +80,50 @@ final class RenditionOutput {
             return;
         }
         long begin = System.nanoTime();
+        int failure = tryEncoding(transcoder);
+        if (failure == 0) {
+            recovery.succeeded();
+        } else {
+            checkSize(failure, transcoder);
+            if (recovery.recover(failure, () -> MIRVProcessor.renew(index, transcoder) == 1, () -> tryEncoding(transcoder))) {
+                failure = 0;
+            }
+        }
+        nanoseconds = System.nanoTime() - begin;
+        totalNanoseconds += nanoseconds;
+        if (size > 0) {
+            pictures++;
+            totalBytes += size;
+        } else if (failure == 0) {
+            skipped++;
+        } else {
+            failed++;
+        }
+    }
+
+    // Returns 0 when the encoder took the picture, whether or not it skipped it.
+    private int tryEncoding(long transcoder) {
         int encoded = MIRVProcessor.encodeInto(index, bytes, transcoder);
         if (encoded > bytes.length) {
             bytes = new byte[encoded + encoded / 4];
             MIRVProcessor.copyEncoded(index, bytes, transcoder);
         }
-        nanoseconds = System.nanoTime() - begin;
-        totalNanoseconds += nanoseconds;
-        if (encoded > 0) {
-            size = encoded;
-            pictures++;
-            totalBytes += encoded;
-            return;
-        }
-        skipped++;
-        // OpenH264 takes settings for sizes that it then fails to encode.
-        if (rendition.isSourceSize() && pictures == 0 && skipped == 1) {
+        size = encoded;
+        return encoded > 0 ? 0 : MIRVProcessor.failure(index, transcoder);
+    }
+
+    // OpenH264 takes settings for sizes that it then fails to encode.
+    private void checkSize(int failure, long transcoder) {
+        if (rendition.isSourceSize() && pictures + skipped + failed == 0
+                && (failure == SIZE_REFUSED || MIRVProcessor.status(index, transcoder) != 0)) {
             refused = new MediaException("OpenH264 does not encode pictures of the source's size, which rendition "
                     + (index + 1) + " is to have; sides of 16 pixels and more are encoded");
         }
+    }
+
+    /** Tells of the picture at hand if the encoder failed at it. */
+    void tellFailure(long transcoder, long time) {
+        recovery.tell(transcoder, time);
     }
 
     /** Hands the encoded picture, if there is one, to a receiver. */
@@ -122,7 +151,7 @@ final class RenditionOutput {
     }
 
     Transcoder.RenditionStatistics statistics() {
-        return new Transcoder.RenditionStatistics(rendition, pictures, skipped, totalBytes,
+        return new Transcoder.RenditionStatistics(rendition, pictures, skipped, failed, totalBytes,
                 Duration.ofNanos(totalNanoseconds));
     }
 }

@@ -28,7 +28,7 @@ import java.util.stream.Stream;
  *
  * <p>Pictures come out in display order, each with its own time. A stream that reorders pictures has its first ones held
  * back in the decoder; {@link #drain} hands out the last ones. Input that is damaged or is no video gives no picture, and
- * the stream goes on at its next key picture.
+ * the stream goes on at its next key picture. An encoder that fails at a picture is made anew, see {@link EncoderFailure}.
  *
  * <p>One thread may use a transcoder at a time, and a callback must not call it: both are refused with an
  * {@link IllegalStateException}. All work is done on the calling thread unless {@link Builder#parallel} was asked for.
@@ -47,7 +47,7 @@ public final class Transcoder implements AutoCloseable {
     private Transcoder(Builder settings) {
         renditions = List.copyOf(settings.renditions);
         engine = Engine.open("Transcoder", () -> MIRVProcessor.open(renditions.size()), MIRVProcessor::close);
-        outputs = IntStream.range(0, renditions.size()).mapToObj(i -> new RenditionOutput(i, renditions.get(i)))
+        outputs = IntStream.range(0, renditions.size()).mapToObj(i -> new RenditionOutput(i, renditions.get(i), settings.failureListener))
                 .toArray(RenditionOutput[]::new);
         selection = settings.selection;
         keyPictures = settings.keyPictures;
@@ -67,7 +67,7 @@ public final class Transcoder implements AutoCloseable {
     /**
      * Decodes one access unit and encodes the picture that comes out into every rendition. The receiver gets what the
      * renditions made of it, on the calling thread, in the order of the renditions; a rendition whose encoder skipped the
-     * picture is left out.
+     * picture or failed at it is left out.
      *
      * <p>When the receiver throws, the other renditions' pictures are delivered all the same, and the first exception is
      * thrown when that is done.
@@ -155,6 +155,7 @@ public final class Transcoder implements AutoCloseable {
             if (parallel == null) {
                 output.encode(handle);
             }
+            failures.of(() -> output.tellFailure(handle, time));
             failures.of(() -> output.deliver(time, receiver));
         }
         if (event.shouldCommit()) {
@@ -234,11 +235,13 @@ public final class Transcoder implements AutoCloseable {
      *
      * @param rendition its settings
      * @param pictures encoded
-     * @param skipped decoded but not encoded: the encoder skipped them or failed
+     * @param skipped decoded, and skipped by the encoder
+     * @param failed decoded, and lost because the encoder failed, see {@link EncoderFailure}
      * @param bytes of all access units
      * @param encodeTime spent in scaling and encoding, by the clock
      */
-    public record RenditionStatistics(Rendition rendition, long pictures, long skipped, long bytes, Duration encodeTime) {
+    public record RenditionStatistics(Rendition rendition, long pictures, long skipped, long failed, long bytes,
+                                      Duration encodeTime) {
     }
 
     /** Collects a transcoder's settings. */
@@ -249,6 +252,7 @@ public final class Transcoder implements AutoCloseable {
         private Executor executor;
         private Selection selection;
         private KeyPictures keyPictures;
+        private Consumer<? super EncoderFailure> failureListener;
 
         private Builder() {
         }
@@ -294,6 +298,19 @@ public final class Transcoder implements AutoCloseable {
          */
         public Builder keys(KeyPictures choice) {
             keyPictures = Objects.requireNonNull(choice, "choice");
+            return this;
+        }
+
+        /**
+         * Tells of pictures that an encoder failed at.
+         *
+         * @param listener is called during {@link #write} and {@link #drain}, on the calling thread, before the receiver gets
+         *        the rendition's picture, if there is one all the same; what it throws is treated as the receiver's
+         *        exceptions are
+         * @return this builder
+         */
+        public Builder onFailure(Consumer<? super EncoderFailure> listener) {
+            failureListener = Objects.requireNonNull(listener, "listener");
             return this;
         }
 

@@ -3,8 +3,10 @@ package com.kelvane.media;
 import com.kelvane.media.transform.codec.OpenH264Encoder;
 import java.nio.ByteBuffer;
 import java.util.Arrays;
+import java.util.Objects;
 import java.util.Optional;
 import java.util.StringJoiner;
+import java.util.function.Consumer;
 
 /**
  * Encodes pictures of one size to H.264: Baseline profile, no reordering, a key picture every two seconds of pictures.
@@ -17,6 +19,8 @@ import java.util.StringJoiner;
  * <p>The bit rate is a hint: what the encoder holds on to is the quality. For a stream that has to keep to a rate, and for
  * several sizes of one source, use a {@link Transcoder}.
  *
+ * <p>After a picture that it failed at the encoder is made anew, see {@link EncoderFailure}.
+ *
  * <p>One thread may use an encoder at a time: anything else is refused with an {@link IllegalStateException}.
  */
 public final class VideoEncoder implements AutoCloseable {
@@ -25,10 +29,12 @@ public final class VideoEncoder implements AutoCloseable {
     private final int height;
     private final byte[] info = new byte[7];
     private final byte[] buffer; // the picture, over which the engine writes the access unit
+    private final Recovery recovery;
 
     private VideoEncoder(Builder settings) {
         width = settings.width;
         height = settings.height;
+        recovery = new Recovery("VideoEncoder", 0, settings.failureListener);
         buffer = new byte[Picture.size(width, height)];
         engine = Engine.open("VideoEncoder", () -> OpenH264Encoder.open(width, height, settings.frameRate, settings.bitrate, 0),
                 OpenH264Encoder::close);
@@ -43,7 +49,8 @@ public final class VideoEncoder implements AutoCloseable {
      * Encodes one picture.
      *
      * @param picture one of the encoder's size; not changed and not kept
-     * @return its access unit with the picture's time; empty when the encoder skipped the picture
+     * @return its access unit with the picture's time; empty when the encoder skipped the picture or failed at it, which
+     *         {@link Builder#onFailure} tells apart
      * @throws IllegalArgumentException if the picture has another size
      * @throws IllegalStateException if this encoder is closed or in use
      */
@@ -55,14 +62,25 @@ public final class VideoEncoder implements AutoCloseable {
         long handle = engine.enter("encode");
         try {
             System.arraycopy(picture.i420(), 0, buffer, 0, buffer.length);
-            if (OpenH264Encoder.encode(buffer, info, handle) != 1) {
-                return Optional.empty();
+            int failure = tryEncoding(handle);
+            if (failure == 0) {
+                recovery.succeeded();
+            } else {
+                recovery.recover(failure, () -> OpenH264Encoder.renew(handle) == 1, () -> tryEncoding(handle));
+                recovery.tell(handle, picture.time());
             }
             int size = ByteBuffer.wrap(info).getInt(1);
-            return Optional.of(new AccessUnit(Arrays.copyOf(buffer, size), picture.time()));
+            return size == 0 ? Optional.empty() : Optional.of(new AccessUnit(Arrays.copyOf(buffer, size), picture.time()));
         } finally {
             engine.exit();
         }
+    }
+
+    // Returns 0 when the encoder took the picture; `info` then has the bytes of its access unit. Otherwise `buffer` still
+    // holds the picture.
+    private int tryEncoding(long handle) {
+        Arrays.fill(info, (byte) 0);
+        return OpenH264Encoder.encode(buffer, info, handle) == 1 ? 0 : OpenH264Encoder.failure(handle);
     }
 
     /**
@@ -88,6 +106,7 @@ public final class VideoEncoder implements AutoCloseable {
         private int height;
         private int frameRate = LARGEST_FRAME_RATE;
         private int bitrate;
+        private Consumer<? super EncoderFailure> failureListener;
 
         private Builder() {
         }
@@ -126,6 +145,17 @@ public final class VideoEncoder implements AutoCloseable {
          */
         public Builder bitrate(int bitsPerSecond) {
             bitrate = Settings.check("bitrate", bitsPerSecond, SMALLEST_BITRATE, LARGEST_BITRATE, "bits per second");
+            return this;
+        }
+
+        /**
+         * Tells of pictures that the encoder failed at.
+         *
+         * @param listener is called during {@link #encode}, which throws what it throws
+         * @return this builder
+         */
+        public Builder onFailure(Consumer<? super EncoderFailure> listener) {
+            failureListener = Objects.requireNonNull(listener, "listener");
             return this;
         }
 

@@ -93,6 +93,7 @@
  * <h2>Flight Recorder</h2>
  *
  * <p>{@code com.kelvane.media.EngineOpened} and {@code com.kelvane.media.EngineClosed} tell of every engine;
+ * {@code com.kelvane.media.PictureFailed} of every picture that an encoder failed at;
  * {@code com.kelvane.media.PictureTranscoded}, which has to be enabled, of every picture of a transcoder that took longer
  * than its threshold (20 ms).
  */

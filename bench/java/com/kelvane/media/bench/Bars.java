@@ -41,7 +41,7 @@ final class Bars {
             }
             y += 8;
         }
-        return String.format("<svg viewBox='0 0 %d %d' role='img'>%s</svg>", LABEL + WIDTH + 70, y, svg);
+        return "<svg viewBox='0 0 " + (LABEL + WIDTH + 70) + " " + y + "' role='img'>" + svg + "</svg>";
     }
 
     private static String bar(double x, double y, double width, int series) {

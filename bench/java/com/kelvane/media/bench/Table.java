@@ -3,6 +3,7 @@ package com.kelvane.media.bench;
 import java.util.ArrayList;
 import java.util.LinkedHashMap;
 import java.util.List;
+import java.util.Locale;
 import java.util.Map;
 
 /** Figures of one kind: rows with named columns, of which one is drawn; and how far they are from what was aimed at. */
@@ -16,7 +17,7 @@ final class Table {
     record Figure(double value, int decimals, double spread) {
         @Override
         public String toString() {
-            return String.format("%." + decimals + "f", value) + (spread < 0 ? "" : String.format(" (%.1f)", spread));
+            return String.format(Locale.ROOT, "%." + decimals + "f" + (spread < 0 ? "" : " (%.1f)"), value, spread);
         }
     }
 
@@ -82,7 +83,7 @@ final class Table {
             long missed = values.stream().filter(goal::isMissedBy).count();
             double mean = values.stream().mapToDouble(Double::doubleValue).average().orElse(0);
             return goal + ": " + (missed == 0 ? "reached" : "missed by " + missed + " of " + values.size())
-                    + (values.size() > 1 ? String.format(", %.4f on average", mean) : "");
+                    + (values.size() > 1 ? String.format(Locale.ROOT, ", %.4f on average", mean) : "");
         }).toList();
     }
 }

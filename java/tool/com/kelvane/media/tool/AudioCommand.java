@@ -12,6 +12,7 @@ import com.kelvane.media.tool.shell.Caller;
 import com.kelvane.media.tool.shell.Failure;
 import com.kelvane.media.tool.shell.MediaProgram;
 import com.kelvane.media.tool.shell.Progress;
+import com.kelvane.media.tool.shell.Text;
 import java.io.BufferedOutputStream;
 import java.io.IOException;
 import java.io.OutputStream;
@@ -85,10 +86,10 @@ final class AudioCommand implements Callable<Integer> {
         Progress.clear();
         double spent = (System.nanoTime() - begin) / 1e9;
         if (lost > 0) {
-            Caller.OUTPUT.printf("damaged source: %d packets could not be decoded; silence stands in for them%n", lost);
+            Caller.OUTPUT.println("damaged source: " + lost + " packets could not be decoded; silence stands in for them");
         }
-        Caller.OUTPUT.printf("%.1f s of sound in %.2f s: %.1f times real time; %d bytes, %.1f kbit/s%n", seconds, spent,
-                seconds / spent, bytes, bytes * 8 / seconds / 1000);
+        Caller.OUTPUT.println(Text.format("%.1f s of sound in %.2f s: %.1f times real time; %d bytes, %.1f kbit/s", seconds,
+                spent, seconds / spent, bytes, bytes * 8 / seconds / 1000));
         Caller.OUTPUT.println("result: " + result);
         return 0;
     }

@@ -1,6 +1,7 @@
 package com.kelvane.media.tool;
 
 import com.kelvane.media.MediaException;
+import com.kelvane.media.tool.output.LostPictures;
 import com.kelvane.media.tool.output.Workspace;
 import com.kelvane.media.tool.shell.Caller;
 import com.kelvane.media.tool.shell.Failure;
@@ -10,7 +11,10 @@ import picocli.CommandLine.Command;
 import picocli.CommandLine.IVersionProvider;
 import picocli.CommandLine;
 
-/** The command-line tool. Exit codes: 0 done, 1 failed, 2 wrong usage; every error is one line on standard error. */
+/**
+ * The command-line tool. Exit codes: 0 done, 1 failed, 2 wrong usage, 3 done but for pictures that an encoder failed at; every
+ * error is one line on standard error.
+ */
 @Command(name = "kelvane", description = "H.264 and sound transcoding and processing with the Kelvane media library.",
         mixinStandardHelpOptions = true, versionProvider = Kelvane.Version.class,
         subcommands = {TranscodeCommand.class, LiveCommand.class, ProcessCommand.class, AudioCommand.class})
@@ -34,7 +38,7 @@ public final class Kelvane {
         } catch (LinkageError | OutOfMemoryError beyondPicocli) {
             exitCode = report("kelvane", beyondPicocli.getMessage(), CommandLine.ExitCode.SOFTWARE);
         }
-        if (exitCode == 0 && Caller.OUTPUT.checkError()) {
+        if ((exitCode == 0 || exitCode == LostPictures.EXIT_CODE) && Caller.OUTPUT.checkError()) {
             exitCode = report("kelvane", "standard output cannot be written to", CommandLine.ExitCode.SOFTWARE);
         }
         System.exit(exitCode);

@@ -9,6 +9,7 @@ import com.kelvane.media.tool.input.VideoSource;
 import com.kelvane.media.tool.input.VideoTrack;
 import com.kelvane.media.tool.output.Comparison;
 import com.kelvane.media.tool.output.ContactSheet;
+import com.kelvane.media.tool.output.LostPictures;
 import com.kelvane.media.tool.output.Products;
 import com.kelvane.media.tool.output.RenditionOutput;
 import com.kelvane.media.tool.output.RenditionRequest;
@@ -18,6 +19,7 @@ import com.kelvane.media.tool.output.Workspace;
 import com.kelvane.media.tool.shell.Caller;
 import com.kelvane.media.tool.shell.Failure;
 import com.kelvane.media.tool.shell.Progress;
+import com.kelvane.media.tool.shell.Text;
 import java.io.IOException;
 import java.nio.file.Files;
 import java.nio.file.Path;
@@ -83,6 +85,8 @@ final class ProcessCommand implements Callable<Integer> {
     @Option(names = "--no-compare", description = "Leave out the comparison with the source: PSNR and picture sheet.")
     private boolean noComparison;
 
+    private final LostPictures lost = new LostPictures();
+
     record Setting(String key, String value) {
     }
 
@@ -123,7 +127,7 @@ final class ProcessCommand implements Callable<Integer> {
         int pictures = rate != null ? rate : (int) Math.max(1, Math.min(LARGEST_RATE, Math.round(track.frameRate())));
         int bits = bitrate != null ? bitrate
                 : (int) Math.max(SMALLEST_BITRATE, BITS_PER_SAMPLE * track.width() * track.height() * pictures);
-        Pipeline.Builder builder = Pipeline.builder().module(module).frameRate(pictures).bitrate(bits);
+        Pipeline.Builder builder = Pipeline.builder().module(module).frameRate(pictures).bitrate(bits).onFailure(lost);
         settings.forEach(setting -> builder.setting(setting.key, setting.value));
         try (Pipeline pipeline = open(passThrough ? builder.passThrough() : builder);
                 Workspace workspace = new Workspace(results.getParent())) {
@@ -194,6 +198,7 @@ final class ProcessCommand implements Callable<Integer> {
         Progress.clear();
         summarise(statistics, seconds);
         Summary.notes(accessUnits, statistics.pictures(), damage, comparison);
+        lost.lines(List.of("the result")).forEach(line -> Summary.line("%s", line));
     }
 
     private static void checkProduced(VideoTrack track, ProcessingModule module, Pipeline.Statistics statistics) {
@@ -203,7 +208,7 @@ final class ProcessCommand implements Callable<Integer> {
         if (statistics.dropped() == statistics.pictures()) {
             throw new Failure("%s dropped every picture, so there is nothing to write", module.file());
         }
-        if (statistics.dropped() + statistics.failed() == statistics.pictures()) {
+        if (statistics.dropped() + statistics.skipped() + statistics.failed() == statistics.pictures()) {
             throw new Failure("pictures were decoded but none encoded; another --rate or --bitrate may help, or a source of"
                     + " another size");
         }
@@ -213,18 +218,21 @@ final class ProcessCommand implements Callable<Integer> {
                                   double seconds, Comparison comparison, Path file) throws IOException {
         List<ContactSheet.Label> labels = List.of(
                 new ContactSheet.Label("before", List.of(track.width() + "x" + track.height(),
-                        String.format("%.2f pictures/s", track.frameRate()))),
+                        Text.format("%.2f pictures/s", track.frameRate()))),
                 Summary.label("after", statistics.bytes(), seconds, comparison.psnr(0)));
         ContactSheet.draw(track.path().getFileName().toString(), comparison.grid(), comparison.cellHeights(),
                 track.meaning().rotation(), labels, moments, file);
     }
 
     private void summarise(Pipeline.Statistics statistics, double seconds) {
-        long kept = statistics.pictures() - statistics.dropped() - statistics.failed();
+        long kept = statistics.pictures() - statistics.dropped() - statistics.skipped() - statistics.failed();
         Summary.line("");
         Summary.line("%-24s%d", passThrough ? "access units in" : "pictures in", statistics.pictures());
         Summary.line("%-24s%d", "kept", kept);
         Summary.line("%-24s%d", "dropped by the module", statistics.dropped());
+        if (statistics.skipped() > 0) {
+            Summary.line("%-24s%d", "skipped by the encoder", statistics.skipped());
+        }
         if (statistics.failed() > 0) {
             Summary.line("%-24s%d", "not encoded", statistics.failed());
         }

@@ -3,6 +3,7 @@ package com.kelvane.media.tool;
 import com.kelvane.media.Rendition;
 import com.kelvane.media.tool.input.VideoTrack;
 import com.kelvane.media.tool.output.Hls;
+import com.kelvane.media.tool.output.LostPictures;
 import com.kelvane.media.tool.output.RenditionOutput;
 import com.kelvane.media.tool.output.RenditionRequest;
 import com.kelvane.media.tool.output.SegmentKeys;
@@ -29,7 +30,8 @@ import picocli.CommandLine.Parameters;
 import picocli.CommandLine.Spec;
 
 @Command(name = "transcode", mixinStandardHelpOptions = true, versionProvider = Kelvane.Version.class,
-        sortOptions = false, usageHelpAutoWidth = true,
+        sortOptions = false, usageHelpAutoWidth = true, exitCodeListHeading = "%nExit codes:%n",
+        exitCodeList = {"0:done", "1:failed", "2:wrong usage", "3:done, but renditions lack pictures that their encoder failed at"},
         description = {"Decodes one H.264 stream once and encodes it into several renditions.", ""},
         footer = {"", "DIR receives, with the sound, an HLS ladder (master.m3u8 and a folder of segments for each rendition) and"
                 + " WxH.mp4 for every rendition, contact-sheet.png, which shows the source and every rendition at four"
@@ -103,16 +105,17 @@ final class TranscodeCommand implements Callable<Integer> {
                         + " -o", results.resolve(folder));
             }
         }
+        boolean whole;
         try (Workspace workspace = new Workspace(results)) {
             Summary.head(track);
             double length = duration == null ? Double.POSITIVE_INFINITY : duration;
-            new TranscodeRun(track, sound.choose(track), start, length, fitted(wanted, requests, rates), outputs, made,
+            whole = new TranscodeRun(track, sound.choose(track), start, length, fitted(wanted, requests, rates), outputs, made,
                     workspace).run(!noComparison);
         }
         if (!made.json()) {
             Summary.line("results: %s", results);
         }
-        return 0;
+        return whole ? 0 : LostPictures.EXIT_CODE;
     }
 
     private void checkUsage() {

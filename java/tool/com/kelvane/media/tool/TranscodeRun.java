@@ -22,6 +22,7 @@ import com.kelvane.media.tool.output.Workspace;
 import com.kelvane.media.tool.shell.Failure;
 import com.kelvane.media.tool.shell.JsonLines;
 import com.kelvane.media.tool.shell.Progress;
+import com.kelvane.media.tool.shell.Text;
 import java.io.IOException;
 import java.nio.file.Files;
 import java.util.ArrayList;
@@ -63,7 +64,8 @@ final class TranscodeRun {
         timeline = track.timeline(audio, start, length);
     }
 
-    void run(boolean compares) throws IOException {
+    /** Returns whether the results are whole: no encoder failed at a picture. */
+    boolean run(boolean compares) throws IOException {
         String damage;
         int accessUnits;
         List<MediaPlaylist> playlists = new ArrayList<>();
@@ -98,18 +100,21 @@ final class TranscodeRun {
         published.addAll(made.files(outputs));
         published.removeIf(name -> !made.isReport(name) && !Files.exists(workspace.path(name)));
         RunReport report = new RunReport(track, audio, start, seconds, transcoding.shown().count(), transcoding.statistics(),
-                outputs, transcoding.figures(), comparison, playlists, transcoding.seconds(), transcoding.cpuSeconds(),
+                outputs, transcoding.figures(), transcoding.lost(), comparison, playlists, transcoding.seconds(), transcoding.cpuSeconds(),
                 accessUnits, damage, published);
         report.write(workspace.path(RunReport.FILE));
         new Page(report).write(workspace.path(Page.FILE), ResultOptions.SHEET);
         workspace.publish(published);
         Progress.clear();
+        List<String> lacking = transcoding.lost().lines(outputs.stream().map(RenditionOutput::size).toList());
         if (JsonLines.isOn()) {
             JsonLines.print("result", report::writeFields);
-            return;
+        } else {
+            summarise(seconds);
+            Summary.notes(accessUnits, transcoding.statistics().pictures(), damage, comparison);
+            lacking.forEach(line -> Summary.line("%s", line));
         }
-        summarise(seconds);
-        Summary.notes(accessUnits, transcoding.statistics().pictures(), damage, comparison);
+        return lacking.isEmpty();
     }
 
     private void checkProduced() {
@@ -154,7 +159,7 @@ final class TranscodeRun {
     private void drawSheet(double seconds) throws IOException {
         List<ContactSheet.Label> labels = new ArrayList<>();
         labels.add(new ContactSheet.Label("source", List.of(track.width() + "x" + track.height(),
-                String.format("%.2f pictures/s", track.frameRate()))));
+                Text.format("%.2f pictures/s", track.frameRate()))));
         for (int i = 0; i < outputs.size(); i++) {
             labels.add(Summary.label(outputs.get(i).size(), transcoding.statistics().renditions().get(i).bytes(), seconds,
                     comparison.psnr(i)));

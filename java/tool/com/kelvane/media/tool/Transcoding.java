@@ -7,6 +7,7 @@ import com.kelvane.media.Transcoder;
 import com.kelvane.media.tool.input.Timeline;
 import com.kelvane.media.tool.input.VideoSource;
 import com.kelvane.media.tool.input.VideoTrack;
+import com.kelvane.media.tool.output.LostPictures;
 import com.kelvane.media.tool.output.PictureFigures;
 import com.kelvane.media.tool.output.PictureTimes;
 import com.kelvane.media.tool.output.RateReducer;
@@ -30,6 +31,7 @@ final class Transcoding {
     private boolean begins;          // whether a segment may begin with it
     private final List<PictureFigures> figures;
     private final PictureTimes shown = new PictureTimes();
+    private final LostPictures lost = new LostPictures();
     private int taken; // renditions that have the picture at hand
     private long last = Long.MIN_VALUE;
     private Transcoder.Statistics statistics;
@@ -55,7 +57,7 @@ final class Transcoding {
         long cpuBegin = threads.getCurrentThreadCpuTime();
         long begin = System.nanoTime();
         try (Transcoder transcoder = Transcoder.builder().renditions(renditions).select(this::wants)
-                        .keys((index, time) -> begins).open();
+                        .keys((index, time) -> begins).onFailure(lost).open();
                 Progress progress = new Progress(Math.round(1000 * expectedSeconds))) {
             for (AccessUnit unit = source.next(); unit != null && last < timeline.length(); unit = source.next()) {
                 transcoder.write(unit.bytes(), unit.time(), this::take);
@@ -120,6 +122,11 @@ final class Transcoding {
     /** Times of the pictures that were decoded and lie within what is asked for. */
     PictureTimes shown() {
         return shown;
+    }
+
+    /** What encoders failed at. */
+    LostPictures lost() {
+        return lost;
     }
 
     Transcoder.Statistics statistics() {

@@ -343,13 +343,14 @@ final class MisuseTest {
                         + "avpacket_set_data null: null, avpicture_fill -22:, sws_freeContext null: null, "
                         + "sws_getCachedContext 0:, sws_scale -1: -1, sws_scale -1: -1 -1"),
                 new Bare(MIRVProcessor.class, UNIT, "apply 0: 0 0 0, copyEncoded 0: 0 0, decode 1: 0 0, drain 0: 0 0, "
-                        + "encode 0: 0 0, encodeInto 0: 0 0, pictureTime 0: 0, requestKey 0: 0, start 1: 1, status 2: 2, write 1: 1 0 0", 1),
+                        + "encode 0: 0 0, encodeInto 0: 0 0, failure 0: 0, pictureTime 0: 0, renew 0: 0, requestKey 0: 0, start 1: 1, "
+                        + "status 2: 2, write 1: 1 0 0", 1),
                 new Bare(AVCDecoder.class, UNIT, "decode 1: 0 0 0 0, decodeAt 1: 0 0 0 0, drain 0: 0 0 0, "
                         + "pictureTime 0: 0, take 0: 0 0 0"),
                 new Bare(AVCEncoder.class, new byte[PACKED], "encode 0: 0 0 0, loadLibrary 1: 0", 176, 144, 25, 50, 300_000),
-                new Bare(AVCProcessor.class, UNIT, "apply -1: -1 -1 -1, attached 0: 0, brew 1: 0, drain 0: 0 0, loadLibrary 0: 0, "
-                        + "pictureTime 0: 0, problem null, read 0: 0 0 0, write 1: 0 0 0", 25, 300_000, 0, 0, 0, 0),
-                new Bare(OpenH264Encoder.class, new byte[PACKED], "encode 1: 0 0 0, status 0: 1", 176, 144, 25, 300_000, 0),
+                new Bare(AVCProcessor.class, UNIT, "apply -1: -1 -1 -1, attached 0: 0, brew 1: 0, drain 0: 0 0, failure 0: 0, "
+                        + "loadLibrary 0: 0, pictureTime 0: 0, problem null, read 0: 0 0 0, renew 0: 0, retry 0: 0 0, write 1: 0 0 0", 25, 300_000, 0, 0, 0, 0),
+                new Bare(OpenH264Encoder.class, new byte[PACKED], "encode 1: 0 0 0, failure 0: 0, renew 1: 0, status 0: 1", 176, 144, 25, 300_000, 0),
                 new Bare(AACDecoder.class, AAC_LC_STEREO, "decode 0: 0 0 0 0, open 0", AAC_LC_STEREO),
                 new Bare(AACEncoder.class, sound, "encode 0: 0 0 0 -1", 2, 48_000),
                 new Bare(MPADecoder.class, sound, "decode 0: 0 0 0 0"),

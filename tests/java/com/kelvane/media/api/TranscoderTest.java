@@ -230,7 +230,7 @@ final class TranscoderTest {
             assertEquals(1, thrown);
             assertEquals(2 * tiny.size(), delivered.size());
             assertFalse(delivered.contains(1));
-            assertEquals(tiny.size(), transcoder.statistics().renditions().get(1).skipped());
+            assertEquals(tiny.size(), transcoder.statistics().renditions().get(1).failed());
         }
     }
 

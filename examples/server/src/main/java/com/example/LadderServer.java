@@ -11,6 +11,7 @@ import java.nio.file.Files;
 import java.nio.file.Path;
 import java.util.ArrayList;
 import java.util.List;
+import java.util.Locale;
 import java.util.concurrent.ExecutorService;
 import java.util.concurrent.Executors;
 import java.util.concurrent.Future;
@@ -58,7 +59,7 @@ public final class LadderServer {
             }
             transcoder.drain(picture -> send(picture, files.get(picture.index())));
             Transcoder.Statistics figures = transcoder.statistics();
-            return String.format("%s: %d pictures, decoded in %d ms, encoded in %s", stream, figures.pictures(),
+            return String.format(Locale.ROOT, "%s: %d pictures, decoded in %d ms, encoded in %s", stream, figures.pictures(),
                     figures.decodeTime().toMillis(), figures.renditions().stream()
                             .map(rendition -> rendition.encodeTime().toMillis() + " ms").toList());
         } finally {

@@ -55,10 +55,19 @@ public final class AVCEncoder {
      * before the first of them opens; without it, that one looks at the fixed place.
      *
      * @param path path of the shared library; a bare file name is searched for as the dynamic loader does
-     * @return 1 when OpenH264 is loaded, by this call or before it; 0 when the file cannot be opened or lacks
-     *         OpenH264's entry points, or for a null path
+     * @return 1 when OpenH264 is loaded, by this call or before it; 0 when the file cannot be opened, is no OpenH264 or
+     *         one of a version other than 1.8 to 2.6, or for a null path
      */
     public static native int loadLibrary(String path);
+
+    /**
+     * Tells why {@link #loadLibrary} takes no library from a path. The file is opened to find out, and closed again.
+     *
+     * @param path as for {@link #loadLibrary}
+     * @return the reason, for instance the version of a library whose version is not known; null when there is none, or
+     *         for a null path
+     */
+    public static native String problem(String path);
 
     /**
      * Frees the encoder. The handle is dead afterwards.

@@ -165,6 +165,36 @@ public final class AVCProcessor {
     public static native int attached(long handle);
 
     /**
+     * Why the picture of the last {@code write}, {@code drain} or {@link #retry} yielded no access unit: the encoder skipped
+     * it, or failed. After a failure OpenH264 encodes nothing more until {@link #renew}.
+     *
+     * @param handle the pipeline, or 0
+     * @return as {@link OpenH264Encoder#failure}; 0 also when no picture was decoded or the module dropped it
+     */
+    public static native int failure(long handle);
+
+    /**
+     * Makes the encoder anew, with the same settings. The picture that it encodes next is a key frame. From then on it has
+     * no lines on the standard output for pictures that fail.
+     *
+     * @param handle the pipeline, or 0
+     * @return as {@link OpenH264Encoder#renew}; 0 also before the first picture
+     */
+    public static native int renew(long handle);
+
+    /**
+     * Encodes the picture that failed in the last {@code write} or {@code drain} once more, as the module left it and
+     * without the module; to be called after {@link #renew}.
+     *
+     * @param sizeInfo as for {@code write}; unchanged when no picture had failed
+     * @param handle the pipeline, or 0
+     * @return 1 when an access unit is pending for {@code read}; otherwise 0
+     * @throws ArrayIndexOutOfBoundsException if {@code sizeInfo} is shorter than 4 bytes; the output is pending all the
+     *         same
+     */
+    public static native int retry(byte[] sizeInfo, long handle);
+
+    /**
      * Frees the pipeline, destroys its module object and drops a pending output. The handle is dead afterwards; loaded
      * modules stay loaded.
      *

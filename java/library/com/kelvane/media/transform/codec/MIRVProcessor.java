@@ -238,6 +238,31 @@ public final class MIRVProcessor {
     public static native int requestKey(int output, long handle);
 
     /**
+     * Why a rendition has nothing for the picture that it was given last: its encoder skipped that, or failed. After a
+     * failure OpenH264 encodes nothing more until {@link #renew}.
+     *
+     * @param output the rendition's position, from 0, in the order in which the ids were first applied
+     * @param handle the transcoder, or 0
+     * @return 0 when the picture was encoded or skipped, before the first one, for a position that there is not and for a
+     *         handle of 0; otherwise what OpenH264 answered, 3 for a picture of more bytes than it has room for and 5 for a
+     *         size that it does not encode; -1 when it threw, the picture could not be scaled, or memory or an encoder was
+     *         missing
+     */
+    public static native int failure(int output, long handle);
+
+    /**
+     * Makes a rendition's encoder anew, with the same settings. The picture that it encodes next is a key frame;
+     * {@link #encode} and {@link #encodeInto} may give it the picture at hand once more. From then on it has no lines on the
+     * standard output and error for pictures that fail. To be called while no other thread encodes this rendition.
+     *
+     * @param output the rendition's position, from 0, in the order in which the ids were first applied
+     * @param handle the transcoder, or 0
+     * @return 1 when the rendition has an encoder again; 0 when OpenH264 made none, or none was open before, for a position
+     *         that there is not and for a handle of 0
+     */
+    public static native int renew(int output, long handle);
+
+    /**
      * Frees the transcoder with its decoder and its renditions. The handle is dead afterwards, and so is every buffer
      * that a listener was given. From the transcoder's own callback, that is put off to the end of the call that it
      * belongs to, which calls back for the other renditions as ever.

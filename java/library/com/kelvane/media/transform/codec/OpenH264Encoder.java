@@ -68,6 +68,25 @@ public final class OpenH264Encoder {
     public static native int status(long handle);
 
     /**
+     * Why the last picture yielded no access unit: the encoder skipped it, or failed. After a failure OpenH264 encodes
+     * nothing more until {@link #renew}.
+     *
+     * @param handle the encoder, or 0
+     * @return 0 when the picture was encoded or skipped, before the first one and for a handle of 0; otherwise FFmpeg's error
+     *         code, or -1 when the picture was too short, its access unit too long or the encoder is not open
+     */
+    public static native int failure(long handle);
+
+    /**
+     * Makes the encoder anew, with the same settings. The picture that it encodes next is a key frame; it may be given the
+     * one that failed once more. From then on it has no lines on the standard output for pictures that fail.
+     *
+     * @param handle the encoder, or 0
+     * @return 1 when it encodes again; 0 when FFmpeg did not open it, or it never was open, and for a handle of 0
+     */
+    public static native int renew(long handle);
+
+    /**
      * Frees the encoder. The handle is dead afterwards.
      *
      * @param handle the encoder, or 0 for no effect

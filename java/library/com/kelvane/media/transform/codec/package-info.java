@@ -88,7 +88,8 @@
  * open the OpenH264 library at {@code lib/amd64-Linux-gpp/jni/libopenh264-1.8.0-linux64.4.so}, relative to the working
  * directory of the process, not to the jar. An installed tree has it there: start the server in the folder that
  * contains {@code lib}. While it is missing, their {@code open} still returns a handle, a line on standard output says
- * {@code could not load pointers}, and the encoders yield nothing; the next encoder to be opened tries again.
+ * {@code could not load pointers}, and the encoders yield nothing; the next encoder to be opened tries again. Versions
+ * 1.8 to 2.6 of the library will do; another one is not loaded, with a line on standard error that names it.
  *
  * <h2>Diagnostics</h2>
  *

@@ -1,5 +1,6 @@
 package com.kelvane.media.tool.input;
 
+import com.kelvane.media.tool.shell.Caller;
 import com.kelvane.media.tool.shell.Failure;
 import java.io.FileInputStream;
 import java.io.IOException;
@@ -44,7 +45,6 @@ public final class LiveInput {
     private static final int CHUNK = 1 << 15;        // bytes
     private static final int FILE_TYPE = 0170000;
     private static final int FIFO = 0010000;
-    private static final Path STANDARD_INPUT = Path.of("/proc/self/fd/4"); // where the launcher has put it
 
     private final Path path; // null for standard input
     private final boolean isFifo;
@@ -111,7 +111,7 @@ public final class LiveInput {
                     playFile();
                 } else {
                     do {
-                        try (InputStream stream = new FileInputStream((path == null ? STANDARD_INPUT : path).toFile())) {
+                        try (InputStream stream = path == null ? Caller.input() : new FileInputStream(path.toFile())) {
                             readStream(stream);
                         }
                         put(new Ended(null, !isFifo));

@@ -2,6 +2,7 @@ package com.kelvane.media.tool.input;
 
 import com.kelvane.media.tool.shell.Failure;
 import com.kelvane.media.tool.shell.MediaProgram;
+import com.kelvane.media.tool.shell.Text;
 import java.io.BufferedInputStream;
 import java.io.Closeable;
 import java.io.IOException;
@@ -71,7 +72,7 @@ public final class PacketPipe implements Closeable {
         error = new MediaProgram.FirstError(file.address());
         List<String> command = new ArrayList<>(List.of("-v", "error"));
         if (from > 0) {
-            command.addAll(List.of("-ss", String.format("%.6f", from)));
+            command.addAll(List.of("-ss", Text.format("%.6f", from)));
         }
         command.addAll(file.asInput());
         // Both outputs carry the same packets: one their sizes and times, which come first, the other the bytes.

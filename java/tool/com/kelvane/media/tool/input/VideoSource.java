@@ -2,6 +2,7 @@ package com.kelvane.media.tool.input;
 
 import com.kelvane.media.AccessUnit;
 import com.kelvane.media.tool.shell.Failure;
+import com.kelvane.media.tool.shell.Text;
 import java.io.Closeable;
 import java.io.IOException;
 import java.util.ArrayDeque;
@@ -86,7 +87,7 @@ public final class VideoSource implements Closeable {
     public String damage(double seconds) {
         // MPEG-TS announces nothing: where its times jump, what FFmpeg makes of them is no length.
         return Double.isInfinite(timeline.length()) && !track.file().hasFormat("mpegts") && track.seconds() - timeline.origin() / 1000 > seconds + 1
-                ? String.format("its video ends after %.1f of the announced %.1f seconds", seconds, track.seconds())
+                ? Text.format("its video ends after %.1f of the announced %.1f seconds", seconds, track.seconds())
                 : packets.damage();
     }
 

@@ -1,13 +1,16 @@
 package com.kelvane.media.tool.live;
 
 import com.fasterxml.jackson.core.JsonGenerator;
+import com.kelvane.media.EncoderFailure;
 import com.kelvane.media.Transcoder;
 import com.kelvane.media.tool.input.AudioTrack;
 import com.kelvane.media.tool.input.VideoTrack;
+import com.kelvane.media.tool.output.LostPictures;
 import com.kelvane.media.tool.output.RenditionOutput;
 import com.kelvane.media.tool.output.Summary;
 import com.kelvane.media.tool.shell.JsonLines;
 import com.kelvane.media.tool.shell.Progress;
+import com.kelvane.media.tool.shell.Text;
 import java.io.ByteArrayOutputStream;
 import java.io.IOException;
 import java.util.HashMap;
@@ -45,6 +48,7 @@ final class LiveFigures {
     private long jumps;
     private long damaged;
     private long shed;
+    private final LostPictures lost = new LostPictures();
     private volatile double segmentLatency;
     private volatile double largestSegmentLatency;
     private volatile int first;
@@ -139,6 +143,18 @@ final class LiveFigures {
         shed++;
     }
 
+    /** An encoder has failed at a picture. */
+    synchronized void failed(EncoderFailure failure) {
+        lost.accept(failure);
+        note("failed " + failure.index(), "%s: the encoder failed at a picture, %s: %s", outputs.get(failure.index()).size(),
+                failure.lost() ? "which is missing" : "and was made anew for it", failure.reason());
+    }
+
+    /** A line for each rendition that lacks pictures. */
+    synchronized List<String> lacking() {
+        return lost.lines(outputs.stream().map(RenditionOutput::size).toList());
+    }
+
     /** A segment is in the lists; when its first picture came. */
     void listed(long arrival) {
         segmentLatency = (System.nanoTime() - arrival) / 1e9;
@@ -162,14 +178,14 @@ final class LiveFigures {
             return "waiting for input";
         }
         double silent = silence();
-        return String.format("%.0f s   %s   behind by %.1f s   latency %.0f ms, segments %.1f s   %d of %d renditions", now(),
-                silent > 2 ? String.format("no input since %.0f s", silent) : String.format("%.1f pictures a second", rate),
+        return Text.format("%.0f s   %s   behind by %.1f s   latency %.0f ms, segments %.1f s   %d of %d renditions", now(),
+                silent > 2 ? Text.format("no input since %.0f s", silent) : Text.format("%.1f pictures a second", rate),
                 behind / 1000, latencyCount > 0 ? latencySum / latencyCount : latency, segmentLatency, made, outputs.size());
     }
 
     /** What is to be said in the end. */
     synchronized String ending() {
-        return String.format("%d pictures in %.1f s; %.1f s of them are kept, in %d segments", pictures, now(), listedSeconds,
+        return Text.format("%d pictures in %.1f s; %.1f s of them are kept, in %d segments", pictures, now(), listedSeconds,
                 listed);
     }
 
@@ -223,10 +239,14 @@ final class LiveFigures {
             json.writeBooleanField("made", i >= outputs.size() - made);
             json.writeNumberField("pictures", done.pictures());
             json.writeNumberField("skipped", done.skipped());
+            json.writeNumberField("failed", done.failed());
+            if (lost.reason(i) != null) {
+                json.writeStringField("failure", lost.reason(i));
+            }
             json.writeNumberField("bytes", done.bytes());
             json.writeNumberField("targetBitrate", done.rendition().bitrate());
             number(json, "encodeMilliseconds", done.pictures() == 0 ? 0
-                    : Summary.milliseconds(done.encodeTime(), done.pictures() + done.skipped()));
+                    : Summary.milliseconds(done));
             json.writeEndObject();
         }
         json.writeEndArray();
@@ -234,6 +254,6 @@ final class LiveFigures {
 
     private static void number(JsonGenerator json, String field, double value) throws IOException {
         json.writeFieldName(field);
-        json.writeNumber(String.format("%.3f", value));
+        json.writeNumber(Text.format("%.3f", value));
     }
 }

@@ -1,5 +1,6 @@
 package com.kelvane.media.tool.live;
 
+import com.kelvane.media.tool.shell.Text;
 import java.time.Instant;
 import java.time.temporal.ChronoUnit;
 import java.util.ArrayList;
@@ -60,7 +61,7 @@ final class LivePlaylist {
                 lines.add("#EXT-X-MAP:URI=\"" + initialisation + "\"");
             }
             lines.add("#EXT-X-PROGRAM-DATE-TIME:" + entry.date.truncatedTo(ChronoUnit.MILLIS));
-            lines.add(String.format("#EXTINF:%.3f,", entry.seconds));
+            lines.add(Text.format("#EXTINF:%.3f,", entry.seconds));
             lines.add(entry.name);
         }
         if (kind == Kind.FINISHED) {

@@ -177,6 +177,7 @@ public final class LiveRun {
             JsonLines.print("result", json -> figures.writeFields(json, input.bytesRead()));
         } else {
             Summary.line("%s", playable ? figures.ending() : "there was nothing to transcode");
+            figures.lacking().forEach(line -> Summary.line("%s", line));
             if (playable) {
                 Summary.line("results: %s", settings.directory());
             }

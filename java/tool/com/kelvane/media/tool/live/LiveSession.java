@@ -77,7 +77,8 @@ final class LiveSession implements AutoCloseable {
                 settings.segmentSeconds(), settings.window(), figures));
         int threads = Math.min(outputs.size(), Runtime.getRuntime().availableProcessors()) - 1;
         helpers = threads > 0 ? Executors.newFixedThreadPool(threads) : null;
-        Transcoder.Builder builder = Transcoder.builder().renditions(renditions).select(this::wants).keys((i, at) -> begins);
+        Transcoder.Builder builder = Transcoder.builder().renditions(renditions).select(this::wants).keys((i, at) -> begins)
+                .onFailure(figures::failed);
         transcoder = (helpers == null ? builder : builder.parallel(helpers)).open();
         figures.ladder(outputs, transcoder);
     }
@@ -223,7 +224,7 @@ final class LiveSession implements AutoCloseable {
             return 0;
         }
         Transcoder.RenditionStatistics done = transcoder.statistics().renditions().get(kept.length - made - 1);
-        long pictures = Math.max(1, done.pictures() + done.skipped());
+        long pictures = Math.max(1, done.pictures() + done.skipped() + done.failed());
         return done.encodeTime().toNanos() / 1e6 / pictures * outputs.get(kept.length - made - 1).frameRate() / 1000;
     }
 

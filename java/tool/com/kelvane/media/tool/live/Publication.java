@@ -5,6 +5,7 @@ import com.kelvane.media.tool.output.Hls;
 import com.kelvane.media.tool.output.MediaPlaylist;
 import com.kelvane.media.tool.output.RenditionOutput;
 import com.kelvane.media.tool.shell.Failure;
+import com.kelvane.media.tool.shell.Text;
 import java.io.BufferedOutputStream;
 import java.io.IOException;
 import java.io.OutputStream;
@@ -133,7 +134,7 @@ final class Publication {
 
         @Override
         public void finished(int number, double seconds) throws IOException {
-            String name = outputs.get(rendition).size() + "/" + String.format(Hls.SEGMENT, number);
+            String name = outputs.get(rendition).size() + "/" + Text.format(Hls.SEGMENT, number);
             long size = folder.finish(part, name);
             synchronized (Publication.this) {
                 for (Segment waiting : coming) {

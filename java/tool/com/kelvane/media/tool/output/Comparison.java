@@ -5,6 +5,7 @@ import com.kelvane.media.tool.input.PictureMeaning;
 import com.kelvane.media.tool.input.VideoSource;
 import com.kelvane.media.tool.input.VideoTrack;
 import com.kelvane.media.tool.shell.MediaProgram;
+import com.kelvane.media.tool.shell.Text;
 import java.awt.image.BufferedImage;
 import java.io.BufferedOutputStream;
 import java.io.IOException;
@@ -140,10 +141,10 @@ public final class Comparison {
         for (int i = 1; i <= outputs.size(); i++) {
             RenditionOutput output = outputs.get(i - 1);
             for (String[] ends : new String[][] {{"source" + i, "reference"}, {i + ":v", "result"}}) {
-                graph.append(String.format("[%s]scale=%d:%d:flags=bicubic,format=yuv420p[%s%d];\n", ends[0],
+                graph.append(Text.format("[%s]scale=%d:%d:flags=bicubic,format=yuv420p[%s%d];\n", ends[0],
                         output.width(), output.height(), ends[1], i));
             }
-            graph.append(String.format("[result%d][reference%1$d]psnr@%1$d=shortest=1:stats_file=%2$s,", i,
+            graph.append(Text.format("[result%d][reference%1$d]psnr@%1$d=shortest=1:stats_file=%2$s,", i,
                     pictureFile(i))).append(cell(i));
         }
         for (int i = 0; i <= outputs.size(); i++) {
@@ -156,7 +157,7 @@ public final class Comparison {
     }
 
     private String cell(int row) {
-        return String.format("scale=%d:%d:flags=area,format=yuv420p[cell%d];\n", CELL_WIDTH, cellHeights[row], row);
+        return Text.format("scale=%d:%d:flags=area,format=yuv420p[cell%d];\n", CELL_WIDTH, cellHeights[row], row);
     }
 
     private void read(String line) {

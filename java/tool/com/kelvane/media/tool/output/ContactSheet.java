@@ -1,5 +1,6 @@
 package com.kelvane.media.tool.output;
 
+import com.kelvane.media.tool.shell.Text;
 import java.awt.Color;
 import java.awt.Font;
 import java.awt.Graphics2D;
@@ -55,7 +56,7 @@ public final class ContactSheet {
         text(canvas, title, TITLE, BRIGHT, MARGIN, MARGIN + 16);
         for (int column = 0; column < moments.size(); column++) {
             long time = moments.get(column);
-            String heading = String.format("%d:%02d.%03d", time / 60_000, time / 1000 % 60, time % 1000);
+            String heading = Text.format("%d:%02d.%03d", time / 60_000, time / 1000 % 60, time % 1000);
             text(canvas, heading, SMALL, QUIET, cellLeft(column, cellWidth), MARGIN + HEADER_HEIGHT - 10);
         }
         int top = MARGIN + HEADER_HEIGHT;

@@ -1,5 +1,6 @@
 package com.kelvane.media.tool.output;
 
+import com.kelvane.media.tool.shell.Text;
 import java.io.IOException;
 import java.nio.charset.StandardCharsets;
 import java.nio.file.Files;
@@ -67,7 +68,7 @@ public final class Hls {
             throws IOException {
         List<String> lines = new ArrayList<>(List.of("#EXTM3U", "#EXT-X-VERSION:7", "#EXT-X-INDEPENDENT-SEGMENTS"));
         if (sound != null) {
-            lines.add(String.format("#EXT-X-MEDIA:TYPE=AUDIO,GROUP-ID=\"%s\",NAME=\"%1$s\",DEFAULT=YES,AUTOSELECT=YES,"
+            lines.add(Text.format("#EXT-X-MEDIA:TYPE=AUDIO,GROUP-ID=\"%s\",NAME=\"%1$s\",DEFAULT=YES,AUTOSELECT=YES,"
                     + "CHANNELS=\"%d\",URI=\"%1$s/%s\"", SOUND, channels, PLAYLIST));
         }
         for (Variant variant : variants) {
@@ -75,7 +76,7 @@ public final class Hls {
             long average = variant.playlist.averageBandwidth() + (sound == null ? 0 : sound.averageBandwidth());
             String codecs = videoCodec(variant.playlist.folder().resolve(INITIALISATION))
                     + (soundConfiguration.length == 0 && sound == null ? "" : "," + soundCodec(soundConfiguration));
-            lines.add(String.format("#EXT-X-STREAM-INF:BANDWIDTH=%d,AVERAGE-BANDWIDTH=%d,CODECS=\"%s\",RESOLUTION=%dx%d,"
+            lines.add(Text.format("#EXT-X-STREAM-INF:BANDWIDTH=%d,AVERAGE-BANDWIDTH=%d,CODECS=\"%s\",RESOLUTION=%dx%d,"
                     + "FRAME-RATE=%.3f%s", peak, average, codecs, variant.shownWidth, variant.shownHeight,
                     variant.output.frameRate(), sound == null ? "" : ",AUDIO=\"" + SOUND + "\""));
             lines.add(variant.output.size() + "/" + PLAYLIST);
@@ -90,7 +91,7 @@ public final class Hls {
         if (box < 0 || box + 8 > bytes.length) {
             throw new IOException(initialisation + " does not describe H.264");
         }
-        return String.format("avc1.%02x%02x%02x", bytes[box + 5], bytes[box + 6], bytes[box + 7]);
+        return Text.format("avc1.%02x%02x%02x", bytes[box + 5], bytes[box + 6], bytes[box + 7]);
     }
 
     private static String soundCodec(byte[] configuration) {

@@ -1,6 +1,7 @@
 package com.kelvane.media.tool.output;
 
 import com.kelvane.media.Transcoder.RenditionStatistics;
+import com.kelvane.media.tool.shell.Text;
 import java.io.FileNotFoundException;
 import java.io.IOException;
 import java.io.InputStream;
@@ -82,10 +83,10 @@ public final class Page {
 
     private String facts() {
         List<String> facts = new ArrayList<>();
-        facts.add(String.format("%dx%d, %.2f pictures a second%s", report.track().width(), report.track().height(),
+        facts.add(Text.format("%dx%d, %.2f pictures a second%s", report.track().width(), report.track().height(),
                 report.track().frameRate(), report.audio() == null ? ", no sound" : ", with " + report.audio().codec()
                 + (report.audio().codec().equals("aac") ? ", copied" : ", encoded as AAC")));
-        facts.add(String.format("%d pictures, %.1f s, in %.2f s: %.1f times real time", report.shown(), report.seconds(),
+        facts.add(Text.format("%d pictures, %.1f s, in %.2f s: %.1f times real time", report.shown(), report.seconds(),
                 report.transcodingSeconds(), report.seconds() / report.transcodingSeconds()));
         if (report.damage() != null) {
             facts.add("damaged source: " + report.damage());
@@ -96,12 +97,12 @@ public final class Page {
     private String player() {
         StringBuilder choices = new StringBuilder();
         if (!report.playlists().isEmpty()) {
-            choices.append(String.format("<option value=\"%s\" data-ladder>the ladder, as the connection allows</option>",
+            choices.append(Text.format("<option value=\"%s\" data-ladder>the ladder, as the connection allows</option>",
                     Hls.MASTER));
         }
         for (RenditionOutput output : report.outputs()) {
             if (report.files().contains(output.containerName())) {
-                choices.append(String.format("<option value=\"%s\">%s</option>", output.containerName(), output.size()));
+                choices.append(Text.format("<option value=\"%s\">%s</option>", output.containerName(), output.size()));
             }
         }
         return choices.length() == 0 ? "" : player(choices.toString());
@@ -115,18 +116,18 @@ public final class Page {
     private String table() {
         boolean hls = !report.playlists().isEmpty();
         StringBuilder table = new StringBuilder("<table><thead>");
-        row(table, "th", Stream.concat(Stream.of("rendition", "pictures", "skipped", "kbit/s", "target", "PSNR-Y", "ms/picture"),
-                hls ? Stream.of("segments", "peak kbit/s") : Stream.empty()).toList());
+        row(table, "th", Stream.concat(Stream.of("rendition", "pictures", "skipped", "failed", "kbit/s", "target", "PSNR-Y",
+                "ms/picture"), hls ? Stream.of("segments", "peak kbit/s") : Stream.empty()).toList());
         table.append("</thead><tbody>");
         for (int i = 0; i < report.outputs().size(); i++) {
             RenditionStatistics done = report.statistics().renditions().get(i);
             List<String> cells = new ArrayList<>(List.of(
                     "<span class=\"key " + Plot.colour(i) + "\"></span>" + report.outputs().get(i).size(),
-                    Long.toString(done.pictures()), Long.toString(done.skipped()),
-                    String.format("%.1f", Summary.kilobitsPerSecond(done.bytes(), report.seconds())),
+                    Long.toString(done.pictures()), Long.toString(done.skipped()), Long.toString(done.failed()),
+                    Text.format("%.1f", Summary.kilobitsPerSecond(done.bytes(), report.seconds())),
                     Summary.target(done.rendition()),
-                    report.comparison() == null ? "-" : Summary.decibels(report.comparison().psnr(i)), String.format("%.2f",
-                            Summary.milliseconds(done.encodeTime(), done.pictures() + done.skipped()))));
+                    report.comparison() == null ? "-" : Summary.decibels(report.comparison().psnr(i)), Text.format("%.2f",
+                            Summary.milliseconds(done))));
             if (hls) {
                 cells.addAll(segments(report.playlists().get(i)));
             }
@@ -134,7 +135,7 @@ public final class Page {
         }
         if (report.playlists().size() > report.outputs().size()) {
             MediaPlaylist sound = report.playlists().get(report.outputs().size());
-            List<String> cells = new ArrayList<>(List.of("sound", "", "", String.format("%.1f", sound.averageBandwidth() / 1000.0),
+            List<String> cells = new ArrayList<>(List.of("sound", "", "", "", Text.format("%.1f", sound.averageBandwidth() / 1000.0),
                     "", "", ""));
             cells.addAll(segments(sound));
             row(table, "td", cells);
@@ -143,7 +144,7 @@ public final class Page {
     }
 
     private static List<String> segments(MediaPlaylist playlist) {
-        return List.of(Integer.toString(playlist.sizes().size()), String.format("%.1f", playlist.peakBandwidth() / 1000.0));
+        return List.of(Integer.toString(playlist.sizes().size()), Text.format("%.1f", playlist.peakBandwidth() / 1000.0));
     }
 
     private static void row(StringBuilder table, String kind, List<String> cells) {

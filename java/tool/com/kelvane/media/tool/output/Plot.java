@@ -1,5 +1,6 @@
 package com.kelvane.media.tool.output;
 
+import com.kelvane.media.tool.shell.Text;
 import java.util.List;
 import java.util.function.IntToDoubleFunction;
 
@@ -119,9 +120,9 @@ final class Plot {
                 most = Math.max(most, value);
             }
             double x = x((line.pictures.time(first) + line.pictures.time(next - 1)) / 2000.0);
-            means.append(String.format("%.1f,%.1f ", x, y(sum / (next - first))));
-            above.append(String.format("%.1f,%.1f ", x, y(most)));
-            below.insert(0, String.format("%.1f,%.1f ", x, y(least)));
+            means.append(Text.format("%.1f,%.1f ", x, y(sum / (next - first))));
+            above.append(Text.format("%.1f,%.1f ", x, y(most)));
+            below.insert(0, Text.format("%.1f,%.1f ", x, y(least)));
         }
         if (each > 1) {
             add("<polygon class=\"%s\" points=\"%s%s\"/>", colour, above, below);
@@ -139,10 +140,10 @@ final class Plot {
     }
 
     private static String label(double value) {
-        return String.format(Math.abs(value - Math.rint(value)) < 1e-6 ? "%.0f" : value < 0.1 ? "%.2f" : "%.1f", value);
+        return Text.format(Math.abs(value - Math.rint(value)) < 1e-6 ? "%.0f" : value < 0.1 ? "%.2f" : "%.1f", value);
     }
 
     private void add(String format, Object... values) {
-        svg.append(String.format(format, values));
+        svg.append(Text.format(format, values));
     }
 }

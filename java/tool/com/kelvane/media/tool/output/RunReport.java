@@ -25,6 +25,7 @@ import java.util.function.IntToDoubleFunction;
  * @param shown number of pictures within what was asked for
  * @param statistics the transcoder's
  * @param figures of each rendition's pictures
+ * @param lost pictures that encoders failed at
  * @param comparison null when there was none
  * @param playlists of the renditions and then of the sound; empty without HLS
  * @param transcodingSeconds by the clock
@@ -34,8 +35,8 @@ import java.util.function.IntToDoubleFunction;
  * @param files names in the directory
  */
 public record RunReport(VideoTrack track, AudioTrack audio, double start, double seconds, int shown, Statistics statistics,
-                        List<RenditionOutput> outputs, List<PictureFigures> figures, Comparison comparison,
-                        List<MediaPlaylist> playlists, double transcodingSeconds, double cpuSeconds, int accessUnits,
+                        List<RenditionOutput> outputs, List<PictureFigures> figures, LostPictures lost,
+                        Comparison comparison, List<MediaPlaylist> playlists, double transcodingSeconds, double cpuSeconds, int accessUnits,
                         String damage, List<String> files) {
     public static final String FILE = "result.json";
 
@@ -113,6 +114,10 @@ public record RunReport(VideoTrack track, AudioTrack audio, double start, double
         json.writeNumberField("largestQuantiser", settings.largestQuantiser());
         json.writeNumberField("pictures", done.pictures());
         json.writeNumberField("skipped", done.skipped());
+        json.writeNumberField("failed", done.failed());
+        if (lost.reason(index) != null) {
+            json.writeStringField("failure", lost.reason(index));
+        }
         json.writeNumberField("bytes", done.bytes());
         number(json, "bitrate", done.bytes() * 8 / seconds, 0);
         number(json, "encodeMilliseconds", done.encodeTime().toNanos() / 1e6, 3);

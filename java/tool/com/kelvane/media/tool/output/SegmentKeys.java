@@ -1,6 +1,7 @@
 package com.kelvane.media.tool.output;
 
 import com.kelvane.media.Rendition;
+import com.kelvane.media.tool.shell.Text;
 import java.util.Optional;
 
 /**
@@ -56,7 +57,7 @@ public final class SegmentKeys {
         double pictures = segmentSeconds * pictureRate;
         double intervals = Math.rint(pictures / rendition.keyInterval());
         return intervals >= 1 && Math.abs(intervals * rendition.keyInterval() - pictures) <= 0.5 ? Optional.empty()
-                : Optional.of(String.format("%dx%d: key=%d does not fit into segments of %d s, %.0f pictures; each segment"
+                : Optional.of(Text.format("%dx%d: key=%d does not fit into segments of %d s, %.0f pictures; each segment"
                         + " begins with a key frame, and the count begins anew there", rendition.width(), rendition.height(),
                         rendition.keyInterval(), segmentSeconds, pictures));
     }

@@ -6,6 +6,7 @@ import com.kelvane.media.Transcoder.Statistics;
 import com.kelvane.media.tool.input.VideoTrack;
 import com.kelvane.media.tool.shell.Caller;
 import com.kelvane.media.tool.shell.JsonLines;
+import com.kelvane.media.tool.shell.Text;
 import java.time.Duration;
 import java.util.List;
 
@@ -17,23 +18,23 @@ public final class Summary {
     /** A table of the renditions. */
     public static void table(Statistics statistics, double seconds, Comparison comparison) {
         line("");
-        row("rendition", "pictures", "skipped", "kbit/s", "target", "PSNR-Y", "ms/picture");
+        row("rendition", "pictures", "skipped", "failed", "kbit/s", "target", "PSNR-Y", "ms/picture");
         for (int i = 0; i < statistics.renditions().size(); i++) {
             RenditionStatistics rendition = statistics.renditions().get(i);
             row(rendition.rendition().width() + "x" + rendition.rendition().height(), rendition.pictures(), rendition.skipped(),
-                    String.format("%.1f", kilobitsPerSecond(rendition.bytes(), seconds)), target(rendition.rendition()),
+                    rendition.failed(), Text.format("%.1f", kilobitsPerSecond(rendition.bytes(), seconds)), target(rendition.rendition()),
                     comparison == null ? "-" : decibels(comparison.psnr(i)),
-                    String.format("%.2f", milliseconds(rendition.encodeTime(), rendition.pictures() + rendition.skipped())));
+                    Text.format("%.2f", milliseconds(rendition)));
         }
-        row("decoding", statistics.pictures(), "", "", "", "",
-                String.format("%.2f", milliseconds(statistics.decodeTime(), statistics.pictures())));
+        row("decoding", statistics.pictures(), "", "", "", "", "",
+                Text.format("%.2f", milliseconds(statistics.decodeTime(), statistics.pictures())));
         line("");
     }
 
     /** What the source is. */
     public static void head(VideoTrack track) {
         line("%s: %dx%d, %s%.2f pictures a second", track.path(), track.width(), track.height(),
-                track.seconds() > 0 ? String.format("%.1f s, ", track.seconds()) : "", track.frameRate());
+                track.seconds() > 0 ? Text.format("%.1f s, ", track.seconds()) : "", track.frameRate());
     }
 
     /**
@@ -62,7 +63,7 @@ public final class Summary {
     /** A rendition's figures for the contact sheet. */
     public static ContactSheet.Label label(String name, long bytes, double seconds, double psnr) {
         return new ContactSheet.Label(name,
-                List.of(String.format("%.0f kbit/s", kilobitsPerSecond(bytes, seconds)), "PSNR-Y " + decibels(psnr)));
+                List.of(Text.format("%.0f kbit/s", kilobitsPerSecond(bytes, seconds)), "PSNR-Y " + decibels(psnr)));
     }
 
     public static double kilobitsPerSecond(long bytes, double seconds) {
@@ -74,21 +75,26 @@ public final class Summary {
         return time.toNanos() / 1e6 / pictures;
     }
 
+    /** Milliseconds for each picture that a rendition was given. */
+    public static double milliseconds(RenditionStatistics done) {
+        return milliseconds(done.encodeTime(), done.pictures() + done.skipped() + done.failed());
+    }
+
     static String target(Rendition rendition) {
         return rendition.rateControl() == Rendition.RateControl.QUALITY ? "quality"
-                : String.format("%.1f", rendition.bitrate() / 1000.0);
+                : Text.format("%.1f", rendition.bitrate() / 1000.0);
     }
 
     static String decibels(double psnr) {
-        return Double.isNaN(psnr) ? "-" : Double.isInfinite(psnr) ? "identical" : String.format("%.2f dB", psnr);
+        return Double.isNaN(psnr) ? "-" : Double.isInfinite(psnr) ? "identical" : Text.format("%.2f dB", psnr);
     }
 
     private static void row(Object... cells) {
-        line("%-11s %9s %8s %9s %9s %10s %11s", cells);
+        line("%-11s %9s %8s %7s %9s %9s %10s %11s", cells);
     }
 
     public static void line(String format, Object... values) {
-        String text = String.format(format, values).stripTrailing();
+        String text = Text.format(format, values).stripTrailing();
         if (!JsonLines.isOn()) {
             Caller.OUTPUT.println(text);
         } else if (!text.isEmpty()) {

@@ -33,9 +33,9 @@ function show(now) {
     return seconds > 0 ? (count * 8 / seconds / 1000).toFixed(0) : '-';
   };
   document.querySelector('#renditions').innerHTML = '<thead>'
-    + cells('th', ['rendition', 'state', 'pictures', 'skipped', 'kbit/s', 'target', 'ms/picture', 'all']) + '</thead><tbody>'
+    + cells('th', ['rendition', 'state', 'pictures', 'skipped', 'failed', 'kbit/s', 'target', 'ms/picture', 'all']) + '</thead><tbody>'
     + now.renditions.map((r, i) => cells('td', ['<span class="key s' + i % 6 + '"></span>' + text(r.size),
-      now.state === 'ended' ? 'ended' : r.made ? 'made' : 'left out', r.pictures, r.skipped, rate(i),
+      now.state === 'ended' ? 'ended' : r.made ? 'made' : 'left out', r.pictures, r.skipped, r.failed, rate(i),
       (r.targetBitrate / 1000).toFixed(0), r.encodeMilliseconds.toFixed(2), bytes(r.bytes)])).join('') + '</tbody>';
 
   history_.push({ at: now.seconds, values: [now.picturesPerSecond, now.behindMilliseconds / 1000] });

@@ -1,9 +1,11 @@
 package com.kelvane.media.tool.shell;
 
 import java.io.FileDescriptor;
+import java.io.FileInputStream;
 import java.io.FileNotFoundException;
 import java.io.FileOutputStream;
 import java.io.IOException;
+import java.io.InputStream;
 import java.io.PrintStream;
 import java.nio.charset.StandardCharsets;
 import java.nio.file.Path;
@@ -26,6 +28,11 @@ public final class Caller {
 
     /** Whether {@link #OUTPUT} is a terminal. */
     public static final boolean TERMINAL = Boolean.getBoolean("kelvane.terminal");
+
+    /** The caller's standard input, which the launcher moved to descriptor 4. */
+    public static InputStream input() throws IOException {
+        return LAUNCHED ? new FileInputStream("/proc/self/fd/4") : System.in;
+    }
 
     /**
      * A path as the caller's shell would take it, absolute. What is there already is found through its symbolic links, as

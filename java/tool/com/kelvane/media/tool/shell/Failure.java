@@ -12,7 +12,7 @@ public final class Failure extends RuntimeException {
     private static final long serialVersionUID = 1;
 
     public Failure(String message, Object... values) {
-        super(String.format(message, values));
+        super(Text.format(message, values));
     }
 
     /** What went wrong with a file, which most of Java's own messages leave to the exception's class. */

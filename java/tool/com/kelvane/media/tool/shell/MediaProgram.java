@@ -1,5 +1,6 @@
 package com.kelvane.media.tool.shell;
 
+import com.kelvane.media.PackedFiles;
 import java.io.BufferedReader;
 import java.io.Closeable;
 import java.io.File;
@@ -9,6 +10,7 @@ import java.io.InputStreamReader;
 import java.io.OutputStream;
 import java.io.UncheckedIOException;
 import java.lang.ProcessBuilder.Redirect;
+import java.net.URL;
 import java.nio.charset.StandardCharsets;
 import java.nio.file.Files;
 import java.nio.file.Path;
@@ -19,29 +21,50 @@ import java.util.concurrent.ConcurrentHashMap;
 import java.util.function.Consumer;
 
 /**
- * FFmpeg's programs, which do the container work; the library handles none. They lie in the installed tree, or in the folder
- * that the system property {@code kelvane.programs} names before their first use.
+ * FFmpeg's programs, which do the container work; the library handles none. They lie in the folder that the system property
+ * {@code kelvane.programs} names, as the launcher does with that of the installed tree; or in the tool's artifact of classifier
+ * {@code linux-x86_64} on the class path, from which they are unpacked at the first use of one of them.
  */
 public enum MediaProgram {
     FFMPEG("ffmpeg", "-nostats", "-y"),
     FFPROBE("ffprobe");
 
+    private static final String INDEX = "/META-INF/programs/linux-x86_64/SHA256SUMS";
     private static final Set<Process> RUNNING = ConcurrentHashMap.newKeySet();
     private static volatile boolean noMore;
+    private static Path programs; // their folder
 
-    private final List<String> start = new ArrayList<>();
+    private final List<String> guards = new ArrayList<>();
+    private final String file;
+    private final List<String> options;
 
-    MediaProgram(String name, String... options) {
+    MediaProgram(String file, String... options) {
         // Ctrl-C is for this process, which may have more to write. When it is killed, the program ends with it: to be exact,
         // with the thread that started it.
         for (List<String> guard : List.of(List.of("/usr/bin/setsid"), List.of("/usr/bin/setpriv", "--pdeathsig", "KILL"))) {
             if (Files.isExecutable(Path.of(guard.get(0)))) {
-                start.addAll(guard);
+                guards.addAll(guard);
             }
         }
-        start.add(Path.of(System.getProperty("kelvane.programs", "bin"), name).toAbsolutePath().toString());
-        start.addAll(List.of(options));
-        start.add("-hide_banner");
+        this.file = file;
+        this.options = List.of(options);
+    }
+
+    private static synchronized Path programs() {
+        if (programs == null) {
+            String named = System.getProperty("kelvane.programs");
+            URL index = MediaProgram.class.getResource(INDEX);
+            if (named == null && index == null) {
+                throw new Failure("FFmpeg's programs are missing; add the artifact com.kelvane:kelvane-tool of classifier"
+                        + " linux-x86_64 to the class path, or set -Dkelvane.programs=FOLDER");
+            }
+            try {
+                programs = named != null ? Path.of(named).toAbsolutePath() : new PackedFiles(index).unpack();
+            } catch (IOException unwritable) {
+                throw new Failure("FFmpeg's programs cannot be unpacked: %s", Failure.reason(unwritable));
+            }
+        }
+        return programs;
     }
 
     /**
@@ -52,13 +75,17 @@ public enum MediaProgram {
      * @param errors gets what it prints on standard error, line by line, and null at its end, from a thread of its own
      */
     public Running start(Path folder, List<String> arguments, boolean fed, Consumer<String> errors) {
-        List<String> command = new ArrayList<>(start);
+        Path program = programs().resolve(file);
+        List<String> command = new ArrayList<>(guards);
+        command.add(program.toString());
+        command.addAll(options);
+        command.add("-hide_banner");
         command.addAll(arguments);
         try {
             return new Running(new ProcessBuilder(command).directory(folder.toFile())
                     .redirectInput(fed ? Redirect.PIPE : Redirect.from(new File("/dev/null"))).start(), errors);
         } catch (IOException unusable) {
-            throw new Failure("%s cannot be run (%s); build and install the tree anew", command.get(0),
+            throw new Failure("%s cannot be run (%s); build and install the tree anew", program,
                     unusable.getCause() == null ? unusable.getMessage() : unusable.getCause().getMessage());
         }
     }

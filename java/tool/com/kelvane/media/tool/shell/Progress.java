@@ -37,11 +37,11 @@ public final class Progress implements AutoCloseable {
             return;
         }
         next = seconds + (Caller.TERMINAL ? TERMINAL_INTERVAL : PLAIN_INTERVAL);
-        String line = String.format("%s%.1f times real time",
-                pictures > 0 ? String.format("%.0f pictures a second   ", pictures / seconds) : "", time / 1000.0 / seconds);
+        String line = Text.format("%s%.1f times real time",
+                pictures > 0 ? Text.format("%.0f pictures a second   ", pictures / seconds) : "", time / 1000.0 / seconds);
         if (done > 0 && done <= total) {
             long left = Math.round(seconds / done * (total - done));
-            line = String.format("%3d %%   %s   %d:%02d left", 100 * done / total, line, left / 60, left % 60);
+            line = Text.format("%3d %%   %s   %d:%02d left", 100 * done / total, line, left / 60, left % 60);
         }
         Caller.OUTPUT.print(Caller.TERMINAL ? CLEAR_LINE + line : line + System.lineSeparator());
         Caller.OUTPUT.flush();

@@ -3,12 +3,14 @@ package com.kelvane.media.spark;
 import com.kelvane.media.AccessUnit;
 import com.kelvane.media.EncodedPicture;
 import com.kelvane.media.Transcoder;
+import com.kelvane.media.tool.output.LostPictures;
 import com.kelvane.media.tool.output.RateReducer;
 import com.kelvane.media.tool.output.SegmentKeys;
 import com.kelvane.media.tool.output.RenditionOutput;
 import com.kelvane.media.tool.output.Results;
 import java.io.IOException;
 import java.io.UncheckedIOException;
+import java.util.List;
 import java.util.function.LongPredicate;
 
 /** Runs a chunk's access units through encoders of its own, so that nothing before the chunk has a part in the result. */
@@ -28,6 +30,7 @@ final class ChunkTranscoding {
     private boolean begins;       // whether a segment may begin with it
     private long begin = -1;
     private long last;
+    private final LostPictures lost = new LostPictures();
     private int pictures;
 
     /** @param shown whether the picture of a time belongs to the chunk */
@@ -43,7 +46,7 @@ final class ChunkTranscoding {
 
     Transcoder.Statistics run(Units units) throws IOException {
         try (Transcoder transcoder = Transcoder.builder().renditions(ladder.renditions()).select(this::wants)
-                .keys((index, time) -> begins).open()) {
+                .keys((index, time) -> begins).onFailure(lost).open()) {
             for (AccessUnit unit = units.next(); unit != null; unit = units.next()) {
                 transcoder.write(unit.bytes(), unit.time(), this::take);
             }
@@ -88,6 +91,12 @@ final class ChunkTranscoding {
     /** Time of the last picture in milliseconds. */
     long last() {
         return last;
+    }
+
+    /** What renditions lack because an encoder failed, in words; null when nothing. */
+    String lacking() {
+        List<String> lines = lost.lines(ladder.outputs().stream().map(RenditionOutput::size).toList());
+        return lines.isEmpty() ? null : String.join("; ", lines);
     }
 
     /** Pictures that were decoded and belong to the chunk. */

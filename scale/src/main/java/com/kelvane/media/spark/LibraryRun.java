@@ -5,6 +5,7 @@ import com.kelvane.media.tool.input.MediaFile;
 import com.kelvane.media.tool.shell.Caller;
 import com.kelvane.media.tool.shell.Failure;
 import com.kelvane.media.tool.shell.Progress;
+import com.kelvane.media.tool.shell.Text;
 import java.io.IOException;
 import java.io.Serializable;
 import java.util.ArrayList;
@@ -90,7 +91,6 @@ final class LibraryRun {
         Settings wanted = settings;
         Broadcast<SerializableConfiguration> hadoop = everywhere;
         return spark.parallelize(sources, sources.size()).map(source -> {
-            Programs.provide();
             try (InputAccess access = new InputAccess(source, hadoop.value().value())) {
                 MediaFile file = access.probe();
                 return new Look(Plan.of(source, wanted, file), null);
@@ -215,7 +215,7 @@ final class LibraryRun {
         boolean done = parts.stream().allMatch(part -> part.problem() == null);
         if (!done) {
             folder.clean(false);
-            report(String.format("%s: %d of %d parts failed; the others are kept for --resume, and no master playlist was"
+            report(Text.format("%s: %d of %d parts failed; the others are kept for --resume, and no master playlist was"
                     + " written", plan.source().uri(), parts.stream().filter(part -> part.problem() != null).count(),
                     parts.size()));
             return;
@@ -234,6 +234,10 @@ final class LibraryRun {
 
     private void damage(Plan plan, List<Part> parts, double seconds) {
         for (Part part : parts) {
+            if (part.lacking() != null) {
+                damaged = true;
+                say("%s, %s: %s", plan.source().uri(), plan.name(part.number()), part.lacking());
+            }
             if (part.lost() > 0 || part.damage() != null) {
                 damaged = true;
                 say("%s, %s: damaged source: %s; what could be read was kept", plan.source().uri(), plan.name(part.number()),
@@ -248,7 +252,7 @@ final class LibraryRun {
 
     private void say(String format, Object... values) {
         Progress.clear();
-        Caller.OUTPUT.printf(format + "%n", values);
+        Caller.OUTPUT.println(Text.format(format, values));
     }
 
     private void report(String problem) {

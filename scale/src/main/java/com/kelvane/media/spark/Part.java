@@ -14,13 +14,14 @@ import java.util.List;
  * @param pictures that were decoded and belong to the part
  * @param lost access units that gave no picture
  * @param damage what is wrong with the input, but leaves something to keep; or null
+ * @param lacking what renditions lack because an encoder failed; or null
  * @param problem why there is no result; null when there is one
  * @param tracks of each rendition or of the sound; empty where no key frame of the input begins a chunk
  * @param inputBytes that were read over Hadoop's streams; 0 where FFmpeg opened the file itself
  * @param milliseconds that the part took
  */
-record Part(int number, long begin, int pictures, int lost, String damage, String problem, ArrayList<Track> tracks,
-            long inputBytes, long milliseconds) implements Serializable {
+record Part(int number, long begin, int pictures, int lost, String damage, String lacking, String problem,
+            ArrayList<Track> tracks, long inputBytes, long milliseconds) implements Serializable {
     static final int SOUND = -1;
     private static final long serialVersionUID = 1;
 
@@ -42,7 +43,7 @@ record Part(int number, long begin, int pictures, int lost, String damage, Strin
     }
 
     static Part failed(int number, String problem) {
-        return new Part(number, 0, 0, 0, null, problem, new ArrayList<>(), 0, 0);
+        return new Part(number, 0, 0, 0, null, null, problem, new ArrayList<>(), 0, 0);
     }
 
     /** How the part is remembered beside its segments. */
@@ -52,6 +53,9 @@ record Part(int number, long begin, int pictures, int lost, String damage, Strin
                 text(milliseconds)));
         if (damage != null) {
             lines.add("damage " + damage.replaceAll("\\R", " "));
+        }
+        if (lacking != null) {
+            lines.add("lacking " + lacking);
         }
         for (Track track : tracks) {
             lines.add(String.join(" ", "track", track.folder, encoded(track.initialisation), "-" + encoded(track.configuration),
@@ -71,11 +75,13 @@ record Part(int number, long begin, int pictures, int lost, String damage, Strin
         }
         String[] head = lines.get(0).split(" ");
         String damage = null;
+        String lacking = null;
         ArrayList<Track> tracks = new ArrayList<>();
         for (String line : lines) {
             String[] words = line.split(" ");
             switch (words[0]) {
                 case "damage" -> damage = line.substring(words[0].length() + 1);
+                case "lacking" -> lacking = line.substring(words[0].length() + 1);
                 case "track" -> tracks.add(new Track(words[1], decoded(words[2]), decoded(words[3].substring(1)),
                         Integer.parseInt(words[4]), new ArrayList<>()));
                 case "segment" -> tracks.get(tracks.size() - 1).segments.add(new Segment(words[1],
@@ -84,7 +90,7 @@ record Part(int number, long begin, int pictures, int lost, String damage, Strin
             }
         }
         return new Part(Integer.parseInt(head[1]), Long.parseLong(head[2]), Integer.parseInt(head[3]),
-                Integer.parseInt(head[4]), damage, null, tracks, Long.parseLong(head[5]), Long.parseLong(head[6]));
+                Integer.parseInt(head[4]), damage, lacking, null, tracks, Long.parseLong(head[5]), Long.parseLong(head[6]));
     }
 
     private static String text(long value) {

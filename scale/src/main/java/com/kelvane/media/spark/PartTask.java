@@ -15,6 +15,7 @@ import com.kelvane.media.tool.output.RenditionOutput;
 import com.kelvane.media.tool.output.Results;
 import com.kelvane.media.tool.output.Workspace;
 import com.kelvane.media.tool.shell.Failure;
+import com.kelvane.media.tool.shell.Text;
 import java.io.IOException;
 import java.io.Serializable;
 import java.nio.file.Files;
@@ -24,6 +25,7 @@ import java.util.List;
 import org.apache.hadoop.conf.Configuration;
 import org.apache.spark.SparkEnv;
 import org.apache.spark.TaskContext;
+import org.apache.spark.util.Utils;
 
 /**
  * The work on one part of an input, a task of the job. What it makes depends on the input and the settings alone.
@@ -40,13 +42,13 @@ record PartTask(Plan plan, int number) implements Serializable {
         private static final long serialVersionUID = 1;
 
         BadInput(String message, Object... values) {
-            super(String.format(message, values));
+            super(Text.format(message, values));
         }
     }
 
     /** Where a finished part is remembered. */
     static String doneName(int number) {
-        return DONE + (number == Part.SOUND ? "sound" : String.format("%05d", number));
+        return DONE + (number == Part.SOUND ? "sound" : Text.format("%05d", number));
     }
 
     static String doneFolder() {
@@ -60,9 +62,9 @@ record PartTask(Plan plan, int number) implements Serializable {
      */
     Part run(Configuration configuration, TaskContext task, boolean last) throws IOException {
         long start = System.nanoTime();
-        Programs.provide();
-        // A folder of its own, as a workspace removes what others have left beside it.
-        Path scratch = Files.createTempDirectory(Programs.scratch(), "part-");
+        // In Spark's folder for temporary files, which Spark removes in the end; of its own, as a workspace removes what others
+        // have left beside it.
+        Path scratch = Files.createTempDirectory(Path.of(Utils.getLocalDir(SparkEnv.get().conf())).toAbsolutePath(), "part-");
         try (InputAccess access = new InputAccess(plan.source(), configuration);
                 Workspace workspace = new Workspace(scratch)) {
             Publisher publisher = new Publisher(plan.source().folder(), SparkEnv.get().conf().getAppId() + "-"
@@ -81,8 +83,8 @@ record PartTask(Plan plan, int number) implements Serializable {
                 }
                 throw problem;
             }
-            Part done = new Part(number, part.begin(), part.pictures(), part.lost(), part.damage(), null, part.tracks(),
-                    access.bytesRead(), (System.nanoTime() - start) / 1_000_000);
+            Part done = new Part(number, part.begin(), part.pictures(), part.lost(), part.damage(), part.lacking(), null,
+                    part.tracks(), access.bytesRead(), (System.nanoTime() - start) / 1_000_000);
             publisher.put(done.lines(), doneName(number));
             return done;
         } finally {
@@ -120,7 +122,7 @@ record PartTask(Plan plan, int number) implements Serializable {
                     throw new BadInput("nothing could be read there: %s",
                             source.damage() == null ? "the file ends before" : source.damage());
                 }
-                return new Part(number, 0, 0, 0, null, null, new ArrayList<>(), 0, 0);
+                return new Part(number, 0, 0, 0, null, null, null, new ArrayList<>(), 0, 0);
             }
             return finish(ladder, transcoding, results, Math.max(0, source.count() - transcoding.pictures()), source.damage(),
                     workspace, publisher);
@@ -137,7 +139,8 @@ record PartTask(Plan plan, int number) implements Serializable {
         for (RenditionOutput output : ladder.outputs()) {
             tracks.add(publish(output.size(), new byte[0], 0, workspace, publisher));
         }
-        return new Part(number, transcoding.begin(), transcoding.pictures(), lost, damage, null, tracks, 0, 0);
+        return new Part(number, transcoding.begin(), transcoding.pictures(), lost, damage, transcoding.lacking(), null,
+                tracks, 0, 0);
     }
 
     private Part sound(MediaFile file, InputAccess access, Workspace workspace, Publisher publisher) throws IOException {
@@ -153,7 +156,7 @@ record PartTask(Plan plan, int number) implements Serializable {
                 tracks.add(publish(Hls.SOUND, source.configuration(), source.channels(), workspace, publisher));
             }
         }
-        return new Part(number, 0, 0, 0, null, null, tracks, 0, 0);
+        return new Part(number, 0, 0, 0, null, null, null, tracks, 0, 0);
     }
 
     private AudioTrack soundTrack(MediaFile file) {
@@ -172,7 +175,7 @@ record PartTask(Plan plan, int number) implements Serializable {
         MediaPlaylist playlist = MediaPlaylist.read(made);
         ArrayList<Part.Segment> segments = new ArrayList<>();
         for (int i = 0; i < playlist.durations().size(); i++) {
-            String name = number == Part.SOUND ? String.format("%05d.m4s", i) : String.format("%05d-%03d.m4s", number, i);
+            String name = number == Part.SOUND ? Text.format("%05d.m4s", i) : Text.format("%05d-%03d.m4s", number, i);
             publisher.put(made.resolve(i + ".m4s"), folder + "/" + name);
             segments.add(new Part.Segment(name, playlist.durations().get(i), playlist.sizes().get(i)));
         }

@@ -3,6 +3,7 @@ package com.kelvane.media.spark;
 import com.kelvane.media.tool.input.AudioTrack;
 import com.kelvane.media.tool.input.MediaFile;
 import com.kelvane.media.tool.input.VideoTrack;
+import com.kelvane.media.tool.shell.Text;
 import java.io.IOException;
 import java.io.Serializable;
 import java.nio.file.Path;
@@ -89,12 +90,12 @@ record Plan(Source source, Settings settings, ArrayList<HashMap<String, String>>
 
     /** What a part is called. */
     String name(int part) {
-        return part == Part.SOUND ? "sound" : chunks == 1 ? "pictures" : String.format("chunk %d (%s to %s)", part,
+        return part == Part.SOUND ? "sound" : chunks == 1 ? "pictures" : Text.format("chunk %d (%s to %s)", part,
                 clock(begin(part)), part == chunks - 1 ? "the end" : clock(begin(part + 1)));
     }
 
     private static String clock(double seconds) {
         long whole = Math.round(seconds);
-        return String.format("%d:%02d:%02d", whole / 3600, whole / 60 % 60, whole % 60);
+        return Text.format("%d:%02d:%02d", whole / 3600, whole / 60 % 60, whole % 60);
     }
 }

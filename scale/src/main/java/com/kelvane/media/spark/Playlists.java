@@ -5,6 +5,7 @@ import com.kelvane.media.tool.output.Hls;
 import com.kelvane.media.tool.output.MediaPlaylist;
 import com.kelvane.media.tool.output.RenditionOutput;
 import com.kelvane.media.tool.shell.Failure;
+import com.kelvane.media.tool.shell.Text;
 import java.io.IOException;
 import java.nio.file.Files;
 import java.nio.file.Path;
@@ -81,7 +82,7 @@ final class Playlists {
                 + Math.max(1, target), "#EXT-X-MEDIA-SEQUENCE:0", "#EXT-X-PLAYLIST-TYPE:VOD", "#EXT-X-INDEPENDENT-SEGMENTS",
                 "#EXT-X-MAP:URI=\"" + Hls.INITIALISATION + "\""));
         for (Part.Segment segment : track.segments()) {
-            lines.add(String.format("#EXTINF:%.6f,", segment.seconds()));
+            lines.add(Text.format("#EXTINF:%.6f,", segment.seconds()));
             lines.add(segment.name());
         }
         lines.add("#EXT-X-ENDLIST");

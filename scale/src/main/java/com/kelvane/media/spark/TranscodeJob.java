@@ -24,7 +24,7 @@ import picocli.CommandLine.Spec;
 
 /**
  * A Spark application that transcodes films into HLS ladders, cut into chunks for as many executors as there are. Exit codes:
- * 0 done, 1 something failed, 2 wrong usage, 3 done as far as damaged inputs allow; every error is one line on standard error.
+ * 0 done, 1 something failed, 2 wrong usage, 3 done as far as damaged inputs and encoders that fail at pictures allow; every error is one line on standard error.
  */
 @Command(name = "kelvane transcode --spark MASTER", mixinStandardHelpOptions = true,
         versionProvider = TranscodeJob.Version.class, sortOptions = false, usageHelpAutoWidth = true,
