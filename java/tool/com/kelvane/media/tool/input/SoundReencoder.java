@@ -124,7 +124,7 @@ final class SoundReencoder implements AutoCloseable {
     AacSource.Unit poll() {
         byte[] unit = encoded.poll();
         return unit == null ? null : new AacSource.Unit(unit,
-                Math.round(begin + 1000.0 * (AacEncoder.SAMPLES_PER_BLOCK * units++ - AacEncoder.LEAD_IN) / sampleRate));
+                begin + 1000.0 * (AacEncoder.SAMPLES_PER_BLOCK * units++ - AacEncoder.LEAD_IN) / sampleRate);
     }
 
     @Override

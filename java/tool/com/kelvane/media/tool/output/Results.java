@@ -80,7 +80,7 @@ public final class Results implements Closeable {
         }
         compared = bySource;
         soundTrack = nextSound == null ? 0 : timed.addSound(sound.configuration(), sound.sampleRate(), sound.channels(),
-                Math.max(0, -nextSound.time()));
+                Math.round(Math.max(0, -nextSound.time())));
     }
 
     private static OutputStream open(String name, Workspace workspace) throws IOException {
@@ -109,7 +109,7 @@ public final class Results implements Closeable {
 
     private void writeSound(long until) throws IOException {
         for (; nextSound != null && nextSound.time() <= until; nextSound = sound.next()) {
-            timed.writeSound(soundTrack, nextSound.bytes(), nextSound.time());
+            timed.writeSound(soundTrack, nextSound.bytes(), Math.round(nextSound.time()));
         }
     }
 
