@@ -165,7 +165,7 @@ final class ProcessCommand implements Callable<Integer> {
         int accessUnits;
         try (AacSource heard = audio == null ? null : AacSource.open(audio, timeline);
                 Results files = new Results(List.of(output), PRODUCTS, track.meaning(), passThrough ? track.reorderDepth() : 0,
-                        heard, workspace);
+                        heard, null, workspace);
                 VideoSource source = new VideoSource(track, timeline)) {
             processing = new Processing(pipeline, files);
             processing.run(source, track.seconds());

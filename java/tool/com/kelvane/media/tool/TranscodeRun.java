@@ -19,7 +19,8 @@ import com.kelvane.media.tool.output.Summary;
 import com.kelvane.media.tool.output.Workspace;
 import com.kelvane.media.tool.packager.LadderWriter;
 import com.kelvane.media.tool.packager.MediaPlaylist;
-import com.kelvane.media.tool.packager.Playlists;
+import com.kelvane.media.tool.packager.Names;
+import com.kelvane.media.tool.packager.VodPlaylists;
 import com.kelvane.media.tool.shell.Failure;
 import com.kelvane.media.tool.shell.JsonLines;
 import com.kelvane.media.tool.shell.Progress;
@@ -70,8 +71,10 @@ final class TranscodeRun {
         String damage;
         int accessUnits;
         List<MediaPlaylist> playlists = new ArrayList<>();
+        LadderWriter ladder = products.hls()
+                ? new LadderWriter(products.segmentSeconds(), 0, Names::segment, workspace::put) : null;
         try (AacSource heard = audio == null ? null : AacSource.open(audio, timeline);
-                Results files = new Results(outputs, products, track.meaning(), 0, heard, workspace);
+                Results files = new Results(outputs, products, track.meaning(), 0, heard, ladder, workspace);
                 VideoSource source = new VideoSource(track, timeline)) {
             transcoding = new Transcoding(track, timeline, outputs.stream().map(RenditionOutput::frameRate).toList(),
                     products.hls() ? new SegmentKeys(products.segmentSeconds(), 0) : null, files);
@@ -82,8 +85,8 @@ final class TranscodeRun {
             files.finish(transcoding.shown().last() + 1000 / track.frameRate());
             accessUnits = source.count();
             damage = source.damage(transcoding.shown().last() / 1000.0 + 1 / track.frameRate());
-            if (products.hls()) {
-                playlists = writeLadder(files.ladder(), heard);
+            if (ladder != null) {
+                playlists = writeLadder(ladder, heard);
             }
         }
         double seconds = transcoding.shown().seconds(track.frameRate());
@@ -137,10 +140,10 @@ final class TranscodeRun {
     /** Writes the playlists; returns those of the renditions and, where there is sound, that of the sound. */
     private List<MediaPlaylist> writeLadder(LadderWriter ladder, AacSource heard) throws IOException {
         List<LadderWriter.Track> tracks = new ArrayList<>(ladder.renditions());
-        List<Playlists.Rendition> renditions = new ArrayList<>();
+        List<VodPlaylists.Rendition> renditions = new ArrayList<>();
         for (int i = 0; i < outputs.size(); i++) {
             RenditionOutput output = outputs.get(i);
-            renditions.add(new Playlists.Rendition(tracks.get(i), track.meaning().shownSize(output.width(), output.height()),
+            renditions.add(new VodPlaylists.Rendition(tracks.get(i), track.meaning().shownSize(output.width(), output.height()),
                     output.frameRate()));
             if (!tracks.get(i).segments().isCutLike(tracks.get(0).segments())) {
                 Summary.line("%s is not cut into segments at the times of %s, as pictures are missing; players may stutter"
@@ -148,8 +151,8 @@ final class TranscodeRun {
             }
         }
         LadderWriter.Track sound = ladder.sound();
-        Playlists.write(renditions, sound, sound == null ? 0 : heard.channels(),
-                (name, contents) -> Files.write(workspace.path(name), contents));
+        VodPlaylists.write(renditions, sound, sound == null ? 0 : heard.channels(),
+                workspace::put);
         if (sound != null) {
             tracks.add(sound);
         }

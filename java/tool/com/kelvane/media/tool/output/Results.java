@@ -6,13 +6,11 @@ import com.kelvane.media.tool.input.AacSource;
 import com.kelvane.media.tool.input.PictureMeaning;
 import com.kelvane.media.tool.packager.DecodingTimes;
 import com.kelvane.media.tool.packager.LadderWriter;
-import com.kelvane.media.tool.packager.Names;
 import com.kelvane.media.tool.packager.SoundLine;
 import java.io.Closeable;
 import java.io.IOException;
 import java.nio.ByteBuffer;
 import java.nio.channels.FileChannel;
-import java.nio.file.Files;
 import java.nio.file.StandardOpenOption;
 import java.util.ArrayList;
 import java.util.List;
@@ -84,9 +82,10 @@ public final class Results implements Closeable {
      * @param meaning how the pictures are to be shown
      * @param reorderDepth pictures that come before others which are shown earlier; 0 when they come in the order of display
      * @param sound null when there is none
+     * @param ladder takes the tracks of segments, and is closed with this; null for none
      */
     public Results(List<RenditionOutput> outputs, Products products, PictureMeaning meaning, int reorderDepth, AacSource sound,
-                   Workspace workspace) throws IOException {
+                   LadderWriter ladder, Workspace workspace) throws IOException {
         this.outputs = outputs;
         this.workspace = workspace;
         this.reorderDepth = reorderDepth;
@@ -94,7 +93,7 @@ public final class Results implements Closeable {
         nextSound = sound == null ? null : sound.next();
         MediaTrack heard = nextSound == null ? null : MediaTrack.aac(sound.configuration());
         line = nextSound == null ? null : new SoundLine(sound.configuration(), heard.timescale(), 0);
-        ladder = products.hls() ? new LadderWriter(products.segmentSeconds(), 0, Names::segment, this::put) : null;
+        this.ladder = ladder;
         try {
             for (int i = 0; i < outputs.size(); i++) {
                 open(i, products, meaning, heard);
@@ -132,11 +131,6 @@ public final class Results implements Closeable {
 
     private static long ticks(double milliseconds, MediaTrack track) {
         return Math.round(milliseconds * track.timescale() / 1000);
-    }
-
-    private void put(String name, byte[] contents) throws IOException {
-        Files.createDirectories(workspace.path(name).getParent());
-        Files.write(workspace.path(name), contents);
     }
 
     /**
@@ -195,11 +189,6 @@ public final class Results implements Closeable {
         for (Output output : opened) {
             output.finish();
         }
-    }
-
-    /** The ladder's tracks, when they are finished; null when there is none. */
-    public LadderWriter ladder() {
-        return ladder;
     }
 
     @Override

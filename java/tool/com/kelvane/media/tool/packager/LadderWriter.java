@@ -1,6 +1,7 @@
 package com.kelvane.media.tool.packager;
 
 import com.kelvane.media.MediaTrack;
+import com.kelvane.media.tool.shell.Failure;
 import java.io.Closeable;
 import java.io.IOException;
 import java.util.ArrayDeque;
@@ -58,6 +59,9 @@ public final class LadderWriter implements Closeable {
         }
 
         Track finished() {
+            if (entries.isEmpty()) {
+                throw new Failure("there is nothing to play in %s; --no-hls leaves the ladder out", folder);
+            }
             return new Track(folder, writer.initialisation(), writer.codecs(), rate.fastest(), new MediaPlaylist(entries));
         }
     }

@@ -8,7 +8,7 @@ import java.util.ArrayList;
 import java.util.List;
 
 /** Writes what leads players to the segments of a ladder that is complete. */
-public final class Playlists {
+public final class VodPlaylists {
     /**
      * A rendition.
      *
@@ -20,7 +20,7 @@ public final class Playlists {
 
     private static final double SAME = 1e-5; // seconds
 
-    private Playlists() {
+    private VodPlaylists() {
     }
 
     /**
