@@ -17,6 +17,7 @@ extern "C" {
 #include <iterator>
 #include <new>
 #include <string_view>
+#include <utility>
 
 [[maybe_unused]] static MuxerContext muxer_ctx;
 
@@ -356,7 +357,7 @@ int Muxer::refusal(const Track& track, const MuxedUnit& unit) const {
         if (unit.decodingTime <= track.lastTime) return NOT_RISING;
         const int64_t distance = inContainer(unit.decodingTime) - inContainer(track.lastTime);
         if (distance <= 0 && !(format->oformat->flags & AVFMT_TS_NONSTRICT)) return NOT_RISING;
-        if (distance > longestDistance && !(settings & fragmented && !track.run.units && !track.held.packet))
+        if (distance > longestDistance && !(settings & fragmented && track.queue.empty()))
             return OUT_OF_RANGE;
     }
 
@@ -396,24 +397,26 @@ int Muxer::write(int number, MuxedUnit unit) {
         packet.size -= header;
     }
     if (const int refused = refusal(track, unit)) return refused;
-    const bool first = !track.begun;
-    if (first) track.shift = shiftOf(unit);
+    if (!track.begun) track.shift = shiftOf(unit);
     track.begun = true;
     track.lastTime = unit.decodingTime;
     if (name == "flv" && !anyWritten)
         firstWritten = av_rescale_q(unit.decodingTime, track.tick, track.stream->time_base);
     anyWritten = true;
-    fragmentSize += packet.size;
-    return guarded([&] {
-        if (first && settings & fragmented && !track.shift)
-            if (const int result = keepDecodingTimes(track); result < 0) return answer(result);
-        if (const int result = releaseHeld(track, unit.decodingTime); result < 0) return answer(result);
-        if (keepsDurations() && !unit.duration) {
-            track.held = std::move(unit);
-            return answer(0);
-        }
-        return answer(mux(track, std::move(unit)));
-    });
+    if (settings & fragmented) fragmentSize += packet.size;
+    return answer(guarded([&] {
+        if (!(settings & fragmented)) return pass(track, std::move(unit));
+        track.queue.push_back(std::move(unit));
+        return 0;
+    }));
+}
+
+// Hands a unit on, unless it waits for the next one, which tells how long it lasts.
+int Muxer::pass(Track& track, MuxedUnit unit) {
+    if (const int result = releaseHeld(track, unit.decodingTime); result < 0) return result;
+    if (!keepsDurations() || unit.duration) return mux(track, std::move(unit));
+    track.held = std::move(unit);
+    return 0;
 }
 
 // Of the decoding times of a track in fragments, which have no sign: as far as its first unit waits to be
@@ -456,7 +459,7 @@ int Muxer::releaseHeld(Track& track, int64_t end) {
 int Muxer::mux(Track& track, MuxedUnit unit) {
     track.lastDuration = unit.duration;
     if (track.annotation && hasParameterSets(unit.packet->data, unit.packet->size)) {
-        const PacketOwner copy(av_packet_clone(unit.packet.get()));
+        PacketOwner copy(av_packet_clone(unit.packet.get()));
         if (!copy) return AVERROR(ENOMEM);
         // What it cannot read it drops.
         if (av_bsf_send_packet(track.annotation.get(), copy.get()) < 0 ||
@@ -464,12 +467,14 @@ int Muxer::mux(Track& track, MuxedUnit unit) {
             !startsWithCode(copy->data, copy->size))
             av_bsf_flush(track.annotation.get());
         else
-            av_packet_move_ref(unit.packet.get(), copy.get());
+            unit.packet = std::move(copy);
     }
     return put(track, unit);
 }
 
 int Muxer::put(Track& track, MuxedUnit& unit) {
+    if (settings & fragmented && !track.shift && !std::exchange(track.written, true))
+        if (const int result = keepDecodingTimes(track); result < 0) return result;
     TrackRun& run = track.run;
     const int64_t decodeTime = unit.decodingTime + (settings & fragmented ? track.shift : 0);
     if (run.units++ == 0) {
@@ -498,33 +503,46 @@ int Muxer::put(Track& track, MuxedUnit& unit) {
 int Muxer::cut(int64_t nextTime) {
     if (!format || !begun || finished) return WRONG_CALL;
     if (failure) return failure;
-    return guarded([&] {
+    if (nextTime != unknown && !tracks[0].queue.empty()) {
+        const Track& track = tracks[0];
+        if (nextTime <= track.lastTime) return NOT_RISING;
+        const int64_t limit = longestSeconds * track.tick.den;
+        if (nextTime > limit ||
+            av_rescale_q(nextTime - track.lastTime, track.tick, track.stream->time_base) > longestDistance)
+            return OUT_OF_RANGE;
+    }
+    return answer(guarded([&] {
         bool any = false;
         for (Track& track : tracks) {
+            for (MuxedUnit& unit : track.queue)
+                if (const int result = pass(track, std::move(unit)); result < 0) return result;
+            track.queue.clear();
             const int64_t end = &track == tracks.data() ? nextTime : unknown;
-            if (const int result = releaseHeld(track, end); result < 0) return answer(result);
+            if (const int result = releaseHeld(track, end); result < 0) return result;
             any |= track.run.units > 0;
             track.finished = track.run;
             track.run = {};
         }
-        fragmentSize = 0;
         if (!any) return 0;
-        if (const int result = av_write_frame(format.get(), nullptr); result < 0) return answer(result);
+        constexpr int64_t header = 1024;
+        bytes.reserve(static_cast<size_t>(pending() + fragmentSize + header));
+        fragmentSize = 0;
+        if (const int result = av_write_frame(format.get(), nullptr); result < 0) return result;
         // Each fragment tells its own time, whatever the durations before it add up to.
         if (settings & fragmented)
             if (const int result = av_opt_set(format->priv_data, "movflags", "+frag_discont", 0); result < 0)
-                return answer(result);
+                return result;
         avio_flush(stream.get());
-        return answer(0);
-    });
+        return 0;
+    }));
 }
 
 int Muxer::finish() {
     if (!format || !begun || finished) return WRONG_CALL;
     if (failure) return failure;
-    return guarded([&] {
+    return answer(guarded([&] {
         for (Track& track : tracks)
-            if (const int result = releaseHeld(track, unknown); result < 0) return answer(result);
+            if (const int result = releaseHeld(track, unknown); result < 0) return result;
         finished = true;
         const int result = av_write_trailer(format.get());
         // With the index in front it is what was written last, and all the rest had to make room for it.
@@ -533,8 +551,8 @@ int Muxer::finish() {
         if (move != pieces.end() && move + 1 != pieces.end()) move->place = move[1].place;
         for (auto piece = move; piece != pieces.end(); ++piece)
             if (!piece->moves) move->size = std::max(move->size, piece->place + piece->size - move->place);
-        return answer(std::min(result, 0));
-    });
+        return std::min(result, 0);
+    }));
 }
 
 const TrackRun* Muxer::run(int track) const {

@@ -178,7 +178,7 @@ import java.util.stream.Collectors;
  *                 + "URI=\"sound/index.m3u8\"\n";
  *         for (HlsLadder rung : pictures) {
  *             rung.finish(source.size() * 40L * 90);
- *             master += String.format("#EXT-X-STREAM-INF:BANDWIDTH=900000,RESOLUTION=%s,CODECS=\"%s,%s\",AUDIO=\"sound\"%n"
+ *             master += String.format(Locale.ROOT, "#EXT-X-STREAM-INF:BANDWIDTH=900000,RESOLUTION=%s,CODECS=\"%s,%s\",AUDIO=\"sound\"%n"
  *                     + "%1$s/index.m3u8%n", rung.name, rung.writer.codecs(), sound.writer.codecs());
  *         }
  *         FILES.put("master.m3u8", master.getBytes());
@@ -536,6 +536,7 @@ public final class ContainerWriter implements AutoCloseable {
      *
      * @param next when the next unit of track 0 is decoded, in its ticks
      * @return what was written since the last cut; empty when nothing was
+     * @throws IllegalArgumentException if that time is not behind the last one of the track, or too far behind
      * @throws IllegalStateException if this writer is closed, finished or in use, or the format is another one
      */
     public Optional<Fragment> cut(long next) {
@@ -549,6 +550,10 @@ public final class ContainerWriter implements AutoCloseable {
                 return Optional.empty();
             }
             int result = Muxer.cut(next, handle);
+            if (result == Muxer.NOT_RISING || result == Muxer.OUT_OF_RANGE) {
+                throw new IllegalArgumentException("next is " + next + ": it lies behind the last decoding time of track 0, by at most"
+                        + " 2^30 ticks");
+            }
             if (result < 0) {
                 throw fail(new MediaException("the fragment could not be made: " + describe(result)));
             }
