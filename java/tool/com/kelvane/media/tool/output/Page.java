@@ -52,7 +52,7 @@ public final class Page {
         return filled(new HashMap<>(Map.of("title", escaped(title), "facts", "<p id=\"state\">&nbsp;</p>",
                 "player", player("<option value=\"" + Names.MASTER + "\" data-ladder data-live>the ladder, as the connection"
                         + " allows</option>"),
-                "table", "<table id=\"renditions\"></table>", "plots", section("The last minutes", "<div id=\"history\"></div>"),
+                "table", "<table id=\"renditions\"></table>", "plots", plot("The last minutes", "<div id=\"history\"></div>"),
                 "sheet", "", "footer", "The ladder, for other players: <a href=\"" + Names.MASTER + "\">" + Names.MASTER + "</a>",
                 "live", resource(LIVE).replace("{{figures}}", figures == null ? "null"
                         : new String(figures, StandardCharsets.UTF_8).replace("<", "\\u003c")))));
@@ -81,6 +81,11 @@ public final class Page {
 
     private static String section(String heading, String contents) {
         return "<section><h2>" + heading + "</h2>" + contents + "</section>\n";
+    }
+
+    private static String plot(String heading, String contents) {
+        return section(heading, "<div class=\"wide\" tabindex=\"0\" role=\"region\" aria-label=\"" + heading + "\">" + contents
+                + "</div>");
     }
 
     private String facts() {
@@ -157,11 +162,11 @@ public final class Page {
 
     private String plots() {
         List<PictureFigures> figures = report.figures();
-        String plots = section("Kilobits per picture", new Plot(figures.stream()
+        String plots = plot("Kilobits per picture", new Plot(figures.stream()
                 .map(pictures -> new Plot.Line(pictures, i -> pictures.bits(i) / 1000.0)).toList(), "Kilobits per picture",
                 true).toString());
         String psnr = figures.stream().allMatch(PictureFigures::hasPsnr) ? new Plot(figures.stream()
                 .map(pictures -> new Plot.Line(pictures, pictures::psnr)).toList(), "PSNR-Y per picture", false).toString() : "";
-        return psnr.isEmpty() ? plots : plots + section("PSNR-Y per picture, dB", psnr);
+        return psnr.isEmpty() ? plots : plots + plot("PSNR-Y per picture, dB", psnr);
     }
 }
