@@ -110,7 +110,8 @@ int setConfiguration(AVCodecParameters& codec, std::span<const uint8_t> bytes) {
 
 bool Muxer::open(const char* formatName, int options) {
     const bool isoBase = isOneOf(formatName, {"mp4", "mov"});
-    if (!isoBase && !isOneOf(formatName, {"mpegts", "flv", "matroska", "ogg", "adts", "wav"})) return false;
+    if (!isoBase && !isOneOf(formatName, {"mpegts", "flv", "matroska", "ogg", "h264", "adts", "wav"}))
+        return false;
     if (options & fragmented && (std::string_view(formatName) != "mp4" || options != fragmented))
         return false;
     if (isoBase && !(options & (fragmented | seekable)))

@@ -55,7 +55,7 @@ final class CopiedSound implements AacSource {
                 return null;
             }
             if (time >= -2 * packet.duration()) {
-                return new Unit(Adts.strip(packet.bytes()), Math.round(time));
+                return new Unit(Adts.strip(packet.bytes()), time);
             }
         }
         return null;

@@ -13,7 +13,7 @@ public final class LiveSound implements AutoCloseable {
 
     public LiveSound(AudioTrack track) {
         this.track = track;
-        encoder = track.codec().equals("aac") ? null : new SoundReencoder(track);
+        encoder = track.codec().equals("aac") ? null : new SoundReencoder(track, Double.NaN);
     }
 
     /** The AudioSpecificConfig. */
@@ -50,7 +50,7 @@ public final class LiveSound implements AutoCloseable {
     public List<Unit> add(byte[] packet, double time) {
         List<Unit> units = new ArrayList<>();
         if (encoder == null) {
-            units.add(new Unit(Adts.strip(packet), Math.round(time)));
+            units.add(new Unit(Adts.strip(packet), time));
             return units;
         }
         encoder.add(packet, time, Double.POSITIVE_INFINITY);

@@ -1,7 +1,7 @@
 package com.kelvane.media.tool.live;
 
-import com.kelvane.media.tool.output.Hls;
 import com.kelvane.media.tool.output.Page;
+import com.kelvane.media.tool.packager.Names;
 import com.kelvane.media.tool.shell.Failure;
 import java.io.Closeable;
 import java.io.IOException;
@@ -44,7 +44,7 @@ final class LiveFolder implements Closeable {
             if (lock.tryLock() == null) {
                 throw new OverlappingFileLockException();
             }
-            Files.deleteIfExists(root.resolve(Hls.MASTER)); // of a run before
+            Files.deleteIfExists(root.resolve(Names.MASTER)); // of a run before
             Files.deleteIfExists(root.resolve(Page.FILE));
         } catch (IOException unwritable) {
             throw new Failure("cannot write in %s (%s); name another directory with -o", directory,
@@ -58,7 +58,7 @@ final class LiveFolder implements Closeable {
     void makeFolder(String name) throws IOException {
         Path folder = root.resolve(name);
         if (Files.exists(folder, LinkOption.NOFOLLOW_LINKS)) {
-            if (!Hls.isOurs(folder)) {
+            if (!Names.isOurs(folder)) {
                 throw new Failure("%s holds something else than segments, and is not replaced; name another directory with -o",
                         folder);
             }

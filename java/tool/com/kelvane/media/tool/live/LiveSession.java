@@ -46,7 +46,7 @@ final class LiveSession implements AutoCloseable {
     private boolean timed;
     private double countedTime;   // of the next picture of a stream without times
     private long time = -1;       // of the picture at hand, or the last one
-    private long soundTime = -1;
+    private double soundTime = -1;
     private long arrival;
     private boolean begins;
     private int made;

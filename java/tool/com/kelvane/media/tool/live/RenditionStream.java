@@ -118,7 +118,7 @@ final class RenditionStream {
             return;
         }
         try {
-            writer.writeSound(2, unit.bytes(), unit.time());
+            writer.writeSound(2, unit.bytes(), Math.round(unit.time()));
         } catch (IOException ended) {
             broken = true;
         }
