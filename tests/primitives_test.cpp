@@ -4,11 +4,13 @@
 
 extern "C" {
 #include <libavutil/imgutils.h>
+#include <libavutil/pixdesc.h>
 }
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <array>
 #include <climits>
 #include <cstring>
 #include <random>
@@ -54,9 +56,9 @@ FrameOwner frameOver(const Format& format, Bytes& picture) {
 }
 
 // What libswscale makes of the picture.
-Bytes scaledDirectly(const Format& from, Bytes picture, const Format& to) {
+Bytes scaledDirectly(const Format& from, Bytes picture, const Format& to, int flags = SWS_BILINEAR) {
     const ScalerOwner scaler(sws_getContext(from.width, from.height, from.pixels(), to.width, to.height,
-                                            to.pixels(), SWS_BILINEAR, nullptr, nullptr, nullptr));
+                                            to.pixels(), flags, nullptr, nullptr, nullptr));
     const FrameOwner source = frameOver(from, picture), target(av_frame_alloc());
     av_image_alloc(target->data, target->linesize, to.width, to.height, to.pixels(), 64);
     sws_scale(scaler.get(), source->data, source->linesize, 0, from.height, target->data, target->linesize);
@@ -225,25 +227,135 @@ TEST(Primitives, ScalesAsLibswscaleDoes) {
         EXPECT_TRUE(part(target, bytesOf(last), to) == expected);
         EXPECT_EQ(takeException(), "");
     }
-    for (const int width : {64, 37}) {
+}
+
+// Each slice is an array of its own, which is gone when the next one comes. The results are libswscale's
+// where it does not end the process over the slices or over a context of this kind, and the picture that of a
+// whole one.
+TEST(Primitives, SlicesComeFromEitherEnd) {
+    struct Part {
+        int row, rows, result;
+    };
+    struct Case {
+        const char* what;
+        Format from, to;
+        int flags;
+        std::vector<Part> slices;
+    };
+    const Case cases[] = {
+        {"even",
+         {AV_PIX_FMT_YUV420P, 64, 16},
+         {AV_PIX_FMT_RGB565, 64, 16},
+         SWS_BILINEAR,
+         {{0, 8, 8}, {8, 8, 8}}},
+        {"odd width",
+         {AV_PIX_FMT_YUV420P, 37, 16},
+         {AV_PIX_FMT_RGB565, 37, 16},
+         SWS_BILINEAR,
+         {{0, 8, 8}, {8, 8, 8}}},
+        {"nearest",
+         {AV_PIX_FMT_YUV420P, 16, 16},
+         {AV_PIX_FMT_BGRA, 32, 8},
+         SWS_POINT,
+         {{0, 8, 4}, {8, 8, 4}}},
+        {"upwards",
+         {AV_PIX_FMT_NV12, 33, 16},
+         {AV_PIX_FMT_YUV420P, 33, 16},
+         SWS_AREA,
+         {{10, 6, 6}, {0, 10, 10}}},
+        {"pairs",
+         {AV_PIX_FMT_YUV422P, 32, 8},
+         {AV_PIX_FMT_ARGB, 32, 8},
+         SWS_BILINEAR,
+         {{0, 3, 3}, {3, 5, 5}}},
+        {"pairs upwards",
+         {AV_PIX_FMT_YUV422P, 10, 8},
+         {AV_PIX_FMT_ABGR, 10, 8},
+         SWS_POINT,
+         {{5, 3, 3}, {0, 5, 5}}},
+        {"rows taken again",
+         {AV_PIX_FMT_YUVJ422P, 16, 60},
+         {AV_PIX_FMT_NV12, 152, 24},
+         SWS_FAST_BILINEAR,
+         {{0, 55, 22}, {55, 4, 0}, {59, 1, 2}}},
+        {"mosaic",
+         {AV_PIX_FMT_BAYER_RGGB8, 16, 16},
+         {AV_PIX_FMT_BGRA, 8, 8},
+         SWS_BILINEAR,
+         {{0, 8, 0}, {8, 8, 8}}},
+        {"two contexts",
+         {AV_PIX_FMT_NV12, 33, 505},
+         {AV_PIX_FMT_NV12, 33, 2},
+         SWS_GAUSS,
+         {{0, 232, 0}, {232, 273, 2}}},
+        {"full buffers",
+         {AV_PIX_FMT_GRAY8, 128, 80},
+         {AV_PIX_FMT_YUVJ420P, 17, 10},
+         SWS_POINT,
+         {{0, 20, 2}, {20, 36, 4}, {56, 4, 0}, {60, 18, 0}, {78, 2, 4}}},
+        {"XYZ",
+         {AV_PIX_FMT_BGR24, 66, 16},
+         {AV_PIX_FMT_XYZ12BE, 18, 2},
+         SWS_BICUBIC,
+         {{0, 3, 0}, {3, 10, 0}, {13, 3, 2}}},
+        {"odd upwards",
+         {AV_PIX_FMT_NV12, 21, 9},
+         {AV_PIX_FMT_YUV422P, 29, 48},
+         SWS_BICUBIC,
+         {{8, 1, 0}, {2, 6, 0}, {0, 2, 48}}},
+        {"narrow chroma",
+         {AV_PIX_FMT_YUV420P, 16, 8},
+         {AV_PIX_FMT_YUV410P, 8, 8},
+         SWS_FAST_BILINEAR,
+         {{0, 8, 8}}},
+    };
+    for (const auto& [what, from, to, flags, slices] : cases) {
+        SCOPED_TRACE(what);
         const LocalFrame references;
-        const Format from{AV_PIX_FMT_YUV420P, width, 16}, half{AV_PIX_FMT_YUV420P, width, 8},
-            to{AV_PIX_FMT_RGB565, width, 16};
         Bytes picture = noise(from.size());
-        const Bytes expected = scaledDirectly(from, picture, to);
-        const Context context(from, to);
+        if (from.pixels() ==
+            AV_PIX_FMT_YUV422P) // the rows of a pair are given the same chroma, wherever it begins
+            std::fill(picture.begin() + from.width * from.height, picture.end(), uint8_t{77});
+        const Context context(from, to, flags);
         jbyteArray target = javaArray(to.size());
         const FrameOwner frame = frameOver(from, picture);
-        for (int row = 0; row < 16; row += 8) {
-            const uint8_t* planes[] = {frame->data[0] + row * width,
-                                       frame->data[1] + row / 2 * frame->linesize[1],
-                                       frame->data[2] + row / 2 * frame->linesize[2], nullptr};
-            Bytes slice(static_cast<size_t>(half.size()));
-            av_image_copy_to_buffer(slice.data(), half.size(), planes, frame->linesize, half.pixels(), width,
-                                    8, 1);
-            scaleArray(context.address, javaArray(slice), half, row, 8, target, to);
+        const int shift = av_pix_fmt_desc_get(from.pixels())->log2_chroma_h;
+        for (const auto& [row, rows, result] : slices) {
+            const Format part{from.number, from.width, rows};
+            const uint8_t* planes[4] = {};
+            for (int plane = 0; plane < 4 && frame->data[plane]; ++plane)
+                planes[plane] = frame->data[plane] + (plane ? row >> shift : row) * frame->linesize[plane];
+            Bytes slice(static_cast<size_t>(part.size()));
+            av_image_copy_to_buffer(slice.data(), part.size(), planes, frame->linesize, part.pixels(),
+                                    part.width, rows, 1);
+            EXPECT_EQ(scaleArray(context.address, javaArray(slice), part, row, rows, target, to), result)
+                << row;
         }
-        EXPECT_TRUE(bytesOf(target) == expected);
+        const int ordinary = flags == SWS_FAST_BILINEAR && to.width == 8 ? SWS_BILINEAR : flags;
+        picture.resize(static_cast<size_t>(from.size()));
+        EXPECT_TRUE(bytesOf(target) == scaledDirectly(from, picture, to, ordinary));
+        EXPECT_EQ(takeException(), "");
+    }
+}
+
+// Sinc leaves what libswscale's tables have room for; that lay beside them ended the process.
+TEST(Primitives, SharpPicturesStayWithinTheTables) {
+    const LocalFrame references;
+    const int flags = SWS_SINC | SWS_ACCURATE_RND;
+    const Format from{AV_PIX_FMT_YUV420P9LE, 32, 60}, yuv{AV_PIX_FMT_YUV422P, 32, 60},
+        to{AV_PIX_FMT_RGBA, 32, 60};
+    const Context context(from, to, flags);
+    jbyteArray target = javaArray(to.size());
+    for (const int brightest : {255, 1}) {
+        Bytes picture = noise(from.size());
+        for (size_t i = 0; brightest == 1 && i < picture.size(); ++i)
+            picture[i] = i % 2 ? 0 : static_cast<uint8_t>(160 + picture[i] % 32);
+        EXPECT_EQ(scaleArray(context.address, javaArray(picture), from, 0, 60, target, to), 60);
+        EXPECT_TRUE(bytesOf(target) ==
+                    (brightest == 1
+                         ? scaledDirectly(from, picture, to, flags)
+                         : scaledDirectly(yuv, scaledDirectly(from, picture, yuv, flags), to, flags)))
+            << brightest;
     }
 }
 
@@ -282,29 +394,38 @@ TEST(Primitives, RefusesWhatDoesNotFit) {
     const Format small{AV_PIX_FMT_YUV420P, 6, 6};
     EXPECT_EQ(scaleArray(context.address, javaArray(small.size()), small, 0, 16, javaArray(to.size()), to),
               8);
-    const std::pair<int, int> noSlices[] = {{8, 9}, {-2, 16}, {0, -2}, {INT_MAX, 2}, {2, INT_MAX}};
-    for (const auto& [row, rows] : noSlices) {
-        EXPECT_LT(scaleFrame(context.address, frame.get(), row, rows, target, to), 0) << row << " " << rows;
-        EXPECT_LT(scaleArray(context.address, source, from, row, rows, target, to), 0) << row << " " << rows;
-    }
-    const auto begin = [&](int rows) {
-        return scaleFrame(context.address, frame.get(), 0, rows, target, to);
-    };
-    const struct {
+    struct Part {
         int row, rows, result;
-    } behindSixRows[] = {{4, 4, -1}, {8, 8, -1}, {0, 16, 8}, {6, 10, 6}};
+    };
+    const Part outside[] = {{8, 9, AVERROR(EINVAL)},
+                            {-2, 16, AVERROR(EINVAL)},
+                            {0, -2, AVERROR(EINVAL)},
+                            {INT_MAX, 2, AVERROR(EINVAL)},
+                            {2, INT_MAX, AVERROR(EINVAL)},
+                            {3, 3, AVERROR(EINVAL)},
+                            {4, 3, AVERROR(EINVAL)},
+                            {4, 0, 0},
+                            {4, 4, 0}};
+    for (const auto& [row, rows, result] : outside) {
+        EXPECT_EQ(scaleFrame(context.address, frame.get(), row, rows, target, to), result)
+            << row << " " << rows;
+        EXPECT_EQ(scaleArray(context.address, source, from, row, rows, target, to), result)
+            << row << " " << rows;
+    }
+    const auto behindSixRows =
+        std::to_array<Part>({{4, 4, -1}, {8, 8, -1}, {6, 0, 0}, {0, 16, 8}, {0, 6, 2}, {6, 10, 6}});
     for (const auto& [row, rows, result] : behindSixRows) {
-        begin(6);
+        EXPECT_EQ(scaleFrame(context.address, frame.get(), 0, 6, target, to), 2);
         EXPECT_EQ(scaleFrame(context.address, frame.get(), row, rows, target, to), result) << row;
     }
-    begin(3);
-    EXPECT_EQ(scaleFrame(context.address, frame.get(), 3, 3, target, to), -1) << "amid a row of chroma";
-    const Context point(from, to, SWS_POINT);
-    EXPECT_EQ(scaleFrame(point.address, frame.get(), 0, 8, target, to), -1);
-    EXPECT_EQ(scaleFrame(point.address, frame.get(), 0, 16, target, to), 8);
-    const Format bayer{AV_PIX_FMT_BAYER_RGGB8, 16, 16};
-    EXPECT_EQ(scaleArray(Context(bayer, to).address, source, bayer, 0, 8, target, to), -1);
-    EXPECT_EQ(scaleFrame(context.address, frame.get(), 0, 16, target, to), 8) << "and still serves";
+    // A context that was made elsewhere, of whose filters nothing is known, and that is freed there.
+    const std::unique_ptr<SwsContext, decltype(&sws_freeContext)> other(
+        sws_getContext(16, 16, from.pixels(), 32, 8, to.pixels(), SWS_BILINEAR, nullptr, nullptr, nullptr),
+        sws_freeContext);
+    for (const auto& [row, rows, result] : {Part{0, 16, 8}, Part{0, 8, 0}, Part{8, 8, 8}})
+        EXPECT_EQ(scaleFrame(reinterpret_cast<jlong>(other.get()), frame.get(), row, rows, target, to),
+                  result);
+    EXPECT_EQ(*reinterpret_cast<const AVClass**>(other.get()), sws_get_class());
 }
 
 TEST(Primitives, ContextsAreReusedOrReplaced) {

@@ -1,20 +1,15 @@
 #include "com_kelvane_media_Tarnwick.h"
+#include "primitives/Scaler.h"
 
 extern "C" {
 #include <libavcodec/avcodec.h>
 #include <libavutil/imgutils.h>
-#include <libavutil/opt.h>
-#include <libavutil/pixdesc.h>
-#include <libswscale/swscale.h>
 }
 
 #include <algorithm>
-#include <cstddef>
+#include <atomic>
 #include <cstring>
 #include <iterator>
-#include <map>
-#include <mutex>
-#include <new>
 
 // AVPicture and avpicture_fill are deprecated in FFmpeg 4.
 #pragma GCC diagnostic ignored "-Wdeprecated-declarations"
@@ -32,22 +27,40 @@ AVPixelFormat pixelFormat(jint number) {
     return number >= 0 && number < AV_PIX_FMT_NB ? static_cast<AVPixelFormat>(number) : AV_PIX_FMT_NONE;
 }
 
+// The class, which is looked up once: that of an array of a primitive type lives as long as the virtual
+// machine.
+jclass knownClass(JNIEnv* env, std::atomic<jclass>& known, const char* name) {
+    if (jclass found = known.load(std::memory_order_acquire)) return found;
+    jclass local = env->FindClass(name);
+    if (!local) {
+        env->ExceptionClear();
+        return nullptr;
+    }
+    auto found = static_cast<jclass>(env->NewGlobalRef(local));
+    env->DeleteLocalRef(local);
+    jclass earlier = nullptr;
+    if (found && !known.compare_exchange_strong(earlier, found, std::memory_order_acq_rel)) {
+        env->DeleteGlobalRef(found);
+        return earlier;
+    }
+    return found;
+}
+
 // The size of an array of a primitive type; -1 for any other object and for null.
 int64_t bytesOf(JNIEnv* env, jobject array) {
-    constexpr struct {
+    struct ArrayType {
         const char* name;
         int64_t elementSize;
-    } types[] = {{"[B", 1}, {"[I", 4}, {"[S", 2}, {"[J", 8}, {"[C", 2}, {"[F", 4}, {"[D", 8}, {"[Z", 1}};
+        std::atomic<jclass> known;
+    };
+    static ArrayType types[] = {{"[B", 1, {}}, {"[I", 4, {}}, {"[S", 2, {}}, {"[J", 8, {}},
+                                {"[C", 2, {}}, {"[F", 4, {}}, {"[D", 8, {}}, {"[Z", 1, {}}};
     if (!array) return -1;
-    for (const auto& type : types) {
-        jclass arrayClass = env->FindClass(type.name);
-        if (!arrayClass) {
-            env->ExceptionClear();
-            return -1;
-        }
-        const bool matches = env->IsInstanceOf(array, arrayClass);
-        env->DeleteLocalRef(arrayClass);
-        if (matches) return env->GetArrayLength(static_cast<jarray>(array)) * type.elementSize;
+    for (ArrayType& type : types) {
+        jclass arrayClass = knownClass(env, type.known, type.name);
+        if (!arrayClass) return -1;
+        if (env->IsInstanceOf(array, arrayClass))
+            return env->GetArrayLength(static_cast<jarray>(array)) * type.elementSize;
     }
     return -1;
 }
@@ -62,99 +75,62 @@ struct JavaPicture {
     int size() const { return av_image_get_buffer_size(format, width, height, 1); }
 };
 
-int optionOf(SwsContext* context, const char* name) {
-    int64_t value = 0;
-    av_opt_get_int(context, name, 0, &value);
-    return static_cast<int>(value);
-}
-
-// What libswscale goes over: that is its context's to say, whatever picture it is given.
-struct Extent {
-    AVPixelFormat format;
-    int width;
-    int height;
-    int rowBytes[4] = {};
-    int rows[4] = {};
-
-    Extent(AVPixelFormat pixels, int columns, int lines) : format(pixels), width(columns), height(lines) {
-        const AVPixFmtDescriptor* layout = av_pix_fmt_desc_get(format);
-        av_image_fill_linesizes(rowBytes, format, width);
-        for (int plane = 0; plane < 4; ++plane)
-            rows[plane] = AV_CEIL_RSHIFT(height, plane == 1 || plane == 2 ? layout->log2_chroma_h : 0);
-        if (hasPalette()) rowBytes[1] = AVPALETTE_SIZE, rows[1] = 1;
-    }
-    bool hasPalette() const { return format == AV_PIX_FMT_PAL8; }
-    bool isIn(const uint8_t* const* planes) const {
-        for (int plane = 0; plane < 4; ++plane)
-            if (rowBytes[plane] > 0 && !planes[plane]) return false;
-        return true;
-    }
-};
-
-Extent sourceExtent(SwsContext* context, int rows) {
-    return {pixelFormat(optionOf(context, "src_format")), optionOf(context, "srcw"), rows};
-}
-
-Extent targetExtent(SwsContext* context) {
-    return {pixelFormat(optionOf(context, "dst_format")), optionOf(context, "dstw"),
-            optionOf(context, "dsth")};
-}
-
-// A picture in its pinned array, for libswscale: in place where it can be, else the extent in a copy with
-// padding. Of what reaches beyond the array, 0 is read and nothing written.
+// A picture in its pinned array, for libswscale: in place where it can be, else the extent in a padded copy.
+// Of what reaches beyond the array, 0 is read and nothing written.
 class PinnedPicture {
 public:
-    enum Access { read, readFurther, write };
-
-    PinnedPicture(JNIEnv* environment, const JavaPicture& java, int64_t arrayBytes, const Extent& reached,
-                  Access access)
-        : env(environment), array(static_cast<jarray>(java.array)), room(arrayBytes), extent(reached) {
-        bytes = static_cast<uint8_t*>(env->GetPrimitiveArrayCritical(array, nullptr));
+    PinnedPicture(JNIEnv* environment, const JavaPicture& java, int64_t arrayBytes, const Extent& reached)
+        : env(environment), array(static_cast<jarray>(java.array)), room(arrayBytes), extent(reached),
+          bytes(static_cast<uint8_t*>(env->GetPrimitiveArrayCritical(array, nullptr))) {
         if (!bytes) return;
         const int filled = avpicture_fill(&picture, bytes, java.format, java.width, java.height);
         // FFmpeg sees a palette behind the pictures of formats that have a fixed one; nothing uses it.
         if (filled > java.size()) picture.data[1] = nullptr;
-        if (staysWithin(access)) {
-            work = picture;
-        } else if (const int size = av_image_alloc(copy.data, copy.linesize, extent.width, extent.height,
-                                                   extent.format, alignment);
-                   size >= 0) {
-            std::memset(copy.data[0] + size, 0, alignment);
-            load();
-        }
     }
     ~PinnedPicture() {
         if (bytes) env->ReleasePrimitiveArrayCritical(array, bytes, 0);
-        av_freep(&copy.data[0]);
     }
     PinnedPicture(const PinnedPicture&) = delete;
     PinnedPicture& operator=(const PinnedPicture&) = delete;
 
-    // Without planes when the array could not be pinned or there is no memory.
+    // Both return false when the array could not be pinned or there is no memory.
+    bool readyToRead(const Scaler& scaler) {
+        if (!bytes) return false;
+        if (!scaler.keepsToItsRows() || scaler.readsBehindRows() || !staysWithin(read)) return copyPlanes(0);
+        work = picture;
+        return !scaler.readsBehindPlanes() || hasMargin() || copyPlanes(1);
+    }
+    bool readyToWrite(const Scaler& scaler) {
+        if (!bytes) return false;
+        if (!scaler.keepsToItsRows() || !staysWithin(write)) return copyPlanes(0);
+        work = picture;
+        return true;
+    }
     const AVPicture& planes() const { return work; }
 
     // Brings what was written to planes() into the array.
     void store() {
-        if (!copy.data[0]) return;
+        if (!padded) return;
         forEachRow([this](int plane, uint8_t* copied, uint8_t* own, int64_t present) {
             std::memcpy(own, copied, static_cast<size_t>(std::min<int64_t>(extent.rowBytes[plane], present)));
         });
     }
 
 private:
-    static constexpr int alignment = 64; // of the copy's rows, and as many bytes are behind the last one
+    enum Access { read, write };
 
-    // libswscale's vector code reads and writes beyond the rows of a picture, the last one included, and
-    // faults on some unaligned planes. Its work was found to stay within pictures that are aligned like this,
-    // except for the formats whose pixels are no fraction of a vector or do not begin with a colour, and for
-    // the fast bilinear scaler, which reads behind the last pixel of any picture.
+    // libswscale's vector code takes and writes up to 32 bytes or 16 pixels of a row at a time, the last ones
+    // included, and faults on some unaligned planes. So it stays within rows of as many, except of the
+    // formats whose pixels are no fraction of a vector or, as it writes four bytes from the first colour on,
+    // do not begin with one.
     bool staysWithin(Access access) const {
         constexpr int rowAlignment = 32;
+        constexpr int loopPixels = 16;
         constexpr uintptr_t planeAlignment = 16;
         constexpr AVPixelFormat runningOver[] = {AV_PIX_FMT_RGB24, AV_PIX_FMT_BGR24, AV_PIX_FMT_ARGB,
                                                  AV_PIX_FMT_ABGR,  AV_PIX_FMT_0RGB,  AV_PIX_FMT_0BGR};
-        if (access == readFurther || std::ranges::find(runningOver, extent.format) != std::end(runningOver))
-            return false;
+        if (extent.width % loopPixels != 0) return false;
+        if (std::ranges::find(runningOver, extent.format) != std::end(runningOver)) return false;
         for (int plane = 0; plane < 4; ++plane) {
             const int rowBytes = extent.rowBytes[plane];
             if (rowBytes == 0) continue;
@@ -174,40 +150,56 @@ private:
     template <class Visitor>
     void forEachRow(const Visitor& visit) const {
         for (int plane = 0; plane < 4; ++plane) {
-            if (!picture.data[plane] || !copy.data[plane]) continue;
+            if (!picture.data[plane] || !padded.planes[plane]) continue;
             uint8_t* own = picture.data[plane];
-            uint8_t* copied = copy.data[plane];
+            uint8_t* copied = padded.planes[plane];
             for (int row = 0; row < extent.rows[plane]; ++row) {
                 visit(plane, copied, own, std::max<int64_t>(0, bytes + room - own));
                 own += picture.linesize[plane];
-                copied += copy.linesize[plane];
+                copied += padded.strides[plane];
             }
         }
     }
 
-    // The chroma of an odd last column takes in the pixel behind the row. As in the array itself, that is the
-    // next row's first.
-    void load() {
-        forEachRow([this](int plane, uint8_t* copied, uint8_t* own, int64_t present) {
-            const int length = std::max(extent.rowBytes[plane], copy.linesize[plane]);
+    bool hasMargin() const {
+        for (int plane = 0; plane < 4; ++plane)
+            if (extent.rowBytes[plane] > 0 && picture.data[plane] - bytes +
+                                                      int64_t{extent.rows[plane]} * picture.linesize[plane] +
+                                                      PaddedPicture::marginBytes >
+                                                  room)
+                return false;
+        return true;
+    }
+
+    // The planes from `first` on: libswscale takes the strides of U and V for the same.
+    bool copyPlanes(int first) {
+        Extent copied = extent;
+        std::fill_n(copied.rowBytes, first, 0);
+        if (!padded.make(copied, PaddedPicture::undefined)) return false;
+        // The chroma of an odd last column takes in the pixel behind the row. As in the array itself, that is
+        // the next row's first.
+        forEachRow([this](int plane, uint8_t* copy, uint8_t* own, int64_t present) {
+            const int length = padded.strides[plane];
             const auto taken = static_cast<size_t>(std::min<int64_t>(length, present));
-            std::memcpy(copied, own, taken);
-            std::memset(copied + taken, 0, static_cast<size_t>(length) - taken);
+            std::memcpy(copy, own, taken);
+            std::memset(copy + taken, 0, static_cast<size_t>(length) - taken);
         });
         // libswscale refuses pictures without all the planes, but does not look for the palette.
-        for (int plane = 0; plane < 4; ++plane)
-            if (picture.data[plane] || (plane == 1 && extent.hasPalette()))
-                work.data[plane] = copy.data[plane];
-        std::copy_n(copy.linesize, 4, work.linesize);
+        for (int plane = first; plane < 4; ++plane) {
+            const bool present = picture.data[plane] || (plane == 1 && extent.hasPalette());
+            work.data[plane] = present ? padded.planes[plane] : nullptr;
+            work.linesize[plane] = padded.strides[plane];
+        }
+        return true;
     }
 
     JNIEnv* env;
     jarray array;
     int64_t room; // bytes in the array
     Extent extent;
-    uint8_t* bytes = nullptr;
+    uint8_t* bytes;
     AVPicture picture{}; // in the array
-    AVPicture copy{};
+    PaddedPicture padded;
     AVPicture work{};
 };
 
@@ -218,78 +210,12 @@ int refusal(const JavaPicture& picture, int64_t room) {
     return std::min(size, 0);
 }
 
-bool isWithin(SwsContext* context, int firstRow, int rows) {
-    return firstRow >= 0 && rows >= 0 && rows <= optionOf(context, "srch") - firstRow;
-}
-
-// libswscale ends the process over slices that come out of order or divide a row of chroma, and over scalers
-// and reductions that need more rows at a time than a slice has. With these scalers slices were found to be
-// safe up to this reduction. Bayer contexts hold two others, which libswscale forgets over slices.
-bool canBeSliced(SwsContext* context, int firstRow) {
-    constexpr struct {
-        int scaler;
-        int taps; // in a row or column of a picture that is not reduced
-    } safe[] = {{SWS_BILINEAR, 2}, {SWS_BICUBIC, 4}, {SWS_LANCZOS, 6}, {SWS_GAUSS, 8}, {SWS_SPLINE, 20}};
-    constexpr int64_t mostTaps = 60;
-    constexpr int scalers = SWS_FAST_BILINEAR | SWS_BILINEAR | SWS_BICUBIC | SWS_X | SWS_POINT | SWS_AREA |
-                            SWS_BICUBLIN | SWS_GAUSS | SWS_SINC | SWS_LANCZOS | SWS_SPLINE;
-    const AVPixFmtDescriptor* format = av_pix_fmt_desc_get(pixelFormat(optionOf(context, "src_format")));
-    if (format->flags & AV_PIX_FMT_FLAG_BAYER || firstRow % (1 << format->log2_chroma_h) != 0) return false;
-    return std::ranges::any_of(safe, [context](const auto& it) {
-        return (optionOf(context, "sws_flags") & scalers) == it.scaler &&
-               it.taps * int64_t{optionOf(context, "srcw")} <= mostTaps * optionOf(context, "dstw") &&
-               it.taps * int64_t{optionOf(context, "srch")} <= mostTaps * optionOf(context, "dsth");
-    });
-}
-
-// Where the next slice of each picture begins that was begun and is not complete.
-class Slices {
-public:
-    // False for a slice that libswscale must not be given.
-    bool take(SwsContext* context, int firstRow, int rows) {
-        const int height = optionOf(context, "srch");
-        if (rows < height && !canBeSliced(context, firstRow)) return false;
-        const std::lock_guard lock(mutex);
-        const auto begun = nextRows.find(context);
-        if (firstRow != 0 && (begun == nextRows.end() || begun->second != firstRow)) return false;
-        if (firstRow + rows == height) {
-            if (begun != nextRows.end()) nextRows.erase(begun);
-            return true;
-        }
-        try {
-            nextRows[context] = firstRow + rows;
-        } catch (const std::bad_alloc&) {
-            return false;
-        }
-        return true;
-    }
-    void forget(SwsContext* context) {
-        const std::lock_guard lock(mutex);
-        nextRows.erase(context);
-    }
-
-private:
-    std::mutex mutex;
-    std::map<SwsContext*, int> nextRows;
-};
-
-// Never destroyed: at the end of the process threads may still be scaling.
-Slices& slices() {
-    alignas(Slices) static std::byte memory[sizeof(Slices)];
-    static auto* const made = new (memory) Slices;
-    return *made;
-}
-
-int scale(JNIEnv* env, SwsContext* context, const uint8_t* const* planes, const int* strides, int firstRow,
-          int rows, const JavaPicture& target, int64_t targetRoom) {
-    const Extent extent = targetExtent(context);
-    PinnedPicture pinned(env, target, targetRoom, extent, PinnedPicture::write);
+int scale(JNIEnv* env, Scaler& scaler, const uint8_t* const* planes, const int* strides,
+          const JavaPicture& target, int64_t targetRoom) {
+    PinnedPicture pinned(env, target, targetRoom, scaler.targetExtent());
+    if (!pinned.readyToWrite(scaler)) return -1;
     const AVPicture& picture = pinned.planes();
-    if (!picture.data[0]) return -1;
-    // As libswscale says of planes that are missing; it does not look for palettes.
-    if (!sourceExtent(context, 1).isIn(planes) || !extent.isIn(picture.data)) return 0;
-    if (!slices().take(context, firstRow, rows)) return -1;
-    const int written = sws_scale(context, planes, strides, firstRow, rows, picture.data, picture.linesize);
+    const int written = scaler.scale(planes, strides, picture.data, picture.linesize);
     pinned.store();
     return written;
 }
@@ -377,53 +303,44 @@ JNIEXPORT jlong JNICALL Java_com_kelvane_media_Tarnwick_sws_1getCachedContext(JN
                                                                               jint srcH, jint srcFormat,
                                                                               jint dstW, jint dstH,
                                                                               jint dstFormat, jint flags) {
-    auto* context = at<SwsContext>(contextAddress);
-    const auto source = pixelFormat(srcFormat);
-    const auto target = pixelFormat(dstFormat);
-    // libswscale does not look whether it is given a format.
-    if (!sws_isSupportedInput(source) || !sws_isSupportedOutput(target)) {
-        slices().forget(context);
-        sws_freeContext(context);
-        return 0;
-    }
-    SwsContext* cached = sws_getCachedContext(context, srcW, srcH, source, dstW, dstH, target, flags, nullptr,
-                                              nullptr, nullptr);
-    if (cached != context) slices().forget(context);
-    return reinterpret_cast<jlong>(cached);
+    return reinterpret_cast<jlong>(Scaler::cached(at<SwsContext>(contextAddress), srcW, srcH,
+                                                  pixelFormat(srcFormat), dstW, dstH, pixelFormat(dstFormat),
+                                                  flags));
 }
 
 JNIEXPORT void JNICALL Java_com_kelvane_media_Tarnwick_sws_1freeContext(JNIEnv*, jclass, jlong context) {
-    slices().forget(at<SwsContext>(context));
-    sws_freeContext(at<SwsContext>(context));
+    Scaler::free(at<SwsContext>(context));
 }
 
 JNIEXPORT jint JNICALL Java_com_kelvane_media_Tarnwick_sws_1scale__JJIILjava_lang_Object_2III(
     JNIEnv* env, jclass, jlong contextAddress, jlong srcFrame, jint srcSliceY, jint srcSliceH, jobject dst,
     jint dstFormat, jint dstW, jint dstH) {
-    auto* context = at<SwsContext>(contextAddress);
     const auto* source = at<const AVFrame>(srcFrame);
-    if (!context || !source || !isWithin(context, srcSliceY, srcSliceH)) return -1;
+    if (contextAddress == 0 || !source) return -1;
     const JavaPicture target{dst, pixelFormat(dstFormat), dstW, dstH};
     const int64_t room = bytesOf(env, dst);
     if (const int refused = refusal(target, room)) return refused;
-    return scale(env, context, source->data, source->linesize, srcSliceY, srcSliceH, target, room);
+    const Scaler::Use scaler = Scaler::of(at<SwsContext>(contextAddress));
+    if (!scaler) return AVERROR(ENOMEM);
+    if (const int answer = scaler->prepare({srcSliceY, srcSliceH}); answer != Scaler::isReady) return answer;
+    return scale(env, *scaler, source->data, source->linesize, target, room);
 }
 
 JNIEXPORT jint JNICALL
 Java_com_kelvane_media_Tarnwick_sws_1scale__JLjava_lang_Object_2IIIIILjava_lang_Object_2III(
     JNIEnv* env, jclass, jlong contextAddress, jobject src, jint srcFormat, jint srcW, jint srcH,
     jint srcSliceY, jint srcSliceH, jobject dst, jint dstFormat, jint dstW, jint dstH) {
-    auto* context = at<SwsContext>(contextAddress);
-    if (!context || !isWithin(context, srcSliceY, srcSliceH)) return -1;
+    if (contextAddress == 0) return -1;
     const JavaPicture source{src, pixelFormat(srcFormat), srcW, srcH};
     const JavaPicture target{dst, pixelFormat(dstFormat), dstW, dstH};
     const int64_t sourceRoom = bytesOf(env, src), targetRoom = bytesOf(env, dst);
     if (const int refused = refusal(source, sourceRoom)) return refused;
     if (const int refused = refusal(target, targetRoom)) return refused;
-    const bool fast = optionOf(context, "sws_flags") & SWS_FAST_BILINEAR;
-    const PinnedPicture pinned(env, source, sourceRoom, sourceExtent(context, std::max(srcSliceH, 1)),
-                               fast ? PinnedPicture::readFurther : PinnedPicture::read);
+    const Scaler::Use scaler = Scaler::of(at<SwsContext>(contextAddress));
+    if (!scaler) return AVERROR(ENOMEM);
+    if (const int answer = scaler->prepare({srcSliceY, srcSliceH}); answer != Scaler::isReady) return answer;
+    PinnedPicture pinned(env, source, sourceRoom, scaler->sourceExtent());
+    if (!pinned.readyToRead(*scaler)) return -1;
     const AVPicture& picture = pinned.planes();
-    if (!picture.data[0]) return -1;
-    return scale(env, context, picture.data, picture.linesize, srcSliceY, srcSliceH, target, targetRoom);
+    return scale(env, *scaler, picture.data, picture.linesize, target, targetRoom);
 }

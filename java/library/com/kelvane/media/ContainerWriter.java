@@ -178,7 +178,7 @@ import java.util.stream.Collectors;
  *                 + "URI=\"sound/index.m3u8\"\n";
  *         for (HlsLadder rung : pictures) {
  *             rung.finish(source.size() * 40L * 90);
- *             master += String.format("#EXT-X-STREAM-INF:BANDWIDTH=900000,RESOLUTION=%s,CODECS=\"%s,%s\",AUDIO=\"sound\"%n"
+ *             master += String.format(Locale.ROOT, "#EXT-X-STREAM-INF:BANDWIDTH=900000,RESOLUTION=%s,CODECS=\"%s,%s\",AUDIO=\"sound\"%n"
  *                     + "%1$s/index.m3u8%n", rung.name, rung.writer.codecs(), sound.writer.codecs());
  *         }
  *         FILES.put("master.m3u8", master.getBytes());

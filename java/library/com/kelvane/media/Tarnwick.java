@@ -39,11 +39,12 @@ package com.kelvane.media;
  * garbage collector for the length of the call.
  *
  * <p>FFmpeg's scaler reads and writes some bytes beyond the rows of many pictures and wants aligned planes. A picture
- * in an array is scaled in place if each of its strides is a multiple of 32 bytes and the virtual machine happens to
- * have aligned the array to 16 bytes, as it does with large ones; otherwise, and for {@code RGB24}, {@code BGR24}, the
- * formats whose alpha or padding comes first and any source of fast bilinear scaling, a padded native copy of it is, at
- * the cost of copying the picture. A native frame is the caller's to pad: give it planes aligned to 64 bytes, strides
- * that are multiples of 64, and 64 bytes behind its last row.
+ * in an array is scaled in place if its width is a multiple of 16, each of its strides is one of 32 bytes, and the
+ * virtual machine happens to have aligned the array to 16 bytes, as it does with large ones. Otherwise a padded native
+ * copy of it is, at the cost of copying the picture; so for {@code RGB24}, {@code BGR24}, the formats whose alpha or
+ * padding comes first, any source of fast bilinear scaling, and slices with an odd number of rows or from bottom to top.
+ * Of a source that is converted at its own size, only the planes of chroma are copied. A native frame is the caller's to pad: give it planes aligned
+ * to 64 bytes, strides that are multiples of 64, and 64 bytes behind its last row.
  *
  * <h2>Pictures</h2>
  *
@@ -208,11 +209,13 @@ public final class Tarnwick {
 
     /**
      * Scales rows of a native frame into a Java array. A whole picture is one call with {@code srcSliceY} 0 and
-     * {@code srcSliceH} its height. The picture may also come in slices on the same context, from top to bottom without
-     * gap or repetition: the frame's planes then begin at the slice's first row. Slices in another order, or that begin
-     * within a row of chroma, are refused, and so are those that libswscale cannot take without a crash: of scalers other
-     * than bilinear, bicubic, Lanczos, Gauss and spline, of reductions stronger than 3 (spline) to 30 times (bilinear), of
-     * Bayer pictures.
+     * {@code srcSliceH} its height. The picture may also come in slices on the same context, from top to bottom or from
+     * bottom to top, without gap or repetition: the frame's planes then begin at the slice's first row, which is the first
+     * one of a row of chroma. A picture that was begun is begun anew from the same end, or given whole.
+     *
+     * <p>The results for its slices add up to the height of {@code context}'s target. A slice may complete no row of it;
+     * where FFmpeg cannot scale in slices, none does but the last: with Bayer pictures, strong reductions, sinc, some
+     * sizes from bottom to top. The first slice given to a context takes some milliseconds more for large pictures.
      *
      * <p>{@code dst} is written as the picture that it is described as. That may be larger than the one of {@code context},
      * which then comes to lie in its upper left corner and leaves the rest alone.
@@ -226,9 +229,11 @@ public final class Tarnwick {
      * @param dstW its width in pixels
      * @param dstH its height in pixels
      * @return the rows written to {@code dst}, the height of {@code context}'s target for a whole picture; 0, nothing being
-     *         written, when a picture lacks planes that {@code context} needs; -1, nothing being written, when {@code dst}
-     *         is null, no array of a primitive type, shorter than its picture or cannot be pinned, or when the slice is
-     *         refused; a negative FFmpeg error code when FFmpeg rejects the format or size of the picture in {@code dst}
+     *         written, for a slice of no rows, for one in the middle of a picture that was not begun, and when a picture
+     *         lacks planes that {@code context} needs; -1, nothing being written, when {@code dst} is null, no array of a
+     *         primitive type, shorter than its picture or cannot be pinned, or when the slice is not the one that follows;
+     *         a negative FFmpeg error code when FFmpeg rejects the format or size of the picture in {@code dst}, when the
+     *         slice does not lie in the picture or divides a row of chroma, or when there is no memory
      */
     public static native int sws_scale(long context, long srcFrame, int srcSliceY, int srcSliceH, Object dst,
             int dstFormat, int dstW, int dstH);
