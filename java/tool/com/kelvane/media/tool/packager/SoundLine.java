@@ -61,6 +61,14 @@ public final class SoundLine {
         next += UNIT;
     }
 
+    /** Begins with silence where the pictures do, unless sound has come before. */
+    public void begin() {
+        if (!begun && silence != null) {
+            begun = true;
+            next = origin;
+        }
+    }
+
     private void begin(long first) {
         long rest = Math.floorMod(first - origin, (long) UNIT);
         long aside = rest > UNIT / 2 ? rest - UNIT : rest;
