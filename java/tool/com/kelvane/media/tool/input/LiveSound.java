@@ -13,7 +13,7 @@ public final class LiveSound implements AutoCloseable {
 
     public LiveSound(AudioTrack track) {
         this.track = track;
-        encoder = track.codec().equals("aac") ? null : new SoundReencoder(track, Double.NaN);
+        encoder = track.codec().equals("aac") ? null : new SoundReencoder(track);
     }
 
     /** The AudioSpecificConfig. */
