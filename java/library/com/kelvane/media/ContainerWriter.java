@@ -100,8 +100,8 @@ import java.util.stream.Collectors;
  *
  * <h2>Memory</h2>
  *
- * <p>Units go through as they are written, and nothing of them is kept but: in MP4 and MOV an index of about 80 bytes a
- * unit until {@link #finish}, some 40 MB for two hours of film with sound; in Matroska into a file 32 bytes for each key picture;
+ * <p>Units go through as they are written, and nothing of them is kept but: in MP4 and MOV an index of about 110 bytes a
+ * unit until {@link #finish}, 60 MB for two hours of film with sound; in Matroska into a file 32 bytes for each key picture;
  * a cluster of Matroska (5 MB or 5 seconds), a page of Ogg or 350 ms of MPEG-TS sound; of a fragment its units, up to 64 MB,
  * beyond which {@code write} throws.
  *

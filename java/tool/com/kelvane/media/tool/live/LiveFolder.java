@@ -5,7 +5,6 @@ import com.kelvane.media.tool.packager.Names;
 import com.kelvane.media.tool.shell.Failure;
 import java.io.Closeable;
 import java.io.IOException;
-import java.io.OutputStream;
 import java.nio.channels.FileChannel;
 import java.nio.channels.OverlappingFileLockException;
 import java.nio.charset.StandardCharsets;
@@ -71,28 +70,6 @@ final class LiveFolder implements Closeable {
         Files.createDirectories(folder);
     }
 
-    /** Opens a file that is to get its name when it is complete. */
-    OutputStream begin(String part) throws IOException {
-        return Files.newOutputStream(root.resolve(part));
-    }
-
-    /** Gives a complete file its name; returns its size. */
-    long finish(String part, String name) throws IOException {
-        Path file = root.resolve(name);
-        Files.move(root.resolve(part), file, StandardCopyOption.ATOMIC_MOVE);
-        own.add(name);
-        return Files.size(file);
-    }
-
-    /** Removes a file that will not be complete. */
-    void discard(String part) {
-        try {
-            Files.deleteIfExists(root.resolve(part));
-        } catch (IOException left) {
-            // The next run removes it.
-        }
-    }
-
     /** Writes a file, in the place of an older one. */
     void write(String name, byte[] contents) throws IOException {
         Path file = root.resolve(name);
@@ -114,10 +91,6 @@ final class LiveFolder implements Closeable {
     void delete(String name) throws IOException {
         own.remove(name);
         Files.deleteIfExists(root.resolve(name));
-    }
-
-    Path path(String name) {
-        return root.resolve(name);
     }
 
     /** The file of a name, if it is one of this ladder's and lies in its directory. */

@@ -64,6 +64,14 @@ public final class SoundLine {
         next += unit;
     }
 
+    /** Begins with silence where the pictures do, unless sound has come before. */
+    public void begin() {
+        if (!begun && silence != null) {
+            begun = true;
+            next = origin;
+        }
+    }
+
     private void begin(long first) {
         long rest = Math.floorMod(first - origin, (long) unit);
         long aside = rest > unit / 2 ? rest - unit : rest;

@@ -3,8 +3,10 @@ package com.kelvane.media.tool.packager;
 import com.kelvane.media.ContainerWriter;
 import com.kelvane.media.Fragment;
 import com.kelvane.media.MediaTrack;
-import java.io.ByteArrayOutputStream;
 import java.io.Closeable;
+import java.nio.ByteBuffer;
+import java.util.ArrayList;
+import java.util.List;
 import java.util.Optional;
 
 /** Makes the segments of one track: of the pictures of a rendition, or of the sound. Each is a CMAF fragment. */
@@ -13,7 +15,8 @@ public final class TrackWriter implements Closeable {
 
     private final ContainerWriter writer;
     private final int timescale;
-    private final ByteArrayOutputStream segment = new ByteArrayOutputStream();
+    private final List<byte[]> fragments = new ArrayList<>(); // of the segment
+    private int size; // of all of them, in bytes
     private long begin; // of the segment, in ticks
     private long taken; // by its fragments that are done
     private int pending; // bytes of units that no fragment holds yet
@@ -52,11 +55,18 @@ public final class TrackWriter implements Closeable {
      */
     public Optional<Segment> cut(long next) {
         endFragment(next);
-        if (segment.size() == 0) {
+        if (size == 0) {
             return Optional.empty();
         }
-        Segment done = new Segment((double) begin / timescale, (double) taken / timescale, segment.toByteArray());
-        segment.reset();
+        byte[] bytes = fragments.get(0); // a copy of it is saved where there is but one
+        if (fragments.size() > 1) {
+            ByteBuffer all = ByteBuffer.allocate(size);
+            fragments.forEach(all::put);
+            bytes = all.array();
+        }
+        Segment done = new Segment((double) begin / timescale, (double) taken / timescale, bytes);
+        fragments.clear();
+        size = 0;
         taken = 0;
         return Optional.of(done);
     }
@@ -65,9 +75,10 @@ public final class TrackWriter implements Closeable {
         pending = 0;
         Fragment fragment = writer.cut(next).orElse(null);
         if (fragment != null) {
-            begin = segment.size() == 0 ? fragment.decodeTime() : begin;
+            begin = size == 0 ? fragment.decodeTime() : begin;
             taken += fragment.duration();
-            segment.writeBytes(fragment.bytes());
+            fragments.add(fragment.bytes());
+            size += fragment.bytes().length;
         }
     }
 
