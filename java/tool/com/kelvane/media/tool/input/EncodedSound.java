@@ -24,11 +24,6 @@ final class EncodedSound implements AacSource {
     }
 
     @Override
-    public int sampleRate() {
-        return encoder.sampleRate();
-    }
-
-    @Override
     public int channels() {
         return encoder.channels();
     }

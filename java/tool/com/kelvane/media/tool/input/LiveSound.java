@@ -27,7 +27,7 @@ public final class LiveSound implements AutoCloseable {
 
     private LiveSound(AudioTrack track) {
         this.track = track;
-        encoder = track.codec().equals("aac") ? null : new SoundReencoder(track, Double.NaN);
+        encoder = track.codec().equals("aac") ? null : new SoundReencoder(track);
     }
 
     /** The AudioSpecificConfig. */
@@ -47,11 +47,6 @@ public final class LiveSound implements AutoCloseable {
                 track.profile().equals("HE-AACv2") ? 1 : track.channels());
     }
 
-    /** In Hz. */
-    public int sampleRate() {
-        return encoder == null ? track.sampleRate() : encoder.sampleRate();
-    }
-
     public int channels() {
         return encoder == null ? track.channels() : encoder.channels();
     }
@@ -63,7 +58,7 @@ public final class LiveSound implements AutoCloseable {
      */
     public List<Unit> add(byte[] packet, double time) {
         if (encoder == null) {
-            return List.of(new Unit(Adts.strip(packet), time));
+            return List.of(new Unit(packet, time));
         }
         encoder.add(packet, time, Double.POSITIVE_INFINITY);
         return encoded();

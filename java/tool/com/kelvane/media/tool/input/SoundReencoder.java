@@ -25,7 +25,12 @@ final class SoundReencoder implements AutoCloseable {
     private long samples;              // that followed
     private long units;
 
-    /** @param origin when the result begins, with silence if need be, in milliseconds; NaN for with the first packet */
+    /** The result begins with the first packet. */
+    SoundReencoder(AudioTrack track) {
+        this(track, Double.NaN);
+    }
+
+    /** @param origin when the result begins, with silence if need be, in milliseconds */
     SoundReencoder(AudioTrack track, double origin) {
         this.origin = origin;
         channels = channels(track);

@@ -91,8 +91,9 @@ public final class Results implements Closeable {
         this.reorderDepth = reorderDepth;
         this.sound = sound;
         nextSound = sound == null ? null : sound.next();
-        MediaTrack heard = nextSound == null ? null : MediaTrack.aac(sound.configuration());
-        line = nextSound == null ? null : new SoundLine(sound.configuration(), heard.timescale(), 0);
+        MediaTrack heard = nextSound == null ? null : soundTrack();
+        nextSound = heard == null ? null : nextSound;
+        line = heard == null ? null : new SoundLine(sound.configuration(), heard.timescale(), 0);
         this.ladder = ladder;
         try {
             for (int i = 0; i < outputs.size(); i++) {
@@ -126,6 +127,16 @@ public final class Results implements Closeable {
         }
         if (ladder != null) {
             ladder.addRendition(output.size(), pictures);
+        }
+    }
+
+    /** Null for AAC of a kind that containers cannot be told of. */
+    private MediaTrack soundTrack() {
+        try {
+            return MediaTrack.aac(sound.configuration());
+        } catch (IllegalArgumentException unusual) {
+            Summary.line("sound: left out, for %s", unusual.getMessage());
+            return null;
         }
     }
 
