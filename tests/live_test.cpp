@@ -77,7 +77,7 @@ TEST_F(InstalledTool, GoesOnThroughWhatALiveSourceDoes) {
     const int port = std::stoi(page[1]);
     fs::create_symlink(path("in.h264"), path("out/320x180/99.m4s"));
     const std::string home = "Host: localhost\r\n", elsewhere = "Host: elsewhere.example\r\n";
-    const std::string open = "\r\nAccess-Control-Allow-Origin: *\r\n";
+    const std::string open = "\r\nAccess-control-allow-origin: *\r\n";
     const std::string tag =
         entries(request(port, "HEAD /320x180/0.m4s"), "Etag: ").at(0); // with its carriage return
     struct Case {
@@ -104,7 +104,7 @@ TEST_F(InstalledTool, GoesOnThroughWhatALiveSourceDoes) {
         EXPECT_TRUE(answer.starts_with("HTTP/1.1 " + status)) << line << answer.substr(0, 300);
         EXPECT_NE(answer.find(part), std::string::npos) << line << answer.substr(0, 300);
         if (line.ends_with("live.json")) {
-            EXPECT_EQ(answer.find("Access-Control-Allow-Origin"), std::string::npos);
+            EXPECT_EQ(answer.find("llow-origin"), std::string::npos);
         }
     }
     kill(child, SIGINT);
