@@ -22,8 +22,6 @@ public interface AacSource extends Closeable {
     /** The AudioSpecificConfig. */
     byte[] configuration();
 
-    int sampleRate();
-
     int channels();
 
     /** The next access unit; null at the end. */

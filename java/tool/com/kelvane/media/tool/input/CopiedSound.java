@@ -27,11 +27,6 @@ final class CopiedSound implements AacSource {
     }
 
     @Override
-    public int sampleRate() {
-        return track.sampleRate();
-    }
-
-    @Override
     public int channels() {
         return track.channels();
     }

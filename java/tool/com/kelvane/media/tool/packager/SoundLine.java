@@ -8,9 +8,9 @@ import java.io.ByteArrayOutputStream;
  * unit's length or longer there are units of silence. Times that containers have rounded, or encoders made uneven, become even.
  */
 public final class SoundLine {
-    /** Samples of a unit. */
+    /** Samples of a unit, as a rule. */
     public static final int UNIT = 1024;
-    private static final double SMALLEST_HOLE = 0.75 * UNIT; // a unit's time differs by less for other reasons
+    private static final double SMALLEST_HOLE = 0.75; // of a unit, whose time differs by less for other reasons
     private static final double ROUNDING = 0.002;            // seconds
     private static final int[][] ELEMENTS = {{}, {0}, {1}, {0, 1}, {0, 1, 0}, {0, 1, 1}, {0, 1, 1, 3}, {0, 1, 1, 1, 3}};
     private static final int PAIR = 1;
@@ -25,6 +25,7 @@ public final class SoundLine {
     private final int timescale;
     private final long origin;
     private final byte[] silence;
+    private final int unit; // samples
     private boolean begun;
     private long next;
     private int filled;
@@ -39,6 +40,7 @@ public final class SoundLine {
         this.timescale = timescale;
         this.origin = ticks(origin);
         silence = silence(configuration);
+        unit = hasFewerSamples(configuration) ? UNIT * 15 / 16 : UNIT;
     }
 
     private long ticks(double milliseconds) {
@@ -46,19 +48,20 @@ public final class SoundLine {
     }
 
     /** Adds a unit; its time in milliseconds. */
-    public <E extends Exception> void add(byte[] unit, double time, Sink<E> sink) throws E {
+    public <E extends Exception> void add(byte[] bytes, double time, Sink<E> sink) throws E {
         long at = ticks(time);
         if (!begun) {
             begin(at);
         }
-        long step = Math.abs(at - next) < SMALLEST_HOLE ? 0 : Math.round((double) (at - next) / UNIT);
+        double away = (double) (at - next) / unit;
+        long step = Math.abs(away) < SMALLEST_HOLE ? 0 : Math.round(away);
         if (step < 0) {
             leftOut++; // it overlaps those before
             return;
         }
         fill(step, sink);
-        sink.write(unit, next);
-        next += UNIT;
+        sink.write(bytes, next);
+        next += unit;
     }
 
     /** Begins with silence where the pictures do, unless sound has come before. */
@@ -70,11 +73,11 @@ public final class SoundLine {
     }
 
     private void begin(long first) {
-        long rest = Math.floorMod(first - origin, (long) UNIT);
-        long aside = rest > UNIT / 2 ? rest - UNIT : rest;
+        long rest = Math.floorMod(first - origin, (long) unit);
+        long aside = rest > unit / 2 ? rest - unit : rest;
         long even = Math.abs(aside) <= ROUNDING * timescale ? first - aside : first;
         begun = true;
-        next = even > origin && silence != null ? origin + Math.floorMod(even - origin, (long) UNIT) : even;
+        next = even > origin && silence != null ? origin + Math.floorMod(even - origin, (long) unit) : even;
     }
 
     private <E extends Exception> void fill(long units, Sink<E> sink) throws E {
@@ -83,14 +86,14 @@ public final class SoundLine {
                 sink.write(silence, next);
                 filled++;
             }
-            next += UNIT;
+            next += unit;
         }
     }
 
     /** Adds silence up to a time, in milliseconds, if any sound has come. */
     public <E extends Exception> void fill(double until, Sink<E> sink) throws E {
         if (begun && silence != null) {
-            fill(Math.round((double) (ticks(until) - next) / UNIT), sink);
+            fill(Math.round((double) (ticks(until) - next) / unit), sink);
         }
     }
 
@@ -118,9 +121,8 @@ public final class SoundLine {
         int type = configuration.length < 2 ? 0 : (configuration[0] & 0xff) >> 3;
         int rate = configuration.length < 2 ? 15 : (configuration[0] & 7) << 1 | (configuration[1] & 0xff) >> 7;
         int layout = configuration.length < 2 ? 0 : configuration[1] >> 3 & 15;
-        boolean shortUnits = configuration.length >= 2 && (configuration[1] & 4) != 0; // 960 samples
         boolean usual = type == 1 || type == 2 || type == 4 || type == 5 || type == 29; // those with AAC's own syntax
-        if (!usual || rate == 15 || shortUnits && type < 5 || layout == 0 || layout >= ELEMENTS.length) {
+        if (!usual || rate == 15 || layout == 0 || layout >= ELEMENTS.length) {
             return null;
         }
         StringBuilder bits = new StringBuilder();
@@ -135,6 +137,13 @@ public final class SoundLine {
             bytes.write(Integer.parseInt(eight, 2));
         }
         return bytes.toByteArray();
+    }
+
+    /** Whether units have 960 samples, as in digital radio. */
+    private static boolean hasFewerSamples(byte[] configuration) {
+        int type = configuration.length < 2 ? 0 : (configuration[0] & 0xff) >> 3;
+        int bit = type == 5 || type == 29 ? 22 : 13; // behind the rate and kind of band replication
+        return type > 0 && type < 31 && configuration.length > bit / 8 && (configuration[bit / 8] >> 7 - bit % 8 & 1) == 1;
     }
 
     private static String binary(int value, int digits) {
