@@ -16,9 +16,11 @@ class Exceptions : public WithOpenH264 {};
 
 // Every call that may throw does, in a life of its own of every engine; the next life is as ever.
 TEST_F(Exceptions, OfLibrariesStayInTheEngine) {
+    int lives = 0;
     std::map<std::string, int> encodes; // lives of each kind with an exception in FFmpeg's encoder
     for (const SubjectKind& kind : subjectKinds()) {
-        if (std::string(kind.name) == "primitives") continue;
+        // These call nothing that has C++ behind it.
+        if (std::string(kind.name) == "primitives" || std::string(kind.name) == "muxer") continue;
         Script script = seedOf(kind, kind.seeds[0]);
         if (script.calls.size() > 6) script.calls.resize(6);
         std::vector<uint64_t> expected;
@@ -29,6 +31,7 @@ TEST_F(Exceptions, OfLibrariesStayInTheEngine) {
             calls = none.calls();
         });
         EXPECT_GE(calls, 1) << kind.name;
+        lives += calls;
         for (int throwAt = 1; throwAt <= calls; ++throwAt) {
             SCOPED_TRACE(std::string(kind.name) + ", call " + std::to_string(throwAt));
             const std::string printed = printedBy([&] {
@@ -40,8 +43,9 @@ TEST_F(Exceptions, OfLibrariesStayInTheEngine) {
             printedBy([&] { EXPECT_EQ(live(kind, script), expected); });
         }
     }
-    for (const auto& [kind, lives] : encodes)
-        EXPECT_EQ(lives > 0, kind == "ffmpeg-h264" || kind == "pipeline") << kind;
+    std::printf("%d lives with an exception in each\n", lives);
+    for (const auto& [kind, number] : encodes)
+        EXPECT_EQ(number > 0, kind == "ffmpeg-h264" || kind == "pipeline") << kind;
 }
 
 // FFmpeg's decoder cannot be used after an exception has gone through it.

@@ -89,6 +89,8 @@ TEST(FFmpegEncoder, LimitsItsParametersAndFillsItsArrays) {
         const auto size = static_cast<ptrdiff_t>(reinterpret_cast<VideoEncoder*>(handle)->encodedSize);
         EXPECT_EQ(bytesOf(info),
                   (Bytes{1, 0, 0, static_cast<uint8_t>(size >> 8), static_cast<uint8_t>(size), 1, 0, 0xEE}));
+        EXPECT_EQ(OpenH264Encoder(encode)(env, nullptr, nullptr, info, handle), 0);
+        EXPECT_EQ(OpenH264Encoder(encode)(env, nullptr, javaArray(picture), nullptr, handle), 0);
         const Bytes encoded = bytesOf(data);
         EXPECT_EQ(Bytes(encoded.begin(), encoded.begin() + 4), (Bytes{0, 0, 0, 1}));
         EXPECT_TRUE(std::equal(encoded.begin() + size, encoded.end(), picture.begin() + size));

@@ -1,3 +1,11 @@
+#include "com_kelvane_media_transform_codec_AACEncoder.h"
+#include "com_kelvane_media_transform_codec_AVCDecoder.h"
+#include "com_kelvane_media_transform_codec_AVCEncoder.h"
+#include "com_kelvane_media_transform_codec_MPADecoder.h"
+#include "com_kelvane_media_transform_codec_NOpusDecoder.h"
+#include "com_kelvane_media_transform_codec_NOpusEncoder.h"
+#include "com_kelvane_media_transform_codec_OpenH264Encoder.h"
+#include "fuzz/FakeJava.h"
 #include "fuzz/Subjects.h"
 #include "support/Media.h"
 #include "support/Output.h"
@@ -18,6 +26,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <map>
+#include <stdexcept>
 #include <thread>
 
 namespace {
@@ -391,10 +400,60 @@ void liveFailing(AllocationRecord& record, const SubjectKind& kind, const Script
 } // namespace
 
 // Run apart from the others, with the counting allocation functions preloaded.
-TEST(Allocation, EachOneMayFail) {
+AllocationRecord& preloaded() {
     const auto find = reinterpret_cast<AllocationRecord* (*)()>(dlsym(RTLD_DEFAULT, "allocationRecord"));
-    ASSERT_TRUE(find) << "LD_PRELOAD must name the library failing_malloc";
-    AllocationRecord& record = *find();
+    if (!find) throw std::runtime_error("LD_PRELOAD must name the library failing_malloc");
+    return *find();
+}
+
+// The first allocation of a native method that opens is the engine's, of one that takes an array that
+// array's.
+TEST(Allocation, NativeMethodsAnswerWithoutMemory) {
+#define NATIVE(type, method) Java_com_kelvane_media_transform_codec_##type##_##method
+#define ENGINE(type, withoutEngine, method, settings, arguments)                                             \
+    {                                                                                                        \
+#type, [](JNIEnv* env) { return NATIVE(type, open) settings; }, withoutEngine,                       \
+            [](JNIEnv* env, jbyteArray array, jlong handle) { return NATIVE(type, method) arguments; },      \
+            NATIVE(type, close)       \
+    }
+    const struct {
+        const char* name;
+        jlong (*open)(JNIEnv*);
+        jlong withoutEngine;
+        jint (*give)(JNIEnv*, jbyteArray, jlong);
+        void (*close)(JNIEnv*, jclass, jlong);
+    } engines[] = {
+        ENGINE(AACEncoder, -1, encode, (env, nullptr, 2, 48000), (env, nullptr, array, array, array, handle)),
+        ENGINE(MPADecoder, 0, decode, (env, nullptr), (env, nullptr, array, array, array, handle)),
+        ENGINE(NOpusDecoder, 0, decode, (env, nullptr, 2, 0), (env, nullptr, array, array, handle)),
+        ENGINE(NOpusEncoder, 0, encode, (env, nullptr, 2, 64000, 20), (env, nullptr, array, array, handle)),
+        ENGINE(AVCDecoder, -1, decode, (env, nullptr), (env, nullptr, array, array, array, handle)),
+        ENGINE(OpenH264Encoder, -1, encode, (env, nullptr, 64, 48, 25, 1, 0),
+               (env, nullptr, array, array, handle)),
+        ENGINE(AVCEncoder, 0, encode, (env, nullptr, 64, 48, 25, 50, 100'000),
+               (env, nullptr, array, array, handle)),
+    };
+    AllocationRecord& record = preloaded();
+    quietly([&] {
+        FakeObject array{"[B", 1, Bytes(100'000)};
+        for (const auto& engine : engines) {
+            SCOPED_TRACE(engine.name);
+            const jlong handle = engine.open(fakeJava());
+            EXPECT_GT(handle, 0);
+            record = {true, 0, 1, 0, {}};
+            const jlong opened = engine.open(fakeJava());
+            record = {true, 0, 1, 0, {}};
+            const jint given = engine.give(fakeJava(), reinterpret_cast<jbyteArray>(&array), handle);
+            record = {};
+            EXPECT_EQ(opened, engine.withoutEngine);
+            EXPECT_EQ(given, 0);
+            engine.close(fakeJava(), nullptr, handle);
+        }
+    });
+}
+
+TEST(Allocation, EachOneMayFail) {
+    AllocationRecord& record = preloaded();
     outcome = static_cast<Outcome*>(
         mmap(nullptr, sizeof(Outcome), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
     constexpr long most = 2000;

@@ -374,6 +374,31 @@ TEST_F(Transcoder, ListenersMayThrowLackTheMethodOrChange) {
     });
 }
 
+// No buffer for an access unit is an exception of the caller's, and a null buffer for the listener.
+TEST_F(Transcoder, CallsBackWithoutMemoryForABuffer) {
+    Listener listener;
+    JNIEnv* env = javaEnv();
+    const JNINativeInterface_* const functions = env->functions;
+    JNINativeInterface_ without = *functions;
+    without.NewDirectByteBuffer = [](JNIEnv* caller, void*, jlong) -> jobject {
+        caller->ThrowNew(caller->FindClass("java/lang/OutOfMemoryError"), "for the test");
+        return nullptr;
+    };
+    printedBy([&] {
+        JavaTranscoder transcoder(2);
+        for (const int id : {1, 2})
+            transcoder.addRendition(id, 96, 80);
+        transcoder.start();
+        env->functions = &without;
+        EXPECT_EQ(transcoder.write(listener.object(), 0, units[0]), 1);
+        env->functions = functions;
+    });
+    EXPECT_EQ(takeException(), "java.lang.OutOfMemoryError");
+    const std::vector<Listener::Call> calls = listener.take();
+    EXPECT_EQ(calls.size(), 2u);
+    EXPECT_TRUE(std::ranges::none_of(calls, &Listener::Call::hasData));
+}
+
 TEST(EngineRendition, FollowsThePicturesSizeAndFreesWhatItMade) {
     printedBy([] {
         CoderOut output;

@@ -29,6 +29,9 @@ public:
 
     ArrayCopy copyIn(jbyteArray array) const;
 
+    // A part of an array to memory that has room for it. False when the array does not have that part.
+    bool copyIn(jbyteArray array, void* bytes, jsize from, jsize size) const;
+
     // An array that ends before `at + size` stays untouched, and Java sees an ArrayIndexOutOfBoundsException.
     void copyOut(jbyteArray array, const void* bytes, jsize size, jsize at = 0);
 
@@ -70,6 +73,17 @@ private:
     JavaCall& java;
     jstring string;
     const char* characters;
+};
+
+// A Java string as a path of the file system, in UTF-8 itself; null when there is no memory for it.
+class JavaPath {
+public:
+    JavaPath(JavaCall& call, jstring javaString);
+
+    const char* get() const { return reinterpret_cast<const char*>(path.get()); }
+
+private:
+    MallocBuffer path;
 };
 
 // Writes `number` most significant byte first, as the info arrays carry numbers.

@@ -7,6 +7,7 @@
 
 extern "C" {
 #include <libavcodec/avcodec.h>
+#include <libavformat/avformat.h>
 #include <libavutil/buffer.h>
 #include <libavutil/frame.h>
 #include <libavutil/mem.h>
@@ -69,6 +70,31 @@ struct ImageFrameDeleter {
     }
 };
 using ImageFrameOwner = std::unique_ptr<AVFrame, ImageFrameDeleter>;
+
+struct PacketDeleter {
+    void operator()(AVPacket* packet) const { av_packet_free(&packet); }
+};
+using PacketOwner = std::unique_ptr<AVPacket, PacketDeleter>;
+
+struct FilterDeleter {
+    void operator()(AVBSFContext* filter) const { av_bsf_free(&filter); }
+};
+using FilterOwner = std::unique_ptr<AVBSFContext, FilterDeleter>;
+
+// One over callbacks of ours; FFmpeg may have put another buffer in the place of the first.
+struct StreamDeleter {
+    void operator()(AVIOContext* stream) const {
+        av_freep(&stream->buffer);
+        avio_context_free(&stream);
+    }
+};
+using StreamOwner = std::unique_ptr<AVIOContext, StreamDeleter>;
+
+// A format whose stream is owned apart from it, and lives longer.
+struct FormatDeleter {
+    void operator()(AVFormatContext* format) const { avformat_free_context(format); }
+};
+using FormatOwner = std::unique_ptr<AVFormatContext, FormatDeleter>;
 
 struct ScalerDeleter {
     void operator()(SwsContext* scaler) const { sws_freeContext(scaler); }

@@ -8,6 +8,7 @@
 #include "bridge/Registries.h"
 #include "com_kelvane_media_Tarnwick.h"
 #include "com_kelvane_media_transform_codec_AVCProcessor.h"
+#include "container/Muxer.h"
 #include "fuzz/FakeJava.h"
 #include "modules/recording_module.h"
 #include "processor/AVCProcessor.h"
@@ -283,6 +284,98 @@ public:
     }
 };
 
+// Pictures and sound, the same bytes in both, into a container, a fragment cut now and then.
+class MuxerSubject final : public Subject {
+public:
+    void open(const Script& script) override {
+        struct Kind {
+            const char* name;
+            int options;
+            bool pictures;
+            Muxer::Codec sound;
+        };
+        using enum Muxer::Codec;
+        constexpr Kind kinds[] = {
+            {"mp4", Muxer::fragmented, true, aac},
+            {"mp4", Muxer::seekable, true, opus},
+            {"mp4", Muxer::seekable | Muxer::fastStart, true, aac},
+            {"mpegts", 0, true, aac},
+            {"flv", 0, true, mp3},
+            {"matroska", Muxer::seekable, true, opus},
+            {"mov", Muxer::seekable, true, pcm},
+            {"ogg", 0, false, opus},
+            {"adts", 0, false, aac},
+            {"wav", 0, false, pcm},
+            {"mpegts", Muxer::seekable, true, opus},
+            {"matroska", 0, true, mp3},
+            {"mp4", Muxer::fragmented, true, mp3},
+        };
+        constexpr uint8_t sets[] = {0,    0,    0, 1, 0x67, 0x42, 0xC0, 0x0B, 0xDA, 0x0B,
+                                    0x13, 0x90, 0, 0, 0,    1,    0x68, 0xCE, 0x3C, 0x80};
+        const Choices& choices = script.choices;
+        const Kind& kind = kinds[choices[0] % std::size(kinds)];
+        oddTimes = choices[1];
+        untold = choices[2] & 1;
+        unfinished = choices[2] & 2;
+        if (!engine.open(kind.name, kind.options)) return;
+        PictureFormat format{.width = 176, .height = 144};
+        if (choices[2] & 4) format.pixelWidth = 64, format.pixelHeight = 45, format.primaries = 1;
+        if (choices[2] & 8) format.rotation = 90;
+        // Whatever comes first stands for the parameter sets when so chosen.
+        const bool told = choices[2] & 16 && !script.calls.empty();
+        if (kind.pictures)
+            engine.addPictures(format, choices[3] & 4 ? 1000 : 90'000,
+                               told ? std::span<const uint8_t>(script.calls[0]) : sets);
+        constexpr uint8_t lowComplexity[] = {0x11, 0x90};
+        engine.addSound(kind.sound, kind.sound == opus ? 48'000 : 44'100, 2, 312,
+                        kind.sound == aac ? std::span<const uint8_t>(lowComplexity)
+                                          : std::span<const uint8_t>());
+        engine.begin(1);
+        taken();
+    }
+    uint64_t give(const Bytes& bytes, uint32_t time) override {
+        constexpr int64_t odd[] = {0,      -1, 1, INT64_MIN, INT64_MAX, int64_t{1} << 31, -(int64_t{1} << 40),
+                                   -90'000};
+        uint64_t accepted = 0;
+        for (int track = 0; track < 2; ++track) {
+            MuxedUnit unit;
+            unit.packet.reset(av_packet_alloc());
+            if (!unit.packet || av_new_packet(unit.packet.get(), sizeOf(bytes)) < 0) return 0;
+            std::copy(bytes.begin(), bytes.end(), unit.packet->data);
+            const uint8_t some = bytes.empty() ? uint8_t{0} : bytes[bytes.size() / 2];
+            const auto sum = [](int64_t a, int64_t b) {
+                return static_cast<int64_t>(uint64_t(a) + uint64_t(b));
+            };
+            unit.decodingTime = sum(3600ll * time, oddTimes ? odd[some % 8] / (1 + (some >> 3) % 3) : 0);
+            unit.presentationTime = sum(unit.decodingTime, oddTimes && some > 200 ? odd[some % 7] : 0);
+            unit.duration = untold ? 0 : oddTimes && some > 240 ? odd[some % 8] : 3600;
+            unit.key = time % 8 == 0;
+            if (engine.write(track, std::move(unit)) >= 0) accepted = 1;
+        }
+        if (time % 8 == 7) engine.cut(oddTimes ? odd[time / 8 % 8] : INT64_MIN);
+        return taken() + accepted;
+    }
+    void close() override {
+        if (!unfinished) engine.finish();
+        taken();
+        engine.close();
+    }
+
+private:
+    uint64_t taken() {
+        uint64_t hash = 0;
+        while (const Muxer::Piece* piece = engine.next()) {
+            hash +=
+                piece->moves ? static_cast<uint64_t>(piece->size) : hashOf(engine.nextBytes(), piece->size);
+            engine.take();
+        }
+        return hash;
+    }
+
+    Muxer engine;
+    bool oddTimes = false, untold = false, unfinished = false;
+};
+
 // Numbers out of the input, the awkward ones often.
 class Numbers {
 public:
@@ -467,6 +560,7 @@ const std::vector<SubjectKind>& subjectKinds() {
         {"aac", make<AacSubject>, packets, {"stereo.m4a", "mono.m4a"}, false},
         {"mp3", make<Mp3Subject>, packets, {"stereo.mp3", "mono.mp3"}, false},
         {"opus", make<OpusSubject>, packets, {"fec.opus"}, false},
+        {"muxer", make<MuxerSubject>, annexB, streams, false},
         {"primitives", make<PrimitivesSubject>, noise, {"300"}, false},
         {"aac-encoder", make<AacEncoderSubject>, noise, {"4096"}, false},
         {"opus-encoder", make<OpusEncoderSubject>, noise, {"3840"}, false},

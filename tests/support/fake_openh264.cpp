@@ -13,12 +13,14 @@ namespace {
 
 #ifdef PSNR
 constexpr size_t parametersSize = 924, pictureSize = 80, layerSize = 56;
+constexpr unsigned major = 2, minor = 7; // one too new, unless it is told otherwise
 #else
 constexpr size_t parametersSize = 920, pictureSize = 72, layerSize = 40;
+constexpr unsigned major = 1, minor = 8;
 #endif
 constexpr size_t layersAt = 8, frameTypeAt = layersAt + 128 * layerSize, frameSize = frameTypeAt + 16;
 
-FakeOpenH264 fake;
+FakeOpenH264 fake{{major, minor, 0, 0}, {}, {}, {}, {}};
 
 template <class Value>
 void put(void* record, size_t at, Value value) {

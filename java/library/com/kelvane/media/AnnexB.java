@@ -62,6 +62,27 @@ final class AnnexB {
         return false;
     }
 
+    /** Receives the places of NAL units, without start codes. */
+    interface NalReceiver {
+        /** @param to index behind the last byte; above {@code from} */
+        void receive(int from, int to);
+    }
+
+    /** Hands out every NAL unit, without the zeros behind it. */
+    static void forEachNal(byte[] bytes, int length, NalReceiver receiver) {
+        for (int at = nextNal(bytes, 0, length); at < length;) {
+            int next = nextNal(bytes, at, length);
+            int end = next < length ? next - 3 : length;
+            while (end > at && bytes[end - 1] == 0) {
+                end--;
+            }
+            if (end > at) {
+                receiver.receive(at, end);
+            }
+            at = next;
+        }
+    }
+
     /** Cuts a stream into access units, ahead of a delimiter, of parameter sets and SEI, and of each picture's first slice. */
     static List<byte[]> split(byte[] stream) {
         List<byte[]> units = new ArrayList<>();

@@ -74,6 +74,11 @@ public final class EncodedPicture {
         return Arrays.copyOf(valid(), size);
     }
 
+    /** The array that begins with the access unit. */
+    byte[] bytes() {
+        return valid();
+    }
+
     /** Ends the picture's validity. */
     void invalidate() {
         bytes = null;

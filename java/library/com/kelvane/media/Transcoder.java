@@ -42,7 +42,7 @@ public final class Transcoder implements AutoCloseable {
     private final KeyPictures keyPictures;
     private volatile long pictures;
     private volatile long decodeNanoseconds;
-    private long lastTime;
+    private final Times times = new Times();
 
     private Transcoder(Builder settings) {
         renditions = List.copyOf(settings.renditions);
@@ -86,7 +86,7 @@ public final class Transcoder implements AutoCloseable {
         byte[] unit = AnnexB.checked(accessUnit);
         long handle = engine.enter("write");
         try {
-            lastTime = time;
+            times.write(time);
             PictureTranscoded event = new PictureTranscoded();
             event.begin();
             if (!decoded(event, () -> MIRVProcessor.decode(time, unit, handle))) {
@@ -139,7 +139,7 @@ public final class Transcoder implements AutoCloseable {
 
     private void encode(long handle, PictureTranscoded event, Consumer<? super EncodedPicture> receiver) {
         pictures++;
-        long time = Times.nearest(MIRVProcessor.pictureTime(handle), lastTime);
+        long time = times.of(MIRVProcessor.pictureTime(handle));
         Failures failures = new Failures();
         for (int i = 0; i < outputs.length; i++) {
             boolean wanted = selection == null || selection.wants(i, time);
@@ -149,7 +149,7 @@ public final class Transcoder implements AutoCloseable {
             }
         }
         if (parallel != null) {
-            parallel.encode(handle);
+            parallel.encode(handle, failures);
         }
         for (RenditionOutput output : outputs) {
             if (parallel == null) {
@@ -316,8 +316,9 @@ public final class Transcoder implements AutoCloseable {
 
         /**
          * Encodes a picture's renditions at the same time. The calling thread takes part, so that a busy executor, or one
-         * that refuses tasks, only makes a call slower. The result is the same, byte by byte, and the receiver is still
-         * called on the calling thread alone.
+         * that refuses tasks, only makes a call slower. Anything else that it throws, {@code OutOfMemoryError} over a thread
+         * for instance, is thrown by the call when every rendition has had its picture. The result is the same, byte by
+         * byte, and the receiver is still called on the calling thread alone.
          *
          * @param tasks runs at most one task less than there are renditions for each picture
          * @return this builder

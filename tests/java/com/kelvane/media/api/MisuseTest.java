@@ -1,6 +1,7 @@
 package com.kelvane.media.api;
 
 import static org.junit.jupiter.api.Assertions.assertEquals;
+import static org.junit.jupiter.api.Assertions.assertNull;
 import static org.junit.jupiter.api.Assertions.assertThrows;
 import static org.junit.jupiter.api.Assertions.assertTrue;
 
@@ -8,6 +9,7 @@ import com.kelvane.media.AacDecoder;
 import com.kelvane.media.AacEncoder;
 import com.kelvane.media.EncodedPicture;
 import com.kelvane.media.MediaException;
+import com.kelvane.media.Mp3Decoder;
 import com.kelvane.media.OpusDecoder;
 import com.kelvane.media.OpusEncoder;
 import com.kelvane.media.Pcm;
@@ -27,6 +29,7 @@ import com.kelvane.media.transform.codec.AVCEncoder;
 import com.kelvane.media.transform.codec.AVCProcessor;
 import com.kelvane.media.transform.codec.MIRVProcessor;
 import com.kelvane.media.transform.codec.MPADecoder;
+import com.kelvane.media.transform.codec.Muxer;
 import com.kelvane.media.transform.codec.NOpusDecoder;
 import com.kelvane.media.transform.codec.NOpusEncoder;
 import com.kelvane.media.transform.codec.OpenH264Encoder;
@@ -35,12 +38,14 @@ import java.lang.reflect.Method;
 import java.lang.reflect.Modifier;
 import java.nio.ByteBuffer;
 import java.nio.file.Path;
+import java.time.Duration;
 import java.util.ArrayList;
 import java.util.Arrays;
 import java.util.Comparator;
 import java.util.List;
 import java.util.Optional;
 import java.util.StringJoiner;
+import java.util.concurrent.CompletableFuture;
 import java.util.concurrent.CountDownLatch;
 import java.util.concurrent.atomic.AtomicInteger;
 import java.util.logging.LogRecord;
@@ -210,18 +215,51 @@ final class MisuseTest {
                 new Case(() -> AacEncoder.builder().sampleRate(44_000), "sampleRate is 44000, allowed are "
                         + AacEncoder.SAMPLE_RATES + " Hz"),
                 new Case(() -> OpusEncoder.builder().bitrate(5999), "bitrate is 5999, allowed are 6000 to 510000 bits per second"),
+                new Case(() -> concealing(Duration.ofMillis(11)),
+                        "duration is PT0.011S, allowed are 2.5 to 120 ms in steps of 2.5 ms"),
+                new Case(() -> concealing(Duration.ofDays(400_000)),
+                        "duration is PT9600000H, allowed are 2.5 to 120 ms in steps of 2.5 ms"),
                 new Case(() -> OpusDecoder.open(3), "channels is 3, allowed are 1 to 2 channels"),
                 new Case(() -> new Pcm(2, 48_000, new byte[6]), "6 bytes are no whole number of samples for 2 channels"));
         for (Case wrong : cases) {
             assertEquals(wrong.message, messageOf(IllegalArgumentException.class, wrong.call));
         }
-        try (VideoDecoder decoder = VideoDecoder.open(); OpusEncoder encoder = OpusEncoder.builder().open()) {
+        try (VideoDecoder decoder = VideoDecoder.open(); OpusEncoder encoder = OpusEncoder.builder().open();
+                AacDecoder aac = AacDecoder.open(AAC_LC_STEREO); Mp3Decoder mp3 = Mp3Decoder.open()) {
             assertEquals("an access unit begins with the start code 00 00 00 01 or 00 00 01; this one begins with 00 00 02 3f."
                     + " MP4, MKV and FLV put lengths there instead: replace each by a start code",
                     messageOf(IllegalArgumentException.class, () -> decoder.decode(new byte[] {0, 0, 2, 0x3f, 0x65}, 0)));
-            assertThrows(NullPointerException.class, () -> decoder.decode(null, 0));
+            for (Executable call : List.<Executable>of(() -> decoder.decode(null, 0), () -> aac.decode(null),
+                    () -> mp3.decode(null))) {
+                assertThrows(NullPointerException.class, call);
+            }
             assertEquals("a frame has 3840 bytes, not 3839",
                     messageOf(IllegalArgumentException.class, () -> encoder.encode(new byte[3839])));
+        }
+    }
+
+    private static void concealing(Duration duration) {
+        try (OpusDecoder decoder = OpusDecoder.open(1)) {
+            decoder.conceal(duration);
+        }
+    }
+
+    /** As virtual threads are, unless they are given a name. */
+    @Test
+    void namesAThreadWithoutANameByItsId() throws InterruptedException {
+        try (Transcoder transcoder = transcoder()) {
+            Thread nameless = new Thread(() -> transcoder.write(UNIT, 0, picture -> {
+                CompletableFuture<String> told = CompletableFuture.supplyAsync(() -> messageOf(IllegalStateException.class,
+                        () -> transcoder.drain(p -> { })));
+                assertEquals("Transcoder.drain: this Transcoder is in use by the thread with the id "
+                        + Thread.currentThread().getId() + "; one thread may use it at a time", told.join());
+            }), "");
+            List<Throwable> wrong = new ArrayList<>();
+            nameless.setUncaughtExceptionHandler((thread, thrown) -> wrong.add(thrown));
+            nameless.start();
+            nameless.join();
+            assertEquals(List.of(), wrong);
+            assertEquals(1, transcoder.statistics().pictures());
         }
     }
 
@@ -243,6 +281,17 @@ final class MisuseTest {
         message = messageOf(IllegalArgumentException.class,
                 () -> Pipeline.builder().module(mosaic).setting("region", "1,2").open());
         assertTrue(message.endsWith("mosaic.so refused the setting region=1,2"), message);
+    }
+
+    @Test
+    void saysWhatIsWrongWithAnOpenH264() {
+        Path module = Path.of(System.getProperty("test.modules"), "recorder.so");
+        String text = "it is OpenH264 2.7.0; those that will do are 1.8 to 2.6";
+        assertEquals(text, AVCEncoder.problem(System.getProperty("test.openh264")));
+        assertEquals("it is no OpenH264", AVCEncoder.problem(module.toString()));
+        assertTrue(AVCEncoder.problem(module + ".none").endsWith("No such file or directory"));
+        assertNull(AVCEncoder.problem(System.getProperty("kelvane.openh264")));
+        assertNull(AVCEncoder.problem(null));
     }
 
     /** What nobody closes is freed, and one warning says where it was opened. */
@@ -346,15 +395,19 @@ final class MisuseTest {
                         + "status 2: 2, write 1: 1 0 0", 1),
                 new Bare(AVCDecoder.class, UNIT, "decode 1: 0 0 0 0, decodeAt 1: 0 0 0 0, drain 0: 0 0 0, "
                         + "pictureTime 0: 0, take 0: 0 0 0"),
-                new Bare(AVCEncoder.class, new byte[PACKED], "encode 0: 0 0 0, loadLibrary 1: 0", 176, 144, 25, 50, 300_000),
+                new Bare(AVCEncoder.class, new byte[PACKED], "encode 0: 0 0 0, loadLibrary 1: 0, problem null", 176, 144, 25,
+                        50, 300_000),
                 new Bare(AVCProcessor.class, UNIT, "apply -1: -1 -1 -1, attached 0: 0, brew 1: 0, drain 0: 0 0, failure 0: 0, "
                         + "loadLibrary 0: 0, pictureTime 0: 0, problem null, read 0: 0 0 0, renew 0: 0, retry 0: 0 0, write 1: 0 0 0", 25, 300_000, 0, 0, 0, 0),
                 new Bare(OpenH264Encoder.class, new byte[PACKED], "encode 1: 0 0 0, failure 0: 0, renew 1: 0, status 0: 1", 176, 144, 25, 300_000, 0),
                 new Bare(AACDecoder.class, AAC_LC_STEREO, "decode 0: 0 0 0 0, open 0", AAC_LC_STEREO),
                 new Bare(AACEncoder.class, sound, "encode 0: 0 0 0 -1", 2, 48_000),
                 new Bare(MPADecoder.class, sound, "decode 0: 0 0 0 0"),
-                new Bare(NOpusDecoder.class, new byte[] {-4}, "decode 960: 0 0 -1", 2, 0),
-                new Bare(NOpusEncoder.class, sound, "encode 160: 0 0 -1", 2, 64_000, 20));
+                new Bare(NOpusDecoder.class, new byte[] {-4}, "conceal 0: 0 0, decode 960: 0 0 -1, limitFailureLines null: null", 2, 0),
+                new Bare(NOpusEncoder.class, sound, "encode 160: 0 0 -1", 2, 64_000, 20),
+                new Bare(Muxer.class, UNIT, "addPictures -2001: -2001 -2001 -2001, addSound -2001: -2001 -2001, begin -2001: -2001, "
+                        + "cut -2001: -2001, describe 7: 0, finish -2001: -2001, label -2001: -2001 -2001 -2001, next 0: 0 0, open 0, "
+                        + "run -2001: -2001 -2001, take 0: 0 0, write -2002: -2001 -2001", "matroska", 0));
     }
 
     /** A call with everything; each reference left out in turn, and the handle, which changes no array. */

@@ -4,9 +4,13 @@ import static org.junit.jupiter.api.Assertions.assertEquals;
 import static org.junit.jupiter.api.Assertions.assertTrue;
 
 import java.io.File;
+import java.io.OutputStream;
 import java.nio.charset.StandardCharsets;
 import java.nio.file.Files;
 import java.nio.file.Path;
+import java.util.ArrayList;
+import java.util.Arrays;
+import java.util.List;
 import java.util.regex.Matcher;
 import java.util.regex.Pattern;
 import javax.tools.ToolProvider;
@@ -38,23 +42,70 @@ final class PackagePagesTest {
     @ParameterizedTest
     @ValueSource(strings = {"com/kelvane/media", "com/kelvane/media/transform/codec"})
     void exampleRuns(String page) throws Exception {
-        String text = Files.readString(Path.of(System.getProperty("test.library.sources"), page, "package-info.java"));
-        Matcher example = Pattern.compile("<pre>\\{@code\n(.*?public class (\\w+).*?)\n \\* }</pre>", Pattern.DOTALL).matcher(text);
-        assertTrue(example.find());
-        Path program = folder.resolve(example.group(2) + ".java");
-        Files.writeString(program, example.group(1).replaceAll("(?m)^ \\* ?", ""));
-        Process run = new ProcessBuilder(System.getProperty("java.home") + "/bin/java", "-Xcheck:jni",
-                "-Dkelvane.library=" + System.getProperty("kelvane.library"),
-                "-Dkelvane.openh264=" + System.getProperty("kelvane.openh264"),
-                "-cp", libraryJar(), program.toString(),
-                Path.of(System.getProperty("test.data"), Vectors.REORDERED).toString())
-                .directory(folder.toFile()).redirectErrorStream(true).start();
-        String output = new String(run.getInputStream().readAllBytes(), StandardCharsets.UTF_8);
-        assertEquals(0, run.waitFor(), output);
+        String output = run(page + "/package-info.java", Path.of(System.getProperty("test.data"), Vectors.REORDERED));
         assertTrue(Pattern.compile("^30 pictures$", Pattern.MULTILINE).matcher(output).find(), output);
         if (page.endsWith("media")) {
             assertEquals(30, Vectors.decode(com.kelvane.media.AccessUnit.split(
                     Files.readAllBytes(folder.resolve("small.h264")))).size());
         }
+    }
+
+    /** What the ladder's playlists name plays on from segment to segment, and no picture and no sound is missing. */
+    @Test
+    void exampleOfAContainerWriterMakesALadder() throws Exception {
+        List<byte[]> source = new ArrayList<>();
+        for (int i = 0; i < 4; i++) {
+            source.addAll(Vectors.units(Vectors.PLAIN));
+        }
+        Path stream = folder.resolve("stream.h264");
+        Path pcm = folder.resolve("sound.pcm");
+        try (OutputStream file = Files.newOutputStream(stream)) {
+            for (byte[] unit : source) {
+                file.write(unit);
+            }
+        }
+        int samples = 48_000 * source.size() / 25;
+        Files.write(pcm, new byte[4 * samples]);
+        run("com/kelvane/media/ContainerWriter.java", stream, pcm);
+        String master = Files.readString(folder.resolve("master.m3u8"));
+        assertTrue(master.contains("CODECS=\"avc1.42c0") && master.contains(",mp4a.40.2\""), master);
+        for (String name : List.of("320x180", "160x90", "sound")) {
+            long time = 0; // in ticks
+            int units = 0;
+            int segments = 0;
+            double listed = 0;
+            for (String line : Files.readAllLines(folder.resolve(name).resolve("index.m3u8"))) {
+                if (line.startsWith("#EXTINF:")) {
+                    listed += Double.parseDouble(line.substring(8, line.length() - 1));
+                } else if (!line.startsWith("#")) {
+                    FragmentBoxes boxes = FragmentBoxes.of(Files.readAllBytes(folder.resolve(name).resolve(line)));
+                    assertEquals(time, boxes.decodeTime(), line);
+                    assertTrue(name.equals("sound") || boxes.beginsWithIdr(), line);
+                    time += boxes.duration();
+                    units += boxes.units();
+                    segments++;
+                }
+            }
+            boolean sound = name.equals("sound");
+            assertEquals(3, segments);
+            assertEquals(sound ? (samples + 1023) / 1024 : source.size(), units);
+            assertEquals((double) time / (sound ? 48_000 : 90_000), listed, 1e-4);
+        }
+    }
+
+    private String run(String page, Path... arguments) throws Exception {
+        String text = Files.readString(Path.of(System.getProperty("test.library.sources"), page));
+        Matcher example = Pattern.compile("<pre>\\{@code\n((?:(?!</pre>).)*?public class (\\w+).*?)\n \\* }</pre>", Pattern.DOTALL).matcher(text);
+        assertTrue(example.find());
+        Path program = folder.resolve(example.group(2) + ".java");
+        Files.writeString(program, example.group(1).replaceAll("(?m)^ \\* ?", ""));
+        List<String> command = new ArrayList<>(List.of(System.getProperty("java.home") + "/bin/java", "-Xcheck:jni",
+                "-Dkelvane.library=" + System.getProperty("kelvane.library"),
+                "-Dkelvane.openh264=" + System.getProperty("kelvane.openh264"), "-cp", libraryJar(), program.toString()));
+        Arrays.stream(arguments).map(Path::toString).forEach(command::add);
+        Process run = new ProcessBuilder(command).directory(folder.toFile()).redirectErrorStream(true).start();
+        String output = new String(run.getInputStream().readAllBytes(), StandardCharsets.UTF_8);
+        assertEquals(0, run.waitFor(), output);
+        return output;
     }
 }

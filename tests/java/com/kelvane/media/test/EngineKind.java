@@ -2,6 +2,8 @@ package com.kelvane.media.test;
 
 import com.kelvane.media.AacDecoder;
 import com.kelvane.media.AacEncoder;
+import com.kelvane.media.ContainerWriter;
+import com.kelvane.media.MediaTrack;
 import com.kelvane.media.Mp3Decoder;
 import com.kelvane.media.OpusDecoder;
 import com.kelvane.media.OpusEncoder;
@@ -37,6 +39,8 @@ public record EngineKind(String name, Supplier<AutoCloseable> open, Consumer<Aut
                 new EngineKind("AacEncoder", () -> AacEncoder.builder().open(), e -> ((AacEncoder) e).encode(new byte[4096])),
                 new EngineKind("Mp3Decoder", Mp3Decoder::open, e -> ((Mp3Decoder) e).decode(new byte[2000])),
                 new EngineKind("OpusDecoder", () -> OpusDecoder.open(2), e -> ((OpusDecoder) e).conceal()),
+                new EngineKind("ContainerWriter", () -> ContainerWriter.builder(ContainerWriter.Format.FRAGMENTED_MP4)
+                        .track(MediaTrack.h264(640, 480)).open(), e -> ((ContainerWriter) e).write(0, new byte[1 << 20], 0)), // looks for parameter sets
                 new EngineKind("OpusEncoder", () -> OpusEncoder.builder().open(),
                         e -> ((OpusEncoder) e).encode(new byte[3840])));
     }

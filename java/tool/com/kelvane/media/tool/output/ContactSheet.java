@@ -31,6 +31,9 @@ public final class ContactSheet {
     private static final Font NAME = new Font(Font.SANS_SERIF, Font.BOLD, 18);
     private static final Font SMALL = new Font(Font.SANS_SERIF, Font.PLAIN, 14);
 
+    // A headless runtime may come without the libraries and fonts that drawing text takes.
+    private static volatile String textProblem;
+
     private ContactSheet() {
     }
 
@@ -76,6 +79,10 @@ public final class ContactSheet {
         }
         canvas.dispose();
         ImageIO.write(sheet, "png", file.toFile());
+        if (textProblem != null) {
+            Summary.line("%s has no words: this Java cannot draw text (%s); it takes libharfbuzz, libfreetype, fontconfig and"
+                    + " a font", file.getFileName(), textProblem);
+        }
     }
 
     private static void drawTurned(Graphics2D canvas, BufferedImage picture, int rotation, int left, int top) {
@@ -93,8 +100,19 @@ public final class ContactSheet {
     }
 
     private static void text(Graphics2D canvas, String text, Font font, Color color, int left, int baseline) {
+        if (textProblem != null) {
+            return;
+        }
         canvas.setFont(font);
         canvas.setColor(color);
-        canvas.drawString(text, left, baseline);
+        try {
+            canvas.drawString(text, left, baseline);
+        } catch (LinkageError | InternalError | RuntimeException incomplete) {
+            Throwable cause = incomplete;
+            while (cause.getCause() != null) {
+                cause = cause.getCause();
+            }
+            textProblem = String.valueOf(cause.getMessage());
+        }
     }
 }
