@@ -3,16 +3,16 @@
 #include <cstddef>
 #include <cstdint>
 
-// Room behind the bitstream buffers of an OpenH264 encoder. The buffers hold as many bytes as the picture has
-// samples. Its CAVLC looks at their end; its CABAC does not (1.8 to 2.6), and noise at a fine quantiser takes
-// up to twice as much: what lay behind on the heap was overwritten. With room for the most that CABAC can
-// write, the picture fails when its bits are put into a NAL unit, as it does with CAVLC, and nothing else
+// Room behind the bitstream buffers of an OpenH264 encoder. They hold as many bytes as the picture has
+// samples. Its CAVLC looks at their end; its CABAC does not (read in 2.3.1 and 2.6.0), and noise at a fine
+// quantiser takes more: what lay behind them was overwritten. With room for the most that CABAC can write,
+// such a picture fails when its bits are put into a NAL unit, as it does with CAVLC, and nothing else
 // changes.
 //
-// OpenH264 has no setting for it, so its memory is what is taken hold of: it takes all of it from malloc, in
-// InitializeExt, on the calling thread. Its import of malloc is led here, for good; blocks of the buffers'
-// size that are taken while a BitstreamRoom lives on the thread come out longer, all others as they were. The
-// room is address space alone until something is written there.
+// OpenH264 has no setting for that, so its memory is what is taken hold of. It takes all of it from malloc,
+// in InitializeExt, on the calling thread; its import of malloc is led here, and stays so. Blocks of the
+// buffers' size that it takes while a BitstreamRoom lives on the thread come out longer, all others as
+// before. The room is address space alone until something is written there.
 class BitstreamRoom {
 public:
     // `code`: a function of the library; `width` and `height` in pixels, of the encoder to be initialised.
