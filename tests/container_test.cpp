@@ -302,6 +302,7 @@ TEST(EngineContainer, GivesBackWhatItWasGiven) {
         {"matroska", 0, {reordered(), sound(aac)}, 1e-3},
         {"matroska", Muxer::seekable, {picture(), sound(mp3, 30'000), sound(opus), sound(pcm)}, 1e-3},
         {"ogg", 0, {sound(opus)}, 1. / 48'000},
+        {"h264", 0, {picture()}, INFINITY},
         {"adts", 0, {sound(aac)}, INFINITY},
         {"wav", Muxer::seekable, {sound(pcm)}, INFINITY},
         {"wav", 0, {sound(pcm)}, INFINITY},

@@ -110,7 +110,8 @@ int setConfiguration(AVCodecParameters& codec, std::span<const uint8_t> bytes) {
 
 bool Muxer::open(const char* formatName, int options) {
     const bool isoBase = isOneOf(formatName, {"mp4", "mov"});
-    if (!isoBase && !isOneOf(formatName, {"mpegts", "flv", "matroska", "ogg", "adts", "wav"})) return false;
+    if (!isoBase && !isOneOf(formatName, {"mpegts", "flv", "matroska", "ogg", "h264", "adts", "wav"}))
+        return false;
     if (options & fragmented && (std::string_view(formatName) != "mp4" || options != fragmented))
         return false;
     if (isoBase && !(options & (fragmented | seekable)))
@@ -297,33 +298,41 @@ int Muxer::label(int track, const char* language, const char* title) {
 
 int Muxer::begin(int firstFragment) {
     if (!format || begun || tracks.empty() || firstFragment < 1) return WRONG_CALL;
-    AVDictionary* options = nullptr;
-    if (isOneOf(name, {"mp4", "mov"})) {
-        std::string flags = settings & fragmented  ? "cmaf+frag_custom+frag_discont+skip_trailer"
-                            : settings & fastStart ? "faststart"
-                                                   : "";
-        int timescale = -1; // of all tracks of pictures, 0 when they differ: MP4 then takes multiples of them
-        bool coloured = false;
-        for (const Track& track : tracks) {
-            if (track.codec != h264) continue;
-            timescale = timescale == -1 || timescale == track.tick.den ? track.tick.den : 0;
-            const AVCodecParameters& picture = *track.stream->codecpar;
-            coloured |= picture.color_range || picture.color_primaries != AVCOL_PRI_UNSPECIFIED ||
-                        picture.color_trc != AVCOL_TRC_UNSPECIFIED ||
-                        picture.color_space != AVCOL_SPC_UNSPECIFIED;
-        }
-        if (coloured) flags += flags.empty() ? "write_colr" : "+write_colr";
-        if (!flags.empty()) av_dict_set(&options, "movflags", flags.c_str(), 0);
-        if (settings & fragmented) av_dict_set_int(&options, "fragment_index", firstFragment, 0);
-        if (timescale > 0) av_dict_set_int(&options, "video_track_timescale", timescale, 0);
-    } else if (name == "flv" && !(settings & seekable)) {
-        av_dict_set(&options, "flvflags", "no_duration_filesize", 0);
-    }
     begun = true;
-    const int result = avformat_write_header(format.get(), &options);
-    av_dict_free(&options);
-    if (result >= 0) avio_flush(stream.get());
-    return answer(std::min(result, 0));
+    return answer(guarded([&] {
+        AVDictionary* options = nullptr;
+        int result = chooseOptions(firstFragment, &options);
+        if (result >= 0) result = avformat_write_header(format.get(), &options);
+        av_dict_free(&options);
+        if (result >= 0) avio_flush(stream.get());
+        return std::min(result, 0);
+    }));
+}
+
+int Muxer::chooseOptions(int firstFragment, AVDictionary** options) const {
+    if (name == "flv" && !(settings & seekable))
+        return av_dict_set(options, "flvflags", "no_duration_filesize", 0);
+    if (!isOneOf(name, {"mp4", "mov"})) return 0;
+    const char* flags = settings & fragmented  ? "cmaf+frag_custom+frag_discont+skip_trailer"
+                        : settings & fastStart ? "faststart"
+                                               : nullptr;
+    int timescale = -1; // of all tracks of pictures, 0 when they differ: MP4 then takes multiples of them
+    bool coloured = false;
+    for (const Track& track : tracks) {
+        if (track.codec != h264) continue;
+        timescale = timescale == -1 || timescale == track.tick.den ? track.tick.den : 0;
+        const AVCodecParameters& picture = *track.stream->codecpar;
+        coloured |= picture.color_range || picture.color_primaries != AVCOL_PRI_UNSPECIFIED ||
+                    picture.color_trc != AVCOL_TRC_UNSPECIFIED ||
+                    picture.color_space != AVCOL_SPC_UNSPECIFIED;
+    }
+    int result = flags ? av_dict_set(options, "movflags", flags, 0) : 0;
+    if (result >= 0 && coloured) result = av_dict_set(options, "movflags", "+write_colr", AV_DICT_APPEND);
+    if (result >= 0 && settings & fragmented)
+        result = av_dict_set_int(options, "fragment_index", firstFragment, 0);
+    if (result >= 0 && timescale > 0)
+        result = av_dict_set_int(options, "video_track_timescale", timescale, 0);
+    return result;
 }
 
 bool Muxer::keepsDurations() const { return isOneOf(name, {"mp4", "mov", "matroska", "ogg"}); }
@@ -502,7 +511,7 @@ int Muxer::put(Track& track, MuxedUnit& unit) {
 int Muxer::cut(int64_t nextTime) {
     if (!format || !begun || finished) return WRONG_CALL;
     if (failure) return failure;
-    if (nextTime != unknown && !tracks[0].queue.empty()) {
+    if (nextTime != unknown && (!tracks[0].queue.empty() || tracks[0].held.packet)) {
         const Track& track = tracks[0];
         if (nextTime <= track.lastTime) return NOT_RISING;
         const int64_t limit = longestSeconds * track.tick.den;
@@ -618,11 +627,12 @@ int Muxer::openStream(AVFormatContext* opened, AVIOContext** made, const char*, 
 void Muxer::closeStream(AVFormatContext*, AVIOContext* made) { StreamOwner{made}; }
 
 void Muxer::close() {
-    tracks.clear();
+    tracks = std::vector<Track>();
     format.reset();
     stream.reset();
-    pieces = {};
-    bytes = {};
+    pieces = std::vector<Piece>();
+    bytes = std::vector<uint8_t>();
+    name = std::string();
     taken = takenBytes = 0;
 }
 

@@ -98,6 +98,7 @@ private:
 
     Track* addTrack(Codec codec, AVRational tick);
     int annotate(Track& track, const PictureFormat& format);
+    int chooseOptions(int firstFragment, AVDictionary** options) const;
     static int64_t shiftOf(const MuxedUnit& first);
     int keepDecodingTimes(const Track& track);
     int refusal(const Track& track, const MuxedUnit& unit) const;

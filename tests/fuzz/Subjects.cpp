@@ -309,6 +309,7 @@ public:
             {"mpegts", Muxer::seekable, true, opus},
             {"matroska", 0, true, mp3},
             {"mp4", Muxer::fragmented, true, mp3},
+            {"h264", 0, true, aac},
         };
         constexpr uint8_t sets[] = {0,    0,    0, 1, 0x67, 0x42, 0xC0, 0x0B, 0xDA, 0x0B,
                                     0x13, 0x90, 0, 0, 0,    1,    0x68, 0xCE, 0x3C, 0x80};

@@ -73,7 +73,7 @@ import java.util.stream.Collectors;
  * <tr><th scope="row">FLV<td>left out, as is what is decoded before the first unit of all<td>are decoded at 0 or later<td>times
  * <tr><th scope="row">MATROSKA<td>left out; Opus has its priming<td>are shown at 0 or later<td>times
  * <tr><th scope="row">OGG<td>has its priming<td>-<td>-
- * <tr><th scope="row">ADTS, WAV<td>kept: there are no times<td>-<td>-
+ * <tr><th scope="row">H264, ADTS, WAV<td>kept: there are no times<td>-<td>-
  * </tbody>
  * </table>
  *
@@ -100,8 +100,8 @@ import java.util.stream.Collectors;
  *
  * <h2>Memory</h2>
  *
- * <p>Units go through as they are written, and nothing of them is kept but: in MP4 and MOV an index of about 80 bytes a
- * unit until {@link #finish}, some 40 MB for two hours of film with sound; in Matroska into a file 32 bytes for each key picture;
+ * <p>Units go through as they are written, and nothing of them is kept but: in MP4 and MOV an index of about 110 bytes a
+ * unit until {@link #finish}, 60 MB for two hours of film with sound; in Matroska into a file 32 bytes for each key picture;
  * a cluster of Matroska (5 MB or 5 seconds), a page of Ogg or 350 ms of MPEG-TS sound; of a fragment its units, up to 64 MB,
  * beyond which {@code write} throws.
  *
@@ -218,6 +218,8 @@ public final class ContainerWriter implements AutoCloseable {
         MATROSKA("matroska", 64, Codec.values()),
         /** Ogg: Opus. */
         OGG("ogg", 1, Codec.OPUS),
+        /** Bare H.264: the access units one after the other, with what the track says in their parameter sets. */
+        H264("h264", 1, Codec.H264),
         /** AAC with a header for each unit; one track. */
         ADTS("adts", 1, Codec.AAC),
         /** A WAV file; the lengths in its header are right only if the channel has positions. One track of PCM. */
