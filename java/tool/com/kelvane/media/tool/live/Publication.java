@@ -22,6 +22,8 @@ import java.util.HashMap;
 import java.util.LinkedHashMap;
 import java.util.List;
 import java.util.Map;
+import java.util.stream.Collectors;
+import java.util.stream.IntStream;
 
 /**
  * The files of a live ladder. A segment is listed for all renditions at once, when its pictures are complete; where one has none
@@ -214,6 +216,13 @@ final class Publication {
         }
     }
 
+    /** Those of all that a rendition's list leads to, its own first. */
+    private String codecs(int rendition) {
+        return IntStream.range(0, outputs.size()).mapToObj(i -> (rendition + i) % outputs.size())
+                .filter(i -> listed.stream().anyMatch(segment -> segment.listed(rendition) == segment.pieces[i]))
+                .map(i -> announced.get(i).codecs).distinct().collect(Collectors.joining(","));
+    }
+
     private void writeList(String name, String text) throws IOException {
         if (!text.equals(written.get(name))) {
             folder.write(name, text);
@@ -241,7 +250,7 @@ final class Publication {
             rendition.peak = finished ? measured : Math.max(rendition.peak, measured);
             int[] shown = meaning.shownSize(outputs.get(i).width(), outputs.get(i).height());
             if (rendition.codecs != null) {
-                variants.add(new MasterPlaylist.Variant(outputs.get(i).size(), rendition.codecs, shown[0], shown[1],
+                variants.add(new MasterPlaylist.Variant(outputs.get(i).size(), codecs(i), shown[0], shown[1],
                         PictureRate.of(outputs.get(i).frameRate(), rendition.fastest), rendition.peak,
                         lists.get(i).averageBandwidth()));
             }
