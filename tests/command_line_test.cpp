@@ -193,6 +193,39 @@ TEST_F(InstalledTool, CutsAllRenditionsAtTheSameTimes) {
     expectFailure("transcode out/320x180/media.m3u8 -r 320x180@500k -o out", 2, "would be overwritten");
 }
 
+TEST_F(InstalledTool, LaddersTellWhatPlayersGoBy) { // their boxes are looked at in the end
+    ffmpeg("-f lavfi -i testsrc2=size=320x180:rate=25 -f lavfi -i sine=r=48000 -t 5 -c:v libopenh264 -b:v 300k"
+           " -c:a aac -ac 6 plain.mp4");
+    ffmpeg("-i plain.mp4 -map 0:a -c copy -t 1 sound.mp4");
+    ffmpeg("-i plain.mp4 -itsoffset 1.107 -i sound.mp4 -map 0:v -map 1:a -c copy amid.mkv");
+    ffmpeg("-itsoffset 4.3 -i plain.mp4 -i plain.mp4 -map 0:v -map 1:a -c copy behind.mkv");
+    ffmpeg("-f lavfi -i testsrc2=size=360x288:rate=25 -t 3 -vf setsar=64/45 -c:v libopenh264 wide.mp4");
+    ffmpeg("-f lavfi -i testsrc2=size=320x180:rate=30 -t 8 -vf \"select='lt(t,4)+not(mod(n,5))'\" -vsync vfr"
+           " -c:v libopenh264 varying.mkv");
+    const struct {
+        const char *source, *line;
+        double seconds; // of sound
+    } cases[] = {{"plain.mp4", "CHANNELS=\"6\"", 5},
+                 {"amid.mkv", "CHANNELS=\"6\"", 5},
+                 {"behind.mkv", "FRAME-RATE=25.000", 9.3},
+                 {"wide.mp4", "RESOLUTION=512x288", 0},
+                 {"varying.mkv", "FRAME-RATE=30.000", 0}};
+    for (const auto& [source, line, seconds] : cases) {
+        SCOPED_TRACE(source);
+        const std::string out = std::string("out-") + source;
+        kelvane(std::string("transcode --no-compare --no-mp4 -r 360x288@200k --segment 2 -o ") + out + " " + source);
+        EXPECT_NE(contents(path(out + "/master.m3u8")).find(line), std::string::npos);
+        if (seconds == 0) continue;
+        ffmpeg("-i " + out + "/sound/media.m3u8 -f null -"); // silence decodes as well
+        EXPECT_EQ(errors, "");
+        double total = 0;
+        std::istringstream playlist(contents(path(out + "/sound/media.m3u8")));
+        for (std::string entry; std::getline(playlist, entry);)
+            if (entry.starts_with("#EXTINF:")) total += std::stod(entry.substr(8));
+        EXPECT_NEAR(total, seconds, 0.03);
+    }
+}
+
 TEST_F(InstalledTool, KeepsTheMeaningOfPictures) {
     ladderOptions = "turned=90";
     ffmpeg("-i " TEST_DATA "/baseline.h264 -c copy -bsf:v h264_metadata="
