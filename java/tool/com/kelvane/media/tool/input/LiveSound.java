@@ -47,11 +47,6 @@ public final class LiveSound implements AutoCloseable {
                 track.profile().equals("HE-AACv2") ? 1 : track.channels());
     }
 
-    /** In Hz. */
-    public int sampleRate() {
-        return encoder == null ? track.sampleRate() : encoder.sampleRate();
-    }
-
     public int channels() {
         return encoder == null ? track.channels() : encoder.channels();
     }

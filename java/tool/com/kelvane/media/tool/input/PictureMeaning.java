@@ -1,10 +1,7 @@
 package com.kelvane.media.tool.input;
 
 import com.kelvane.media.MediaTrack;
-import java.util.ArrayList;
-import java.util.List;
 import java.util.Map;
-import java.util.Optional;
 
 /** How pictures are to be shown, beyond their samples: turned, with pixels that are not square, in which colours. */
 public final class PictureMeaning {
@@ -78,35 +75,6 @@ public final class PictureMeaning {
     /** Whether a stream of the pictures has to say something beyond what their encoder does. */
     public boolean isTold() {
         return pixelWidth != pixelHeight || range != null || primaries + transfer + matrix > 0;
-    }
-
-    /** FFmpeg's options for a container that tells of it. */
-    public List<String> containerOptions() {
-        List<String> options = new ArrayList<>();
-        if (rotation != 0) {
-            // FFmpeg 4 turns the other way when it writes what it has read.
-            options.addAll(List.of("-metadata:s:v:0", "rotate=" + (360 - rotation)));
-        }
-        if (pixelWidth != pixelHeight) {
-            long[] shown = reduced(pixelWidth * width, pixelHeight * height);
-            options.addAll(List.of("-aspect:v", shown[0] + ":" + shown[1]));
-        }
-        return options;
-    }
-
-    /** FFmpeg's filter that writes it into a stream of pictures of a size; nothing when there is nothing to write. */
-    public Optional<String> streamFilter(int resultWidth, int resultHeight) {
-        List<String> settings = new ArrayList<>();
-        if (range != null) {
-            settings.add("video_full_range_flag=" + (range ? 1 : 0));
-        }
-        Map.of("colour_primaries", primaries, "transfer_characteristics", transfer, "matrix_coefficients", matrix)
-                .forEach((name, number) -> settings.addAll(number > 0 ? List.of(name + "=" + number) : List.of()));
-        if (pixelWidth != pixelHeight) {
-            long[] pixel = pixel(resultWidth, resultHeight);
-            settings.add("sample_aspect_ratio=" + pixel[0] + "/" + pixel[1]);
-        }
-        return settings.isEmpty() ? Optional.empty() : Optional.of("h264_metadata=" + String.join(":", settings));
     }
 
     /** A ratio in small numbers, which is as close to it as H.264 can say. */
