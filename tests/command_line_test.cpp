@@ -256,11 +256,16 @@ TEST_F(InstalledTool, KeepsWhatDecodesOfADamagedFile) {
         SCOPED_TRACE(file);
         kelvane("transcode " + file + ".h264 -r 160x90@300k -o " + file);
         EXPECT_NE(output.find("\ndamaged source: "), std::string::npos) << output;
-        // Pictures behind a lost one must keep their own times, by which they are compared.
-        std::smatch row;
-        ASSERT_TRUE(std::regex_search(output, row, std::regex("\n160x90 +([0-9]+) .* ([0-9.]+) dB ")))
-            << output;
-        EXPECT_GT(std::stod(row[2]), 30) << output;
+        std::smatch row, last;
+        std::string psnr;
+        ASSERT_TRUE(std::regex_search(output, row, std::regex("\n160x90 +([0-9]+) .* dB "))) << output;
+        // Pictures behind lost ones must keep their own times, by which they are compared. (Those between the damage
+        // and the next key picture are what FFmpeg makes of them, here and in the comparison, in ways of their own.)
+        const std::string result = contents(path(file + "/result.json"));
+        ASSERT_TRUE(std::regex_search(result, last, std::regex(R"("psnrYOfPictures":\[[^\]]*?((,[0-9.]+){5})\])")))
+            << result;
+        for (std::istringstream values(last[1].str().substr(1)); std::getline(values, psnr, ',');)
+            EXPECT_GT(std::stod(psnr), 35) << result;
         EXPECT_EQ(probe(file + "/160x90.mp4", "stream=nb_read_frames"), row[1].str() + "\n");
         EXPECT_GT(std::stoi(row[1]), 10);
         EXPECT_LT(std::stoi(row[1]), 30);
