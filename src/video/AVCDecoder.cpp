@@ -22,7 +22,6 @@ extern "C" {
 namespace {
 
 enum NalUnitType { otherSlice = 1, idrSlice = 5 };
-enum Fields : uint32_t { topField = 1, bottomField = 2, bothFields = 3 }; // as FFmpeg numbers them
 
 // A picture of the highest level of the standard, 6.2, has at most so many macroblocks.
 constexpr int largestPicture = 139264;
@@ -123,6 +122,7 @@ void VideoDecoder::seeRows(AVCodecContext* codecContext, const AVFrame*, int*, i
 // changes nothing.) Where pictures come in pieces, what it refuses may be a slice of the very picture that it
 // waits for, which came twice or late; so the next one decides, unless all that follows needs this one.
 bool VideoDecoder::isRefused(int start, uint32_t fieldsBefore) {
+    if (fieldsBefore == noFrame) return false;
     if (fieldsBefore == topField || fieldsBefore == bottomField) {
         progress.fields = bothFields; // even if this slice of the second field is shorter than a row
         return false;

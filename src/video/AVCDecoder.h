@@ -36,15 +36,17 @@ public:
     void close();
 
 private:
+    enum Fields : uint32_t { topField = 1, bottomField = 2, bothFields = 3, noFrame = 4 }; // FFmpeg's numbers
+
     // How far FFmpeg has come with the present stream.
     struct Progress {
-        uint32_t fields = 3;   // of the frame that it began last: those that it decoded rows of
-        int32_t slices = 0;    // given to it since it began that frame, or gave it up
-        int32_t refused = 0;   // pictures in a row that it did not begin
-        uint32_t unseen = 0;   // since a picture came out: odd behind an IDR picture, even again behind the
-                               // first whole frame from there on
-        bool inPieces = false; // a picture came in more than one call
-        bool draining = false; // drain() has begun, and has not come to its end
+        uint32_t fields = noFrame; // of the frame that it began last: those that it decoded rows of
+        int32_t slices = 0;        // given to it since it began that frame, or gave it up
+        int32_t refused = 0;       // pictures in a row that it did not begin
+        uint32_t unseen = 0;       // since a picture came out: odd behind an IDR picture, even again behind
+                                   // the first whole frame from there on
+        bool inPieces = false;     // a picture came in more than one call
+        bool draining = false;     // drain() has begun, and has not come to its end
     };
 
     int decodeChecked(const signed char* data, int size, unsigned int time);

@@ -50,7 +50,7 @@ final class CopiedSound implements AacSource {
                 return null;
             }
             if (time >= -2 * packet.duration()) {
-                return new Unit(Adts.strip(packet.bytes()), time);
+                return new Unit(packet.bytes(), time);
             }
         }
         return null;

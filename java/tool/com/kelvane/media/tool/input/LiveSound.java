@@ -58,7 +58,7 @@ public final class LiveSound implements AutoCloseable {
      */
     public List<Unit> add(byte[] packet, double time) {
         if (encoder == null) {
-            return List.of(new Unit(Adts.strip(packet), time));
+            return List.of(new Unit(packet, time));
         }
         encoder.add(packet, time, Double.POSITIVE_INFINITY);
         return encoded();
