@@ -24,7 +24,8 @@ final class LiveSegment {
     final double begin; // milliseconds
     final long arrival;
     final Piece[] pieces;
-    Piece sound;    // null until it is complete, and without sound
+    Piece sound;    // null without sound
+    boolean heard;  // whether the sound is complete
     boolean begins; // whether something else than times changes with it
     private final Instant zero;
 

@@ -26,8 +26,8 @@ import java.util.stream.Collectors;
 import java.util.stream.IntStream;
 
 /**
- * The files of a live ladder. A segment is listed for all renditions at once, when its pictures are complete; where one has none
- * of its own, as the machine had no time for it, the next smaller one's stands in. The sound is listed when it is complete.
+ * The files of a live ladder. A segment is listed for all renditions and the sound at once; where a rendition has none of its
+ * own, as the machine had no time for it, the next smaller one's stands in.
  */
 final class Publication {
     private static final int GRACE = 2;          // segments that stay when they are no longer listed
@@ -51,6 +51,7 @@ final class Publication {
     private final LiveFigures figures;
     private final Map<String, Map<String, byte[]>> initialisations = new HashMap<>(); // by folder and name
     private final Map<String, String> written = new HashMap<>();                      // playlists
+    private final Deque<LiveSegment> coming = new ArrayDeque<>(); // that wait for their sound
     private final Deque<LiveSegment> listed = new ArrayDeque<>();
     private final Deque<LiveSegment> leaving = new ArrayDeque<>();
     private PictureMeaning meaning;
@@ -145,23 +146,36 @@ final class Publication {
         String[] folders = segment.folders();
         segment.begins |= last != null && !Arrays.equals(folders, last);
         last = folders;
-        listed.add(segment);
-        figures.listed(segment.arrival);
-        try {
-            publish();
-        } catch (IOException unwritable) {
-            figures.note("lists", "playlists could not be written (%s)", Failure.reason(unwritable));
+        coming.add(segment);
+        list();
+    }
+
+    /**
+     * A segment's sound is complete, which is after its pictures.
+     *
+     * @param piece null when there is none
+     */
+    void addSound(LiveSegment segment, Piece piece) {
+        segment.sound = piece;
+        segment.heard = true;
+        list();
+        if (segment.listed(0) == null && piece != null) {
+            try {
+                folder.delete(piece.path());
+            } catch (IOException left) {
+                // The next run removes it.
+            }
         }
     }
 
-    /** @param piece the segment's sound; null when there is none */
-    void addSound(LiveSegment segment, Piece piece) {
-        segment.sound = piece;
+    // Players may take the ends of all lists for the same moment, so they grow together.
+    private void list() {
         try {
-            if (listed.contains(segment)) {
+            while (!coming.isEmpty() && (soundCodecs == null || coming.peek().heard)) {
+                LiveSegment segment = coming.poll();
+                listed.add(segment);
+                figures.listed(segment.arrival);
                 publish();
-            } else {
-                remove(segment);
             }
         } catch (IOException unwritable) {
             figures.note("lists", "playlists could not be written (%s)", Failure.reason(unwritable));
@@ -189,8 +203,8 @@ final class Publication {
         }
         List<Entry> heard = listed.stream().filter(segment -> segment.sound != null)
                 .map(segment -> segment.entry(segment.sound, Names.SOUND)).toList();
-        boolean hasSound = soundCodecs != null && !(finished && heard.isEmpty());
-        if (listed.isEmpty() || hasSound && heard.isEmpty()) {
+        boolean hasSound = !heard.isEmpty();
+        if (listed.isEmpty()) {
             return;
         }
         List<MediaPlaylist> lists = new ArrayList<>();
