@@ -10,8 +10,8 @@ import java.util.ArrayDeque;
 import java.util.Queue;
 
 /**
- * The sound's segments, each from the first unit on that begins with or behind the first picture of the same segment. Sound may
- * come later than its pictures, which do not wait for it; when it does not come at all, silence takes its place.
+ * The sound's segments, each from the unit on that begins nearest to the first picture of the same segment. Sound may come later
+ * than its pictures, which do not wait for it; when it does not come at all, silence takes its place.
  */
 final class SoundTrack implements Closeable {
     private static final double PATIENCE = 1500; // ms
@@ -67,10 +67,11 @@ final class SoundTrack implements Closeable {
     }
 
     private void write(byte[] unit, long time) {
-        while (!following.isEmpty() && time >= ticks(following.peek().begin)) {
+        long middle = time + SoundLine.UNIT / 2;
+        while (!following.isEmpty() && middle >= ticks(following.peek().begin)) {
             finishSegment(time);
         }
-        if (time + SoundLine.UNIT / 2 > origin) { // players begin both tracks at once
+        if (middle > origin) { // players begin both tracks at once
             writer.write(unit, time, true);
         }
     }
