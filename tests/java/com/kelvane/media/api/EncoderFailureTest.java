@@ -129,8 +129,8 @@ final class EncoderFailureTest {
     private static Stream<Case> cases() {
         Rendition quality = Rendition.ofSourceSize().bitrate(800_000).rateControl(Rendition.RateControl.QUALITY);
         List<Kind> kinds = List.of(
-                transcoder("by rate", true, Rendition.of(640, 360).bitrate(800_000), false),
-                transcoder("of a high rate", false, Rendition.of(640, 360).bitrate(8_000_000), false),
+                transcoder("by rate", true, Rendition.of(640, 360).bitrate(800_000).frameRate(30), false),
+                transcoder("of a high rate", false, Rendition.of(640, 360).bitrate(8_000_000).frameRate(30), false),
                 transcoder("by quality, of the source's size", true, quality, false),
                 transcoder("fine, in parallel", false, Rendition.of(640, 360).bitrate(800_000).quantisers(1, 20), true),
                 VIDEO_ENCODER, PIPELINE);
