@@ -316,6 +316,15 @@ JNIEXPORT jlong JNICALL Java_com_kelvane_media_transform_codec_MIRVProcessor_pic
     return processor ? processor->decoder->pictureTime : 0;
 }
 
+JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_MIRVProcessor_outcome(JNIEnv*, jclass,
+                                                                                    jlong handle) {
+    const MIRVProcessor* processor = processorOf(handle);
+    if (!processor) return static_cast<jint>(DecodeOutcome::noPicture);
+    const VideoDecoder& decoder = *processor->decoder;
+    constexpr jint needsKey = 256;
+    return static_cast<jint>(decoder.outcome) + (decoder.needsKey ? needsKey : 0);
+}
+
 JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_MIRVProcessor_status(JNIEnv*, jclass,
                                                                                    jint output,
                                                                                    jlong handle) {

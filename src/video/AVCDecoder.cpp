@@ -36,6 +36,7 @@ constexpr int largestAccessUnit = largestPicture * (768 * 14 + 128) / 8;
 struct Contents {
     int nalUnits = 0;
     int slices = 0;
+    int pictureStarts = 0; // slices that begin a picture, or one of its fields
     int pictureStart = 0; // the NAL unit type of the first slice when that begins a picture
 };
 
@@ -52,6 +53,7 @@ Contents contentsOf(const signed char* data, int size) {
         const int type = at[1] & 31;
         if (type != otherSlice && type != idrSlice) continue;
         // The top bit alone is the macroblock number 0.
+        if (at[2] < 0) ++contents.pictureStarts;
         if (contents.slices++ == 0 && at[2] < 0) contents.pictureStart = type;
     }
     return contents;
@@ -129,8 +131,34 @@ bool VideoDecoder::admit(int size, int nalUnits, int slices) {
     return true;
 }
 
+// Only tells; nothing that is decoded depends on it.
+void VideoDecoder::judge(int slices, int pictureStarts, uint64_t begun, bool got) {
+    if (begun > 0) ++unseenPictures;
+    if (got) {
+        // FFmpeg begins a frame of its own for each that the numbers of the others leave out.
+        const bool hasMissing = begun > static_cast<uint64_t>(std::max(pictureStarts, 1));
+        const bool isDamaged = frame->decode_error_flags != 0 || (frame->flags & AV_FRAME_FLAG_CORRUPT) != 0;
+        outcome = hasMissing || isDamaged ? DecodeOutcome::damaged : DecodeOutcome::decoded;
+        unseenPictures = std::clamp(unseenPictures - 1, 0, context->has_b_frames);
+        mayBeFields = (hadPicture && mayBeFields) || frame->interlaced_frame != 0;
+        hadPicture = true;
+        if (frame->key_frame) needsKey = false;
+    } else if (slices == 0) {
+        outcome = DecodeOutcome::noPicture;
+    } else {
+        // A first field waits for its second, which FFmpeg does not begin; the second of two that it does not
+        // begin is no field.
+        const int waiting = unseenPictures - (mayBeFields ? 1 : 0);
+        const bool isTaken =
+            begun > 0 ? waiting <= context->has_b_frames
+                      : picturesBegun > 0 && (pictureStarts == 0 || (mayBeFields && refusedPictures < 2));
+        outcome = isTaken ? DecodeOutcome::heldBack : DecodeOutcome::refused;
+    }
+}
+
 int VideoDecoder::decode(signed char* data, int size, unsigned int time) {
     constexpr signed char startCode[] = {0, 0, 0, 1};
+    outcome = DecodeOutcome::refused;
     pictureReady = 0;
     pictureWaiting = false;
     if (size < 4 || std::memcmp(data, startCode, sizeof startCode) != 0) {
@@ -150,6 +178,7 @@ int VideoDecoder::decode(signed char* data, int size, unsigned int time) {
         close();
         open();
     }
+    needsKey |= outcome == DecodeOutcome::damaged || outcome == DecodeOutcome::refused;
     return result;
 }
 
@@ -183,6 +212,7 @@ int VideoDecoder::decodeChecked(const signed char* data, int size, unsigned int 
         refusedPictures = unseenIdrPictures = 0;
     }
     if (picturesBegun != begunBefore) slicesGiven = contents.slices;
+    judge(contents.slices, contents.pictureStarts, picturesBegun - begunBefore, got > 0);
     timestamp = time;
     av_packet_unref(&packet);
     return receive(got);
@@ -213,6 +243,8 @@ int VideoDecoder::drain() {
         avcodec_flush_buffers(context.get());
         context->has_b_frames = 0; // the delay that FFmpeg learnt from the old stream
         picturesBegun = 0;
+        unseenPictures = 0;
+        needsKey = false;
         refusedPictures = unseenIdrPictures = slicesGiven = 0;
     }
     return receive(got);

@@ -4,6 +4,15 @@
 
 #include <cstdint>
 
+// What became of one access unit.
+enum class DecodeOutcome {
+    decoded,
+    damaged,   // a picture came out that FFmpeg concealed errors in, or made up others for that were missing
+    heldBack,  // its picture is to come out later
+    noPicture, // there is none in it
+    refused    // there is one in it, of which FFmpeg makes nothing
+};
+
 // Decodes one H.264 access unit a call. The decoded picture stays in `frame`, which FFmpeg's decoder owns the
 // planes of: it is valid until the next decode(), drain() or close(), and users read it in place.
 class VideoDecoder {
@@ -18,6 +27,8 @@ public:
     int32_t width = 0;        // of the last picture
     int32_t height = 0;
     uint32_t pictureTime = 0;    // of the last picture: the time of the access unit that carried it
+    DecodeOutcome outcome = DecodeOutcome::noPicture; // of the last decode(), for those who watch the stream
+    bool needsKey = false;       // since a picture was damaged or refused, none that decoding can begin with came out
     bool pictureWaiting = false; // the picture in `frame` is still to be taken; decode() and drain() end that
 
     // A failure shows as `codec` null, or as a decoder that never produces a picture.
@@ -43,9 +54,13 @@ private:
     bool admit(int size, int nalUnits, int slices);
     bool isRefused(int start);
     void giveUpPicture();
+    void judge(int slices, int pictureStarts, uint64_t begun, bool got);
 
     uint64_t picturesBegun = 0;    // by FFmpeg, in this stream
     int32_t refusedPictures = 0;   // in a row, which FFmpeg was given and did not begin
     int32_t unseenIdrPictures = 0; // begun since a picture last came out
+    int32_t unseenPictures = 0;    // begun and not come out: held back, or never to be seen
+    bool hadPicture = false;
+    bool mayBeFields = true;       // a picture may take two access units: not known yet, or seen
     int32_t slicesGiven = 0;       // to FFmpeg, since it began its present picture or gave one up
 };

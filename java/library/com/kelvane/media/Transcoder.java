@@ -39,6 +39,8 @@ import java.util.stream.Stream;
  * {@link IllegalStateException}. All work is done on the calling thread unless {@link Builder#parallel} was asked for.
  */
 public final class Transcoder implements AutoCloseable {
+    private static final int NEEDS_KEY = 256; // of the native transcoder
+
     private final Engine engine;
     private final Executor executor;
     private final Selection selection;
@@ -48,6 +50,7 @@ public final class Transcoder implements AutoCloseable {
     // Replaced by the thread that is inside, read by any: the array itself does not change.
     private volatile RenditionOutput[] outputs;
     private ParallelEncoding parallel;
+    private volatile boolean needsKey;
     private volatile long pictures;
     private volatile long decodeNanoseconds;
     private long lastTime;
@@ -92,13 +95,13 @@ public final class Transcoder implements AutoCloseable {
      * @param accessUnit one access unit in byte-stream form, see {@link AccessUnit}; not changed and not kept
      * @param time presentation time of its picture in milliseconds
      * @param receiver is called during this call only
-     * @return whether a picture was decoded
+     * @return what became of the access unit; {@link WriteResult#isPicture} tells whether a picture was decoded
      * @throws IllegalArgumentException if {@code accessUnit} does not begin with a start code
      * @throws IllegalStateException if this transcoder is closed or in use
      * @throws MediaException if a rendition of {@linkplain Rendition#ofSourceSize() the source's size} cannot be encoded in
      *         that size; the others had their pictures, and go on with the next call
      */
-    public boolean write(byte[] accessUnit, long time, Consumer<? super EncodedPicture> receiver) {
+    public WriteResult write(byte[] accessUnit, long time, Consumer<? super EncodedPicture> receiver) {
         Objects.requireNonNull(receiver, "receiver");
         byte[] unit = AnnexB.checked(accessUnit);
         long handle = engine.enter("write");
@@ -107,11 +110,13 @@ public final class Transcoder implements AutoCloseable {
             writeTimes.add(time, System.nanoTime());
             PictureTranscoded event = new PictureTranscoded();
             event.begin();
-            if (!decoded(event, () -> MIRVProcessor.decode(time, unit, handle))) {
-                return false;
+            boolean decoded = decoded(event, () -> MIRVProcessor.decode(time, unit, handle));
+            int outcome = MIRVProcessor.outcome(handle);
+            needsKey = outcome >= NEEDS_KEY;
+            if (decoded) {
+                encode(handle, event, receiver);
             }
-            encode(handle, event, receiver);
-            return true;
+            return WriteResult.of(outcome);
         } finally {
             engine.exit();
         }
@@ -136,6 +141,7 @@ public final class Transcoder implements AutoCloseable {
                 PictureTranscoded event = new PictureTranscoded();
                 event.begin();
                 if (!decoded(event, () -> MIRVProcessor.drain(null, handle))) {
+                    needsKey = false; // which the next stream begins with
                     failures.rethrow();
                     return drained;
                 }
@@ -188,6 +194,15 @@ public final class Transcoder implements AutoCloseable {
             event.commit();
         }
         failures.rethrow();
+    }
+
+    /**
+     * {@return whether a key picture of the source would help} From an access unit that was {@linkplain WriteResult#DAMAGED
+     * damaged} or {@linkplain WriteResult#REFUSED refused} until a picture comes out that decoding can begin with. Any
+     * thread may ask, a callback too; that is the moment to ask the sender for one, where it listens.
+     */
+    public boolean needsKey() {
+        return needsKey;
     }
 
     /**

@@ -70,7 +70,7 @@ final class EncoderFailureTest {
                         if (out.index() == 0) {
                             receiver.accept(new AccessUnit(out.copy(), out.time()));
                         }
-                    }));
+                    }).isPicture());
                 }
 
                 @Override
