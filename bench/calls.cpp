@@ -13,6 +13,7 @@
 
 #include <valgrind/callgrind.h>
 
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <fstream>

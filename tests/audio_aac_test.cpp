@@ -7,7 +7,9 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <random>
+#include <utility>
 
 #define AACDecoder(name) Java_com_kelvane_media_transform_codec_AACDecoder_##name
 #define AACEncoder(name) Java_com_kelvane_media_transform_codec_AACEncoder_##name
@@ -116,6 +118,39 @@ TEST(AACDecoder, ComesBackFromDamageInTheFirstUnit) {
         misled += lost > 2;
     }
     EXPECT_GT(misled, 0) << "no trial shows anything";
+}
+
+// A stream of another kind than its configuration says is no damage, which a decoder opened anew would mend.
+TEST(AACDecoder, GivesUpOnAStreamOfAnotherKind) {
+    const Script mono = streamOf("mono.m4a"), stereo = streamOf("stereo.m4a");
+    const struct {
+        Bytes config;
+        const Script& stream;
+    } cases[] = {{{0x12, 0x10}, mono},                // stereo is announced
+                 {{0x12, 0x14}, stereo},              // frames of 960 samples
+                 {{0x2A, 0x10, 0x88, 0x00}, stereo}}; // spectral band replication
+    for (const auto& [config, stream] : cases) {
+        AudioDecoder decoder;
+        std::copy(config.begin(), config.end(), decoder.config);
+        decoder.configSize = static_cast<uint8_t>(config.size());
+        printedBy([&] { decoder.open(); });
+        int opened = 0, fitting = 0;
+        const auto decode = [&](Bytes unit) {
+            const auto size = static_cast<int>(unit.size());
+            unit.resize(unit.size() + AV_INPUT_BUFFER_PADDING_SIZE);
+            opened += !std::exchange(decoder.context->opaque, &decoder);
+            fitting += decoder.decode(unit.data(), size) == 1024 && decoder.outputSize == 4096;
+        };
+        for (size_t i = 0; i < 400; ++i)
+            decode(stream.calls.at(i % stream.calls.size()));
+        EXPECT_EQ(fitting, 0);
+        EXPECT_GT(opened, 1) << "damage might have misled it";
+        EXPECT_LE(opened, 6);
+        if (&stream == &stereo) continue;
+        for (const Bytes& unit : stereo.calls)
+            decode(unit);
+        EXPECT_EQ(fitting, stereo.calls.size()) << "and goes on where the announced stream begins";
+    }
 }
 
 TEST(AACEncoder, SoundComesBackChannelByChannel) {

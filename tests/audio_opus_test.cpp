@@ -124,6 +124,57 @@ TEST(OpusDecoder, TakesTheRedundantCopyWhenAskedTo) {
     EXPECT_TRUE(decodeAll(1, 2, packets).empty()) << "no such choice";
 }
 
+// As libopus alone does, of the length that is asked for, whatever it was made for.
+TEST(OpusDecoder, ConcealsAsMuchAsIsAskedFor) {
+    const std::vector<Bytes> packets = streamOf("fec.opus").calls;
+    for (const int fec : {0, 1}) {
+        const jlong handle = Decoder(open)(javaEnv(), nullptr, 2, fec);
+        const OpusDecoderOwner bare(opus_decoder_create(48000, 2, nullptr));
+        std::vector<opus_int16> pcm(5760 * 2);
+        size_t next = 0;
+        for (const int asked : {960, 120, 2880, 5760, 0, 100, -120, 5880}) {
+            const LocalFrame references;
+            const Bytes& packet = packets.at(next++);
+            const auto size = static_cast<int>(packet.size());
+            EXPECT_EQ(opus_decode(bare.get(), packet.data(), size, pcm.data(), 5760, fec),
+                      decode(handle, packet, javaArray(longestPcm)));
+            jbyteArray output = javaArray(longestPcm);
+            const int samples = Decoder(conceal)(javaEnv(), nullptr, asked, output, handle);
+            const bool allowed = asked >= 120 && asked <= 5760 && asked % 120 == 0;
+            ASSERT_EQ(samples, allowed ? asked : 0);
+            const Samples concealed = samplesOf(written(output, samples * 4));
+            if (!allowed) continue;
+            ASSERT_EQ(opus_decode(bare.get(), nullptr, 0, pcm.data(), asked, 0), asked);
+            EXPECT_EQ(concealed, Samples(pcm.begin(), pcm.begin() + 2 * asked)) << asked;
+            jbyteArray tooShort = javaArray(asked * 4 - 1); // which loses the samples
+            EXPECT_EQ(Decoder(conceal)(javaEnv(), nullptr, asked, tooShort, handle), -asked * 4);
+            ASSERT_EQ(opus_decode(bare.get(), nullptr, 0, pcm.data(), asked, 0), asked);
+        }
+        Decoder(close)(javaEnv(), nullptr, handle);
+    }
+}
+
+// A stranger's packets write to the log of a server that does not limit them.
+TEST(OpusDecoder, TellsOfSoManyBadPackets) {
+    const LocalFrame references;
+    const std::string line = "decoder failed: corrupted stream\n";
+    const jlong handle = Decoder(open)(javaEnv(), nullptr, 2, 0);
+    const auto told = [&] {
+        const auto decodeFour = [&] {
+            for (int i = 0; i < 4; ++i)
+                decode(handle, Bytes(3, 0xFF), javaArray(longestPcm));
+        };
+        return printedBy(decodeFour, 2);
+    };
+    EXPECT_EQ(told(), repeated(line, 4));
+    for (const auto& [limit, lines] : {std::pair(1, 1), std::pair(0, 0), std::pair(3, 3), std::pair(-1, 4)}) {
+        Decoder(limitFailureLines)(javaEnv(), nullptr, limit, handle);
+        EXPECT_EQ(told(), repeated(line, lines));
+        EXPECT_EQ(told(), repeated(line, limit < 0 ? lines : 0));
+    }
+    Decoder(close)(javaEnv(), nullptr, handle);
+}
+
 TEST(OpusEncoder, AppliesItsSettings) {
     const struct {
         int channels, bitrate;

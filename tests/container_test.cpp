@@ -302,6 +302,7 @@ TEST(EngineContainer, GivesBackWhatItWasGiven) {
         {"matroska", 0, {reordered(), sound(aac)}, 1e-3},
         {"matroska", Muxer::seekable, {picture(), sound(mp3, 30'000), sound(opus), sound(pcm)}, 1e-3},
         {"ogg", 0, {sound(opus)}, 1. / 48'000},
+        {"h264", 0, {picture()}, INFINITY},
         {"adts", 0, {sound(aac)}, INFINITY},
         {"wav", Muxer::seekable, {sound(pcm)}, INFINITY},
         {"wav", 0, {sound(pcm)}, INFINITY},
@@ -535,6 +536,11 @@ TEST(EngineContainer, RefusesWhatWouldBreakAContainer) {
         ASSERT_GE(muxer.begin(1), 0);
         ASSERT_GE(write(muxer, 0, {picture, 5, 5, 0, true}), 0);
         const int64_t before = muxer.pending();
+        if (options == Muxer::fragmented) {
+            EXPECT_EQ(muxer.cut(5), code("NOT_RISING"));
+            EXPECT_EQ(muxer.cut(INT64_MAX), code("OUT_OF_RANGE"));
+            EXPECT_EQ(muxer.cut(4 * hour), code("OUT_OF_RANGE"));
+        }
         EXPECT_EQ(write(muxer, number, unit), code(refusal));
         EXPECT_EQ(muxer.pending(), before);
         EXPECT_GE(write(muxer, 0, {picture, 3600, 3600, 0, true}), 0);

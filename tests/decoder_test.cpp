@@ -117,26 +117,49 @@ TEST(Decoder, PicturesEqualFFmpegsOwnToTheLast) {
     }
 }
 
-// Whatever pieces a stream comes in, and wherever it begins: what FFmpeg's decoder makes of it comes out,
-// call by call. Most of these kinds have long runs of calls without a picture.
+// Whatever pieces a stream comes in, wherever it begins, and whichever of its fields were lost: what FFmpeg's
+// decoder makes of it comes out, call by call. Most of these kinds have long runs of calls without a picture.
 TEST(EngineDecoder, AnswersEveryCallAsFFmpegDoes) {
+    const auto all = [](size_t) { return true; };
+    const auto oneParity = [](size_t field) { return field % 2 == 0; };
+    const auto oneOfThreeSeconds = [](size_t field) { return field % 2 == 0 || field % 6 == 5; };
     const struct {
         const char* vector;
         size_t from;
-    } streams[] = {{"slices.h264", 0},  {"slices.h264", 5},  {"bframes.h264", 7}, {"refresh.h264", 0},
-                   {"refresh.h264", 3}, {"fields.h264", 0},  {"fields.h264", 3},  {"size_change.h264", 0},
-                   {"bframes.h264", 0}, {"baseline.h264", 4}};
-    for (const auto& [vector, from] : streams) {
-        std::vector<Bytes> units = accessUnits(vector);
-        units.erase(units.begin(), units.begin() + static_cast<std::ptrdiff_t>(from));
+        bool (*keeps)(size_t accessUnit);
+    } streams[] = {{"slices.h264", 0, all},
+                   {"slices.h264", 5, all},
+                   {"bframes.h264", 7, all},
+                   {"refresh.h264", 0, all},
+                   {"refresh.h264", 3, all},
+                   {"fields.h264", 0, all},
+                   {"fields.h264", 3, all},
+                   {"fields.h264", 0, oneParity},
+                   {"fields.h264", 0, oneOfThreeSeconds},
+                   {"idr_fields.h264", 0, all},
+                   {"idr_fields.h264", 1, all},
+                   {"idr_fields.h264", 0, oneParity},
+                   {"idr_fields.h264", 0, oneOfThreeSeconds},
+                   {"size_change.h264", 0, all},
+                   {"bframes.h264", 0, all},
+                   {"baseline.h264", 4, all}};
+    for (const auto& [vector, from, keeps] : streams) {
+        const std::vector<Bytes> whole = accessUnits(vector);
+        std::vector<Bytes> units;
+        for (size_t i = from; i < whole.size(); ++i)
+            if (keeps(i)) units.push_back(whole[i]);
         const std::vector<Bytes> joined = accessUnits("slices.h264");
         units.insert(units.end(), joined.begin(), joined.end());
         Bytes stream;
         for (const Bytes& unit : units)
             stream.insert(stream.end(), unit.begin(), unit.end());
-        for (const auto& pieces : {units, cutStream(stream, atNalUnits), cutStream(stream, atEither)}) {
-            SCOPED_TRACE(testing::Message()
-                         << vector << " from " << from << ", " << pieces.size() << " pieces");
+        std::vector<Bytes> twice; // NAL units of which some come again: slices, but of no IDR picture
+        for (const Bytes& unit : cutStream(stream, atNalUnits))
+            twice.insert(twice.end(), 1 + (twice.size() % 7 == 6 && (unit[4] & 31) == 1), unit);
+        for (const auto& pieces :
+             {units, cutStream(stream, atNalUnits), cutStream(stream, atEither), twice}) {
+            SCOPED_TRACE(testing::Message() << vector << " from " << from << ", " << units.size()
+                                            << " units, " << pieces.size() << " pieces");
             VideoDecoder decoder;
             BareDecoder bare;
             int pictures = 0;
@@ -165,8 +188,12 @@ TEST(EngineDecoder, IsAsNewOnceDrained) {
         EXPECT_EQ(used.drain(), 0) << "before open";
         used.open();
         EXPECT_EQ(used.drain(), 0);
-        for (const char* vector :
-             {"bframes.h264", "slices.h264", "fields.h264", "odd.h264", "bframes.h264"}) {
+        const std::pair<const char*, bool> streams[] = {// and whether they are drained to the end
+                                                        {"bframes.h264", true},  {"slices.h264", true},
+                                                        {"fields.h264", true},   {"odd.h264", true},
+                                                        {"bframes.h264", false}, {"slices.h264", false},
+                                                        {"bframes.h264", true}};
+        for (const auto& [vector, toTheEnd] : streams) {
             VideoDecoder fresh;
             fresh.open();
             std::vector<Bytes> units = accessUnits(vector);
@@ -182,7 +209,9 @@ TEST(EngineDecoder, IsAsNewOnceDrained) {
                 ASSERT_TRUE(drainWith(used) == expected) << vector;
                 EXPECT_EQ(used.pictureTime * int64_t{1000}, expected.time);
                 EXPECT_EQ(used.pictureReady, 1);
+                if (!toTheEnd) break;
             }
+            if (!toTheEnd) continue;
             EXPECT_EQ(used.drain(), 0);
             EXPECT_EQ(used.pictureReady, 0);
             EXPECT_EQ(used.drain(), 0);
@@ -209,6 +238,13 @@ TEST(Decoder, TellsItsLife) {
                             1);
                   EXPECT_EQ(takeException(), "java.lang.ArrayIndexOutOfBoundsException");
                   EXPECT_TRUE(bytesOf(output) == referenceDecode({units[0]}).at(0).i420);
+                  const Bytes before(static_cast<size_t>(160 * 96 * 3 / 2), 7);
+                  jbyteArray other = javaArray(before);
+                  EXPECT_EQ(AVCDecoder(take)(javaEnv(), nullptr, javaArray(5), other, handle), 0);
+                  EXPECT_EQ(takeException(), "java.lang.ArrayIndexOutOfBoundsException");
+                  EXPECT_TRUE(bytesOf(other) == before);
+                  EXPECT_EQ(AVCDecoder(take)(javaEnv(), nullptr, info, other, handle), 1) << "it still waits";
+                  EXPECT_TRUE(bytesOf(other) == bytesOf(output));
                   AVCDecoder(close)(javaEnv(), nullptr, handle);
               }),
               "AVC decoder codec opened 0\nset/update w:160  h:96\nset/update w:320  h:180\n" +
@@ -285,7 +321,7 @@ TEST(Decoder, APictureOfANewSizeWaitsToBeTaken) {
     });
 }
 
-// FFmpeg waits for the rest of a picture whose end was lost.
+// FFmpeg waits for the rest of a picture whose end was lost. It is given up at the next picture.
 TEST(EngineDecoder, GoesOnAfterAPictureThatLostItsEnd) {
     const auto loseHalf = [](Bytes& unit) { unit.resize(unit.size() / 2); };
     const auto changeEntropyCoding = [](Bytes& unit) { // in the PPS: no slice can be decoded
@@ -299,8 +335,8 @@ TEST(EngineDecoder, GoesOnAfterAPictureThatLostItsEnd) {
     } cases[] = {
         {"size_change.h264", loseHalf, 4, 5},          // at an IDR picture with other parameter sets
         {"baseline.h264", changeEntropyCoding, 0, 10}, // the same
-        {"fields.h264", loseHalf, 7, 17},              // a second field; with that of the IDR picture
-        {"refresh.h264", loseHalf, 40, 72},            // without any, after as many as are waited for
+        {"fields.h264", loseHalf, 7, 9},               // a second field; with the next one
+        {"refresh.h264", loseHalf, 40, 41},            // without IDR pictures
     };
     for (const auto& [vector, damage, damaged, resumed] : cases) {
         SCOPED_TRACE(vector);

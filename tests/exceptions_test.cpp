@@ -19,7 +19,8 @@ TEST_F(Exceptions, OfLibrariesStayInTheEngine) {
     int lives = 0;
     std::map<std::string, int> encodes; // lives of each kind with an exception in FFmpeg's encoder
     for (const SubjectKind& kind : subjectKinds()) {
-        if (std::string(kind.name) == "primitives") continue;
+        // These call nothing that has C++ behind it.
+        if (std::string(kind.name) == "primitives" || std::string(kind.name) == "muxer") continue;
         Script script = seedOf(kind, kind.seeds[0]);
         if (script.calls.size() > 6) script.calls.resize(6);
         std::vector<uint64_t> expected;

@@ -92,6 +92,11 @@ TEST_F(InstalledLife, PaysLittleForDiagnostics) {
     fs::remove(file);
 }
 
+// Three times: what the first peak leaves may serve the second, and what that leaves has to go as well.
+TEST_F(InstalledLife, GivesTheMemoryOfAPeakBack) {
+    expectTold(java("peaks", "3 100"), "100 transcoders: [0-9]+ MB at the peak, [0-9]+ MB after it\n");
+}
+
 TEST_F(InstalledLife, GoesOnAndOn) {
     const std::string numbers = effort() > 1 ? "100000 10000" : "3000 150";
     expectTold(java("soak", numbers), "the last stream's [0-9]+ bytes are the first's\n");

@@ -21,12 +21,12 @@ bool within(int seconds, const auto& holds) {
 }
 
 // The server's answer, or nothing.
-std::string request(int port, const std::string& line) {
+std::string request(int port, const std::string& line, const std::string& headers = "Host: localhost\r\n") {
     const int connection = socket(AF_INET, SOCK_STREAM, 0);
     const sockaddr_in address{AF_INET, htons(static_cast<uint16_t>(port)), {htonl(INADDR_LOOPBACK)}, {}};
     std::string answer;
     if (connect(connection, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0) {
-        const std::string text = line + " HTTP/1.1\r\nHost: localhost\r\nConnection: close\r\n\r\n";
+        const std::string text = line + " HTTP/1.1\r\n" + headers + "Connection: close\r\n\r\n";
         EXPECT_EQ(write(connection, text.data(), text.size()), static_cast<ssize_t>(text.size()));
         char part[4096];
         for (ssize_t size; (size = read(connection, part, sizeof part)) > 0;)
@@ -76,20 +76,36 @@ TEST_F(InstalledTool, GoesOnThroughWhatALiveSourceDoes) {
     ASSERT_TRUE(std::regex_search(said, page, std::regex("http://127.0.0.1:([0-9]+)/\n"))) << said;
     const int port = std::stoi(page[1]);
     fs::create_symlink(path("in.h264"), path("out/320x180/99.m4s"));
-    for (const auto& [line, status, type] : std::vector<std::array<std::string, 3>>{
-             {"GET /", "200", "text/html"},
-             {"GET /live.json", "200", "application/json"},
-             {"HEAD /master.m3u8", "200", "application/vnd.apple.mpegurl"},
-             {"GET /320x180/0.m4s", "200", "video/mp4"},
-             {"GET /../in.h264", "404", ""},
-             {"GET /%2e%2e/in.h264", "404", ""},
-             {"GET /320x180/..%2f..%2fin.h264", "404", ""},
-             {"GET /320x180/99.m4s", "404", ""},
-             {"GET /.kelvane-live", "404", ""},
-             {"POST /", "405", ""}}) {
-        const std::string answer = request(port, line);
-        EXPECT_TRUE(answer.starts_with("HTTP/1.1 " + status)) << line << answer.substr(0, 200);
-        EXPECT_NE(answer.find(type), std::string::npos) << line << answer.substr(0, 200);
+    const std::string home = "Host: localhost\r\n", elsewhere = "Host: elsewhere.example\r\n";
+    const std::string open = "\r\nAccess-control-allow-origin: *\r\n";
+    const std::string tag =
+        entries(request(port, "HEAD /320x180/0.m4s"), "Etag: ").at(0); // with its carriage return
+    struct Case {
+        std::string line, headers, status, part;
+    };
+    for (const auto& [line, headers, status, part] : std::vector<Case>{
+             {"GET /", home, "200", "text/html"},
+             {"GET /live.json", "Host: 127.0.0.1:80\r\n", "200", "application/json"},
+             {"GET /live.json", elsewhere, "421", ""}, // a page there must not read the figures
+             {"GET /live.json", "", "421", ""},
+             {"GET /", elsewhere, "421", ""},
+             {"HEAD /master.m3u8", elsewhere, "200", "application/vnd.apple.mpegurl"},
+             {"GET /320x180/0.m4s", home, "200", "video/mp4"},
+             {"GET /320x180/0.m4s", home, "200", open},
+             {"GET /sound/media.m3u8", elsewhere, "200", open},
+             {"GET /320x180/0.m4s", home + "If-None-Match: " + tag + "\n", "304", ""},
+             {"GET /../in.h264", home, "404", ""},
+             {"GET /%2e%2e/in.h264", home, "404", ""},
+             {"GET /320x180/..%2f..%2fin.h264", home, "404", ""},
+             {"GET /320x180/99.m4s", home, "404", ""},
+             {"GET /.kelvane-live", home, "404", ""},
+             {"POST /", home, "405", ""}}) {
+        const std::string answer = request(port, line, headers);
+        EXPECT_TRUE(answer.starts_with("HTTP/1.1 " + status)) << line << answer.substr(0, 300);
+        EXPECT_NE(answer.find(part), std::string::npos) << line << answer.substr(0, 300);
+        if (line.ends_with("live.json")) {
+            EXPECT_EQ(answer.find("llow-origin"), std::string::npos);
+        }
     }
     kill(child, SIGINT);
     EXPECT_EQ(finish(child), 0) << errors;
@@ -114,7 +130,7 @@ TEST_F(InstalledTool, GoesOnThroughWhatALiveSourceDoes) {
     EXPECT_NEAR(shown.back(), 24, 0.5);
     EXPECT_LE(gaps, 2) << "but for the hole";
     // What decodes is shown one picture after the other; its own times tell when.
-    auto [flashes, clicks] = flashesAndClicks("out/320x180/media.m3u8", 25, "async=1:min_hard_comp=0.012");
+    auto [flashes, clicks] = flashesAndClicks("out/master.m3u8", 25, "async=1:min_hard_comp=0.012");
     EXPECT_GE(flashes.size(), 22u);
     for (double& flash : flashes) {
         flash = shown.at(static_cast<size_t>(std::lround(flash * 25)));

@@ -1,11 +1,16 @@
+#include "com_kelvane_media_transform_codec_AVCProcessor.h"
 #include "processor/ModuleLoader.h"
-#include "support/Media.h"
+#include "support/JavaMachine.h"
 #include "support/Modules.h"
 #include "support/Output.h"
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <filesystem>
+
+#define AVCProcessor_problem Java_com_kelvane_media_transform_codec_AVCProcessor_problem
+#define AVCProcessor_loadLibrary Java_com_kelvane_media_transform_codec_AVCProcessor_loadLibrary
 
 namespace {
 
@@ -80,6 +85,27 @@ TEST(EngineModuleLoader, FillsItsTableAndUnmapsItUnlessProcessorsLive) {
         }
         EXPECT_EQ(isMapped(path), live);
     }
+}
+
+// Java's own form of UTF-8 has such characters, and the end of a string, in other bytes than a file system.
+TEST(ModulePath, MayHaveAnyCharacter) {
+    namespace fs = std::filesystem;
+    const fs::path folder = fs::temp_directory_path() / ("kelvane-path-" + std::to_string(getpid()));
+    fs::create_directories(folder);
+    for (const char32_t character : {U'é', U'鏡', U'\U00010000', U'\U0001F3AC', U'\U0010FFFF'}) {
+        const LocalFrame references;
+        const fs::path file = folder / std::u32string{U'm', character, U'.', U's', U'o'};
+        fs::copy(modulePath("top_bit"), file);
+        const std::u16string text = file.u16string();
+        jstring path = javaEnv()->NewString(reinterpret_cast<const jchar*>(text.data()),
+                                            static_cast<jsize>(text.size()));
+        EXPECT_EQ(AVCProcessor_problem(javaEnv(), nullptr, path), nullptr) << file;
+        jint guid = 0;
+        EXPECT_EQ(printedBy([&] { guid = AVCProcessor_loadLibrary(javaEnv(), nullptr, path); }),
+                  "loading " + file.string() + "\nlinked module \nfound -1\n");
+        EXPECT_EQ(static_cast<unsigned int>(guid), topBitGuid);
+    }
+    fs::remove_all(folder);
 }
 
 TEST(EngineExampleModules, GrayscaleTakesColourByItsStrength) {

@@ -387,8 +387,9 @@ void liveFailing(AllocationRecord& record, const SubjectKind& kind, const Script
     size_t delivered = 0;
     record = {true, 0, failAt, 0, {}};
     subject->open(script);
+    uint32_t time = 0;
     for (const Bytes& call : script.calls)
-        delivered += subject->give(call, 1) != 0;
+        delivered += subject->give(call, time++) != 0;
     for (int i = 0; subject->drain() && i < 20; ++i)
         ++delivered;
     subject->close();

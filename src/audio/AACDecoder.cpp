@@ -24,8 +24,9 @@ constexpr int bytesPerSample = 2;
 constexpr int samplesPerFrame = 1024; // per channel
 
 // A damaged unit may tell FFmpeg of band replication or of other channels, which it then holds on to for
-// ever.
+// ever. Or the stream is none of the configured kind, which no fresh start changes.
 constexpr int misfitsBeforeFreshStart = 4; // frames in a row
+constexpr int mostFreshStarts = 5;         // in a row, over frames of one kind
 
 // Of four bits, within the second half of the first byte and the first bit of the second.
 int samplingFrequencyIndex(const uint8_t* config) { return (config[0] & 7) << 1 | config[1] >> 7; }
@@ -106,11 +107,23 @@ int AudioDecoder::decode(unsigned char* data, int size) {
     status = static_cast<int8_t>(decodeFirstFrame(context.get(), frame.get(), &got, input, data, size));
     if (!got) return 0;
     const int samples = convert();
-    if (outputSize == samplesPerFrame * channels * bytesPerSample)
-        misfits = 0;
-    else if (++misfits == misfitsBeforeFreshStart)
-        openContext();
+    if (outputSize == samplesPerFrame * channels * bytesPerSample) {
+        misfits = freshStarts = 0;
+    } else {
+        misfits = std::min(misfits + 1, misfitsBeforeFreshStart);
+        if (misfits == misfitsBeforeFreshStart) startAfresh();
+    }
     return samples;
+}
+
+void AudioDecoder::startAfresh() {
+    // The profile is that of the unit itself: it tells band replication that is there from what FFmpeg believes.
+    const Kind kind{frame->channels, frame->sample_rate, frame->nb_samples, context->profile};
+    if (kind != misfit) freshStarts = 0;
+    misfit = kind;
+    if (freshStarts == mostFreshStarts) return;
+    ++freshStarts;
+    openContext();
 }
 
 // Returns the samples per channel in `output`, 0 for a frame that is not of the configured stream.

@@ -34,9 +34,17 @@ public:
     void close();
 
 private:
+    struct Kind {
+        int channels, sampleRate, samples, profile;
+        bool operator==(const Kind&) const = default;
+    };
+
     void openContext();
     int convert();
+    void startAfresh();
 
-    BufferOwner input; // the packet's memory
-    int misfits = 0;   // frames in a row that are not of the configured stream
+    BufferOwner input;   // the packet's memory
+    int misfits = 0;     // frames in a row that are not of the configured stream
+    Kind misfit{};       // of which the decoder was opened anew
+    int freshStarts = 0; // over it, since a frame was of the configured stream
 };

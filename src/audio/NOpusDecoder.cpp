@@ -31,9 +31,20 @@ void NOpusDecoder::open() {
 
 int NOpusDecoder::decode(unsigned char* data, int length) {
     int16_t pcm[longestFrame * codedChannels];
-    const int samples = opus_decode(decoder.get(), data, length, pcm, longestFrame, fec);
+    return deliver(opus_decode(decoder.get(), data, length, pcm, longestFrame, fec), pcm);
+}
+
+int NOpusDecoder::conceal(int samples) {
+    if (samples <= 0 || samples > longestFrame) return 0;
+    int16_t pcm[longestFrame * codedChannels];
+    return deliver(opus_decode(decoder.get(), nullptr, 0, pcm, samples, 0), pcm);
+}
+
+// `samples`: libopus's result.
+int NOpusDecoder::deliver(int samples, const int16_t* pcm) {
     if (samples <= 0) {
-        std::fprintf(stderr, "decoder failed: %s\n", opus_strerror(samples));
+        if (failureLines != 0) std::fprintf(stderr, "decoder failed: %s\n", opus_strerror(samples));
+        if (failureLines > 0) --failureLines;
         return samples;
     }
     if (!output) {
@@ -56,6 +67,21 @@ void NOpusDecoder::close() {
     decoder.reset();
     output.reset();
 }
+
+namespace {
+
+jint copyOut(const JavaCall& java, const NOpusDecoder& engine, int samples, jbyteArray output) {
+    if (samples <= 0) return 0;
+    const int size = pcmBytes(engine.channels, samples);
+    if (size > java.env->GetArrayLength(output)) {
+        std::printf("error, expected sample size did not match %d\n", size);
+        return -size;
+    }
+    java.copyWithin(output, engine.output.get(), size);
+    return samples;
+}
+
+} // namespace
 
 JNIEXPORT jlong JNICALL Java_com_kelvane_media_transform_codec_NOpusDecoder_open(JNIEnv*, jclass,
                                                                                  jint channels, jint fec) {
@@ -84,18 +110,24 @@ JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_NOpusDecoder_decod
     }
     if (!input || !output) return 0;
     JavaCall java(env);
-    const jsize outputLength = env->GetArrayLength(output);
     const ArrayCopy packet = java.copyIn(input);
     if (!packet) return 0;
-    const int samples = engine->decode(packet.as<unsigned char>(), packet.size);
-    if (samples <= 0) return 0;
-    const int size = pcmBytes(engine->channels, samples);
-    if (size > outputLength) {
-        std::printf("error, expected sample size did not match %d\n", size);
-        return -size;
-    }
-    java.copyWithin(output, engine->output.get(), size);
-    return samples;
+    return copyOut(java, *engine, engine->decode(packet.as<unsigned char>(), packet.size), output);
+}
+
+JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_NOpusDecoder_conceal(JNIEnv* env, jclass,
+                                                                                   jint samples,
+                                                                                   jbyteArray output,
+                                                                                   jlong handle) {
+    NOpusDecoder* engine = opus_dec_ctx.GetCoder(handle);
+    if (!engine || !output) return 0;
+    return copyOut(JavaCall(env), *engine, engine->conceal(samples), output);
+}
+
+JNIEXPORT void JNICALL Java_com_kelvane_media_transform_codec_NOpusDecoder_limitFailureLines(JNIEnv*, jclass,
+                                                                                             jint lines,
+                                                                                             jlong handle) {
+    if (NOpusDecoder* engine = opus_dec_ctx.GetCoder(handle)) engine->failureLines = lines;
 }
 
 JNIEXPORT void JNICALL Java_com_kelvane_media_transform_codec_NOpusDecoder_close(JNIEnv*, jclass,

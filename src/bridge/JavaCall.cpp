@@ -54,3 +54,33 @@ void JavaCall::deferException() {
     else
         deferred = raised;
 }
+
+namespace {
+
+// Of a character beyond 16 bits modified UTF-8 has the two surrogates, 1101 10vv vvww wwww and 1101 11yy yyzz zzzz,
+// in three bytes each.
+bool isSurrogate(const uint8_t* bytes, int top) { return bytes[0] == 0xED && bytes[1] >> 4 == top; }
+
+} // namespace
+
+JavaPath::JavaPath(JavaCall& call, jstring javaString) {
+    const JavaString modified(call, javaString);
+    if (!modified.get()) return;
+    path = mallocBuffer(std::strlen(modified.get()) + 1);
+    if (!path) return;
+    const auto* from = reinterpret_cast<const uint8_t*>(modified.get());
+    uint8_t* to = path.get();
+    while (*from) {
+        if (!isSurrogate(from, 0xA) || !isSurrogate(from + 3, 0xB)) {
+            *to++ = *from++;
+            continue;
+        }
+        const int plane = (from[1] & 15) + 1;
+        *to++ = static_cast<uint8_t>(0xF0 | plane >> 2);
+        *to++ = static_cast<uint8_t>(0x80 | (plane & 3) << 4 | (from[2] >> 2 & 15));
+        *to++ = static_cast<uint8_t>(0x80 | (from[2] & 3) << 4 | (from[4] & 15));
+        *to++ = from[5];
+        from += 6;
+    }
+    *to = 0;
+}

@@ -75,6 +75,17 @@ private:
     const char* characters;
 };
 
+// A Java string as a path of the file system, in UTF-8 itself; null when there is no memory for it.
+class JavaPath {
+public:
+    JavaPath(JavaCall& call, jstring javaString);
+
+    const char* get() const { return reinterpret_cast<const char*>(path.get()); }
+
+private:
+    MallocBuffer path;
+};
+
 // Writes `number` most significant byte first, as the info arrays carry numbers.
 inline void putBigEndian(uint8_t* bytes, int count, uint32_t number) {
     for (int i = count - 1; i >= 0; --i, number >>= 8)

@@ -17,6 +17,7 @@ extern "C" {
 #include <iterator>
 #include <new>
 #include <string_view>
+#include <utility>
 
 [[maybe_unused]] static MuxerContext muxer_ctx;
 
@@ -109,7 +110,8 @@ int setConfiguration(AVCodecParameters& codec, std::span<const uint8_t> bytes) {
 
 bool Muxer::open(const char* formatName, int options) {
     const bool isoBase = isOneOf(formatName, {"mp4", "mov"});
-    if (!isoBase && !isOneOf(formatName, {"mpegts", "flv", "matroska", "ogg", "adts", "wav"})) return false;
+    if (!isoBase && !isOneOf(formatName, {"mpegts", "flv", "matroska", "ogg", "h264", "adts", "wav"}))
+        return false;
     if (options & fragmented && (std::string_view(formatName) != "mp4" || options != fragmented))
         return false;
     if (isoBase && !(options & (fragmented | seekable)))
@@ -296,33 +298,41 @@ int Muxer::label(int track, const char* language, const char* title) {
 
 int Muxer::begin(int firstFragment) {
     if (!format || begun || tracks.empty() || firstFragment < 1) return WRONG_CALL;
-    AVDictionary* options = nullptr;
-    if (isOneOf(name, {"mp4", "mov"})) {
-        std::string flags = settings & fragmented  ? "cmaf+frag_custom+frag_discont+skip_trailer"
-                            : settings & fastStart ? "faststart"
-                                                   : "";
-        int timescale = -1; // of all tracks of pictures, 0 when they differ: MP4 then takes multiples of them
-        bool coloured = false;
-        for (const Track& track : tracks) {
-            if (track.codec != h264) continue;
-            timescale = timescale == -1 || timescale == track.tick.den ? track.tick.den : 0;
-            const AVCodecParameters& picture = *track.stream->codecpar;
-            coloured |= picture.color_range || picture.color_primaries != AVCOL_PRI_UNSPECIFIED ||
-                        picture.color_trc != AVCOL_TRC_UNSPECIFIED ||
-                        picture.color_space != AVCOL_SPC_UNSPECIFIED;
-        }
-        if (coloured) flags += flags.empty() ? "write_colr" : "+write_colr";
-        if (!flags.empty()) av_dict_set(&options, "movflags", flags.c_str(), 0);
-        if (settings & fragmented) av_dict_set_int(&options, "fragment_index", firstFragment, 0);
-        if (timescale > 0) av_dict_set_int(&options, "video_track_timescale", timescale, 0);
-    } else if (name == "flv" && !(settings & seekable)) {
-        av_dict_set(&options, "flvflags", "no_duration_filesize", 0);
-    }
     begun = true;
-    const int result = avformat_write_header(format.get(), &options);
-    av_dict_free(&options);
-    if (result >= 0) avio_flush(stream.get());
-    return answer(std::min(result, 0));
+    return answer(guarded([&] {
+        AVDictionary* options = nullptr;
+        int result = chooseOptions(firstFragment, &options);
+        if (result >= 0) result = avformat_write_header(format.get(), &options);
+        av_dict_free(&options);
+        if (result >= 0) avio_flush(stream.get());
+        return std::min(result, 0);
+    }));
+}
+
+int Muxer::chooseOptions(int firstFragment, AVDictionary** options) const {
+    if (name == "flv" && !(settings & seekable))
+        return av_dict_set(options, "flvflags", "no_duration_filesize", 0);
+    if (!isOneOf(name, {"mp4", "mov"})) return 0;
+    const char* flags = settings & fragmented  ? "cmaf+frag_custom+frag_discont+skip_trailer"
+                        : settings & fastStart ? "faststart"
+                                               : nullptr;
+    int timescale = -1; // of all tracks of pictures, 0 when they differ: MP4 then takes multiples of them
+    bool coloured = false;
+    for (const Track& track : tracks) {
+        if (track.codec != h264) continue;
+        timescale = timescale == -1 || timescale == track.tick.den ? track.tick.den : 0;
+        const AVCodecParameters& picture = *track.stream->codecpar;
+        coloured |= picture.color_range || picture.color_primaries != AVCOL_PRI_UNSPECIFIED ||
+                    picture.color_trc != AVCOL_TRC_UNSPECIFIED ||
+                    picture.color_space != AVCOL_SPC_UNSPECIFIED;
+    }
+    int result = flags ? av_dict_set(options, "movflags", flags, 0) : 0;
+    if (result >= 0 && coloured) result = av_dict_set(options, "movflags", "+write_colr", AV_DICT_APPEND);
+    if (result >= 0 && settings & fragmented)
+        result = av_dict_set_int(options, "fragment_index", firstFragment, 0);
+    if (result >= 0 && timescale > 0)
+        result = av_dict_set_int(options, "video_track_timescale", timescale, 0);
+    return result;
 }
 
 bool Muxer::keepsDurations() const { return isOneOf(name, {"mp4", "mov", "matroska", "ogg"}); }
@@ -355,7 +365,7 @@ int Muxer::refusal(const Track& track, const MuxedUnit& unit) const {
         if (unit.decodingTime <= track.lastTime) return NOT_RISING;
         const int64_t distance = inContainer(unit.decodingTime) - inContainer(track.lastTime);
         if (distance <= 0 && !(format->oformat->flags & AVFMT_TS_NONSTRICT)) return NOT_RISING;
-        if (distance > longestDistance && !(settings & fragmented && !track.run.units && !track.held.packet))
+        if (distance > longestDistance && !(settings & fragmented && track.queue.empty()))
             return OUT_OF_RANGE;
     }
 
@@ -395,24 +405,26 @@ int Muxer::write(int number, MuxedUnit unit) {
         packet.size -= header;
     }
     if (const int refused = refusal(track, unit)) return refused;
-    const bool first = !track.begun;
-    if (first) track.shift = shiftOf(unit);
+    if (!track.begun) track.shift = shiftOf(unit);
     track.begun = true;
     track.lastTime = unit.decodingTime;
     if (name == "flv" && !anyWritten)
         firstWritten = av_rescale_q(unit.decodingTime, track.tick, track.stream->time_base);
     anyWritten = true;
-    fragmentSize += packet.size;
-    return guarded([&] {
-        if (first && settings & fragmented && !track.shift)
-            if (const int result = keepDecodingTimes(track); result < 0) return answer(result);
-        if (const int result = releaseHeld(track, unit.decodingTime); result < 0) return answer(result);
-        if (keepsDurations() && !unit.duration) {
-            track.held = std::move(unit);
-            return answer(0);
-        }
-        return answer(mux(track, std::move(unit)));
-    });
+    if (settings & fragmented) fragmentSize += packet.size;
+    return answer(guarded([&] {
+        if (!(settings & fragmented)) return pass(track, std::move(unit));
+        track.queue.push_back(std::move(unit));
+        return 0;
+    }));
+}
+
+// Hands a unit on, unless it waits for the next one, which tells how long it lasts.
+int Muxer::pass(Track& track, MuxedUnit unit) {
+    if (const int result = releaseHeld(track, unit.decodingTime); result < 0) return result;
+    if (!keepsDurations() || unit.duration) return mux(track, std::move(unit));
+    track.held = std::move(unit);
+    return 0;
 }
 
 // Of the decoding times of a track in fragments, which have no sign: as far as its first unit waits to be
@@ -455,7 +467,7 @@ int Muxer::releaseHeld(Track& track, int64_t end) {
 int Muxer::mux(Track& track, MuxedUnit unit) {
     track.lastDuration = unit.duration;
     if (track.annotation && hasParameterSets(unit.packet->data, unit.packet->size)) {
-        const PacketOwner copy(av_packet_clone(unit.packet.get()));
+        PacketOwner copy(av_packet_clone(unit.packet.get()));
         if (!copy) return AVERROR(ENOMEM);
         // What it cannot read it drops.
         if (av_bsf_send_packet(track.annotation.get(), copy.get()) < 0 ||
@@ -463,12 +475,14 @@ int Muxer::mux(Track& track, MuxedUnit unit) {
             !startsWithCode(copy->data, copy->size))
             av_bsf_flush(track.annotation.get());
         else
-            av_packet_move_ref(unit.packet.get(), copy.get());
+            unit.packet = std::move(copy);
     }
     return put(track, unit);
 }
 
 int Muxer::put(Track& track, MuxedUnit& unit) {
+    if (settings & fragmented && !track.shift && !std::exchange(track.written, true))
+        if (const int result = keepDecodingTimes(track); result < 0) return result;
     TrackRun& run = track.run;
     const int64_t decodeTime = unit.decodingTime + (settings & fragmented ? track.shift : 0);
     if (run.units++ == 0) {
@@ -497,33 +511,46 @@ int Muxer::put(Track& track, MuxedUnit& unit) {
 int Muxer::cut(int64_t nextTime) {
     if (!format || !begun || finished) return WRONG_CALL;
     if (failure) return failure;
-    return guarded([&] {
+    if (nextTime != unknown && (!tracks[0].queue.empty() || tracks[0].held.packet)) {
+        const Track& track = tracks[0];
+        if (nextTime <= track.lastTime) return NOT_RISING;
+        const int64_t limit = longestSeconds * track.tick.den;
+        if (nextTime > limit ||
+            av_rescale_q(nextTime - track.lastTime, track.tick, track.stream->time_base) > longestDistance)
+            return OUT_OF_RANGE;
+    }
+    return answer(guarded([&] {
         bool any = false;
         for (Track& track : tracks) {
+            for (MuxedUnit& unit : track.queue)
+                if (const int result = pass(track, std::move(unit)); result < 0) return result;
+            track.queue.clear();
             const int64_t end = &track == tracks.data() ? nextTime : unknown;
-            if (const int result = releaseHeld(track, end); result < 0) return answer(result);
+            if (const int result = releaseHeld(track, end); result < 0) return result;
             any |= track.run.units > 0;
             track.finished = track.run;
             track.run = {};
         }
-        fragmentSize = 0;
         if (!any) return 0;
-        if (const int result = av_write_frame(format.get(), nullptr); result < 0) return answer(result);
+        constexpr int64_t header = 1024;
+        bytes.reserve(static_cast<size_t>(pending() + fragmentSize + header));
+        fragmentSize = 0;
+        if (const int result = av_write_frame(format.get(), nullptr); result < 0) return result;
         // Each fragment tells its own time, whatever the durations before it add up to.
         if (settings & fragmented)
             if (const int result = av_opt_set(format->priv_data, "movflags", "+frag_discont", 0); result < 0)
-                return answer(result);
+                return result;
         avio_flush(stream.get());
-        return answer(0);
-    });
+        return 0;
+    }));
 }
 
 int Muxer::finish() {
     if (!format || !begun || finished) return WRONG_CALL;
     if (failure) return failure;
-    return guarded([&] {
+    return answer(guarded([&] {
         for (Track& track : tracks)
-            if (const int result = releaseHeld(track, unknown); result < 0) return answer(result);
+            if (const int result = releaseHeld(track, unknown); result < 0) return result;
         finished = true;
         const int result = av_write_trailer(format.get());
         // With the index in front it is what was written last, and all the rest had to make room for it.
@@ -532,8 +559,8 @@ int Muxer::finish() {
         if (move != pieces.end() && move + 1 != pieces.end()) move->place = move[1].place;
         for (auto piece = move; piece != pieces.end(); ++piece)
             if (!piece->moves) move->size = std::max(move->size, piece->place + piece->size - move->place);
-        return answer(std::min(result, 0));
-    });
+        return std::min(result, 0);
+    }));
 }
 
 const TrackRun* Muxer::run(int track) const {
@@ -600,11 +627,12 @@ int Muxer::openStream(AVFormatContext* opened, AVIOContext** made, const char*, 
 void Muxer::closeStream(AVFormatContext*, AVIOContext* made) { StreamOwner{made}; }
 
 void Muxer::close() {
-    tracks.clear();
+    tracks = std::vector<Track>();
     format.reset();
     stream.reset();
-    pieces = {};
-    bytes = {};
+    pieces = std::vector<Piece>();
+    bytes = std::vector<uint8_t>();
+    name = std::string();
     taken = takenBytes = 0;
 }
 

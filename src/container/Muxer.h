@@ -85,10 +85,12 @@ private:
         Codec codec = h264;
         AVRational tick{};
         FilterOwner annotation; // writes the picture format into parameter sets
-        MuxedUnit held;         // waits for the next one, which tells how long it lasts
-        bool begun = false;
+        // Of a fragment, which is made at once: FFmpeg's code and data are cold after every encoded picture,
+        // and one unit then takes ten times as long as in a row of them.
+        std::vector<MuxedUnit> queue;
+        MuxedUnit held; // waits for the next one, which tells how long it lasts
+        bool begun = false, written = false;
         int64_t lastTime = 0;     // decoding time of the last unit
-        int64_t lastWritten = 0;  // the same in the container's ticks
         int64_t lastDuration = 0; // of the last unit that was written
         int64_t shift = 0;        // of decoding times in fragments
         TrackRun run, finished;
@@ -96,9 +98,11 @@ private:
 
     Track* addTrack(Codec codec, AVRational tick);
     int annotate(Track& track, const PictureFormat& format);
+    int chooseOptions(int firstFragment, AVDictionary** options) const;
     static int64_t shiftOf(const MuxedUnit& first);
     int keepDecodingTimes(const Track& track);
     int refusal(const Track& track, const MuxedUnit& unit) const;
+    int pass(Track& track, MuxedUnit unit);
     int mux(Track& track, MuxedUnit unit);
     int put(Track& track, MuxedUnit& unit);
     int releaseHeld(Track& track, int64_t end);

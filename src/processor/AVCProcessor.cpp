@@ -202,7 +202,7 @@ JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_AVCProcessor_loadL
                                                                                        jstring path) {
     if (!path) return 0;
     JavaCall java(env);
-    const JavaString file(java, path);
+    const JavaPath file(java, path);
     if (!file.get()) return 0;
     std::printf("loading %s\n", file.get());
     const int guid = loader.LoadLib(file.get());
@@ -214,7 +214,7 @@ JNIEXPORT jstring JNICALL Java_com_kelvane_media_transform_codec_AVCProcessor_pr
                                                                                       jstring path) {
     if (!path) return nullptr;
     JavaCall java(env);
-    const JavaString file(java, path);
+    const JavaPath file(java, path);
     char text[512];
     if (!file.get() || !findModuleProblem(file.get(), text, sizeof text)) return nullptr;
     return java.newAscii(text);

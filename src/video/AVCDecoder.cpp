@@ -59,6 +59,13 @@ Contents contentsOf(const signed char* data, int size) {
     return contents;
 }
 
+// Whether FFmpeg has a picture for the packet. Its errors change nothing: there is none then.
+bool pictureOf(AVCodecContext& context, AVFrame& frame, const AVPacket& packet) {
+    int got = 0;
+    avcodec_decode_video2(&context, &frame, &got, &packet);
+    return got > 0;
+}
+
 } // namespace
 
 void VideoDecoder::open() {
@@ -69,7 +76,8 @@ void VideoDecoder::open() {
         context->flags |= AV_CODEC_FLAG_TRUNCATED;
         context->refcounted_frames = 0;
         context->get_format = acceptSize;
-        context->get_buffer2 = beginPicture;
+        context->get_buffer2 = beginFrame;
+        context->slice_flags = SLICE_FLAG_ALLOW_FIELD; // so that seeRows is told of first fields
         context->opaque = this;
     }
     frame.reset(av_frame_alloc());
@@ -83,27 +91,68 @@ void VideoDecoder::open() {
     }
 }
 
-// FFmpeg asks for the format before it takes any memory for pictures of a new size.
+// FFmpeg asks for the format before it takes any memory for pictures of a new size; it holds none of the old
+// size back.
 AVPixelFormat VideoDecoder::acceptSize(AVCodecContext* codecContext, const AVPixelFormat* formats) {
+    static_cast<VideoDecoder*>(codecContext->opaque)->progress.unseen %= 2;
     const int64_t macroblocks = int64_t{codecContext->coded_width / 16} * (codecContext->coded_height / 16);
     if (macroblocks > largestPicture) return AV_PIX_FMT_NONE;
     return avcodec_default_get_format(codecContext, formats);
 }
 
-// FFmpeg asks for a buffer once for each frame that it begins: the only sign that it has taken a slice.
-int VideoDecoder::beginPicture(AVCodecContext* codecContext, AVFrame* picture, int flags) {
-    ++static_cast<VideoDecoder*>(codecContext->opaque)->picturesBegun;
+// FFmpeg asks for a buffer once for each frame that it begins.
+int VideoDecoder::beginFrame(AVCodecContext* codecContext, AVFrame* picture, int flags) {
+    auto* const decoder = static_cast<VideoDecoder*>(codecContext->opaque);
+    Progress& progress = decoder->progress;
+    progress.fields = 0;
+    progress.slices = progress.refused = 0;
+    ++decoder->begun;
+    codecContext->draw_horiz_band = seeRows;
     return avcodec_default_get_buffer2(codecContext, picture, flags);
+}
+
+// FFmpeg tells of each row of macroblocks that it has decoded. What is asked here is whether it belongs to a
+// frame or to one of two fields; so the first row of a frame is enough.
+void VideoDecoder::seeRows(AVCodecContext* codecContext, const AVFrame*, int*, int, int fields, int) {
+    Progress& progress = static_cast<VideoDecoder*>(codecContext->opaque)->progress;
+    if ((progress.fields |= static_cast<uint32_t>(fields)) != bothFields) return;
+    codecContext->draw_horiz_band = nullptr;
+    progress.unseen += progress.unseen & 1;
 }
 
 // Taking pictures in chunks, FFmpeg's decoder waits for the rest of a picture whose end was lost and refuses
 // every later one, without an error: it does not begin them. In a stream in good order it begins each one but
-// a second field, which follows a first, is no IDR picture and belongs to the frame already begun. (It also
-// drops redundant slices and what lacks its parameter sets; giving up nothing then changes nothing.)
-bool VideoDecoder::isRefused(int start) {
-    constexpr int longestRefusal = 32; // pictures, where no IDR picture shows the end of the damage
-    if (start == 0 || picturesBegun == 0) return false;
-    return ++refusedPictures >= longestRefusal || start == idrSlice;
+// second fields. (It also drops redundant slices and what lacks its parameter sets; giving up nothing then
+// changes nothing.) Where pictures come in pieces, what it refuses may be a slice of the very picture that it
+// waits for, which came twice or late; so the next one decides, unless all that follows needs this one.
+bool VideoDecoder::isRefused(int start, uint32_t fieldsBefore) {
+    if (fieldsBefore == noFrame) return false;
+    if (fieldsBefore == topField || fieldsBefore == bottomField) {
+        progress.fields = bothFields; // even if this slice of the second field is shorter than a row
+        return false;
+    }
+    return ++progress.refused > (progress.inPieces ? 1 : 0) || start == idrSlice;
+}
+
+// After a call that begins a picture and brings none out: whether FFmpeg was in the way, and is to be given
+// the packet once more.
+bool VideoDecoder::clearTheWay(int start, uint32_t fieldsBefore, uint32_t unseenBefore) {
+    const bool isIdr = start == idrSlice, isBegun = progress.slices == 0;
+    if (isBegun && isIdr && unseenBefore / 2 > static_cast<uint32_t>(context->has_b_frames)) {
+        // Where order was lost, FFmpeg may begin every frame and show none, for ever. Of the IDR pictures
+        // that it decoded whole frames with, all that did not come out are held back, and it knows how many
+        // those are. (A field without its partner is dropped; it proves nothing.) What is held back and
+        // referred to can go: this picture needs none of it.
+        avcodec_flush_buffers(context.get());
+        progress.unseen = 1;
+        return true;
+    }
+    // Behind an unfinished frame FFmpeg does begin an IDR picture, but with that one's parameter sets, in
+    // which it may fail again, and again behind the failed one.
+    const bool failsAgain = isIdr && progress.fields == 0 && fieldsBefore == 0;
+    if (!(isBegun ? failsAgain : isRefused(start, fieldsBefore))) return false;
+    giveUpPicture();
+    return true;
 }
 
 // A call that is not in chunks ends the wait, as every packet does where FFmpeg is given whole ones; the
@@ -116,44 +165,36 @@ void VideoDecoder::giveUpPicture() {
     lone.data = delimiter;
     lone.size = sizeof delimiter;
     context->flags2 &= ~AV_CODEC_FLAG2_CHUNKS;
-    int got = 0;
-    avcodec_decode_video2(context.get(), frame.get(), &got, &lone);
+    pictureOf(*context, *frame, lone);
     context->flags2 |= AV_CODEC_FLAG2_CHUNKS;
-    slicesGiven = 0;
+    progress.slices = progress.refused = 0;
 }
 
 // Strangers can write what FFmpeg pays for dearly, or what it takes for something else.
 bool VideoDecoder::admit(int size, int nalUnits, int slices) {
     if (size > largestAccessUnit || nalUnits > mostNalUnits || slices > mostSlices) return false;
     // In chunks, the slices of a picture may come in any number of calls.
-    if (slicesGiven + slices > mostSlices) giveUpPicture();
-    slicesGiven += slices;
+    if (progress.slices + slices > mostSlices) giveUpPicture();
+    progress.slices += slices;
     return true;
 }
 
 // Only tells; nothing that is decoded depends on it.
-void VideoDecoder::judge(int slices, int pictureStarts, uint64_t begun, bool got) {
-    if (begun > 0) ++unseenPictures;
+DecodeOutcome VideoDecoder::judge(int slices, int pictureStarts, uint32_t fieldsBefore, bool got) {
+    if (begun > 0) ++progress.waiting;
     if (got) {
-        // FFmpeg begins a frame of its own for each that the numbers of the others leave out.
-        const bool hasMissing = begun > static_cast<uint64_t>(std::max(pictureStarts, 1));
-        const bool isDamaged = frame->decode_error_flags != 0 || (frame->flags & AV_FRAME_FLAG_CORRUPT) != 0;
-        outcome = hasMissing || isDamaged ? DecodeOutcome::damaged : DecodeOutcome::decoded;
-        unseenPictures = std::clamp(unseenPictures - 1, 0, context->has_b_frames);
-        mayBeFields = (hadPicture && mayBeFields) || frame->interlaced_frame != 0;
-        hadPicture = true;
+        progress.waiting = std::clamp(progress.waiting - 1, 0, context->has_b_frames);
         if (frame->key_frame) needsKey = false;
-    } else if (slices == 0) {
-        outcome = DecodeOutcome::noPicture;
-    } else {
-        // A first field waits for its second, which FFmpeg does not begin; the second of two that it does not
-        // begin is no field.
-        const int waiting = unseenPictures - (mayBeFields ? 1 : 0);
-        const bool isTaken =
-            begun > 0 ? waiting <= context->has_b_frames
-                      : picturesBegun > 0 && (pictureStarts == 0 || (mayBeFields && refusedPictures < 2));
-        outcome = isTaken ? DecodeOutcome::heldBack : DecodeOutcome::refused;
+        // FFmpeg begins a frame of its own for each that the numbers of the others leave out.
+        const bool hasMissing = begun > std::max(pictureStarts, 1);
+        const bool isConcealed = frame->decode_error_flags != 0 || (frame->flags & AV_FRAME_FLAG_CORRUPT) != 0;
+        return hasMissing || isConcealed ? DecodeOutcome::damaged : DecodeOutcome::decoded;
     }
+    if (slices == 0) return DecodeOutcome::noPicture;
+    const auto isField = [](uint32_t fields) { return fields == topField || fields == bottomField; };
+    const bool isTaken = begun > 0 ? isField(progress.fields) || progress.waiting <= context->has_b_frames
+                                   : isField(fieldsBefore) || (pictureStarts == 0 && fieldsBefore != noFrame);
+    return isTaken ? DecodeOutcome::heldBack : DecodeOutcome::refused;
 }
 
 int VideoDecoder::decode(signed char* data, int size, unsigned int time) {
@@ -171,55 +212,45 @@ int VideoDecoder::decode(signed char* data, int size, unsigned int time) {
     // FFmpeg reads through null in a context that failed to open.
     if (!frame || !context || !avcodec_is_open(context.get())) return 0;
     int result = 0;
-    if (!completes([&] { result = decodeChecked(data, size, time); })) {
-        std::puts("Exception in decode");
-        av_packet_unref(&packet);
-        // Over what it had done by half, FFmpeg would end the process in the next call.
-        close();
-        open();
-    }
+    if (!completes([&] { result = decodeChecked(data, size, time); })) beginAnew();
     needsKey |= outcome == DecodeOutcome::damaged || outcome == DecodeOutcome::refused;
     return result;
 }
 
+// Behind an exception: over what it had done by half, FFmpeg would end the process in the next call.
+void VideoDecoder::beginAnew() {
+    std::puts("Exception in decode");
+    av_packet_unref(&packet);
+    close();
+    open();
+}
+
 int VideoDecoder::decodeChecked(const signed char* data, int size, unsigned int time) {
+    if (progress.draining) endStream(); // what was still held back belongs to the old one
     const Contents contents = contentsOf(data, size);
     if (!admit(size, contents.nalUnits, contents.slices)) return 0;
     // av_new_packet makes the private, padded copy; reference-counted, so that FFmpeg takes no second one.
     if (av_new_packet(&packet, size) < 0) return 0;
     packet.pts = int64_t{time} * 1000;
     std::memcpy(packet.data, data, static_cast<size_t>(size));
-    // FFmpeg does begin an IDR frame behind an unfinished picture, but with that one's parameter sets, in
-    // which it may fail again; and there are confusions of fields in which it begins every frame and shows
-    // none. Each IDR picture comes out or is held back; of those that are, FFmpeg knows the number.
-    if (unseenIdrPictures > context->has_b_frames && contents.pictureStart == idrSlice) {
-        // What is held back and referred to can go: this picture needs none of it. Giving up the picture
-        // alone is not enough for FFmpeg to get out of every confusion of fields.
-        avcodec_flush_buffers(context.get());
-        slicesGiven = unseenIdrPictures = 0;
-    }
-    const uint64_t begunBefore = picturesBegun;
-    int got = 0;
-    avcodec_decode_video2(context.get(), frame.get(), &got, &packet);
-    if (got > 0) {
-        refusedPictures = unseenIdrPictures = 0;
-    } else if (picturesBegun != begunBefore) {
-        refusedPictures = 0;
-        if (contents.pictureStart == idrSlice) ++unseenIdrPictures;
-    } else if (isRefused(contents.pictureStart)) {
-        giveUpPicture();
-        avcodec_decode_video2(context.get(), frame.get(), &got, &packet);
-        refusedPictures = unseenIdrPictures = 0;
-    }
-    if (picturesBegun != begunBefore) slicesGiven = contents.slices;
-    judge(contents.slices, contents.pictureStarts, picturesBegun - begunBefore, got > 0);
+    const uint32_t fieldsBefore = progress.fields, unseenBefore = progress.unseen;
+    if (contents.slices > 0 && contents.pictureStart == 0) progress.inPieces = true;
+    if (contents.pictureStart == idrSlice) progress.unseen |= 1;
+    begun = 0;
+    bool got = pictureOf(*context, *frame, packet);
+    if (!got && contents.pictureStart != 0 &&
+        clearTheWay(contents.pictureStart, fieldsBefore, unseenBefore))
+        got = pictureOf(*context, *frame, packet);
+    if (progress.slices == 0) progress.slices = contents.slices; // of the frame that was begun in this call
+    if (got) progress.unseen = 0;
+    outcome = judge(contents.slices, contents.pictureStarts, fieldsBefore, got);
     timestamp = time;
     av_packet_unref(&packet);
     return receive(got);
 }
 
-int VideoDecoder::receive(int got) {
-    if (got <= 0) return 0;
+int VideoDecoder::receive(bool got) {
+    if (!got) return 0;
     if (frame->width != width || frame->height != height) {
         width = frame->width;
         height = frame->height;
@@ -237,23 +268,27 @@ int VideoDecoder::drain() {
     av_init_packet(&packet);
     packet.data = nullptr; // which is how FFmpeg is told that the stream has ended
     packet.size = 0;
-    int got = 0;
-    avcodec_decode_video2(context.get(), frame.get(), &got, &packet);
-    if (got <= 0) {
-        avcodec_flush_buffers(context.get());
-        context->has_b_frames = 0; // the delay that FFmpeg learnt from the old stream
-        picturesBegun = 0;
-        unseenPictures = 0;
-        needsKey = false;
-        refusedPictures = unseenIdrPictures = slicesGiven = 0;
-    }
+    progress.draining = true;
+    bool got = false;
+    if (!completes([&] { got = pictureOf(*context, *frame, packet); }))
+        beginAnew();
+    else if (!got)
+        endStream();
     return receive(got);
+}
+
+void VideoDecoder::endStream() {
+    avcodec_flush_buffers(context.get());
+    context->has_b_frames = 0; // the delay that FFmpeg learnt from the old stream
+    progress = {};
+    needsKey = false;
 }
 
 void VideoDecoder::close() {
     frame.reset();
     context.reset();
     codec = nullptr;
+    progress = {};
 }
 
 namespace {
@@ -281,7 +316,9 @@ ImageFrameOwner convertToYuv420(const AVFrame& picture) {
 
 bool isYuv420(int format) { return format == AV_PIX_FMT_YUV420P || format == AV_PIX_FMT_YUVJ420P; }
 
-// Copies the decoder's picture out; one that `output` is not made for waits.
+constexpr jsize infoSize = 6;
+
+// Copies the decoder's picture out; one that `output` or `info` is not made for waits.
 jint deliver(VideoDecoder& decoder, JavaCall& java, jbyteArray info, jbyteArray output) {
     const AVFrame& picture = *decoder.frame;
     const int pictureSize = packedPictureSize(picture.width, picture.height);
@@ -299,12 +336,21 @@ jint deliver(VideoDecoder& decoder, JavaCall& java, jbyteArray info, jbyteArray 
         java.copyWithin(output, bytes, count, std::exchange(at, at + count));
     });
 
-    uint8_t about[6] = {1};
+    uint8_t about[infoSize] = {1};
     putBigEndian(about + 1, 2, static_cast<uint32_t>(picture.width));
     putBigEndian(about + 3, 2, static_cast<uint32_t>(picture.height));
     about[5] = static_cast<uint8_t>(picture.format);
-    java.copyOut(info, about, sizeof about);
+    decoder.pictureWaiting = java.env->GetArrayLength(info) < infoSize;
+    java.copyOut(info, about, infoSize);
     return 1;
+}
+
+// Asked where a picture may still be left where it is; Java sees an exception over a shorter array.
+bool takesInfo(JavaCall& java, jbyteArray info) {
+    if (java.env->GetArrayLength(info) >= infoSize) return true;
+    constexpr uint8_t nothing[infoSize] = {};
+    java.copyOut(info, nothing, infoSize); // raises, and copies nothing
+    return false;
 }
 
 jint decodeInto(JNIEnv* env, uint32_t time, jbyteArray input, jbyteArray info, jbyteArray output,
@@ -347,9 +393,9 @@ JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_AVCDecoder_drain(J
                                                                                jbyteArray output,
                                                                                jlong handle) {
     VideoDecoder* decoder = avc_dec_ctx.GetCoder(handle);
-    if (!decoder || !info || !output || decoder->drain() != 1) return 0;
+    if (!decoder || !info || !output) return 0;
     JavaCall java(env);
-    return deliver(*decoder, java, info, output);
+    return takesInfo(java, info) && decoder->drain() == 1 ? deliver(*decoder, java, info, output) : 0;
 }
 
 JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_AVCDecoder_take(JNIEnv* env, jclass,
@@ -359,7 +405,7 @@ JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_AVCDecoder_take(JN
     VideoDecoder* decoder = avc_dec_ctx.GetCoder(handle);
     if (!decoder || !info || !output || !decoder->pictureWaiting) return 0;
     JavaCall java(env);
-    return deliver(*decoder, java, info, output);
+    return takesInfo(java, info) ? deliver(*decoder, java, info, output) : 0;
 }
 
 JNIEXPORT jlong JNICALL Java_com_kelvane_media_transform_codec_AVCDecoder_pictureTime(JNIEnv*, jclass,

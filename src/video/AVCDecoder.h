@@ -47,20 +47,34 @@ public:
     void close();
 
 private:
-    int decodeChecked(const signed char* data, int size, unsigned int time);
-    int receive(int got);
-    static AVPixelFormat acceptSize(AVCodecContext* codecContext, const AVPixelFormat* formats);
-    static int beginPicture(AVCodecContext* codecContext, AVFrame* picture, int flags);
-    bool admit(int size, int nalUnits, int slices);
-    bool isRefused(int start);
-    void giveUpPicture();
-    void judge(int slices, int pictureStarts, uint64_t begun, bool got);
+    enum Fields : uint32_t { topField = 1, bottomField = 2, bothFields = 3, noFrame = 4 }; // FFmpeg's numbers
 
-    uint64_t picturesBegun = 0;    // by FFmpeg, in this stream
-    int32_t refusedPictures = 0;   // in a row, which FFmpeg was given and did not begin
-    int32_t unseenIdrPictures = 0; // begun since a picture last came out
-    int32_t unseenPictures = 0;    // begun and not come out: held back, or never to be seen
-    bool hadPicture = false;
-    bool mayBeFields = true;       // a picture may take two access units: not known yet, or seen
-    int32_t slicesGiven = 0;       // to FFmpeg, since it began its present picture or gave one up
+    // How far FFmpeg has come with the present stream.
+    struct Progress {
+        uint32_t fields = noFrame; // of the frame that it began last: those that it decoded rows of
+        int32_t slices = 0;        // given to it since it began that frame, or gave it up
+        int32_t refused = 0;       // pictures in a row that it did not begin
+        uint32_t unseen = 0;       // since a picture came out: odd behind an IDR picture, even again behind
+                                   // the first whole frame from there on
+        bool inPieces = false;     // a picture came in more than one call
+        int32_t waiting = 0;       // pictures begun that did not come out: held back, or never to be seen
+        bool draining = false;     // drain() has begun, and has not come to its end
+    };
+
+    int decodeChecked(const signed char* data, int size, unsigned int time);
+    int receive(bool got);
+    void beginAnew();
+    void endStream();
+    static AVPixelFormat acceptSize(AVCodecContext* codecContext, const AVPixelFormat* formats);
+    static int beginFrame(AVCodecContext* codecContext, AVFrame* picture, int flags);
+    static void seeRows(AVCodecContext* codecContext, const AVFrame* picture, int* offsets, int y, int fields,
+                        int height);
+    bool admit(int size, int nalUnits, int slices);
+    bool isRefused(int start, uint32_t fieldsBefore);
+    bool clearTheWay(int start, uint32_t fieldsBefore, uint32_t unseenBefore);
+    void giveUpPicture();
+    DecodeOutcome judge(int slices, int pictureStarts, uint32_t fieldsBefore, bool got);
+
+    Progress progress;
+    int32_t begun = 0; // frames, by FFmpeg in the present call
 };

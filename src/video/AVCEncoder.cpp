@@ -260,7 +260,7 @@ JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_AVCEncoder_loadLib
                                                                                      jstring path) {
     if (!path) return 0;
     JavaCall java(env);
-    const JavaString file(java, path);
+    const JavaPath file(java, path);
     return file.get() && loader.LoadLibFrom(file.get()) == 2;
 }
 

@@ -309,6 +309,7 @@ public:
             {"mpegts", Muxer::seekable, true, opus},
             {"matroska", 0, true, mp3},
             {"mp4", Muxer::fragmented, true, mp3},
+            {"h264", 0, true, aac},
         };
         constexpr uint8_t sets[] = {0,    0,    0, 1, 0x67, 0x42, 0xC0, 0x0B, 0xDA, 0x0B,
                                     0x13, 0x90, 0, 0, 0,    1,    0x68, 0xCE, 0x3C, 0x80};
@@ -343,8 +344,11 @@ public:
             if (!unit.packet || av_new_packet(unit.packet.get(), sizeOf(bytes)) < 0) return 0;
             std::copy(bytes.begin(), bytes.end(), unit.packet->data);
             const uint8_t some = bytes.empty() ? uint8_t{0} : bytes[bytes.size() / 2];
-            unit.decodingTime = int64_t{3600} * time + (oddTimes ? odd[some % 8] / (1 + (some >> 3) % 3) : 0);
-            unit.presentationTime = unit.decodingTime + (oddTimes && some > 200 ? odd[some % 7] : 0);
+            const auto sum = [](int64_t a, int64_t b) {
+                return static_cast<int64_t>(uint64_t(a) + uint64_t(b));
+            };
+            unit.decodingTime = sum(3600ll * time, oddTimes ? odd[some % 8] / (1 + (some >> 3) % 3) : 0);
+            unit.presentationTime = sum(unit.decodingTime, oddTimes && some > 200 ? odd[some % 7] : 0);
             unit.duration = untold ? 0 : oddTimes && some > 240 ? odd[some % 8] : 3600;
             unit.key = time % 8 == 0;
             if (engine.write(track, std::move(unit)) >= 0) accepted = 1;

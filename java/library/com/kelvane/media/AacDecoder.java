@@ -1,6 +1,7 @@
 package com.kelvane.media;
 
 import com.kelvane.media.transform.codec.AACDecoder;
+import java.util.Objects;
 import java.util.Optional;
 
 /**
@@ -65,6 +66,7 @@ public final class AacDecoder implements AutoCloseable {
      * @throws IllegalStateException if this decoder is closed or in use
      */
     public Optional<Pcm> decode(byte[] accessUnit) {
+        Objects.requireNonNull(accessUnit, "accessUnit");
         long handle = engine.enter("decode");
         try {
             Pcm pcm = spare.take(channels, sampleRate, SAMPLES * Pcm.BYTES_PER_SAMPLE * channels);

@@ -73,7 +73,7 @@ import java.util.stream.Collectors;
  * <tr><th scope="row">FLV<td>left out, as is what is decoded before the first unit of all<td>are decoded at 0 or later<td>times
  * <tr><th scope="row">MATROSKA<td>left out; Opus has its priming<td>are shown at 0 or later<td>times
  * <tr><th scope="row">OGG<td>has its priming<td>-<td>-
- * <tr><th scope="row">ADTS, WAV<td>kept: there are no times<td>-<td>-
+ * <tr><th scope="row">H264, ADTS, WAV<td>kept: there are no times<td>-<td>-
  * </tbody>
  * </table>
  *
@@ -100,8 +100,8 @@ import java.util.stream.Collectors;
  *
  * <h2>Memory</h2>
  *
- * <p>Units go through as they are written, and nothing of them is kept but: in MP4 and MOV an index of about 80 bytes a
- * unit until {@link #finish}, some 40 MB for two hours of film with sound; in Matroska into a file 32 bytes for each key picture;
+ * <p>Units go through as they are written, and nothing of them is kept but: in MP4 and MOV an index of about 110 bytes a
+ * unit until {@link #finish}, 60 MB for two hours of film with sound; in Matroska into a file 32 bytes for each key picture;
  * a cluster of Matroska (5 MB or 5 seconds), a page of Ogg or 350 ms of MPEG-TS sound; of a fragment its units, up to 64 MB,
  * beyond which {@code write} throws.
  *
@@ -178,7 +178,7 @@ import java.util.stream.Collectors;
  *                 + "URI=\"sound/index.m3u8\"\n";
  *         for (HlsLadder rung : pictures) {
  *             rung.finish(source.size() * 40L * 90);
- *             master += String.format("#EXT-X-STREAM-INF:BANDWIDTH=900000,RESOLUTION=%s,CODECS=\"%s,%s\",AUDIO=\"sound\"%n"
+ *             master += String.format(Locale.ROOT, "#EXT-X-STREAM-INF:BANDWIDTH=900000,RESOLUTION=%s,CODECS=\"%s,%s\",AUDIO=\"sound\"%n"
  *                     + "%1$s/index.m3u8%n", rung.name, rung.writer.codecs(), sound.writer.codecs());
  *         }
  *         FILES.put("master.m3u8", master.getBytes());
@@ -218,6 +218,8 @@ public final class ContainerWriter implements AutoCloseable {
         MATROSKA("matroska", 64, Codec.values()),
         /** Ogg: Opus. */
         OGG("ogg", 1, Codec.OPUS),
+        /** Bare H.264: the access units one after the other, with what the track says in their parameter sets. */
+        H264("h264", 1, Codec.H264),
         /** AAC with a header for each unit; one track. */
         ADTS("adts", 1, Codec.AAC),
         /** A WAV file; the lengths in its header are right only if the channel has positions. One track of PCM. */
@@ -534,6 +536,7 @@ public final class ContainerWriter implements AutoCloseable {
      *
      * @param next when the next unit of track 0 is decoded, in its ticks
      * @return what was written since the last cut; empty when nothing was
+     * @throws IllegalArgumentException if that time is not behind the last one of the track, or too far behind
      * @throws IllegalStateException if this writer is closed, finished or in use, or the format is another one
      */
     public Optional<Fragment> cut(long next) {
@@ -547,6 +550,10 @@ public final class ContainerWriter implements AutoCloseable {
                 return Optional.empty();
             }
             int result = Muxer.cut(next, handle);
+            if (result == Muxer.NOT_RISING || result == Muxer.OUT_OF_RANGE) {
+                throw new IllegalArgumentException("next is " + next + ": it lies behind the last decoding time of track 0, by at most"
+                        + " 2^30 ticks");
+            }
             if (result < 0) {
                 throw fail(new MediaException("the fragment could not be made: " + describe(result)));
             }

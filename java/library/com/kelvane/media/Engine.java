@@ -16,6 +16,7 @@ import java.util.function.LongSupplier;
 final class Engine {
     private static final String TRACE = "kelvane.leak.trace";
     private static final Cleaner CLEANER = Cleaner.create();
+    private static final FreedMemory MEMORY = new FreedMemory();
     private static final AtomicBoolean WARNED = new AtomicBoolean();
     private static final Object CLOSED = new Object();
     private static final VarHandle USER;
@@ -138,8 +139,13 @@ final class Engine {
             return new IllegalStateException(call + ": called from a callback of the same " + lifetime.name
                     + ", which is still at work; do it when the call that makes the callbacks has returned");
         }
-        return new IllegalStateException(call + ": this " + lifetime.name + " is in use by the thread \""
-                + ((Thread) inside).getName() + "\"; one thread may use it at a time");
+        return new IllegalStateException(call + ": this " + lifetime.name + " is in use by the thread "
+                + nameOf((Thread) inside) + "; one thread may use it at a time");
+    }
+
+    // Virtual threads have no name unless they are given one.
+    private static String nameOf(Thread thread) {
+        return thread.getName().isEmpty() ? "with the id " + thread.getId() : '"' + thread.getName() + '"';
     }
 
     private record Closing(Thread inside) {
@@ -157,6 +163,7 @@ final class Engine {
             this.name = name;
             this.handle = handle;
             this.close = close;
+            MEMORY.opened();
         }
 
         @Override
@@ -164,6 +171,9 @@ final class Engine {
             EngineClosed event = new EngineClosed();
             event.begin();
             close.accept(handle);
+            if (MEMORY.closed()) {
+                FreedMemory.giveBack();
+            }
             event.engine = name;
             event.handle = handle;
             event.leaked = !closed;

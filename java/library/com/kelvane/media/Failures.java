@@ -12,12 +12,16 @@ final class Failures {
         }
     }
 
-    /** Any thread may call it. */
+    /** Throws nothing itself; any thread may call it. */
     synchronized void add(Throwable thrown) {
         if (first == null) {
             first = thrown;
         } else if (first != thrown) {
-            first.addSuppressed(thrown);
+            try {
+                first.addSuppressed(thrown);
+            } catch (Throwable noJavaMemory) {
+                // The first one is told all the same.
+            }
         }
     }
 

@@ -2,6 +2,7 @@ package com.kelvane.media;
 
 import com.kelvane.media.transform.codec.MPADecoder;
 import java.nio.ByteBuffer;
+import java.util.Objects;
 import java.util.Optional;
 
 /**
@@ -47,6 +48,7 @@ public final class Mp3Decoder implements AutoCloseable {
      * @throws IllegalStateException if this decoder is closed or in use
      */
     public Optional<Pcm> decode(byte[] frame) {
+        Objects.requireNonNull(frame, "frame");
         long handle = engine.enter("decode");
         try {
             info[0] = 0;

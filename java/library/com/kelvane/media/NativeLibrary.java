@@ -5,12 +5,15 @@ import java.net.URISyntaxException;
 import java.nio.charset.StandardCharsets;
 import java.nio.file.DirectoryStream;
 import java.nio.file.Files;
+import java.nio.file.NoSuchFileException;
 import java.nio.file.Path;
 import java.util.ArrayList;
 import java.util.LinkedHashMap;
 import java.util.List;
 import java.util.Locale;
 import java.util.Map;
+import java.util.regex.Matcher;
+import java.util.regex.Pattern;
 import java.util.stream.Stream;
 
 /**
@@ -37,11 +40,14 @@ import java.util.stream.Stream;
  * <p>The library is made for Linux with glibc on x86-64. On another platform only the system property is heeded.
  */
 public final class NativeLibrary {
-    private static final String FILE = "libkelvane_media.so";
+    private static final String NAME = "kelvane_media";
+    private static final String FILE = "lib" + NAME + ".so";
     private static final String SUPPORTED = "Linux with glibc on x86-64";
+    private static final String OWN_LIBRARY = "set -Dkelvane.library=/path/to/" + FILE;
+    // As the dynamic loader says it of a library that was built on a newer system.
+    private static final Pattern NEWER_VERSION = Pattern.compile("version `(GLIBC\\w*_[\\d.]+)' not found");
 
     private static final String OPENH264_OF_TREE = "libopenh264-1.8.0-linux64.4.so";
-    private static final String OPENH264_PATH = "lib/amd64-Linux-gpp/jni/" + OPENH264_OF_TREE;
     private static final List<String> OPENH264_NAMES =
             List.of("libopenh264.so.7", "libopenh264.so.8", "libopenh264.so.6", "libopenh264.so.5", "libopenh264.so.4");
 
@@ -76,18 +82,20 @@ public final class NativeLibrary {
         return directory;
     }
 
-    /** Where OpenH264 may be, best place first: paths of files, which need not exist, and names for the linker. */
+    /**
+     * Where OpenH264 may be, best place first: absolute paths of files, which need not exist, and names that the linker
+     * looks up in its own places. The working directory is none: anybody may put files there.
+     */
     static List<String> openH264Places() {
         List<String> places = new ArrayList<>();
         String property = System.getProperty("kelvane.openh264");
         if (property != null) {
-            places.add(property);
+            places.add(property.contains("/") ? Path.of(property).toAbsolutePath().toString() : property);
         }
         if (directory != null) {
             places.add(directory.resolve(OPENH264_OF_TREE).toString());
             places.add(directory.resolve(OPENH264_NAMES.get(0)).toString());
         }
-        places.add(OPENH264_PATH);
         places.addAll(OPENH264_NAMES);
         return places;
     }
@@ -115,6 +123,7 @@ public final class NativeLibrary {
             places.put("java.library.path", NativeLibrary::loadFromLibraryPath);
         }
 
+        List<Throwable> failures = new ArrayList<>();
         StringBuilder failure = new StringBuilder(FILE + " could not be loaded");
         failure.append(unsupported == null ? "." : ": " + unsupported + ".").append(" Tried:");
         for (Map.Entry<String, Place> place : places.entrySet()) {
@@ -122,18 +131,33 @@ public final class NativeLibrary {
                 directory = place.getValue().load();
                 return null;
             } catch (UnsatisfiedLinkError | IOException | RuntimeException e) {
+                failures.add(e);
                 failure.append("\n  ").append(place.getKey()).append(": ").append(reason(e));
             }
         }
-        failure.append("\nTo fix it, ");
-        if (unsupported == null) {
-            failure.append("add the artifact com.kelvane:kelvane-media of classifier linux-x86_64 to the class path,")
-                    .append(" run from an installed tree (lib/kelvane-media.jar beside lib/amd64-Linux-gpp/jni/")
-                    .append(FILE).append("), or");
-        } else {
-            failure.append("run it on " + SUPPORTED + ", or build it for this platform and");
+        return failure.append("\nTo fix it, ").append(unsupported == null ? remedy(failures)
+                : "run it on " + SUPPORTED + ", or build it for this platform and " + OWN_LIBRARY).append('.').toString();
+    }
+
+    /** What helps against these failures, one for each place. */
+    static String remedy(List<? extends Throwable> failures) {
+        boolean there = false;
+        for (Throwable failure : failures) {
+            if (failure instanceof IllegalCallerException) { // from Java 24 on, where that was asked for
+                Module module = NativeLibrary.class.getModule();
+                return "start the virtual machine with --enable-native-access="
+                        + (module.isNamed() ? module.getName() : "ALL-UNNAMED");
+            }
+            Matcher version = NEWER_VERSION.matcher(String.valueOf(failure.getMessage()));
+            if (version.find()) {
+                return "run it on a newer system, which has " + version.group(1) + ", or build it for this one and " + OWN_LIBRARY;
+            }
+            there |= !(failure instanceof NotThere || failure instanceof NoSuchFileException);
         }
-        return failure.append(" set -Dkelvane.library=/path/to/" + FILE + ".").toString();
+        return there ? "see to what is told of the library that is there, or " + OWN_LIBRARY
+                : "add the artifact com.kelvane:kelvane-media of classifier linux-x86_64 to the class path,"
+                + " run from an installed tree (lib/kelvane-media.jar beside lib/amd64-Linux-gpp/jni/" + FILE + "), or "
+                + OWN_LIBRARY;
     }
 
     private static String unsupportedHere() {
@@ -145,24 +169,25 @@ public final class NativeLibrary {
     }
 
     private static String reason(Throwable e) {
-        return e instanceof UnsatisfiedLinkError || e.getClass() == IOException.class ? e.getMessage() : e.toString();
+        return e instanceof UnsatisfiedLinkError || e instanceof NotThere || e.getClass() == IOException.class
+                ? e.getMessage() : e.toString();
     }
 
     private static Path loadFromProperty() throws IOException {
         String file = System.getProperty("kelvane.library");
         if (file == null) {
-            throw new UnsatisfiedLinkError("not set");
+            throw new NotThere("not set");
         }
         return loadFile(Path.of(file));
     }
 
-    private static Path besideJar(String file) {
+    private static Path besideJar(String file) throws NotThere {
         try {
             return Path.of(NativeLibrary.class.getProtectionDomain().getCodeSource().getLocation().toURI())
                     .resolveSibling(file);
         } catch (RuntimeException | URISyntaxException e) {
             // A class loader may give no code source, or one that is no file (a jar inside a jar).
-            throw new UnsatisfiedLinkError("the place of the jar is unknown (" + e + ")");
+            throw new NotThere("the place of the jar is unknown (" + e + ")");
         }
     }
 
@@ -197,8 +222,15 @@ public final class NativeLibrary {
         if (failure != null) {
             throw failure;
         }
-        System.loadLibrary("kelvane_media"); // a class loader may know a place of its own
-        return null;
+        try {
+            System.loadLibrary(NAME); // a class loader may know a place of its own
+            return null;
+        } catch (UnsatisfiedLinkError e) {
+            if (String.valueOf(e.getMessage()).startsWith("no " + NAME + " in ")) {
+                throw new NotThere(e.getMessage());
+            }
+            throw e;
+        }
     }
 
     private static Path loadFile(Path file) throws IOException {

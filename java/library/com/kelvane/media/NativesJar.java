@@ -26,7 +26,7 @@ final class NativesJar {
     static PackedFiles libraries() throws IOException {
         URL index = locate();
         if (index == null) {
-            throw new IOException("not on the class path or module path");
+            throw new NotThere("not on the class path or module path");
         }
         return new PackedFiles(index);
     }

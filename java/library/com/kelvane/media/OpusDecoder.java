@@ -1,6 +1,7 @@
 package com.kelvane.media;
 
 import com.kelvane.media.transform.codec.NOpusDecoder;
+import java.time.Duration;
 import java.util.Optional;
 
 /**
@@ -18,17 +19,22 @@ public final class OpusDecoder implements AutoCloseable {
     public static final int SAMPLE_RATE = 48_000;
 
     private static final int LONGEST_PACKET = 5760; // samples of each channel: 120 ms
-    private static final byte[] LOST = {};
+    private static final int USUAL_PACKET = 960; // 20 ms
+    private static final Duration SHORTEST = Duration.ofNanos(2_500_000); // every length is a multiple of it
+    private static final Duration LONGEST = Duration.ofMillis(120);
+    // A decoder tells once on standard error what is wrong with its packets: strangers send them.
+    private static final int FAILURES_TOLD = 1;
 
     private final Engine engine;
     private final SparePcm spare = new SparePcm();
     private final int channels;
     private final byte[] output;
+    private int packetSamples = USUAL_PACKET; // of each channel, in the last packet that was decoded
 
     private OpusDecoder(int channels) {
         this.channels = channels;
         output = new byte[LONGEST_PACKET * Pcm.BYTES_PER_SAMPLE * channels];
-        engine = Engine.open("OpusDecoder", () -> NOpusDecoder.open(channels, 0), NOpusDecoder::close);
+        engine = Engine.open("OpusDecoder", () -> openEngine(channels), NOpusDecoder::close);
     }
 
     /**
@@ -45,6 +51,12 @@ public final class OpusDecoder implements AutoCloseable {
         return new OpusDecoder(channels);
     }
 
+    private static long openEngine(int channels) {
+        long handle = NOpusDecoder.open(channels, 0);
+        NOpusDecoder.limitFailureLines(FAILURES_TOLD, handle);
+        return handle;
+    }
+
     /**
      * Decodes one packet.
      *
@@ -57,17 +69,54 @@ public final class OpusDecoder implements AutoCloseable {
         if (packet.length == 0) {
             throw new IllegalArgumentException("the packet is empty; conceal() stands in for lost ones");
         }
-        return decode("decode", packet);
+        long handle = engine.enter("decode");
+        try {
+            int samples = NOpusDecoder.decode(packet, output, handle);
+            packetSamples = samples > 0 ? samples : packetSamples;
+            return pcm(samples);
+        } finally {
+            engine.exit();
+        }
     }
 
     /**
-     * Stands in for lost packets.
+     * Stands in for a lost packet that was as long as the last one that was decoded, or 20 ms before the first.
      *
-     * @return 120 ms that fade out from what was heard before; empty when libopus makes none
+     * @return so much that fades out from what was heard before; empty when libopus makes none
      * @throws IllegalStateException if this decoder is closed or in use
      */
     public Optional<Pcm> conceal() {
-        return decode("conceal", LOST);
+        return conceal(packetSamples);
+    }
+
+    /**
+     * Stands in for lost packets of a known length.
+     *
+     * @param duration 2.5 to 120 ms, in steps of 2.5 ms
+     * @return so much that fades out from what was heard before; empty when libopus makes none
+     * @throws IllegalArgumentException for any other duration
+     * @throws IllegalStateException if this decoder is closed or in use
+     */
+    public Optional<Pcm> conceal(Duration duration) {
+        boolean sane = duration.compareTo(Duration.ZERO) > 0 && duration.compareTo(LONGEST) <= 0;
+        if (!sane || duration.toNanos() % SHORTEST.toNanos() != 0) {
+            throw new IllegalArgumentException("duration is " + duration + ", allowed are 2.5 to 120 ms in steps of 2.5 ms");
+        }
+        return conceal((int) (duration.toNanos() * SAMPLE_RATE / Duration.ofSeconds(1).toNanos()));
+    }
+
+    private Optional<Pcm> conceal(int samples) {
+        long handle = engine.enter("conceal");
+        try {
+            return pcm(NOpusDecoder.conceal(samples, output, handle));
+        } finally {
+            engine.exit();
+        }
+    }
+
+    private Optional<Pcm> pcm(int samples) {
+        return samples <= 0 ? Optional.empty() : Optional.of(
+                spare.copyOf(channels, SAMPLE_RATE, output, samples * Pcm.BYTES_PER_SAMPLE * channels));
     }
 
     /**
@@ -78,17 +127,6 @@ public final class OpusDecoder implements AutoCloseable {
      */
     public void recycle(Pcm pcm) {
         spare.give(pcm);
-    }
-
-    private Optional<Pcm> decode(String operation, byte[] packet) {
-        long handle = engine.enter(operation);
-        try {
-            int samples = NOpusDecoder.decode(packet, output, handle);
-            return samples <= 0 ? Optional.empty() : Optional.of(
-                    spare.copyOf(channels, SAMPLE_RATE, output, samples * Pcm.BYTES_PER_SAMPLE * channels));
-        } finally {
-            engine.exit();
-        }
     }
 
     /**

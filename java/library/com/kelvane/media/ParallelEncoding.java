@@ -24,19 +24,23 @@ final class ParallelEncoding {
         return rendition.isSourceSize() ? Long.MIN_VALUE : -(long) rendition.width() * rendition.height();
     }
 
-    /** Returns when all renditions are encoded. */
-    void encode(long transcoder) {
-        Round round = new Round(transcoder);
+    /**
+     * Returns when all renditions are encoded, and throws nothing once the first task is handed over: whatever went wrong
+     * is in {@code failures} then.
+     */
+    void encode(long transcoder, Failures failures) {
+        Round round = new Round(transcoder, failures);
         try {
             for (int i = 1; i < largestFirst.length; i++) {
                 executor.execute(round);
             }
         } catch (RejectedExecutionException busy) {
             // The calling thread does what nobody else takes.
+        } catch (Throwable thrown) { // by a thread factory without memory, or by whatever wraps the executor
+            failures.add(thrown);
         }
         round.run();
         round.await();
-        round.failures.rethrow();
     }
 
     /** One picture. Each thread takes the next rendition until none is left; a task that starts late finds none. */
@@ -44,10 +48,11 @@ final class ParallelEncoding {
         private final long transcoder;
         private final AtomicInteger next = new AtomicInteger();
         private final CountDownLatch left = new CountDownLatch(largestFirst.length);
-        private final Failures failures = new Failures();
+        private final Failures failures;
 
-        private Round(long transcoder) {
+        private Round(long transcoder, Failures failures) {
             this.transcoder = transcoder;
+            this.failures = failures;
         }
 
         @Override
@@ -72,6 +77,8 @@ final class ParallelEncoding {
                     break;
                 } catch (InterruptedException later) {
                     interrupted = true;
+                } catch (Throwable noJavaMemory) { // to wait with
+                    Thread.onSpinWait();
                 }
             }
             if (interrupted) {

@@ -3,6 +3,7 @@ package com.kelvane.media;
 import java.io.ByteArrayOutputStream;
 import java.nio.BufferUnderflowException;
 import java.nio.ByteBuffer;
+import java.util.Locale;
 import java.util.Optional;
 
 /** H.264's parameter sets, kept in byte-stream form: what a decoder has to have ahead of the first picture. */
@@ -46,7 +47,7 @@ final class ParameterSets {
         StringBuilder name = new StringBuilder();
         AnnexB.forEachNal(sets, sets.length, (from, to) -> {
             if ((sets[from] & 31) == SEQUENCE && name.isEmpty()) {
-                name.append(String.format("avc1.%02x%02x%02x", sets[from + 1], sets[from + 2], sets[from + 3]));
+                name.append(String.format(Locale.ROOT, "avc1.%02x%02x%02x", sets[from + 1], sets[from + 2], sets[from + 3]));
             }
         });
         return name.toString();

@@ -42,7 +42,7 @@ public final class Pipeline implements AutoCloseable {
     private final Steering steering = new Steering();
     private final byte[] number = new byte[Integer.BYTES];
     private final ByteBuffer value = ByteBuffer.wrap(number);
-    private long lastTime;
+    private final Times times = new Times();
     private volatile long sourceTime;
     private volatile long pictures;
     private volatile long dropped;
@@ -79,7 +79,7 @@ public final class Pipeline implements AutoCloseable {
         byte[] unit = passThrough ? Objects.requireNonNull(accessUnit, "accessUnit") : AnnexB.checked(accessUnit);
         long handle = engine.enter("write");
         try {
-            lastTime = time;
+            times.write(time);
             work(handle, () -> AVCProcessor.write(time, unit, number, handle));
             Optional<AccessUnit> out = Optional.ofNullable(pending(handle, time));
             recovery.tell(handle, ownTime(handle));
@@ -211,7 +211,7 @@ public final class Pipeline implements AutoCloseable {
     }
 
     private long ownTime(long handle) {
-        return passThrough ? lastTime : Times.nearest(AVCProcessor.pictureTime(handle), lastTime);
+        return passThrough ? times.last() : times.of(AVCProcessor.pictureTime(handle));
     }
 
     // The module was given the time `given`, which with reordering need not be the picture's own; what it made of it moves

@@ -46,14 +46,13 @@ public final class Transcoder implements AutoCloseable {
     private final Selection selection;
     private final KeyPictures keyPictures;
     private final Consumer<? super EncoderFailure> failureListener;
-    private final WriteTimes writeTimes = new WriteTimes();
     // Replaced by the thread that is inside, read by any: the array itself does not change.
     private volatile RenditionOutput[] outputs;
     private ParallelEncoding parallel;
     private volatile boolean needsKey;
     private volatile long pictures;
     private volatile long decodeNanoseconds;
-    private long lastTime;
+    private final Times times = new Times();
 
     private Transcoder(Builder settings) {
         List<Rendition> renditions = settings.renditions;
@@ -106,8 +105,7 @@ public final class Transcoder implements AutoCloseable {
         byte[] unit = AnnexB.checked(accessUnit);
         long handle = engine.enter("write");
         try {
-            lastTime = time;
-            writeTimes.add(time, System.nanoTime());
+            times.write(time, System.nanoTime());
             PictureTranscoded event = new PictureTranscoded();
             event.begin();
             boolean decoded = decoded(event, () -> MIRVProcessor.decode(time, unit, handle));
@@ -163,8 +161,8 @@ public final class Transcoder implements AutoCloseable {
 
     private void encode(long handle, PictureTranscoded event, Consumer<? super EncodedPicture> receiver) {
         pictures++;
-        long time = Times.nearest(MIRVProcessor.pictureTime(handle), lastTime);
-        long written = writeTimes.of(time);
+        long time = times.of(MIRVProcessor.pictureTime(handle));
+        long written = times.writtenAt(time);
         Failures failures = new Failures();
         RenditionOutput[] outputs = this.outputs;
         for (int i = 0; i < outputs.length; i++) {
@@ -175,7 +173,7 @@ public final class Transcoder implements AutoCloseable {
             }
         }
         if (parallel != null) {
-            parallel.encode(handle);
+            parallel.encode(handle, failures);
         }
         for (RenditionOutput output : outputs) {
             if (parallel == null) {
@@ -492,8 +490,9 @@ public final class Transcoder implements AutoCloseable {
 
         /**
          * Encodes a picture's renditions at the same time. The calling thread takes part, so that a busy executor, or one
-         * that refuses tasks, only makes a call slower. The result is the same, byte by byte, and the receiver is still
-         * called on the calling thread alone.
+         * that refuses tasks, only makes a call slower. Anything else that it throws, {@code OutOfMemoryError} over a thread
+         * for instance, is thrown by the call when every rendition has had its picture. The result is the same, byte by
+         * byte, and the receiver is still called on the calling thread alone.
          *
          * @param tasks runs at most one task less than there are renditions for each picture
          * @return this builder

@@ -28,7 +28,7 @@ public final class VideoDecoder implements AutoCloseable {
     private final byte[] info = new byte[6];
     private final SpareArray spare = new SpareArray();
     private int size; // bytes of the last picture
-    private long lastTime;
+    private final Times times = new Times();
 
     private VideoDecoder() {
         engine = Engine.open("VideoDecoder", AVCDecoder::open, AVCDecoder::close);
@@ -57,7 +57,7 @@ public final class VideoDecoder implements AutoCloseable {
         byte[] unit = AnnexB.checked(accessUnit);
         long handle = engine.enter("decode");
         try {
-            lastTime = time;
+            times.write(time);
             byte[] output = spare.take(size);
             return Optional.ofNullable(picture(AVCDecoder.decodeAt(time, unit, info, output, handle), output, handle));
         } finally {
@@ -119,7 +119,7 @@ public final class VideoDecoder implements AutoCloseable {
         }
         ByteBuffer about = ByteBuffer.wrap(info);
         return new Picture(Short.toUnsignedInt(about.getShort(1)), Short.toUnsignedInt(about.getShort(3)),
-                Times.nearest(AVCDecoder.pictureTime(handle), lastTime), i420);
+                times.of(AVCDecoder.pictureTime(handle)), i420);
     }
 
     /**

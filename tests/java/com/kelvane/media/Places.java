@@ -1,5 +1,6 @@
 package com.kelvane.media;
 
+import java.util.List;
 import java.util.stream.Stream;
 
 /** Shows what {@link NativeLibrary} tells the rest of its package. */
@@ -12,6 +13,11 @@ public final class Places {
         System.out.println(NativeLibrary.unsupported("Mac OS X", "x86_64", Stream.of()));
         System.out.println(NativeLibrary.directory());
         System.out.println(String.join("\n", NativeLibrary.openH264Places()));
+        for (Throwable failure : List.of(new NotThere("not set"), new IllegalCallerException("Illegal native access"),
+                new UnsatisfiedLinkError("/lib/x86_64-linux-gnu/libc.so.6: version `GLIBC_2.99' not found (required by it)"),
+                new UnsatisfiedLinkError("it: failed to map segment from shared object"))) {
+            System.out.println(NativeLibrary.remedy(List.of(new NotThere("not set"), failure)));
+        }
         NativeLibrary.load();
     }
 }

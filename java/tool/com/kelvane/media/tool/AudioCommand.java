@@ -1,27 +1,29 @@
 package com.kelvane.media.tool;
 
 import com.kelvane.media.AacEncoder;
+import com.kelvane.media.ContainerWriter;
+import com.kelvane.media.MediaTrack;
 import com.kelvane.media.OpusDecoder;
 import com.kelvane.media.OpusEncoder;
 import com.kelvane.media.tool.input.AudioTrack;
 import com.kelvane.media.tool.input.PcmFile;
 import com.kelvane.media.tool.input.SoundPackets;
-import com.kelvane.media.tool.output.OggOpusWriter;
 import com.kelvane.media.tool.output.Workspace;
 import com.kelvane.media.tool.shell.Caller;
 import com.kelvane.media.tool.shell.Failure;
 import com.kelvane.media.tool.shell.MediaProgram;
 import com.kelvane.media.tool.shell.Progress;
 import com.kelvane.media.tool.shell.Text;
-import java.io.BufferedOutputStream;
 import java.io.IOException;
-import java.io.OutputStream;
+import java.nio.channels.FileChannel;
 import java.nio.file.Files;
 import java.nio.file.Path;
+import java.nio.file.StandardOpenOption;
 import java.util.ArrayList;
+import java.util.Arrays;
 import java.util.List;
-import java.util.Optional;
 import java.util.concurrent.Callable;
+import java.util.function.Consumer;
 import picocli.CommandLine.Command;
 import picocli.CommandLine.Model.CommandSpec;
 import picocli.CommandLine.Option;
@@ -35,7 +37,7 @@ import picocli.CommandLine.Spec;
         footer = {"", "An .aac file cannot say that its first 1024 samples are the encoder's lead-in, nor where in its last"
                 + " 1024 the sound ends.", "", "Example:", "  kelvane audio song.mp3 -o song.opus"})
 final class AudioCommand implements Callable<Integer> {
-    private static final int ADTS_HEADER = 7; // bytes
+    private static final int BLOCK = 1 << 14; // samples
     private static final int OPUS_BITS_PER_SECOND = 48000; // for each channel
 
     @Spec
@@ -106,53 +108,61 @@ final class AudioCommand implements Callable<Integer> {
     }
 
     private static void write(PcmFile sound, String name, Workspace workspace) throws IOException {
-        if (name.endsWith(".wav")) {
-            List<String> arguments = new ArrayList<>(sound.asInput());
-            arguments.addAll(List.of("-c", "copy", "-f", "wav", name));
-            ffmpeg(arguments, workspace);
-            return;
-        }
-        try (OutputStream file = new BufferedOutputStream(Files.newOutputStream(workspace.path(name)), 1 << 16)) {
-            if (name.endsWith(".aac")) {
-                encodeAac(sound, file);
-            } else {
-                encodeOpus(sound, file);
+        String kind = name.substring(name.lastIndexOf('.') + 1);
+        ContainerWriter.Builder builder = switch (kind) {
+            case "wav" -> ContainerWriter.builder(ContainerWriter.Format.WAV)
+                    .track(MediaTrack.pcm(sound.sampleRate(), sound.channels()));
+            case "aac" -> ContainerWriter.builder(ContainerWriter.Format.ADTS)
+                    .track(MediaTrack.aac(sound.sampleRate(), sound.channels()));
+            default -> ContainerWriter.builder(ContainerWriter.Format.OGG).track(MediaTrack.opus(sound.channels()));
+        };
+        try (FileChannel file = FileChannel.open(workspace.path(name), StandardOpenOption.CREATE, StandardOpenOption.WRITE);
+                ContainerWriter container = builder.open(file)) {
+            switch (kind) {
+                case "wav" -> copy(sound, container);
+                case "aac" -> encodeAac(sound, container);
+                default -> encodeOpus(sound, container);
             }
+            container.finish();
         }
     }
 
-    private static void encodeAac(PcmFile sound, OutputStream file) throws IOException {
-        int rateIndex = AacEncoder.SAMPLE_RATES.indexOf(sound.sampleRate());
-        PcmFile.Consumer writer = unit -> {
-            int length = unit.length + ADTS_HEADER;
-            file.write(new byte[] {(byte) 0xff, (byte) 0xf1, (byte) (1 << 6 | rateIndex << 2),
-                (byte) (sound.channels() << 6 | length >> 11), (byte) (length >> 3), (byte) (length << 5 | 0x1f), (byte) 0xfc});
-            file.write(unit);
+    private static void copy(PcmFile sound, ContainerWriter file) throws IOException {
+        int frame = PcmFile.BYTES_PER_SAMPLE * sound.channels();
+        long[] time = {0};
+        sound.forEachBlock(BLOCK, blocks(sound.samples(), BLOCK), block -> {
+            int left = (int) Math.min(BLOCK, sound.samples() - time[0]);
+            file.write(0, Arrays.copyOf(block, left * frame), time[0]);
+            time[0] += left;
+        });
+    }
+
+    private static void encodeAac(PcmFile sound, ContainerWriter file) throws IOException {
+        long[] time = {-AacEncoder.LEAD_IN};
+        Consumer<byte[]> writer = unit -> {
+            file.write(0, unit, time[0]);
+            time[0] += AacEncoder.SAMPLES_PER_BLOCK;
         };
         try (AacEncoder encoder = AacEncoder.builder().channels(sound.channels()).sampleRate(sound.sampleRate()).open()) {
-            sound.forEachBlock(AacEncoder.SAMPLES_PER_BLOCK, blocks(sound.samples(), AacEncoder.SAMPLES_PER_BLOCK), block -> {
-                Optional<byte[]> unit = encoder.encode(block);
-                if (unit.isPresent()) {
-                    writer.accept(unit.get());
-                }
-            });
-            List<byte[]> last = new ArrayList<>();
-            encoder.drain(last::add);
-            for (byte[] unit : last) {
-                writer.accept(unit);
-            }
+            sound.forEachBlock(AacEncoder.SAMPLES_PER_BLOCK, blocks(sound.samples(), AacEncoder.SAMPLES_PER_BLOCK),
+                    block -> encoder.encode(block).ifPresent(writer));
+            encoder.drain(writer);
         }
     }
 
-    private static void encodeOpus(PcmFile sound, OutputStream file) throws IOException {
-        long end = sound.samples() + OpusEncoder.LEAD_IN;
-        OggOpusWriter ogg = new OggOpusWriter(file, sound.channels(), OpusEncoder.LEAD_IN);
+    private static void encodeOpus(PcmFile sound, ContainerWriter file) throws IOException {
+        long end = sound.samples();
+        long[] time = {-OpusEncoder.LEAD_IN};
         try (OpusEncoder encoder = OpusEncoder.builder().channels(sound.channels())
                 .bitrate(OPUS_BITS_PER_SECOND * sound.channels()).open()) {
-            sound.forEachBlock(OpusEncoder.SAMPLES_PER_FRAME, blocks(end, OpusEncoder.SAMPLES_PER_FRAME),
-                    block -> ogg.write(encoder.encode(block)));
+            sound.forEachBlock(OpusEncoder.SAMPLES_PER_FRAME, blocks(end + OpusEncoder.LEAD_IN, OpusEncoder.SAMPLES_PER_FRAME),
+                    block -> {
+                        // What the last packet holds beyond the end is not to be heard.
+                        file.write(0, encoder.encode(block), time[0], time[0],
+                                Math.min(OpusEncoder.SAMPLES_PER_FRAME, end - time[0]));
+                        time[0] += OpusEncoder.SAMPLES_PER_FRAME;
+                    });
         }
-        ogg.finish(end);
     }
 
     private static int blocks(long samples, int samplesPerBlock) {

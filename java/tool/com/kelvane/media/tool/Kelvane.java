@@ -7,6 +7,7 @@ import com.kelvane.media.tool.shell.Caller;
 import com.kelvane.media.tool.shell.Failure;
 import java.io.IOException;
 import java.io.PrintWriter;
+import java.io.UncheckedIOException;
 import picocli.CommandLine.Command;
 import picocli.CommandLine.IVersionProvider;
 import picocli.CommandLine;
@@ -56,8 +57,8 @@ public final class Kelvane {
         if (failure instanceof Failure || failure instanceof MediaException) {
             return failure.getMessage();
         }
-        if (failure instanceof IOException) {
-            return Failure.reason((IOException) failure);
+        if (failure instanceof IOException || failure instanceof UncheckedIOException) {
+            return Failure.reason((IOException) (failure instanceof IOException ? failure : failure.getCause()));
         }
         StackTraceElement[] place = failure.getStackTrace();
         return "internal error: " + failure + (place.length > 0 ? " at " + place[0] : "");

@@ -164,13 +164,14 @@ final class ProcessCommand implements Callable<Integer> {
         String damage;
         int accessUnits;
         try (AacSource heard = audio == null ? null : AacSource.open(audio, timeline);
-                Results files = new Results(List.of(output), PRODUCTS, track.meaning(), heard, workspace);
+                Results files = new Results(List.of(output), PRODUCTS, track.meaning(), passThrough ? track.reorderDepth() : 0,
+                        heard, null, workspace);
                 VideoSource source = new VideoSource(track, timeline)) {
             processing = new Processing(pipeline, files);
             processing.run(source, track.seconds());
             checkProduced(track, module, pipeline.statistics());
             Progress.stage("writing the MP4 file");
-            files.finish();
+            files.finish(processing.last() + 1000 / track.frameRate());
             accessUnits = source.count();
             damage = source.damage(processing.kept().last() / 1000.0 + 1 / track.frameRate());
         }

@@ -14,6 +14,7 @@ final class Processing {
     private final Pipeline pipeline;
     private final Results results;
     private final PictureTimes kept = new PictureTimes();
+    private long last;
 
     /** @param results take what comes out */
     Processing(Pipeline pipeline, Results results) {
@@ -35,11 +36,17 @@ final class Processing {
 
     private void take(AccessUnit unit) {
         kept.add(pipeline.sourceTime());
+        last = Math.max(last, unit.time());
         try {
-            results.write(0, unit.bytes(), unit.time(), pipeline.sourceTime());
+            results.write(0, unit.bytes(), unit.time(), pipeline.sourceTime(), unit.isKey());
         } catch (IOException problem) {
             throw new UncheckedIOException(problem);
         }
+    }
+
+    /** Time of the picture that is shown last. */
+    long last() {
+        return last;
     }
 
     /** Times in the source of the pictures that were delivered. */

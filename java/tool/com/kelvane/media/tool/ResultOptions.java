@@ -1,10 +1,10 @@
 package com.kelvane.media.tool;
 
-import com.kelvane.media.tool.output.Hls;
 import com.kelvane.media.tool.output.Page;
 import com.kelvane.media.tool.output.Products;
 import com.kelvane.media.tool.output.RenditionOutput;
 import com.kelvane.media.tool.output.RunReport;
+import com.kelvane.media.tool.packager.Names;
 import java.util.ArrayList;
 import java.util.List;
 import picocli.CommandLine.Option;
@@ -49,7 +49,7 @@ final class ResultOptions {
         List<String> folders = new ArrayList<>();
         if (!noHls) {
             outputs.forEach(output -> folders.add(output.size()));
-            folders.add(Hls.SOUND);
+            folders.add(Names.SOUND);
         }
         return folders;
     }
@@ -72,7 +72,7 @@ final class ResultOptions {
         }
         files.addAll(List.of(SHEET, RunReport.FILE, Page.FILE));
         if (!noHls) {
-            files.add(Hls.MASTER);
+            files.add(Names.MASTER);
         }
         return files;
     }

@@ -2,13 +2,13 @@ package com.kelvane.media.tool;
 
 import com.kelvane.media.Rendition;
 import com.kelvane.media.tool.input.VideoTrack;
-import com.kelvane.media.tool.output.Hls;
 import com.kelvane.media.tool.output.LostPictures;
 import com.kelvane.media.tool.output.RenditionOutput;
 import com.kelvane.media.tool.output.RenditionRequest;
 import com.kelvane.media.tool.output.SegmentKeys;
 import com.kelvane.media.tool.output.Summary;
 import com.kelvane.media.tool.output.Workspace;
+import com.kelvane.media.tool.packager.Names;
 import com.kelvane.media.tool.shell.Caller;
 import com.kelvane.media.tool.shell.Failure;
 import com.kelvane.media.tool.shell.JsonLines;
@@ -100,7 +100,7 @@ final class TranscodeCommand implements Callable<Integer> {
                 && !Workspace.holds(results, folders, track.path()),
                 track.path() + " would be overwritten by its own rendition; name another directory with -o");
         for (String folder : folders) {
-            if (Files.exists(results.resolve(folder)) && !Hls.isOurs(results.resolve(folder))) {
+            if (Files.exists(results.resolve(folder)) && !Names.isOurs(results.resolve(folder))) {
                 throw new Failure("%s holds something else than segments, and is not replaced; name another directory with"
                         + " -o", results.resolve(folder));
             }

@@ -9,8 +9,6 @@ import com.kelvane.media.tool.input.VideoSource;
 import com.kelvane.media.tool.input.VideoTrack;
 import com.kelvane.media.tool.output.Comparison;
 import com.kelvane.media.tool.output.ContactSheet;
-import com.kelvane.media.tool.output.Hls;
-import com.kelvane.media.tool.output.MediaPlaylist;
 import com.kelvane.media.tool.output.Page;
 import com.kelvane.media.tool.output.Products;
 import com.kelvane.media.tool.output.RenditionOutput;
@@ -19,6 +17,10 @@ import com.kelvane.media.tool.output.RunReport;
 import com.kelvane.media.tool.output.SegmentKeys;
 import com.kelvane.media.tool.output.Summary;
 import com.kelvane.media.tool.output.Workspace;
+import com.kelvane.media.tool.packager.LadderWriter;
+import com.kelvane.media.tool.packager.MediaPlaylist;
+import com.kelvane.media.tool.packager.Names;
+import com.kelvane.media.tool.packager.VodPlaylists;
 import com.kelvane.media.tool.shell.Failure;
 import com.kelvane.media.tool.shell.JsonLines;
 import com.kelvane.media.tool.shell.Progress;
@@ -69,20 +71,22 @@ final class TranscodeRun {
         String damage;
         int accessUnits;
         List<MediaPlaylist> playlists = new ArrayList<>();
+        LadderWriter ladder = products.hls()
+                ? new LadderWriter(products.segmentSeconds(), 0, Names::segment, workspace::put) : null;
         try (AacSource heard = audio == null ? null : AacSource.open(audio, timeline);
-                Results files = new Results(outputs, products, track.meaning(), heard, workspace);
+                Results files = new Results(outputs, products, track.meaning(), 0, heard, ladder, workspace);
                 VideoSource source = new VideoSource(track, timeline)) {
             transcoding = new Transcoding(track, timeline, outputs.stream().map(RenditionOutput::frameRate).toList(),
-                    products.hls() ? new SegmentKeys(products.segmentSeconds()) : null, files);
+                    products.hls() ? new SegmentKeys(products.segmentSeconds(), 0) : null, files);
             double left = Math.max(0, track.seconds() - start);
             transcoding.run(wanted, source, left > 0 || Double.isInfinite(length) ? Math.min(left, length) : length);
             checkProduced();
             Progress.stage("writing the files");
-            files.finish();
+            files.finish(transcoding.shown().last() + 1000 / track.frameRate());
             accessUnits = source.count();
             damage = source.damage(transcoding.shown().last() / 1000.0 + 1 / track.frameRate());
-            if (products.hls()) {
-                playlists = writeLadder(files.hasSound() ? heard : null);
+            if (ladder != null) {
+                playlists = writeLadder(ladder, heard);
             }
         }
         double seconds = transcoding.shown().seconds(track.frameRate());
@@ -133,27 +137,26 @@ final class TranscodeRun {
         }
     }
 
-    /** Writes the playlist of all renditions; returns theirs and, where there is sound, that of the sound. */
-    private List<MediaPlaylist> writeLadder(AacSource sound) throws IOException {
-        List<MediaPlaylist> playlists = new ArrayList<>();
-        List<Hls.Variant> variants = new ArrayList<>();
-        for (RenditionOutput output : outputs) {
-            MediaPlaylist playlist = MediaPlaylist.read(workspace.path(output.size()));
-            playlists.add(playlist);
-            int[] shown = track.meaning().shownSize(output.width(), output.height());
-            variants.add(new Hls.Variant(output, playlist, shown[0], shown[1]));
-            if (!playlist.isCutLike(playlists.get(0))) {
+    /** Writes the playlists; returns those of the renditions and, where there is sound, that of the sound. */
+    private List<MediaPlaylist> writeLadder(LadderWriter ladder, AacSource heard) throws IOException {
+        List<LadderWriter.Track> tracks = new ArrayList<>(ladder.renditions());
+        List<VodPlaylists.Rendition> renditions = new ArrayList<>();
+        for (int i = 0; i < outputs.size(); i++) {
+            RenditionOutput output = outputs.get(i);
+            renditions.add(new VodPlaylists.Rendition(tracks.get(i), track.meaning().shownSize(output.width(), output.height()),
+                    output.frameRate()));
+            if (!tracks.get(i).segments().isCutLike(tracks.get(0).segments())) {
                 Summary.line("%s is not cut into segments at the times of %s, as pictures are missing; players may stutter"
                         + " where they change between the two", output.size(), outputs.get(0).size());
             }
         }
-        MediaPlaylist heard = sound == null ? null : MediaPlaylist.read(workspace.path(Hls.SOUND));
-        Hls.writeMaster(workspace.path(Hls.MASTER), variants, heard, sound == null ? new byte[0] : sound.configuration(),
-                sound == null ? 0 : sound.channels());
-        if (heard != null) {
-            playlists.add(heard);
+        LadderWriter.Track sound = ladder.sound();
+        VodPlaylists.write(renditions, sound, sound == null ? 0 : heard.channels(),
+                workspace::put);
+        if (sound != null) {
+            tracks.add(sound);
         }
-        return playlists;
+        return tracks.stream().map(LadderWriter.Track::segments).toList();
     }
 
     private void drawSheet(double seconds) throws IOException {

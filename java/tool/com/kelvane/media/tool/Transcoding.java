@@ -98,7 +98,7 @@ final class Transcoding {
         }
         try {
             figures.get(picture.index()).add(time, picture.size(), picture.isKey());
-            results.write(picture.index(), picture.copy(), time, time);
+            results.write(picture.index(), picture.copy(), time, time, picture.isKey());
         } catch (IOException problem) {
             throw new UncheckedIOException(problem);
         }

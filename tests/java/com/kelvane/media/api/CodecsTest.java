@@ -15,6 +15,7 @@ import com.kelvane.media.ProcessingModule;
 import com.kelvane.media.VideoDecoder;
 import com.kelvane.media.VideoEncoder;
 import java.nio.file.Path;
+import java.time.Duration;
 import java.util.ArrayList;
 import java.util.Arrays;
 import java.util.Collections;
@@ -73,6 +74,24 @@ final class CodecsTest {
             }
             assertTrue(compared > 30, () -> "too few");
         }
+    }
+
+    /** A lost packet is as long as the one before it, and what cannot be decoded has no length. */
+    @Test
+    void concealsAsLongAsThePacketBefore() {
+        List<Integer> samples = new ArrayList<>();
+        try (OpusDecoder decoder = OpusDecoder.open(1)) {
+            Consumer<Optional<Pcm>> note = pcm -> samples.add(pcm.map(Pcm::samples).orElse(0));
+            note.accept(decoder.conceal());
+            for (int toc : new int[] {0xE0, 0xF0, 0x18}) { // packets of silence: 2.5 and 10 ms, 60 ms for speech
+                note.accept(decoder.decode(new byte[] {(byte) toc}));
+                note.accept(decoder.conceal());
+                note.accept(decoder.conceal(Duration.ofMillis(40)));
+                note.accept(decoder.decode(new byte[] {-1, -1, -1}));
+                note.accept(decoder.conceal());
+            }
+        }
+        assertEquals(List.of(960, 120, 120, 1920, 0, 120, 480, 480, 1920, 0, 480, 2880, 2880, 1920, 0, 2880), samples);
     }
 
     private static int same(Optional<Pcm> plain, Optional<Pcm> thrifty, Consumer<Pcm> recycle) {

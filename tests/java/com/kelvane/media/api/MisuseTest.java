@@ -10,6 +10,7 @@ import com.kelvane.media.AacDecoder;
 import com.kelvane.media.AacEncoder;
 import com.kelvane.media.EncodedPicture;
 import com.kelvane.media.MediaException;
+import com.kelvane.media.Mp3Decoder;
 import com.kelvane.media.OpusDecoder;
 import com.kelvane.media.OpusEncoder;
 import com.kelvane.media.Pcm;
@@ -38,12 +39,14 @@ import java.lang.reflect.Method;
 import java.lang.reflect.Modifier;
 import java.nio.ByteBuffer;
 import java.nio.file.Path;
+import java.time.Duration;
 import java.util.ArrayList;
 import java.util.Arrays;
 import java.util.Comparator;
 import java.util.List;
 import java.util.Optional;
 import java.util.StringJoiner;
+import java.util.concurrent.CompletableFuture;
 import java.util.concurrent.CountDownLatch;
 import java.util.concurrent.atomic.AtomicInteger;
 import java.util.logging.LogRecord;
@@ -214,16 +217,24 @@ final class MisuseTest {
                 new Case(() -> AacEncoder.builder().sampleRate(44_000), "sampleRate is 44000, allowed are "
                         + AacEncoder.SAMPLE_RATES + " Hz"),
                 new Case(() -> OpusEncoder.builder().bitrate(5999), "bitrate is 5999, allowed are 6000 to 510000 bits per second"),
+                new Case(() -> concealing(Duration.ofMillis(11)),
+                        "duration is PT0.011S, allowed are 2.5 to 120 ms in steps of 2.5 ms"),
+                new Case(() -> concealing(Duration.ofDays(400_000)),
+                        "duration is PT9600000H, allowed are 2.5 to 120 ms in steps of 2.5 ms"),
                 new Case(() -> OpusDecoder.open(3), "channels is 3, allowed are 1 to 2 channels"),
                 new Case(() -> new Pcm(2, 48_000, new byte[6]), "6 bytes are no whole number of samples for 2 channels"));
         for (Case wrong : cases) {
             assertEquals(wrong.message, messageOf(IllegalArgumentException.class, wrong.call));
         }
-        try (VideoDecoder decoder = VideoDecoder.open(); OpusEncoder encoder = OpusEncoder.builder().open()) {
+        try (VideoDecoder decoder = VideoDecoder.open(); OpusEncoder encoder = OpusEncoder.builder().open();
+                AacDecoder aac = AacDecoder.open(AAC_LC_STEREO); Mp3Decoder mp3 = Mp3Decoder.open()) {
             assertEquals("an access unit begins with the start code 00 00 00 01 or 00 00 01; this one begins with 00 00 02 3f."
                     + " MP4, MKV and FLV put lengths there instead: replace each by a start code",
                     messageOf(IllegalArgumentException.class, () -> decoder.decode(new byte[] {0, 0, 2, 0x3f, 0x65}, 0)));
-            assertThrows(NullPointerException.class, () -> decoder.decode(null, 0));
+            for (Executable call : List.<Executable>of(() -> decoder.decode(null, 0), () -> aac.decode(null),
+                    () -> mp3.decode(null))) {
+                assertThrows(NullPointerException.class, call);
+            }
             assertEquals("a frame has 3840 bytes, not 3839",
                     messageOf(IllegalArgumentException.class, () -> encoder.encode(new byte[3839])));
         }
@@ -280,6 +291,31 @@ final class MisuseTest {
         }
         assertEquals("VideoEncoder.requestKey: this VideoEncoder is closed", messageOf(state, encoder::requestKey));
         assertEquals("Pipeline.bitrate: this Pipeline is closed", messageOf(state, () -> pipeline.bitrate(5000)));
+    }
+
+    private static void concealing(Duration duration) {
+        try (OpusDecoder decoder = OpusDecoder.open(1)) {
+            decoder.conceal(duration);
+        }
+    }
+
+    /** As virtual threads are, unless they are given a name. */
+    @Test
+    void namesAThreadWithoutANameByItsId() throws InterruptedException {
+        try (Transcoder transcoder = transcoder()) {
+            Thread nameless = new Thread(() -> transcoder.write(UNIT, 0, picture -> {
+                CompletableFuture<String> told = CompletableFuture.supplyAsync(() -> messageOf(IllegalStateException.class,
+                        () -> transcoder.drain(p -> { })));
+                assertEquals("Transcoder.drain: this Transcoder is in use by the thread with the id "
+                        + Thread.currentThread().getId() + "; one thread may use it at a time", told.join());
+            }), "");
+            List<Throwable> wrong = new ArrayList<>();
+            nameless.setUncaughtExceptionHandler((thread, thrown) -> wrong.add(thrown));
+            nameless.start();
+            nameless.join();
+            assertEquals(List.of(), wrong);
+            assertEquals(1, transcoder.statistics().pictures());
+        }
     }
 
     @Test
@@ -425,7 +461,7 @@ final class MisuseTest {
                 new Bare(AACDecoder.class, AAC_LC_STEREO, "decode 0: 0 0 0 0, open 0", AAC_LC_STEREO),
                 new Bare(AACEncoder.class, sound, "encode 0: 0 0 0 -1", 2, 48_000),
                 new Bare(MPADecoder.class, sound, "decode 0: 0 0 0 0"),
-                new Bare(NOpusDecoder.class, new byte[] {-4}, "decode 960: 0 0 -1", 2, 0),
+                new Bare(NOpusDecoder.class, new byte[] {-4}, "conceal 0: 0 0, decode 960: 0 0 -1, limitFailureLines null: null", 2, 0),
                 new Bare(NOpusEncoder.class, sound, "encode 160: 0 0 -1", 2, 64_000, 20),
                 new Bare(Muxer.class, UNIT, "addPictures -2001: -2001 -2001 -2001, addSound -2001: -2001 -2001, begin -2001: -2001, "
                         + "cut -2001: -2001, describe 7: 0, finish -2001: -2001, label -2001: -2001 -2001 -2001, next 0: 0 0, open 0, "

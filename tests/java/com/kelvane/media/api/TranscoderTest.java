@@ -3,6 +3,7 @@ package com.kelvane.media.api;
 import static org.junit.jupiter.api.Assertions.assertArrayEquals;
 import static org.junit.jupiter.api.Assertions.assertEquals;
 import static org.junit.jupiter.api.Assertions.assertFalse;
+import static org.junit.jupiter.api.Assertions.assertSame;
 import static org.junit.jupiter.api.Assertions.assertThrows;
 import static org.junit.jupiter.api.Assertions.assertTrue;
 
@@ -10,8 +11,10 @@ import com.kelvane.media.AccessUnit;
 import com.kelvane.media.EncodedPicture;
 import com.kelvane.media.MediaException;
 import com.kelvane.media.Picture;
+import com.kelvane.media.Pipeline;
 import com.kelvane.media.Rendition;
 import com.kelvane.media.Transcoder;
+import com.kelvane.media.VideoDecoder;
 import com.kelvane.media.WriteResult;
 import java.nio.ByteBuffer;
 import java.nio.file.Files;
@@ -23,6 +26,7 @@ import java.util.concurrent.Executor;
 import java.util.concurrent.ExecutorService;
 import java.util.concurrent.Executors;
 import java.util.concurrent.RejectedExecutionException;
+import java.util.concurrent.atomic.AtomicInteger;
 import java.util.function.Consumer;
 import java.util.stream.IntStream;
 import java.util.stream.LongStream;
@@ -94,6 +98,36 @@ final class TranscoderTest {
                 double psnr = Vectors.psnr(originals.get(number), decoded.get(number));
                 assertTrue(psnr > 30, "picture " + number + " has " + psnr + " dB");
             }
+        }
+    }
+
+    /** Over jumps of the clock that 32 bits do not tell, with pictures held back before them. */
+    @Test
+    void givesEveryPictureTheTimeThatItWasGiven() {
+        List<AccessUnit> source = Vectors.timed(Vectors.REORDERED);
+        long[] starts = {0, 1_700_000_000_000L, -1_700_000_000_000L, 3_000_000_000L, 1L << 40};
+        List<Long> expected = new ArrayList<>();
+        List<List<Long>> times = List.of(new ArrayList<>(), new ArrayList<>(), new ArrayList<>());
+        try (Transcoder transcoder = Transcoder.builder().rendition(LADDER.get(0)).open();
+                VideoDecoder decoder = VideoDecoder.open(); Pipeline pipeline = Pipeline.builder().open()) {
+            for (long start : starts) {
+                LongStream.range(0, 30).forEach(i -> expected.add(start + 40 * i));
+                for (AccessUnit unit : source) {
+                    long time = start + unit.time();
+                    for (int i = 0; i < 3; i++) { // a picture's time is not that of what lies around it
+                        decoder.decode(new byte[] {0, 0, 0, 1, 9, -16}, time + 7 + i);
+                    }
+                    transcoder.write(unit.bytes(), time, picture -> times.get(0).add(picture.time()));
+                    decoder.decode(unit.bytes(), time).ifPresent(picture -> times.get(1).add(picture.time()));
+                    pipeline.write(unit.bytes(), time).ifPresent(out -> times.get(2).add(out.time()));
+                }
+            }
+            transcoder.drain(picture -> times.get(0).add(picture.time()));
+            decoder.drain(picture -> times.get(1).add(picture.time()));
+            pipeline.drain(out -> times.get(2).add(out.time()));
+        }
+        for (List<Long> given : times) {
+            assertEquals(expected, given);
         }
     }
 
@@ -180,7 +214,7 @@ final class TranscoderTest {
                 new Case(Vectors.CHANGING, -1, -1, "D{15}"), new Case("slices.h264", -1, -1, "H{2}D{22}"),
                 new Case("fields.h264", -1, -1, "(HD){" + fields.size() / 2 + "}"),
                 new Case(Vectors.PLAIN, 5, -1, "D{5}Ndk(Dk)+D+"), new Case(Vectors.PLAIN, 0, -1, "N(Rk)+D+"),
-                new Case(Vectors.PLAIN, -1, 7, "D{7}(Rk)+D+"))) {
+                new Case(Vectors.PLAIN, -1, 7, "D{7}Rk(dk)+(Dk)*D+"))) {
             StringBuilder results = new StringBuilder();
             try (Transcoder transcoder = Transcoder.builder().rendition(LADDER.get(0)).open()) {
                 assertFalse(transcoder.needsKey());
@@ -214,6 +248,50 @@ final class TranscoderTest {
         }
         threads.shutdown();
         late.forEach(Runnable::run); // long after the transcoder is gone
+    }
+
+    /** Whatever an executor throws, before or after it took the task: no picture is lost, no task outlives the call. */
+    @Test
+    void losesNothingOverAnExecutorThatThrows() {
+        List<AccessUnit> source = Vectors.timed(Vectors.REORDERED);
+        List<Vectors.Encoded> expected = transcode(Transcoder.builder(), source);
+        ExecutorService threads = Executors.newFixedThreadPool(2);
+        for (Throwable thrown : List.of(new OutOfMemoryError("unable to create native thread"), new ArithmeticException(),
+                new java.io.IOException(), new RejectedExecutionException())) {
+            for (int failing : new int[] {0, 1}) { // of the two tasks for each picture
+                for (Executor taken : List.<Executor>of(task -> { }, Runnable::run, threads)) {
+                    AtomicInteger tasks = new AtomicInteger();
+                    Executor executor = task -> {
+                        boolean fails = failing == 0 || tasks.getAndIncrement() % 2 == 1;
+                        (fails ? taken : threads).execute(task);
+                        if (fails) {
+                            TranscoderTest.<RuntimeException>raise(thrown);
+                        }
+                    };
+                    List<Vectors.Encoded> pictures = new ArrayList<>();
+                    int caught = 0;
+                    try (Transcoder transcoder = Transcoder.builder().renditions(LADDER).parallel(executor).open()) {
+                        for (int i = 0; i <= source.size(); i++) {
+                            try {
+                                if (i < source.size()) {
+                                    AccessUnit unit = source.get(i);
+                                    transcoder.write(unit.bytes(), unit.time(), picture -> pictures.add(Vectors.Encoded.of(picture)));
+                                } else {
+                                    transcoder.drain(picture -> pictures.add(Vectors.Encoded.of(picture)));
+                                }
+                            } catch (Throwable told) {
+                                assertSame(thrown, told);
+                                caught++;
+                            }
+                        }
+                    }
+                    assertEquals(expected, pictures);
+                    // Each picture's call but those of the held-back ones, which are one call.
+                    assertEquals(thrown instanceof RejectedExecutionException ? 0 : 30 - 2 + 1, caught);
+                }
+            }
+        }
+        threads.shutdown();
     }
 
     @Test

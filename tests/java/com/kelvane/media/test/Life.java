@@ -13,13 +13,14 @@ import java.io.IOException;
 import java.nio.ByteBuffer;
 import java.nio.file.Files;
 import java.nio.file.Path;
+import java.util.ArrayList;
 import java.util.Arrays;
 import java.util.List;
 import java.util.concurrent.CountDownLatch;
 import java.util.function.Consumer;
 import java.util.function.IntConsumer;
 
-/** What a server does to the library: "ending", "throwing", "callbacks", "lines" and "soak", see each method. */
+/** What a server does to the library: "ending", "throwing", "callbacks", "lines", "peaks" and "soak", see each method. */
 public final class Life {
     private static List<byte[]> units;
 
@@ -31,6 +32,7 @@ public final class Life {
             case "throwing" -> throwing();
             case "callbacks" -> callbacks(numbers[0], numbers[1]);
             case "lines" -> lines(numbers[0]);
+            case "peaks" -> peaks(numbers[0], numbers[1]);
             default -> soak(numbers[0], numbers[1]);
         }
     }
@@ -152,6 +154,24 @@ public final class Life {
         }
         tell("%d lines in %.2f s", count, (System.nanoTime() - begin) / 1e9);
         AVCDecoder.close(decoder);
+    }
+
+    /** So many transcoders at once and then none, so many times. */
+    private static void peaks(int rounds, int count) throws IOException {
+        threeRungs().close(); // finds the libraries
+        double before = residentMegabytes();
+        for (int round = 0; round < rounds; round++) {
+            List<Transcoder> transcoders = new ArrayList<>();
+            for (int i = 0; i < count; i++) {
+                transcoders.add(threeRungs());
+                transcode(transcoders.get(i), 3);
+            }
+            double peak = residentMegabytes();
+            transcoders.forEach(Transcoder::close);
+            double after = residentMegabytes();
+            tell("%d transcoders: %.0f MB at the peak, %.0f MB after it", count, peak, after);
+            check(after - before < (peak - before) / 4, "memory is given back");
+        }
     }
 
     /** So many pictures through one transcoder, then so many lives of every engine. */

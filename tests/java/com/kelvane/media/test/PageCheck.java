@@ -9,6 +9,18 @@ import java.nio.file.Path;
 public final class PageCheck {
     private static final String PLAYS = """
             const done = arguments[0], video = document.querySelector('video'), begin = Date.now();
+            const all = selector => [...document.querySelectorAll(selector)];
+            function faults() { // on a telephone, and without a mouse
+              document.documentElement.style.width = '375px';
+              const found = all('main').length === 1 ? [] : ['no main landmark'];
+              const wide = all('body *').filter(part => !part.closest('.wide *') && part.getBoundingClientRect().right > 375);
+              if (wide.length) found.push('too wide: ' + wide[0].outerHTML.slice(0, 40));
+              const scrolls = all('body *').filter(part => part.scrollWidth > part.clientWidth && getComputedStyle(part).overflowX === 'auto');
+              if (!scrolls.length || scrolls.some(part => part.tabIndex < 0)) found.push('scrolls, but not by keys');
+              if (all('svg text').some(text => text.getBoundingClientRect().height < 10)) found.push('labels that nobody can read');
+              document.documentElement.style.width = '';
+              return found;
+            }
             video.muted = true;
             const timer = setInterval(() => {
               if (video.paused) video.play().catch(() => {});
@@ -19,7 +31,7 @@ public final class PageCheck {
                   video.canPlayType('application/vnd.apple.mpegurl') ? 'ladders' : 'files', video.currentSrc.replace(/.*[/]/, ''),
                   video.videoWidth + ' wide', document.querySelectorAll('img[src]').length + ' images',
                   [...document.images].every(image => image.naturalWidth > 0) ? 'loaded' : 'missing',
-                  points('svg polyline'), document.querySelector('h1').textContent].join('|'));
+                  points('svg polyline'), document.querySelector('h1').textContent, faults().join(', ') || 'fits'].join('|'));
               }
             }, 50);
             """;

@@ -56,7 +56,8 @@ public final class AVCDecoder {
      *         not be decoded or there is no memory, for a handle of 0 or for a null array; -1 when {@code input} is
      *         shorter than 4 bytes or does not begin with 00 00 00 01; minus the size of the picture when
      *         {@code output} is shorter or longer than that
-     * @throws ArrayIndexOutOfBoundsException if {@code info} is shorter than 6 bytes
+     * @throws ArrayIndexOutOfBoundsException if {@code info} is shorter than 6 bytes; the picture then waits for
+     *         {@link #take}, though {@code output} has it already
      */
     public static native int decode(byte[] input, byte[] info, byte[] output, long handle);
 
@@ -69,13 +70,14 @@ public final class AVCDecoder {
      * @param output as for {@code decode}
      * @param handle the decoder, or 0
      * @return as {@code decode}
-     * @throws ArrayIndexOutOfBoundsException if {@code info} is shorter than 6 bytes
+     * @throws ArrayIndexOutOfBoundsException as {@code decode}
      */
     public static native int decodeAt(long timestamp, byte[] input, byte[] info, byte[] output, long handle);
 
     /**
      * Delivers the next picture that is held back for reordering; to be called at the end of a stream until it returns
-     * 0. The decoder is then ready for a new stream, which begins with a key frame.
+     * 0. The decoder is then ready for a new stream, which begins with a key frame. {@code decode} before that begins a
+     * new stream as well: what was still held back is lost.
      *
      * @param info as for {@code decode}
      * @param output as for {@code decode}
@@ -83,7 +85,7 @@ public final class AVCDecoder {
      * @return 1 when {@code output} and {@code info} hold a picture; minus the size of the picture when {@code output}
      *         is shorter or longer than that, {@link #take} then hands the picture out; 0 when nothing is held back any
      *         more, for a handle of 0 or for a null array
-     * @throws ArrayIndexOutOfBoundsException if {@code info} is shorter than 6 bytes
+     * @throws ArrayIndexOutOfBoundsException if {@code info} is shorter than 6 bytes; nothing was done then
      */
     public static native int drain(byte[] info, byte[] output, long handle);
 
@@ -97,7 +99,7 @@ public final class AVCDecoder {
      * @return 1 when {@code output} and {@code info} hold the picture, which then no longer waits; minus the size of the
      *         picture, which goes on waiting, when {@code output} is shorter or longer than that; 0 when no picture
      *         waits, there is no memory, for a handle of 0 or for a null array
-     * @throws ArrayIndexOutOfBoundsException if {@code info} is shorter than 6 bytes
+     * @throws ArrayIndexOutOfBoundsException if {@code info} is shorter than 6 bytes; the picture goes on waiting
      */
     public static native int take(byte[] info, byte[] output, long handle);
 

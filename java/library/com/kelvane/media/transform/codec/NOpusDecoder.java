@@ -51,6 +51,27 @@ public final class NOpusDecoder {
     public static native int decode(byte[] input, byte[] output, long handle);
 
     /**
+     * Stands in for lost sound of a length of the caller's choice; an empty packet given to {@link #decode} stands for
+     * 120 ms.
+     *
+     * @param samples per channel: a multiple of 120 (2.5 ms), 5760 at most
+     * @param output as for {@code decode}
+     * @param handle the decoder, or 0
+     * @return {@code samples}, which were written to {@code output}; 0 for any other number, when libopus fails, for a null
+     *         array and for a handle of 0; minus the bytes needed when {@code output} is shorter
+     */
+    public static native int conceal(int samples, byte[] output, long handle);
+
+    /**
+     * Limits what the decoder writes to standard error: a line for each packet that cannot be decoded, which is a line for
+     * whoever sends packets.
+     *
+     * @param lines how many more are written; a negative number, as at first, for all
+     * @param handle the decoder, or 0 for no effect
+     */
+    public static native void limitFailureLines(int lines, long handle);
+
+    /**
      * Frees the decoder. The handle is dead afterwards.
      *
      * @param handle the decoder, or 0 for no effect

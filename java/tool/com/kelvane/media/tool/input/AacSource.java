@@ -11,7 +11,7 @@ public interface AacSource extends Closeable {
      * @param time in milliseconds; that of an encoder's lead-in, or of what a cut leaves for the decoder to begin with, is
      *     below 0
      */
-    record Unit(byte[] bytes, long time) {
+    record Unit(byte[] bytes, double time) {
     }
 
     /** Opens a track: AAC is copied, all else decoded and encoded. */
@@ -21,8 +21,6 @@ public interface AacSource extends Closeable {
 
     /** The AudioSpecificConfig. */
     byte[] configuration();
-
-    int sampleRate();
 
     int channels();
 

@@ -27,11 +27,6 @@ final class CopiedSound implements AacSource {
     }
 
     @Override
-    public int sampleRate() {
-        return track.sampleRate();
-    }
-
-    @Override
     public int channels() {
         return track.channels();
     }
@@ -55,7 +50,7 @@ final class CopiedSound implements AacSource {
                 return null;
             }
             if (time >= -2 * packet.duration()) {
-                return new Unit(Adts.strip(packet.bytes()), Math.round(time));
+                return new Unit(packet.bytes(), time);
             }
         }
         return null;

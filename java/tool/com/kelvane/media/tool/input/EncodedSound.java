@@ -11,7 +11,7 @@ final class EncodedSound implements AacSource {
 
     EncodedSound(AudioTrack track, Timeline timeline) throws IOException {
         this.timeline = timeline;
-        encoder = new SoundReencoder(track);
+        encoder = new SoundReencoder(track, 0);
         double from = track.file().seek(timeline);
         packets = track.isPcm()
                 ? PacketPipe.ofPcm(track.file(), track.index(), from, encoder.sampleRate(), encoder.channels())
@@ -21,11 +21,6 @@ final class EncodedSound implements AacSource {
     @Override
     public byte[] configuration() {
         return encoder.configuration();
-    }
-
-    @Override
-    public int sampleRate() {
-        return encoder.sampleRate();
     }
 
     @Override

@@ -1,17 +1,31 @@
 package com.kelvane.media.tool.input;
 
 import com.kelvane.media.AacEncoder;
+import com.kelvane.media.MediaTrack;
 import com.kelvane.media.tool.input.AacSource.Unit;
 import java.util.ArrayList;
 import java.util.HexFormat;
 import java.util.List;
+import java.util.Optional;
 
 /** Sound that comes packet by packet, as AAC: AAC is handed on, all else decoded and encoded. */
 public final class LiveSound implements AutoCloseable {
     private final AudioTrack track;
     private final SoundReencoder encoder; // null for AAC
 
-    public LiveSound(AudioTrack track) {
+    /** Opens a track; nothing for AAC of a kind that segments cannot be made of. */
+    public static Optional<LiveSound> open(AudioTrack track) {
+        LiveSound sound = new LiveSound(track);
+        try {
+            MediaTrack.aac(sound.configuration());
+            return Optional.of(sound);
+        } catch (IllegalArgumentException unusual) {
+            sound.close();
+            return Optional.empty();
+        }
+    }
+
+    private LiveSound(AudioTrack track) {
         this.track = track;
         encoder = track.codec().equals("aac") ? null : new SoundReencoder(track);
     }
@@ -33,11 +47,6 @@ public final class LiveSound implements AutoCloseable {
                 track.profile().equals("HE-AACv2") ? 1 : track.channels());
     }
 
-    /** In Hz. */
-    public int sampleRate() {
-        return encoder == null ? track.sampleRate() : encoder.sampleRate();
-    }
-
     public int channels() {
         return encoder == null ? track.channels() : encoder.channels();
     }
@@ -48,12 +57,24 @@ public final class LiveSound implements AutoCloseable {
      * @param time in milliseconds
      */
     public List<Unit> add(byte[] packet, double time) {
-        List<Unit> units = new ArrayList<>();
         if (encoder == null) {
-            units.add(new Unit(Adts.strip(packet), Math.round(time)));
-            return units;
+            return List.of(new Unit(packet, time));
         }
         encoder.add(packet, time, Double.POSITIVE_INFINITY);
+        return encoded();
+    }
+
+    /** Returns what the end of the track leads to. */
+    public List<Unit> finish() {
+        if (encoder == null) {
+            return List.of();
+        }
+        encoder.finish();
+        return encoded();
+    }
+
+    private List<Unit> encoded() {
+        List<Unit> units = new ArrayList<>();
         for (Unit unit = encoder.poll(); unit != null; unit = encoder.poll()) {
             units.add(unit);
         }

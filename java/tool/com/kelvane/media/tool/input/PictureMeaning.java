@@ -1,9 +1,7 @@
 package com.kelvane.media.tool.input;
 
-import java.util.ArrayList;
-import java.util.List;
+import com.kelvane.media.MediaTrack;
 import java.util.Map;
-import java.util.Optional;
 
 /** How pictures are to be shown, beyond their samples: turned, with pixels that are not square, in which colours. */
 public final class PictureMeaning {
@@ -26,7 +24,10 @@ public final class PictureMeaning {
     private final long pixelWidth;
     private final long pixelHeight;
     private final int rotation; // degrees
-    private final List<String> colours = new ArrayList<>();
+    private final Boolean range; // whether it is the full one; null when that is not known
+    private final int primaries; // 0 when they are not known, as the others
+    private final int transfer;
+    private final int matrix;
 
     /** @param video the track's entries by FFprobe's names */
     PictureMeaning(Map<String, String> video) {
@@ -36,20 +37,13 @@ public final class PictureMeaning {
         boolean known = ratio.length == 2 && !ratio[0].equals("0") && !ratio[1].equals("0");
         pixelWidth = known ? Long.parseLong(ratio[0]) : 1;
         pixelHeight = known ? Long.parseLong(ratio[1]) : 1;
-        rotation = (int) MediaFile.number(video, "tag:rotate");
+        int turned = Math.floorMod((int) MediaFile.number(video, "tag:rotate"), 360);
+        rotation = turned % 90 == 0 ? turned : 0;
         boolean full = "pc".equals(video.get("color_range")) || "yuvj420p".equals(video.get("pix_fmt"));
-        if (full || "tv".equals(video.get("color_range"))) {
-            colours.add("video_full_range_flag=" + (full ? 1 : 0));
-        }
-        add("colour_primaries", PRIMARIES.get(video.get("color_primaries")));
-        add("transfer_characteristics", TRANSFERS.get(video.get("color_transfer")));
-        add("matrix_coefficients", MATRICES.get(video.get("color_space")));
-    }
-
-    private void add(String name, Integer number) {
-        if (number != null) {
-            colours.add(name + "=" + number);
-        }
+        range = full || "tv".equals(video.get("color_range")) ? (Boolean) full : null;
+        primaries = PRIMARIES.getOrDefault(video.getOrDefault("color_primaries", ""), 0);
+        transfer = TRANSFERS.getOrDefault(video.getOrDefault("color_transfer", ""), 0);
+        matrix = MATRICES.getOrDefault(video.getOrDefault("color_space", ""), 0);
     }
 
     /** Degrees by which the pictures are to be turned, clockwise. */
@@ -57,36 +51,30 @@ public final class PictureMeaning {
         return rotation;
     }
 
-    /** FFmpeg's options for a container that tells of it. */
-    public List<String> containerOptions() {
-        List<String> options = new ArrayList<>();
-        if (rotation != 0) {
-            // FFmpeg 4 turns the other way when it writes what it has read.
-            options.addAll(List.of("-metadata:s:v:0", "rotate=" + (360 - rotation)));
-        }
-        if (pixelWidth != pixelHeight) {
-            long[] shown = reduced(pixelWidth * width, pixelHeight * height);
-            options.addAll(List.of("-aspect:v", shown[0] + ":" + shown[1]));
-        }
-        return options;
-    }
-
     /** Width and height in square pixels, the right way up, of pictures of a size that shows all of the source. */
     public int[] shownSize(int resultWidth, int resultHeight) {
-        // The wider of two shapes is kept as it is, and the height follows.
-        int shownHeight = (int) Math.max(1, Math.round((double) resultWidth * height * pixelHeight / (width * pixelWidth)));
-        int[] size = pixelWidth == pixelHeight ? new int[] {resultWidth, resultHeight} : new int[] {resultWidth, shownHeight};
-        return rotation % 180 == 0 ? size : new int[] {size[1], size[0]};
+        long[] pixel = pixel(resultWidth, resultHeight);
+        int shownWidth = (int) Math.max(1, Math.round((double) resultWidth * pixel[0] / pixel[1]));
+        return rotation % 180 == 0 ? new int[] {shownWidth, resultHeight} : new int[] {resultHeight, shownWidth};
     }
 
-    /** FFmpeg's filter that writes it into a stream of pictures of a size; nothing when there is nothing to write. */
-    public Optional<String> streamFilter(int resultWidth, int resultHeight) {
-        List<String> settings = new ArrayList<>(colours);
-        if (pixelWidth != pixelHeight) {
-            long[] pixel = reduced(pixelWidth * width * resultHeight, pixelHeight * height * resultWidth);
-            settings.add("sample_aspect_ratio=" + pixel[0] + "/" + pixel[1]);
-        }
-        return settings.isEmpty() ? Optional.empty() : Optional.of("h264_metadata=" + String.join(":", settings));
+    /** A track of pictures of a size that show all of the source. */
+    public MediaTrack track(int resultWidth, int resultHeight) {
+        long[] pixel = pixel(resultWidth, resultHeight);
+        MediaTrack track = MediaTrack.h264(resultWidth, resultHeight).rotation(rotation).colours(primaries, transfer, matrix);
+        track = range == null ? track : track.fullRange(range);
+        return pixelWidth == pixelHeight ? track : track.pixelAspect((int) pixel[0], (int) pixel[1]);
+    }
+
+    /** The shape of the pixels of pictures of a size; square where the source's are. */
+    private long[] pixel(int resultWidth, int resultHeight) {
+        return pixelWidth == pixelHeight ? new long[] {1, 1}
+                : reduced(pixelWidth * width * resultHeight, pixelHeight * height * resultWidth);
+    }
+
+    /** Whether a stream of the pictures has to say something beyond what their encoder does. */
+    public boolean isTold() {
+        return pixelWidth != pixelHeight || range != null || primaries + transfer + matrix > 0;
     }
 
     /** A ratio in small numbers, which is as close to it as H.264 can say. */

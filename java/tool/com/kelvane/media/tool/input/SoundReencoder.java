@@ -20,11 +20,19 @@ final class SoundReencoder implements AutoCloseable {
     private final ByteArrayOutputStream waiting = new ByteArrayOutputStream();
     private final Queue<byte[]> encoded = new ArrayDeque<>();
     private byte[] silence = {};
+    private final double origin;
     private double begin = Double.NaN; // time of the first sample in the result
     private long samples;              // that followed
     private long units;
 
+    /** The result begins with the first packet. */
     SoundReencoder(AudioTrack track) {
+        this(track, Double.NaN);
+    }
+
+    /** @param origin when the result begins, with silence if need be, in milliseconds */
+    SoundReencoder(AudioTrack track, double origin) {
+        this.origin = origin;
         channels = channels(track);
         sampleRate = sampleRate(track);
         encoder = AacEncoder.builder().channels(channels).sampleRate(sampleRate).open();
@@ -62,21 +70,18 @@ final class SoundReencoder implements AutoCloseable {
     void add(byte[] packet, double time, double end) {
         byte[] sound = decode(packet);
         int frame = BYTES_PER_SAMPLE * channels;
-        double expected = Double.isNaN(begin) ? 0 : begin + 1000.0 * samples / sampleRate;
-        long ahead = Math.round((time - expected) * sampleRate / 1000);
-        int skipped = 0;
-        if (Double.isNaN(begin)) {
+        boolean first = Double.isNaN(begin);
+        if (first) {
             if (time + 1000.0 * (sound.length / frame) / sampleRate <= 0) {
                 return;
             }
-            begin = Math.max(0, time);
-            skipped = (int) Math.max(0, -ahead) * frame;
-        } else if (time - expected > TOLERANCE) {
-            for (; ahead > 0; ahead -= AacEncoder.SAMPLES_PER_BLOCK) {
-                encode(new byte[(int) Math.min(ahead, AacEncoder.SAMPLES_PER_BLOCK) * frame], 0);
-            }
-        } else if (expected - time > TOLERANCE) {
-            skipped = (int) Math.min(sound.length, -ahead * frame);
+            begin = Double.isNaN(origin) ? Math.max(0, time) : origin;
+        }
+        double expected = begin + 1000.0 * samples / sampleRate;
+        long ahead = first || Math.abs(time - expected) > TOLERANCE ? Math.round((time - expected) * sampleRate / 1000) : 0;
+        int skipped = (int) Math.min(sound.length, Math.max(0, -ahead) * frame);
+        for (; ahead > 0; ahead -= AacEncoder.SAMPLES_PER_BLOCK) {
+            encode(new byte[(int) Math.min(ahead, AacEncoder.SAMPLES_PER_BLOCK) * frame], 0);
         }
         double left = Math.min(end - time, 1e6);
         long room = Math.round(left * sampleRate / 1000) * frame;
@@ -124,7 +129,7 @@ final class SoundReencoder implements AutoCloseable {
     AacSource.Unit poll() {
         byte[] unit = encoded.poll();
         return unit == null ? null : new AacSource.Unit(unit,
-                Math.round(begin + 1000.0 * (AacEncoder.SAMPLES_PER_BLOCK * units++ - AacEncoder.LEAD_IN) / sampleRate));
+                begin + 1000.0 * (AacEncoder.SAMPLES_PER_BLOCK * units++ - AacEncoder.LEAD_IN) / sampleRate);
     }
 
     @Override

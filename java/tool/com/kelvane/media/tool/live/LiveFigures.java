@@ -48,6 +48,8 @@ final class LiveFigures {
     private long jumps;
     private long damaged;
     private long shed;
+    private double silent; // seconds of sound
+    private long soundLeftOut;
     private final LostPictures lost = new LostPictures();
     private volatile double segmentLatency;
     private volatile double largestSegmentLatency;
@@ -143,6 +145,24 @@ final class LiveFigures {
         shed++;
     }
 
+    /**
+     * A segment's sound is complete.
+     *
+     * @param filled units of silence in it
+     * @param leftOut units that have come too late, or twice
+     * @param unit seconds of one
+     */
+    synchronized void sound(int filled, int leftOut, double unit) {
+        silent += filled * unit;
+        soundLeftOut += leftOut;
+        if (filled > 0) {
+            note("silence", "sound: %.2f s were missing and are silent", filled * unit);
+        }
+        if (leftOut > 0) {
+            note("left out", "sound: %d units came too late, or twice", leftOut);
+        }
+    }
+
     /** An encoder has failed at a picture. */
     synchronized void failed(EncoderFailure failure) {
         lost.accept(failure);
@@ -225,6 +245,8 @@ final class LiveFigures {
         json.writeNumberField("jumps", jumps);
         json.writeNumberField("damagedPackets", damaged);
         json.writeNumberField("timesShed", shed);
+        number(json, "silentSeconds", silent);
+        json.writeNumberField("soundUnitsLeftOut", soundLeftOut);
         json.writeNumberField("firstSegment", first);
         json.writeNumberField("segments", listed);
         number(json, "segmentSeconds", listedSeconds);

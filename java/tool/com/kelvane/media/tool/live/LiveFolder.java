@@ -1,11 +1,10 @@
 package com.kelvane.media.tool.live;
 
-import com.kelvane.media.tool.output.Hls;
 import com.kelvane.media.tool.output.Page;
+import com.kelvane.media.tool.packager.Names;
 import com.kelvane.media.tool.shell.Failure;
 import java.io.Closeable;
 import java.io.IOException;
-import java.io.OutputStream;
 import java.nio.channels.FileChannel;
 import java.nio.channels.OverlappingFileLockException;
 import java.nio.charset.StandardCharsets;
@@ -44,7 +43,7 @@ final class LiveFolder implements Closeable {
             if (lock.tryLock() == null) {
                 throw new OverlappingFileLockException();
             }
-            Files.deleteIfExists(root.resolve(Hls.MASTER)); // of a run before
+            Files.deleteIfExists(root.resolve(Names.MASTER)); // of a run before
             Files.deleteIfExists(root.resolve(Page.FILE));
         } catch (IOException unwritable) {
             throw new Failure("cannot write in %s (%s); name another directory with -o", directory,
@@ -58,7 +57,7 @@ final class LiveFolder implements Closeable {
     void makeFolder(String name) throws IOException {
         Path folder = root.resolve(name);
         if (Files.exists(folder, LinkOption.NOFOLLOW_LINKS)) {
-            if (!Hls.isOurs(folder)) {
+            if (!Names.isOurs(folder)) {
                 throw new Failure("%s holds something else than segments, and is not replaced; name another directory with -o",
                         folder);
             }
@@ -69,28 +68,6 @@ final class LiveFolder implements Closeable {
             }
         }
         Files.createDirectories(folder);
-    }
-
-    /** Opens a file that is to get its name when it is complete. */
-    OutputStream begin(String part) throws IOException {
-        return Files.newOutputStream(root.resolve(part));
-    }
-
-    /** Gives a complete file its name; returns its size. */
-    long finish(String part, String name) throws IOException {
-        Path file = root.resolve(name);
-        Files.move(root.resolve(part), file, StandardCopyOption.ATOMIC_MOVE);
-        own.add(name);
-        return Files.size(file);
-    }
-
-    /** Removes a file that will not be complete. */
-    void discard(String part) {
-        try {
-            Files.deleteIfExists(root.resolve(part));
-        } catch (IOException left) {
-            // The next run removes it.
-        }
     }
 
     /** Writes a file, in the place of an older one. */
@@ -114,10 +91,6 @@ final class LiveFolder implements Closeable {
     void delete(String name) throws IOException {
         own.remove(name);
         Files.deleteIfExists(root.resolve(name));
-    }
-
-    Path path(String name) {
-        return root.resolve(name);
     }
 
     /** The file of a name, if it is one of this ladder's and lies in its directory. */

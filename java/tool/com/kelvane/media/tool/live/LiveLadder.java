@@ -1,46 +1,78 @@
 package com.kelvane.media.tool.live;
 
+import com.kelvane.media.MediaTrack;
 import com.kelvane.media.tool.input.AacSource;
 import com.kelvane.media.tool.input.LiveSound;
 import com.kelvane.media.tool.input.PictureMeaning;
 import com.kelvane.media.tool.output.RenditionOutput;
+import com.kelvane.media.tool.packager.PictureRate;
+import com.kelvane.media.tool.packager.TrackWriter;
+import java.io.Closeable;
 import java.io.IOException;
-import java.util.ArrayList;
+import java.time.Duration;
+import java.time.Instant;
 import java.util.Arrays;
 import java.util.List;
 
-/** Hands pictures and sound to those renditions that are made, segment by segment. */
-final class LiveLadder {
-    private final List<RenditionOutput> outputs;
-    private final Publication publication;
-    private final RenditionStream[] streams; // null where none is made
-    private final List<RenditionStream> ending = new ArrayList<>();
-    private PictureMeaning meaning;
-    private LiveSound sound;
-    private boolean soundChanged;
-    private int next;
-    private int made;
+/** Makes segments of pictures and sound: those of a rendition for as long as it is made, those of the sound once for all. */
+final class LiveLadder implements Closeable {
+    private static final Duration LATEST = Duration.ofSeconds(5); // by which dates may stay behind the clock
 
-    LiveLadder(List<RenditionOutput> outputs, Publication publication) {
-        this.outputs = outputs;
-        this.publication = publication;
-        streams = new RenditionStream[outputs.size()];
-    }
+    /** A rendition's segments. */
+    private static final class Pictures {
+        final String folder;
+        final TrackWriter writer;
+        final PictureRate rate = new PictureRate();
+        boolean begun; // whether the segment under way has its first picture
 
-    /** What the source is from now on; only the first one decides whether there is sound. */
-    void source(PictureMeaning shown, LiveSound heard) {
-        if (meaning == null) {
-            meaning = shown;
-            sound = heard;
-            publication.source(meaning, sound == null ? new byte[0] : sound.configuration());
-        } else if (sound != null && heard != null) {
-            soundChanged |= !Arrays.equals(sound.configuration(), heard.configuration());
-            sound = heard;
+        Pictures(RenditionOutput output, MediaTrack track) {
+            folder = output.size();
+            writer = new TrackWriter(track);
+        }
+
+        long ticks(double milliseconds) {
+            return Math.round(milliseconds * writer.timescale() / 1000);
         }
     }
 
+    private final List<RenditionOutput> outputs;
+    private final Publication publication;
+    private final LiveFigures figures;
+    private List<Pictures> renditions; // null until there is a source
+    private byte[] configuration;      // the sound's AudioSpecificConfig; null without sound
+    private SoundTrack sound;
+    private boolean soundChanged;
+    private LiveSegment segment; // under way
+    private Instant zero;        // the date of time 0
+    private int next;
+
+    LiveLadder(List<RenditionOutput> outputs, Publication publication, LiveFigures figures) {
+        this.outputs = outputs;
+        this.publication = publication;
+        this.figures = figures;
+    }
+
+    /**
+     * What the source is from now on; only the first one decides how pictures are shown, and whether there is sound.
+     *
+     * @return whether the sound's kind changes, with the next segment
+     */
+    boolean source(PictureMeaning meaning, LiveSound heard) throws IOException {
+        if (renditions == null) {
+            renditions = outputs.stream().map(output -> new Pictures(output, meaning.track(output.width(), output.height())))
+                    .toList();
+            configuration = heard == null ? null : heard.configuration();
+            publication.source(meaning, heard);
+        } else if (hasSound() && heard != null && !Arrays.equals(configuration, heard.configuration())) {
+            configuration = heard.configuration();
+            soundChanged = true;
+            publication.source(meaning, heard);
+        }
+        return soundChanged;
+    }
+
     boolean hasSound() {
-        return sound != null;
+        return configuration != null;
     }
 
     /**
@@ -48,53 +80,81 @@ final class LiveLadder {
      *
      * @param time of the picture in milliseconds
      * @param arrival when it came
-     * @param wanted how many renditions have this segment, counted from the smallest
      */
-    void cut(long time, long arrival, int wanted) throws IOException {
-        int number = next++;
-        boolean begins = number > 0 && (soundChanged || wanted != made);
-        publication.begin(number, arrival, begins, wanted);
-        for (int i = 0; i < streams.length; i++) {
-            boolean isWanted = i >= streams.length - wanted;
-            if (streams[i] != null && (!isWanted || soundChanged || streams[i].isBroken())) {
-                ending.add(streams[i]);
-                streams[i].finish(time);
-                streams[i] = null;
-            }
-            if (isWanted && streams[i] != null) {
-                streams[i].cut(number);
-            } else if (isWanted) {
-                streams[i] = new RenditionStream(outputs.get(i), meaning, sound, number, publication.receiver(i));
-            }
+    void cut(long time, long arrival) {
+        finishPictures(time);
+        Instant came = Instant.now().minusNanos(Math.max(0, System.nanoTime() - arrival)).minusMillis(time);
+        boolean late = zero != null && came.isAfter(zero.plus(LATEST)); // the source had stopped
+        zero = zero == null || late ? came : zero;
+        segment = new LiveSegment(next++, time, arrival, zero, late || soundChanged, outputs.size());
+        if (sound != null && soundChanged) {
+            sound.finish(time);
+            sound.close();
+            sound = null;
         }
-        ending.removeIf(RenditionStream::isOver);
         soundChanged = false;
-        made = wanted;
+        if (sound != null) {
+            sound.begin(segment);
+        } else if (hasSound()) {
+            sound = new SoundTrack(configuration, segment, publication, figures);
+        }
     }
 
+    private void finishPictures(double end) {
+        if (segment == null) {
+            return;
+        }
+        for (int i = 0; i < renditions.size(); i++) {
+            Pictures pictures = renditions.get(i);
+            pictures.begun = false;
+            segment.pieces[i] = pictures.writer.cut(pictures.ticks(end)).map(made -> publication.store(pictures.folder,
+                    segment.number, publication.initialise(pictures.folder, pictures.writer.initialisation()), made)).orElse(null);
+            if (segment.pieces[i] != null) {
+                publication.rendition(i, pictures.writer.codecs(), pictures.rate.fastest());
+            }
+        }
+        publication.add(segment);
+    }
+
+    /** Adds a picture of the segment under way; one that does not begin with a key picture is left out. */
     void writePicture(int rendition, byte[] accessUnit, long time, boolean key) {
-        if (streams[rendition] != null) {
-            streams[rendition].writePicture(accessUnit, time, key);
+        Pictures pictures = renditions.get(rendition);
+        pictures.begun |= key && segment != null && time == segment.begin;
+        if (pictures.begun) {
+            pictures.writer.write(accessUnit, pictures.ticks(time), key);
+            pictures.rate.add(time);
         }
     }
 
     void writeSound(AacSource.Unit unit) {
-        for (RenditionStream stream : streams) {
-            if (stream != null) {
-                stream.writeSound(unit);
-            }
+        if (sound != null) {
+            sound.add(unit);
+        }
+    }
+
+    /** Has silence take the place of sound that has not come long after its pictures. */
+    void awaitSound(double time) {
+        if (sound != null) {
+            sound.await(time);
         }
     }
 
     /** Ends the last segment and makes the lists complete. Returns whether there is anything to play. */
     boolean finish(long end) throws IOException {
-        for (RenditionStream stream : streams) {
-            if (stream != null) {
-                ending.add(stream);
-                stream.finish(end);
-            }
+        finishPictures(end);
+        if (sound != null) {
+            sound.finish(end);
         }
-        ending.forEach(RenditionStream::join);
         return publication.finish();
+    }
+
+    @Override
+    public void close() {
+        if (renditions != null) {
+            renditions.forEach(pictures -> pictures.writer.close());
+        }
+        if (sound != null) {
+            sound.close();
+        }
     }
 }

@@ -3,17 +3,19 @@ package com.kelvane.media.tool.live;
 import com.kelvane.media.tool.input.AudioTrack;
 import com.kelvane.media.tool.input.LiveInput;
 import com.kelvane.media.tool.input.LivePacket;
-import com.kelvane.media.tool.input.LiveSound;
 import com.kelvane.media.tool.output.Page;
 import com.kelvane.media.tool.output.RenditionOutput;
 import com.kelvane.media.tool.output.Summary;
+import com.kelvane.media.tool.packager.Names;
 import com.kelvane.media.tool.shell.Caller;
 import com.kelvane.media.tool.shell.JsonLines;
 import com.kelvane.media.tool.shell.Progress;
 import java.io.IOException;
+import java.lang.reflect.Proxy;
 import java.util.List;
 import java.util.concurrent.CountDownLatch;
 import java.util.concurrent.TimeUnit;
+import java.util.stream.Stream;
 
 /** One run of `kelvane live`, from the first input to a finished ladder. */
 public final class LiveRun {
@@ -22,6 +24,10 @@ public final class LiveRun {
     private static final double PLAIN_INTERVAL = 10;
     private static final double LONGEST_END = 10;   // seconds that an interrupted run may take to end
     private static final double SILENCE = 5;        // seconds without input that are worth a line
+    private static final double LONGEST_SERVICE = 60; // seconds for which ended ladders without a window are served
+    private static final double INTERRUPTED_SERVICE = 6; // seconds for which interrupted ones are
+    private static final double LONGEST_PAUSE = 3;  // seconds, beside a segment's length, between what a live player asks for
+    private static final int KILLED = 130;          // exit code
 
     private final LiveSettings settings;
     private final LiveInput input;
@@ -29,6 +35,8 @@ public final class LiveRun {
     private final CountDownLatch done = new CountDownLatch(1);
     private volatile boolean interrupted;
     private volatile boolean succeeded;
+    private volatile boolean ended;   // the lists are complete
+    private volatile boolean hurried;
     private LiveSession session;
     private double nextLine;
     private double silentFor; // seconds, 0 while there is input
@@ -46,7 +54,6 @@ public final class LiveRun {
         Runtime.getRuntime().addShutdownHook(hook);
         try {
             runToTheEnd();
-            succeeded = true;
         } finally {
             done.countDown();
         }
@@ -54,12 +61,36 @@ public final class LiveRun {
 
     private void interrupt() {
         interrupted = true;
+        hurried = ended;
+        onNextInterrupt(() -> {
+            hurried = true;
+            if (!ended) {
+                Runtime.getRuntime().halt(KILLED);
+            }
+        });
         try {
             if (done.await((long) (1000 * LONGEST_END), TimeUnit.MILLISECONDS) && succeeded) {
                 Runtime.getRuntime().halt(0);
             }
         } catch (InterruptedException asked) {
             Thread.currentThread().interrupt();
+        }
+    }
+
+    /** The virtual machine, which ends by now, takes no notice of another signal; its own class for them is no part of Java. */
+    private static void onNextInterrupt(Runnable action) {
+        try {
+            Class<?> signal = Class.forName("sun.misc.Signal");
+            Class<?> handler = Class.forName("sun.misc.SignalHandler");
+            Object acts = Proxy.newProxyInstance(handler.getClassLoader(), new Class<?>[] {handler}, (proxy, method, arguments) -> {
+                action.run();
+                return null;
+            });
+            for (String name : List.of("INT", "TERM")) {
+                signal.getMethod("handle", signal, handler).invoke(null, signal.getConstructor(String.class).newInstance(name), acts);
+            }
+        } catch (ReflectiveOperationException | IllegalArgumentException notThere) {
+            // Then it ends when it would have ended anyway.
         }
     }
 
@@ -80,16 +111,41 @@ public final class LiveRun {
                 problem = unexpected;
             } finally {
                 playable = finish(folder);
+                ended = true;
             }
             figures.state("ended");
             Progress.clear();
             if (playable) {
                 folder.write(Page.FILE, Page.live(input.name(), figures.json(input.bytesRead())));
             }
+            if (problem == null) {
+                summarise(playable);
+                succeeded = true;
+            }
+            if (playable && server != null) {
+                serveOn(server);
+            }
             if (problem != null) {
                 throw problem;
             }
-            summarise(playable);
+        }
+    }
+
+    /** Players are behind, and have yet to learn that the stream has ended. */
+    private void serveOn(LiveServer server) {
+        double begin = figures.now();
+        double most = settings.window() > 0 ? settings.window() : LONGEST_SERVICE;
+        double quiet = LONGEST_PAUSE + settings.segmentSeconds();
+        if (server.quietSeconds() < quiet) {
+            Summary.line("players still read; the port stays for up to %.0f s, Ctrl-C ends at once", most);
+        }
+        while (server.quietSeconds() < quiet && figures.now() - begin < (interrupted ? INTERRUPTED_SERVICE : most)
+                && !hurried) {
+            try {
+                Thread.sleep(POLL);
+            } catch (InterruptedException ended) {
+                return;
+            }
         }
     }
 
@@ -100,8 +156,8 @@ public final class LiveRun {
             playable = ending != null && ending.finish();
         } finally {
             if (!playable) {
-                folder.removeAll(session == null ? List.of()
-                        : session.outputs().stream().map(RenditionOutput::size).toList());
+                folder.removeAll(session == null ? List.of() : Stream.concat(Stream.of(Names.SOUND),
+                        session.outputs().stream().map(RenditionOutput::size)).toList());
             }
         }
         return playable;
@@ -140,7 +196,7 @@ public final class LiveRun {
         if (session == null) {
             session = new LiveSession(settings, opened.video(), folder, figures);
         }
-        session.begin(opened.video(), audio == null ? null : new LiveSound(audio));
+        session.begin(opened.video(), audio);
         figures.source(opened.video(), audio);
     }
 

@@ -2,16 +2,29 @@ package com.kelvane.media.tool.live;
 
 import com.kelvane.media.tool.output.Page;
 import com.kelvane.media.tool.shell.Failure;
+import com.kelvane.media.tool.shell.Text;
 import com.sun.net.httpserver.HttpExchange;
 import com.sun.net.httpserver.HttpServer;
 import java.io.IOException;
 import java.io.InputStream;
 import java.io.OutputStream;
+import java.net.InetAddress;
 import java.net.InetSocketAddress;
+import java.net.UnknownHostException;
+import java.nio.channels.Channels;
+import java.nio.channels.FileChannel;
+import java.nio.charset.StandardCharsets;
 import java.nio.file.Files;
 import java.nio.file.LinkOption;
 import java.nio.file.Path;
+import java.nio.file.StandardOpenOption;
+import java.util.HashSet;
+import java.util.List;
+import java.util.Locale;
 import java.util.Optional;
+import java.util.Set;
+import java.util.concurrent.TimeUnit;
+import java.util.concurrent.atomic.AtomicInteger;
 import java.util.function.Supplier;
 
 /**
@@ -26,12 +39,19 @@ final class LiveServer implements AutoCloseable {
     private static final int LONGEST_RESPONSE = 30;   // seconds that it may take to be answered
     private static final int MOST_IDLE = 2000;        // connections that are kept for another request
     private static final int CHUNK = 1 << 14;         // bytes
+    // A segment's name comes again with another run of the tool, and caches would mix them up.
+    private static final String SEGMENT_CACHING = "public, max-age=10";
+
+    private static final String OTHER_NAME = "This page is served under the machine's address or the name that --http gives it.\n";
 
     private final HttpServer server;
     private final ClientThreads threads;
     private final LiveFolder folder;
     private final LiveFigures figures;
     private final Supplier<byte[]> json;
+    private final Set<String> names = new HashSet<>(); // by which browsers may know this machine
+    private final AtomicInteger reading = new AtomicInteger();
+    private volatile long lastRead = System.nanoTime() - TimeUnit.DAYS.toNanos(1);
 
     /** @param json the figures */
     LiveServer(InetSocketAddress address, LiveFolder folder, LiveFigures figures, Supplier<byte[]> json) {
@@ -47,6 +67,12 @@ final class LiveServer implements AutoCloseable {
         } catch (IOException refused) {
             throw new Failure("cannot serve at %s:%d (%s); name another port with --http", address.getHostString(),
                     address.getPort(), Failure.reason(refused));
+        }
+        names.addAll(List.of("localhost", address.getHostString().toLowerCase(Locale.ROOT)));
+        try {
+            names.add(InetAddress.getLocalHost().getHostName().toLowerCase(Locale.ROOT));
+        } catch (UnknownHostException nameless) {
+            // Then it has no further name.
         }
         server.createContext("/", this::answer);
         threads = new ClientThreads(executor -> {
@@ -72,6 +98,15 @@ final class LiveServer implements AutoCloseable {
             String path = exchange.getRequestURI().getPath();
             String name = path == null || path.isEmpty() ? "" : path.equals("/") ? Page.FILE : path.substring(1);
             exchange.getResponseHeaders().set("X-Content-Type-Options", "nosniff");
+            boolean forPlayers = !name.equals(FIGURES) && !name.equals(Page.FILE);
+            if (!forPlayers && !isOurs(exchange.getRequestHeaders().getFirst("Host"))) {
+                byte[] reason = OTHER_NAME.getBytes(StandardCharsets.UTF_8);
+                exchange.sendResponseHeaders(421, method.equals("GET") ? reason.length : -1);
+                if (method.equals("GET")) {
+                    exchange.getResponseBody().write(reason);
+                }
+                return;
+            }
             if (name.equals(FIGURES)) {
                 byte[] bytes = json.get();
                 begin(exchange, name, bytes.length);
@@ -85,20 +120,40 @@ final class LiveServer implements AutoCloseable {
                 exchange.sendResponseHeaders(404, -1);
                 return;
             }
-            send(exchange, name, file.get(), method.equals("GET"));
+            if (forPlayers) {
+                exchange.getResponseHeaders().set("Access-Control-Allow-Origin", "*"); // players on other pages
+                reading.incrementAndGet();
+            }
+            try {
+                send(exchange, name, file.get(), method.equals("GET"));
+            } finally {
+                if (forPlayers) {
+                    lastRead = System.nanoTime();
+                    reading.decrementAndGet();
+                }
+            }
         } finally {
             figures.connections.decrementAndGet();
         }
     }
 
+    /**
+     * Whether the figures are for a page that calls this machine so: anybody may have a name of his own lead here, and browsers
+     * then take his page and ours for the same. An address cannot be had that way.
+     */
+    private boolean isOurs(String host) {
+        String name = host == null ? "" : host.replaceFirst(":\\d*$", "").toLowerCase(Locale.ROOT);
+        return name.matches("[0-9.]+|\\[[0-9a-f:.]+]") || names.contains(name);
+    }
+
+    /** Seconds for which no player has asked for anything. */
+    double quietSeconds() {
+        return reading.get() > 0 ? 0 : (System.nanoTime() - lastRead) / 1e9;
+    }
+
     private void begin(HttpExchange exchange, String name, long length) throws IOException {
         exchange.getResponseHeaders().set("Content-Type", type(name));
-        if (!address().getAddress().isLoopbackAddress()) {
-            exchange.getResponseHeaders().set("Access-Control-Allow-Origin", "*"); // players on other pages
-        }
-        if (!name.endsWith(".m4s")) {
-            exchange.getResponseHeaders().set("Cache-Control", "no-cache");
-        }
+        exchange.getResponseHeaders().set("Cache-Control", name.endsWith(".m4s") ? SEGMENT_CACHING : "no-cache");
         boolean head = exchange.getRequestMethod().equals("HEAD");
         if (head) {
             exchange.getResponseHeaders().set("Content-Length", Long.toString(length));
@@ -107,8 +162,16 @@ final class LiveServer implements AutoCloseable {
     }
 
     private void send(HttpExchange exchange, String name, Path file, boolean body) throws IOException {
-        try (InputStream stream = Files.newInputStream(file, LinkOption.NOFOLLOW_LINKS)) {
-            long length = Files.size(file);
+        long modified = Files.getLastModifiedTime(file).to(TimeUnit.NANOSECONDS); // before it is opened: it may be replaced
+        try (FileChannel channel = FileChannel.open(file, StandardOpenOption.READ, LinkOption.NOFOLLOW_LINKS);
+                InputStream stream = Channels.newInputStream(channel)) {
+            long length = channel.size();
+            String tag = Text.format("\"%x-%x\"", modified, length);
+            exchange.getResponseHeaders().set("ETag", tag);
+            if (tag.equals(exchange.getRequestHeaders().getFirst("If-None-Match"))) {
+                exchange.sendResponseHeaders(304, -1);
+                return;
+            }
             begin(exchange, name, length);
             OutputStream to = exchange.getResponseBody();
             byte[] chunk = new byte[CHUNK];

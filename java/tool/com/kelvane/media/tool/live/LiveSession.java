@@ -4,6 +4,7 @@ import com.kelvane.media.EncodedPicture;
 import com.kelvane.media.Rendition;
 import com.kelvane.media.Transcoder;
 import com.kelvane.media.tool.input.AacSource;
+import com.kelvane.media.tool.input.AudioTrack;
 import com.kelvane.media.tool.input.LivePacket;
 import com.kelvane.media.tool.input.LiveSound;
 import com.kelvane.media.tool.input.VideoTrack;
@@ -12,10 +13,9 @@ import com.kelvane.media.tool.output.RenditionOutput;
 import com.kelvane.media.tool.output.RenditionRequest;
 import com.kelvane.media.tool.output.SegmentKeys;
 import java.io.IOException;
-import java.io.UncheckedIOException;
-import java.util.ArrayDeque;
 import java.util.Comparator;
 import java.util.List;
+import java.util.PriorityQueue;
 import java.util.Queue;
 import java.util.TreeMap;
 import java.util.concurrent.ExecutorService;
@@ -28,6 +28,7 @@ final class LiveSession implements AutoCloseable {
     private static final int SOUND = 1;
     private static final double SOUND_PACKET = 21; // ms, about
     private static final int MOST_WAITING = 1000;  // units of sound that wait for their pictures
+    private static final double LONGEST_OVERHANG = 400; // ms of sound behind the last picture
 
     private final LiveFigures figures;
     private final LiveLadder ladder;
@@ -39,16 +40,17 @@ final class LiveSession implements AutoCloseable {
     private final LoadShedder shedder;
     private final SourceClock clock = new SourceClock(2);
     private final TreeMap<Long, Long> arrivals = new TreeMap<>(); // of pictures in the decoder, by their times
-    private final Queue<AacSource.Unit> heard = new ArrayDeque<>(); // that waits for its pictures
+    private final Queue<AacSource.Unit> heard = // that waits for its pictures
+            new PriorityQueue<>(Comparator.comparingDouble(AacSource.Unit::time));
     private final boolean[] kept;
     private LiveSound sound;
     private double pictureDuration;
     private boolean timed;
     private double countedTime;   // of the next picture of a stream without times
     private long time = -1;       // of the picture at hand, or the last one
-    private long soundTime = -1;
     private long arrival;
     private boolean begins;
+    private boolean cutSoon; // whether a segment begins as soon as that is possible
     private int made;
     private double anchor = Double.NaN; // the clock's time at 0 of the result, if all came in time
     private double behind;
@@ -74,7 +76,7 @@ final class LiveSession implements AutoCloseable {
         kept = new boolean[outputs.size()];
         made = outputs.size();
         ladder = new LiveLadder(outputs, new Publication(outputs, renditions.stream().map(Rendition::bitrate).toList(), folder,
-                settings.segmentSeconds(), settings.window(), figures));
+                settings.segmentSeconds(), settings.window(), figures), figures);
         int threads = Math.min(outputs.size(), Runtime.getRuntime().availableProcessors()) - 1;
         helpers = threads > 0 ? Executors.newFixedThreadPool(threads) : null;
         Transcoder.Builder builder = Transcoder.builder().renditions(renditions).select(this::wants).keys((i, at) -> begins)
@@ -88,24 +90,30 @@ final class LiveSession implements AutoCloseable {
     }
 
     /** Another stream begins, with times of its own. */
-    void begin(VideoTrack video, LiveSound itsSound) {
+    void begin(VideoTrack video, AudioTrack audio) throws IOException {
         drain();
         if (sound != null) {
             sound.close();
         }
-        sound = itsSound;
+        sound = audio == null ? null : LiveSound.open(audio).orElse(null);
+        if (audio != null && sound == null) {
+            figures.note("sound", "sound: left out, as its AAC is of an unusual kind");
+        }
         timed = video.timed();
         pictureDuration = 1000 / video.frameRate();
         clock.restart();
         countedTime = Math.max(clock.end(VIDEO), time + pictureDuration);
-        ladder.source(video.meaning(), itsSound);
-        if (!ladder.hasSound() && itsSound != null) {
+        if (ladder.source(video.meaning(), sound)) {
+            heard.clear();
+            cutSoon = true;
+        }
+        if (!ladder.hasSound() && sound != null) {
             figures.note("sound", "sound: left out, as the stream began without");
         }
     }
 
     /** @param waited whether there was nothing to do before this packet came */
-    void add(LivePacket packet, boolean waited) throws IOException {
+    void add(LivePacket packet, boolean waited) {
         workBegan = System.nanoTime();
         try {
             if (packet.video()) {
@@ -113,8 +121,6 @@ final class LiveSession implements AutoCloseable {
             } else if (sound != null && ladder.hasSound()) {
                 addSound(packet);
             }
-        } catch (UncheckedIOException fromCallback) {
-            throw fromCallback.getCause();
         } finally {
             busy += System.nanoTime() - workBegan;
         }
@@ -157,13 +163,9 @@ final class LiveSession implements AutoCloseable {
         }
     }
 
-    private void writeSound(long until) {
+    private void writeSound(double until) {
         while (!heard.isEmpty() && heard.peek().time() <= until) {
-            AacSource.Unit unit = heard.poll();
-            if (unit.time() > soundTime) {
-                soundTime = unit.time();
-                ladder.writeSound(unit);
-            }
+            ladder.writeSound(heard.poll());
         }
     }
 
@@ -180,8 +182,9 @@ final class LiveSession implements AutoCloseable {
                 kept[i] = !late && reducers[i].keeps(time);
                 inAll &= kept[i] || i < kept.length - made;
             }
-            begins = inAll && segments.begins(time);
+            begins = inAll && (segments.begins(time) | cutSoon);
             if (begins) {
+                cutSoon = false;
                 cut();
             }
             for (int i = 0; i < kept.length - made; i++) {
@@ -189,6 +192,7 @@ final class LiveSession implements AutoCloseable {
             }
             if (!late) {
                 writeSound(time);
+                ladder.awaitSound(time);
             }
         }
         return kept[index];
@@ -211,11 +215,7 @@ final class LiveSession implements AutoCloseable {
         }
         made = wanted;
         figures.load(behind, part, made);
-        try {
-            ladder.cut(time, arrival, made);
-        } catch (IOException unwritable) {
-            throw new UncheckedIOException(unwritable);
-        }
+        ladder.cut(time, arrival);
     }
 
     /** Part of the time that the rendition would take that was left out last. */
@@ -238,18 +238,24 @@ final class LiveSession implements AutoCloseable {
     private void drain() {
         workBegan = System.nanoTime();
         transcoder.drain(this::take);
-        writeSound(time + Math.round(pictureDuration));
+        if (sound != null) {
+            heard.addAll(sound.finish());
+        }
+        writeSound(time + pictureDuration);
     }
 
     /** Ends the ladder. Returns whether there is anything to play. */
     boolean finish() throws IOException {
         drain();
-        return ladder.finish(time + Math.round(pictureDuration));
+        long end = time + Math.round(pictureDuration);
+        writeSound(end + LONGEST_OVERHANG);
+        return ladder.finish(end);
     }
 
     @Override
     public void close() {
         transcoder.close();
+        ladder.close();
         if (sound != null) {
             sound.close();
         }

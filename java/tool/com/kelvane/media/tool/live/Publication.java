@@ -1,47 +1,64 @@
 package com.kelvane.media.tool.live;
 
+import com.kelvane.media.MediaTrack;
+import com.kelvane.media.tool.input.LiveSound;
 import com.kelvane.media.tool.input.PictureMeaning;
-import com.kelvane.media.tool.output.Hls;
-import com.kelvane.media.tool.output.MediaPlaylist;
+import com.kelvane.media.tool.live.LiveSegment.Piece;
 import com.kelvane.media.tool.output.RenditionOutput;
+import com.kelvane.media.tool.packager.MasterPlaylist;
+import com.kelvane.media.tool.packager.MediaPlaylist;
+import com.kelvane.media.tool.packager.MediaPlaylist.Entry;
+import com.kelvane.media.tool.packager.MediaPlaylist.Kind;
+import com.kelvane.media.tool.packager.Names;
+import com.kelvane.media.tool.packager.PictureRate;
+import com.kelvane.media.tool.packager.Segment;
 import com.kelvane.media.tool.shell.Failure;
-import com.kelvane.media.tool.shell.Text;
-import java.io.BufferedOutputStream;
 import java.io.IOException;
-import java.io.OutputStream;
 import java.util.ArrayDeque;
 import java.util.ArrayList;
 import java.util.Arrays;
 import java.util.Deque;
 import java.util.HashMap;
+import java.util.LinkedHashMap;
 import java.util.List;
 import java.util.Map;
-import java.util.Objects;
+import java.util.stream.Collectors;
+import java.util.stream.IntStream;
 
 /**
- * The lists of all renditions' segments. A segment is listed in all of them at once; where one has none of its own, as the
- * machine had no time for it, the next smaller one's stands in. Renditions hand in their segments from threads of their own.
+ * The files of a live ladder. A segment is listed for all renditions at once, when its pictures are complete; where one has none
+ * of its own, as the machine had no time for it, the next smaller one's stands in. The sound is listed when it is complete.
  */
 final class Publication {
-    private static final int GRACE = 2;            // segments that stay when they are no longer listed
-    private static final int BUFFER = 1 << 16;     // bytes
-    private static final double HEADROOM = 1.25;   // of the bit rate that is announced, over the one that is aimed at
-    private static final int SOUND_BITRATE = 192_000; // that is announced, in bits per second
+    private static final int GRACE = 2;          // segments that stay when they are no longer listed
+    private static final double HEADROOM = 1.25; // of the bit rate that is announced, over the one that is aimed at
+
+    /** What is announced of a rendition. */
+    private static final class Announced {
+        String codecs; // null until a segment was made
+        double fastest;
+        long peak; // bits per second
+
+        Announced(double bitrate) {
+            peak = Math.round(HEADROOM * bitrate);
+        }
+    }
 
     private final List<RenditionOutput> outputs;
-    private final List<Integer> bitrates;
+    private final List<Announced> announced;
     private final LiveFolder folder;
-    private final int segmentSeconds;
     private final double window;
     private final LiveFigures figures;
-    private final List<Map<String, byte[]>> initialisations = new ArrayList<>(); // of each rendition, by name
-    private final Deque<Segment> coming = new ArrayDeque<>();
-    private final Deque<Segment> listed = new ArrayDeque<>();
-    private final Deque<Segment> leaving = new ArrayDeque<>();
+    private final Map<String, Map<String, byte[]>> initialisations = new HashMap<>(); // by folder and name
+    private final Map<String, String> written = new HashMap<>();                      // playlists
+    private final Deque<LiveSegment> listed = new ArrayDeque<>();
+    private final Deque<LiveSegment> leaving = new ArrayDeque<>();
     private PictureMeaning meaning;
-    private byte[] sound;
-    private int announced; // renditions in the list of renditions
-    private int parts;
+    private String soundCodecs; // null without sound
+    private int channels;
+    private long soundPeak; // announced, in bits per second
+    private String[] last;  // the folders of the segment before
+    private int target;     // seconds; a list's may not change, unless a segment is longer
     private int gone;
     private int goneBegins;
     private boolean finished;
@@ -53,45 +70,107 @@ final class Publication {
     Publication(List<RenditionOutput> outputs, List<Integer> bitrates, LiveFolder folder, int segmentSeconds, double window,
                 LiveFigures figures) throws IOException {
         this.outputs = outputs;
-        this.bitrates = bitrates;
         this.folder = folder;
-        this.segmentSeconds = segmentSeconds;
         this.window = window;
         this.figures = figures;
+        announced = bitrates.stream().map(Announced::new).toList();
+        target = segmentSeconds;
         for (RenditionOutput output : outputs) {
             folder.makeFolder(output.size());
-            initialisations.add(new HashMap<>());
         }
     }
 
-    /** @param soundConfiguration the AudioSpecificConfig, empty without sound */
-    synchronized void source(PictureMeaning shown, byte[] soundConfiguration) {
+    /** @param sound null without sound */
+    void source(PictureMeaning shown, LiveSound sound) throws IOException {
         meaning = shown;
-        sound = soundConfiguration;
+        if (sound == null) {
+            return;
+        }
+        if (soundCodecs == null) {
+            folder.makeFolder(Names.SOUND);
+        }
+        soundCodecs = MediaTrack.aac(sound.configuration()).codecs().orElseThrow();
+        channels = sound.channels();
     }
 
     /**
-     * A segment is begun.
+     * What is known of a rendition of which there is a segment.
      *
-     * @param arrival when its first picture came
-     * @param begins whether something else than times changes with it
-     * @param made how many renditions have it, counted from the smallest
+     * @param codecs as RFC 6381 calls it
+     * @param fastest pictures a second, as {@link PictureRate} measures it
      */
-    synchronized void begin(int number, long arrival, boolean begins, int made) {
-        Segment segment = new Segment(number, arrival, begins, outputs.size());
-        segment.awaited.set(outputs.size() - made, outputs.size());
-        coming.add(segment);
+    void rendition(int number, String codecs, double fastest) {
+        announced.get(number).codecs = codecs;
+        announced.get(number).fastest = fastest;
     }
 
-    /** Takes one rendition's segments. */
-    synchronized SegmentReceiver receiver(int rendition) {
-        return new Receiver(rendition);
+    /** Writes what players are to know first of segments in a folder; returns its name there. */
+    String initialise(String track, byte[] bytes) {
+        Map<String, byte[]> known = initialisations.computeIfAbsent(track, unknown -> new LinkedHashMap<>());
+        for (Map.Entry<String, byte[]> entry : known.entrySet()) {
+            if (Arrays.equals(entry.getValue(), bytes)) {
+                return entry.getKey();
+            }
+        }
+        String name = known.isEmpty() ? Names.INITIALISATION : "init-" + known.size() + ".mp4";
+        if (write(track + "/" + name, bytes)) {
+            known.put(name, bytes);
+        }
+        return name;
+    }
+
+    /** Writes a segment; returns null when that was not possible. */
+    Piece store(String track, int number, String initialisation, Segment segment) {
+        Piece piece = new Piece(track, Names.segment(number), initialisation, segment.begin(), segment.seconds(),
+                segment.bytes().length);
+        return write(piece.path(), segment.bytes()) ? piece : null;
+    }
+
+    private boolean write(String name, byte[] contents) {
+        try {
+            folder.write(name, contents);
+            return true;
+        } catch (IOException unwritable) { // later ones may be written again
+            figures.note("segments", "%s could not be written (%s)", name, Failure.reason(unwritable));
+            return false;
+        }
+    }
+
+    /** A segment's pictures are complete. */
+    void add(LiveSegment segment) {
+        if (segment.listed(0) == null) {
+            last = new String[0]; // something is missing there
+            return;
+        }
+        String[] folders = segment.folders();
+        segment.begins |= last != null && !Arrays.equals(folders, last);
+        last = folders;
+        listed.add(segment);
+        figures.listed(segment.arrival);
+        try {
+            publish();
+        } catch (IOException unwritable) {
+            figures.note("lists", "playlists could not be written (%s)", Failure.reason(unwritable));
+        }
+    }
+
+    /** @param piece the segment's sound; null when there is none */
+    void addSound(LiveSegment segment, Piece piece) {
+        segment.sound = piece;
+        try {
+            if (listed.contains(segment)) {
+                publish();
+            } else {
+                remove(segment);
+            }
+        } catch (IOException unwritable) {
+            figures.note("lists", "playlists could not be written (%s)", Failure.reason(unwritable));
+        }
     }
 
     /** Makes the lists complete, with what there is. Returns whether there is anything to play. */
-    synchronized boolean finish() throws IOException {
+    boolean finish() throws IOException {
         finished = true;
-        coming.forEach(segment -> segment.awaited.clear());
         publish();
         while (!leaving.isEmpty()) {
             remove(leaving.poll());
@@ -99,155 +178,89 @@ final class Publication {
         return !listed.isEmpty();
     }
 
-    private final class Receiver implements SegmentReceiver {
-        private final int rendition;
-        private final String part; // name of the file that is not complete
-        private String initialisation;
-
-        Receiver(int rendition) {
-            this.rendition = rendition;
-            part = outputs.get(rendition).size() + "/.segment-" + parts++;
-        }
-
-        @Override
-        public void initialised(byte[] bytes) throws IOException {
-            if (bytes.length == 0) {
-                return;
-            }
-            synchronized (Publication.this) {
-                Map<String, byte[]> known = initialisations.get(rendition);
-                initialisation = known.entrySet().stream().filter(entry -> Arrays.equals(entry.getValue(), bytes))
-                        .map(Map.Entry::getKey).findAny().orElse(null);
-                if (initialisation == null) {
-                    String name = known.isEmpty() ? Hls.INITIALISATION : "init-" + known.size() + ".mp4";
-                    initialisation = outputs.get(rendition).size() + "/" + name;
-                    folder.write(initialisation, bytes);
-                    known.put(initialisation, bytes);
-                }
-            }
-        }
-
-        @Override
-        public OutputStream begin() throws IOException {
-            return new BufferedOutputStream(folder.begin(part), BUFFER);
-        }
-
-        @Override
-        public void finished(int number, double seconds) throws IOException {
-            String name = outputs.get(rendition).size() + "/" + Text.format(Hls.SEGMENT, number);
-            long size = folder.finish(part, name);
-            synchronized (Publication.this) {
-                for (Segment waiting : coming) {
-                    if (waiting.number == number) {
-                        waiting.pieces[rendition] = new Segment.Piece(name, initialisation, seconds, size);
-                        waiting.awaited.clear(rendition);
-                    }
-                }
-                publish();
-            }
-        }
-
-        @Override
-        public void failed(int number) {
-            synchronized (Publication.this) {
-                coming.stream().filter(segment -> segment.number == number)
-                        .forEach(segment -> segment.awaited.clear(rendition));
-                try {
-                    publish();
-                } catch (IOException unwritable) {
-                    figures.note("lists", "playlists could not be written (%s)", Failure.reason(unwritable));
-                }
-            }
-        }
-
-        @Override
-        public void ended(String problem) {
-            folder.discard(part);
-            if (problem != null) {
-                figures.note("segments", "%s: segments could not be written (%s)", outputs.get(rendition).size(), problem);
-            }
-        }
-    }
-
     private void publish() throws IOException {
-        boolean changed = finished;
-        while (!coming.isEmpty() && coming.peek().awaited.isEmpty()) {
-            Segment segment = coming.poll();
-            if (segment.listed(0) != null) {
-                listed.add(segment);
-                figures.listed(segment.arrival);
-                changed = true;
-            }
-        }
-        if (!changed || listed.isEmpty()) {
-            return;
-        }
         double seconds = listed.stream().mapToDouble(segment -> segment.listed(0).seconds()).sum();
-        while (window > 0 && seconds - listed.peek().listed(0).seconds() >= window - 0.001) {
-            Segment left = listed.poll();
+        while (window > 0 && !listed.isEmpty() && seconds - listed.peek().listed(0).seconds() >= window - 0.001) {
+            LiveSegment left = listed.poll();
             seconds -= left.listed(0).seconds();
             leaving.add(left);
             gone++;
             goneBegins += left.begins ? 1 : 0;
         }
-        LivePlaylist.Kind kind = finished ? LivePlaylist.Kind.FINISHED : window > 0 ? LivePlaylist.Kind.SLIDING
-                : LivePlaylist.Kind.GROWING;
-        int target = (int) Math.max(segmentSeconds + 1, Math.round(listed.stream()
-                .flatMap(segment -> Arrays.stream(segment.pieces)).filter(Objects::nonNull).mapToDouble(Segment.Piece::seconds).max()
-                .orElse(0)));
+        List<Entry> heard = listed.stream().filter(segment -> segment.sound != null)
+                .map(segment -> segment.entry(segment.sound, Names.SOUND)).toList();
+        boolean hasSound = soundCodecs != null && !(finished && heard.isEmpty());
+        if (listed.isEmpty() || hasSound && heard.isEmpty()) {
+            return;
+        }
+        List<MediaPlaylist> lists = new ArrayList<>();
         for (int i = 0; i < outputs.size(); i++) {
             int rendition = i;
-            List<LivePlaylist.Entry> entries = listed.stream().map(segment -> entry(segment, rendition)).toList();
-            folder.write(outputs.get(i).size() + "/" + Hls.PLAYLIST, LivePlaylist.text(kind, target, gone, goneBegins, entries));
+            lists.add(new MediaPlaylist(listed.stream().map(segment -> segment.entry(segment.listed(rendition),
+                    outputs.get(rendition).size())).toList()));
         }
-        int known = (int) initialisations.stream().filter(names -> !names.isEmpty()).count();
-        if (finished || known != announced) {
-            announced = known;
-            writeMaster();
+        MediaPlaylist soundList = hasSound ? new MediaPlaylist(heard) : null;
+        target = Math.max(target, Math.max(hasSound ? soundList.targetSeconds() : 0,
+                lists.stream().mapToInt(MediaPlaylist::targetSeconds).max().orElse(0)));
+        Kind kind = finished ? Kind.FINISHED : window > 0 ? Kind.SLIDING : Kind.GROWING;
+        for (int i = 0; i < outputs.size(); i++) {
+            writeList(outputs.get(i).size() + "/" + Names.PLAYLIST, lists.get(i).text(kind, target, gone, goneBegins));
         }
+        if (hasSound) {
+            writeList(Names.SOUND + "/" + Names.PLAYLIST, soundList.text(kind, target, gone, goneBegins));
+        }
+        writeList(Names.MASTER, master(lists, soundList));
         figures.window(gone, listed.size(), seconds);
         while (leaving.size() > GRACE) {
             remove(leaving.poll());
         }
     }
 
-    private LivePlaylist.Entry entry(Segment segment, int rendition) {
-        Segment.Piece piece = segment.listed(rendition);
-        String own = outputs.get(rendition).size() + "/";
-        return new LivePlaylist.Entry(relative(piece.name(), own), relative(piece.initialisation(), own), piece.seconds(),
-                segment.date, segment.begins);
+    /** Those of all that a rendition's list leads to, its own first. */
+    private String codecs(int rendition) {
+        return IntStream.range(0, outputs.size()).mapToObj(i -> (rendition + i) % outputs.size())
+                .filter(i -> listed.stream().anyMatch(segment -> segment.listed(rendition) == segment.pieces[i]))
+                .map(i -> announced.get(i).codecs).distinct().collect(Collectors.joining(","));
     }
 
-    private static String relative(String name, String folder) {
-        return name.startsWith(folder) ? name.substring(folder.length()) : "../" + name;
+    private void writeList(String name, String text) throws IOException {
+        if (!text.equals(written.get(name))) {
+            folder.write(name, text);
+            written.put(name, text);
+        }
     }
 
-    private void remove(Segment segment) throws IOException {
-        for (Segment.Piece piece : segment.pieces) {
+    private void remove(LiveSegment segment) throws IOException {
+        for (Piece piece : segment.pieces) {
             if (piece != null) {
-                folder.delete(piece.name());
+                folder.delete(piece.path());
             }
+        }
+        if (segment.sound != null) {
+            folder.delete(segment.sound.path());
         }
     }
 
-    private void writeMaster() throws IOException {
-        List<Hls.Variant> variants = new ArrayList<>();
+    /** The list of all renditions; until the end, what was measured is no more than the least. */
+    private String master(List<MediaPlaylist> lists, MediaPlaylist soundList) {
+        List<MasterPlaylist.Variant> variants = new ArrayList<>();
         for (int i = 0; i < outputs.size(); i++) {
-            if (initialisations.get(i).isEmpty()) {
-                continue;
+            Announced rendition = announced.get(i);
+            long measured = lists.get(i).peakBandwidth(target);
+            rendition.peak = finished ? measured : Math.max(rendition.peak, measured);
+            int[] shown = meaning.shownSize(outputs.get(i).width(), outputs.get(i).height());
+            if (rendition.codecs != null) {
+                variants.add(new MasterPlaylist.Variant(outputs.get(i).size(), codecs(i), shown[0], shown[1],
+                        PictureRate.of(outputs.get(i).frameRate(), rendition.fastest), rendition.peak,
+                        lists.get(i).averageBandwidth()));
             }
-            RenditionOutput output = outputs.get(i);
-            int rendition = i;
-            List<Double> seconds = new ArrayList<>(listed.stream().map(segment -> segment.listed(rendition).seconds()).toList());
-            List<Long> sizes = new ArrayList<>(listed.stream().map(segment -> segment.listed(rendition).size()).toList());
-            if (!finished) { // those to come count as well
-                seconds.add((double) segmentSeconds);
-                sizes.add((long) (segmentSeconds * (HEADROOM * bitrates.get(i) + (sound.length == 0 ? 0 : SOUND_BITRATE)) / 8));
-            }
-            int[] shown = meaning.shownSize(output.width(), output.height());
-            variants.add(new Hls.Variant(output, new MediaPlaylist(folder.path(output.size()), seconds, sizes, segmentSeconds),
-                    shown[0], shown[1]));
         }
-        folder.write(Hls.MASTER, Hls.master(variants, null, sound, 0));
+        if (soundList == null) {
+            return MasterPlaylist.text(variants, null);
+        }
+        long average = soundList.averageBandwidth();
+        long measured = soundList.peakBandwidth(target);
+        soundPeak = finished ? measured : Math.max(soundPeak, Math.max(measured, Math.round(HEADROOM * average)));
+        return MasterPlaylist.text(variants, new MasterPlaylist.Sound(soundCodecs, channels, soundPeak, average));
     }
 }

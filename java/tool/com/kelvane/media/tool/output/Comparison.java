@@ -1,14 +1,20 @@
 package com.kelvane.media.tool.output;
 
 import com.kelvane.media.AccessUnit;
+import com.kelvane.media.ContainerWriter;
+import com.kelvane.media.MediaException;
+import com.kelvane.media.MediaTrack;
 import com.kelvane.media.tool.input.PictureMeaning;
 import com.kelvane.media.tool.input.VideoSource;
 import com.kelvane.media.tool.input.VideoTrack;
+import com.kelvane.media.tool.packager.DecodingTimes;
 import com.kelvane.media.tool.shell.MediaProgram;
 import com.kelvane.media.tool.shell.Text;
 import java.awt.image.BufferedImage;
-import java.io.BufferedOutputStream;
 import java.io.IOException;
+import java.io.OutputStream;
+import java.io.UncheckedIOException;
+import java.nio.channels.Channels;
 import java.nio.file.Files;
 import java.nio.file.Path;
 import java.util.ArrayList;
@@ -26,6 +32,7 @@ import javax.imageio.ImageIO;
  */
 public final class Comparison {
     private static final int CELL_WIDTH = 320;
+    private static final int TICKS = 90_000; // of a second
     private static final int SHIFT = 1_000_000; // ms; there are pictures before 0, where a cut needs them
     private static final String SCRIPT = "comparison.txt";
     private static final String PICTURES = "comparison.png";
@@ -90,12 +97,22 @@ public final class Comparison {
 
     private static void feed(MediaProgram.Running program, VideoTrack track, VideoSource source)
             throws IOException {
-        try (MatroskaWriter timed = new MatroskaWriter(new BufferedOutputStream(program.input(), 1 << 16))) {
-            timed.addVideo(track.width(), track.height(), track.frameRate(), true);
+        MediaTrack pictures = MediaTrack.h264(track.width(), track.height()).timescale(TICKS);
+        DecodingTimes decoding = new DecodingTimes(DecodingTimes.LARGEST_DEPTH, Math.round(TICKS / track.frameRate()));
+        try (OutputStream pipe = program.input();
+                ContainerWriter timed = ContainerWriter.builder(ContainerWriter.Format.MATROSKA).track(pictures)
+                        .open(Channels.newChannel(pipe))) {
             for (AccessUnit unit = source.next(); unit != null; unit = source.next()) {
-                timed.writePicture(1, unit.bytes(), Math.max(0, unit.time() + SHIFT));
+                long shown = Math.max(0, unit.time() + SHIFT) * (TICKS / 1000);
+                long decoded = decoding.next(shown);
+                try {
+                    timed.write(0, unit.bytes(), Math.max(shown, decoded), decoded, 0);
+                } catch (IllegalArgumentException damaged) {
+                    // No decoder would make a picture of it.
+                }
             }
-        } catch (IOException enough) {
+            timed.finish();
+        } catch (IOException | UncheckedIOException | MediaException enough) {
             // The program ends with the shortest stream.
         }
     }

@@ -1,6 +1,8 @@
 package com.kelvane.media.tool.output;
 
 import com.kelvane.media.Transcoder.RenditionStatistics;
+import com.kelvane.media.tool.packager.MediaPlaylist;
+import com.kelvane.media.tool.packager.Names;
 import com.kelvane.media.tool.shell.Text;
 import java.io.FileNotFoundException;
 import java.io.IOException;
@@ -48,10 +50,10 @@ public final class Page {
      */
     public static String live(String title, byte[] figures) throws IOException {
         return filled(new HashMap<>(Map.of("title", escaped(title), "facts", "<p id=\"state\">&nbsp;</p>",
-                "player", player("<option value=\"" + Hls.MASTER + "\" data-ladder data-live>the ladder, as the connection"
+                "player", player("<option value=\"" + Names.MASTER + "\" data-ladder data-live>the ladder, as the connection"
                         + " allows</option>"),
-                "table", "<table id=\"renditions\"></table>", "plots", section("The last minutes", "<div id=\"history\"></div>"),
-                "sheet", "", "footer", "The ladder, for other players: <a href=\"" + Hls.MASTER + "\">" + Hls.MASTER + "</a>",
+                "table", "<table id=\"renditions\"></table>", "plots", plot("The last minutes", "<div id=\"history\"></div>"),
+                "sheet", "", "footer", "The ladder, for other players: <a href=\"" + Names.MASTER + "\">" + Names.MASTER + "</a>",
                 "live", resource(LIVE).replace("{{figures}}", figures == null ? "null"
                         : new String(figures, StandardCharsets.UTF_8).replace("<", "\\u003c")))));
     }
@@ -81,6 +83,11 @@ public final class Page {
         return "<section><h2>" + heading + "</h2>" + contents + "</section>\n";
     }
 
+    private static String plot(String heading, String contents) {
+        return section(heading, "<div class=\"wide\" tabindex=\"0\" role=\"region\" aria-label=\"" + heading + "\">" + contents
+                + "</div>");
+    }
+
     private String facts() {
         List<String> facts = new ArrayList<>();
         facts.add(Text.format("%dx%d, %.2f pictures a second%s", report.track().width(), report.track().height(),
@@ -98,7 +105,7 @@ public final class Page {
         StringBuilder choices = new StringBuilder();
         if (!report.playlists().isEmpty()) {
             choices.append(Text.format("<option value=\"%s\" data-ladder>the ladder, as the connection allows</option>",
-                    Hls.MASTER));
+                    Names.MASTER));
         }
         for (RenditionOutput output : report.outputs()) {
             if (report.files().contains(output.containerName())) {
@@ -144,7 +151,7 @@ public final class Page {
     }
 
     private static List<String> segments(MediaPlaylist playlist) {
-        return List.of(Integer.toString(playlist.sizes().size()), Text.format("%.1f", playlist.peakBandwidth() / 1000.0));
+        return List.of(Integer.toString(playlist.entries().size()), Text.format("%.1f", playlist.peakBandwidth() / 1000.0));
     }
 
     private static void row(StringBuilder table, String kind, List<String> cells) {
@@ -155,11 +162,11 @@ public final class Page {
 
     private String plots() {
         List<PictureFigures> figures = report.figures();
-        String plots = section("Kilobits per picture", new Plot(figures.stream()
+        String plots = plot("Kilobits per picture", new Plot(figures.stream()
                 .map(pictures -> new Plot.Line(pictures, i -> pictures.bits(i) / 1000.0)).toList(), "Kilobits per picture",
                 true).toString());
         String psnr = figures.stream().allMatch(PictureFigures::hasPsnr) ? new Plot(figures.stream()
                 .map(pictures -> new Plot.Line(pictures, pictures::psnr)).toList(), "PSNR-Y per picture", false).toString() : "";
-        return psnr.isEmpty() ? plots : plots + section("PSNR-Y per picture, dB", psnr);
+        return psnr.isEmpty() ? plots : plots + plot("PSNR-Y per picture, dB", psnr);
     }
 }

@@ -1,19 +1,15 @@
 package com.kelvane.media.tool.output;
 
+import com.kelvane.media.tool.packager.Names;
+
 /**
  * What is made of each rendition.
  *
  * @param mp4 a playable file with the sound
  * @param raw the bare stream
  * @param segmentSeconds length of the segments of an HLS ladder, 0 for none
- * @param part whether segments are some of a longer ladder, and say when they come in it
  */
-public record Products(boolean mp4, boolean raw, int segmentSeconds, boolean part) {
-    /** All of a result. */
-    public Products(boolean mp4, boolean raw, int segmentSeconds) {
-        this(mp4, raw, segmentSeconds, false);
-    }
-
+public record Products(boolean mp4, boolean raw, int segmentSeconds) {
     /** Whether there is to be an HLS ladder. */
     public boolean hls() {
         return segmentSeconds > 0;
@@ -27,6 +23,6 @@ public record Products(boolean mp4, boolean raw, int segmentSeconds, boolean par
     /** The file that has a rendition's pictures with the times of the source. */
     String comparedName(RenditionOutput output) {
         return output.processed() ? output.sourceTimedName()
-                : writesMp4() ? output.containerName() : output.size() + "/" + Hls.PLAYLIST;
+                : writesMp4() ? output.containerName() : output.size() + "/" + Names.PLAYLIST;
     }
 }

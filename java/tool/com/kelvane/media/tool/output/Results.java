@@ -1,90 +1,147 @@
 package com.kelvane.media.tool.output;
 
+import com.kelvane.media.ContainerWriter;
+import com.kelvane.media.MediaTrack;
 import com.kelvane.media.tool.input.AacSource;
 import com.kelvane.media.tool.input.PictureMeaning;
-import com.kelvane.media.tool.shell.Failure;
-import com.kelvane.media.tool.shell.MediaProgram;
-import java.io.BufferedOutputStream;
+import com.kelvane.media.tool.packager.DecodingTimes;
+import com.kelvane.media.tool.packager.LadderWriter;
+import com.kelvane.media.tool.packager.SoundLine;
 import java.io.Closeable;
 import java.io.IOException;
-import java.io.OutputStream;
-import java.nio.file.Files;
+import java.nio.ByteBuffer;
+import java.nio.channels.FileChannel;
+import java.nio.file.StandardOpenOption;
 import java.util.ArrayList;
 import java.util.List;
-import java.util.Optional;
 
-/** Writes the files of all renditions, the sound beside the pictures: one FFmpeg makes all containers while they come. */
+/** Writes the files of all renditions while pictures come, the sound beside them. */
 public final class Results implements Closeable {
-    private static final int BUFFER = 1 << 16; // bytes
+    private static final int TICKS = MediaTrack.PICTURE_TICKS / 1000; // of a millisecond
+    private static final int PICTURES = 0;
+    private static final int SOUND = 1;
 
-    private final List<OutputStream> streams = new ArrayList<>();
-    private final MatroskaWriter timed;
-    private final MatroskaWriter compared;
+    /** A file that a container, or nothing but the units, goes into. */
+    private final class Output implements Closeable {
+        final int rendition;
+        final boolean atSourceTimes;
+        final boolean hasSound;
+        final FileChannel file;
+        final ContainerWriter container; // null for bare units
+        final DecodingTimes decoding;
+
+        Output(int rendition, String name, boolean hasSound, boolean atSourceTimes, ContainerWriter.Builder builder)
+                throws IOException {
+            this.rendition = rendition;
+            this.hasSound = hasSound;
+            this.atSourceTimes = atSourceTimes;
+            file = FileChannel.open(workspace.path(name), StandardOpenOption.CREATE, StandardOpenOption.READ,
+                    StandardOpenOption.WRITE);
+            container = builder == null ? null : builder.open(file);
+            decoding = new DecodingTimes(reorderDepth, Math.round(1000 * TICKS / outputs.get(rendition).frameRate()));
+            opened.add(this);
+        }
+
+        void writePicture(byte[] unit, long time, long sourceTime, boolean key) throws IOException {
+            if (container == null) {
+                file.write(ByteBuffer.wrap(unit));
+                return;
+            }
+            long shown = TICKS * (atSourceTimes ? Math.max(0, sourceTime) : time);
+            long decoded = decoding.next(shown);
+            container.write(PICTURES, unit, Math.max(shown, decoded), decoded, 0, key);
+        }
+
+        void finish() {
+            if (container != null) {
+                container.finish();
+            }
+        }
+
+        @Override
+        public void close() throws IOException {
+            try (file) {
+                if (container != null) {
+                    container.close();
+                }
+            }
+        }
+    }
+
+    private final List<RenditionOutput> outputs;
+    private final Workspace workspace;
+    private final int reorderDepth;
+    private final List<Output> opened = new ArrayList<>();
+    private final LadderWriter ladder; // null where there is none
     private final AacSource sound;
-    private final int soundTrack;
-    private final MediaProgram.Running program;
-    private final MediaProgram.FirstError error;
+    private final SoundLine line;
     private AacSource.Unit nextSound;
-    private boolean finished;
 
     /**
      * @param products what is made
      * @param meaning how the pictures are to be shown
+     * @param reorderDepth pictures that come before others which are shown earlier; 0 when they come in the order of display
      * @param sound null when there is none
+     * @param ladder takes the tracks of segments, and is closed with this; null for none
      */
-    public Results(List<RenditionOutput> outputs, Products products, PictureMeaning meaning, AacSource sound,
-                   Workspace workspace) throws IOException {
+    public Results(List<RenditionOutput> outputs, Products products, PictureMeaning meaning, int reorderDepth, AacSource sound,
+                   LadderWriter ladder, Workspace workspace) throws IOException {
+        this.outputs = outputs;
+        this.workspace = workspace;
+        this.reorderDepth = reorderDepth;
         this.sound = sound;
         nextSound = sound == null ? null : sound.next();
-        List<String> command = new ArrayList<>(List.of("-v", "error", "-copyts", "-f", "matroska", "-i", "pipe:0"));
-        for (int i = 0; i < outputs.size(); i++) {
-            RenditionOutput output = outputs.get(i);
-            Optional<String> filter = meaning.streamFilter(output.width(), output.height());
-            List<String> copied = new ArrayList<>(List.of("-map", "0:v:" + i, "-c", "copy"));
-            filter.ifPresent(written -> copied.addAll(List.of("-bsf:v", written)));
-            copied.addAll(meaning.containerOptions());
-            if (products.writesMp4()) {
-                command.addAll(copied);
-                command.addAll(List.of("-map", "0:a?", "-movflags", "+faststart", output.containerName()));
+        MediaTrack heard = nextSound == null ? null : soundTrack();
+        nextSound = heard == null ? null : nextSound;
+        line = heard == null ? null : new SoundLine(sound.configuration(), heard.timescale(), 0);
+        this.ladder = ladder;
+        try {
+            for (int i = 0; i < outputs.size(); i++) {
+                open(i, products, meaning, heard);
             }
-            if (products.hls()) {
-                workspace.makeFolder(output.size());
-                command.addAll(copied);
-                if (products.part()) {
-                    command.addAll(Hls.PART);
-                }
-                command.addAll(Hls.options(output.size(), products.segmentSeconds()));
+            if (ladder != null && heard != null) {
+                ladder.addSound(heard);
             }
-            if (products.raw() && filter.isPresent()) {
-                command.addAll(List.of("-map", "0:v:" + i, "-c", "copy", "-bsf:v", "h264_mp4toannexb," + filter.get(), "-f",
-                        "h264", output.streamName()));
-            }
+        } catch (IOException | RuntimeException failed) {
+            close();
+            throw failed;
         }
-        if (products.hls() && nextSound != null) {
-            workspace.makeFolder(Hls.SOUND);
-            command.addAll(List.of("-map", "0:a", "-c", "copy"));
-            command.addAll(Hls.options(Hls.SOUND, products.segmentSeconds()));
-        }
-        error = new MediaProgram.FirstError(workspace.folder());
-        program = MediaProgram.FFMPEG.start(workspace.folder(), command, true, error);
-        timed = new MatroskaWriter(new BufferedOutputStream(program.input(), BUFFER));
-        MatroskaWriter bySource = null;
-        for (RenditionOutput output : outputs) {
-            timed.addVideo(output.width(), output.height(), output.frameRate(), output.processed());
-            boolean written = products.raw() && meaning.streamFilter(output.width(), output.height()).isEmpty();
-            streams.add(written ? open(output.streamName(), workspace) : OutputStream.nullOutputStream());
-            if (output.processed()) {
-                bySource = new MatroskaWriter(open(output.sourceTimedName(), workspace));
-                bySource.addVideo(output.width(), output.height(), output.frameRate(), true);
-            }
-        }
-        compared = bySource;
-        soundTrack = nextSound == null ? 0 : timed.addSound(sound.configuration(), sound.sampleRate(), sound.channels(),
-                Math.max(0, -nextSound.time()));
     }
 
-    private static OutputStream open(String name, Workspace workspace) throws IOException {
-        return new BufferedOutputStream(Files.newOutputStream(workspace.path(name)), BUFFER);
+    private void open(int rendition, Products products, PictureMeaning meaning, MediaTrack heard) throws IOException {
+        RenditionOutput output = outputs.get(rendition);
+        MediaTrack pictures = meaning.track(output.width(), output.height());
+        if (products.writesMp4()) {
+            ContainerWriter.Builder mp4 = ContainerWriter.builder(ContainerWriter.Format.MP4).track(pictures).fastStart();
+            boolean hasSound = heard != null;
+            new Output(rendition, output.containerName(), hasSound, false,
+                    hasSound ? mp4.track(heard.priming(Math.max(0, (int) -ticks(nextSound.time(), heard)))) : mp4);
+        }
+        if (products.raw()) {
+            new Output(rendition, output.streamName(), false, false,
+                    meaning.isTold() ? ContainerWriter.builder(ContainerWriter.Format.H264).track(pictures) : null);
+        }
+        if (output.processed()) {
+            new Output(rendition, output.sourceTimedName(), false, true,
+                    ContainerWriter.builder(ContainerWriter.Format.MATROSKA).track(pictures));
+        }
+        if (ladder != null) {
+            ladder.addRendition(output.size(), pictures);
+        }
+    }
+
+    /** Null for AAC of a kind that containers cannot be told of. */
+    private MediaTrack soundTrack() {
+        try {
+            return MediaTrack.aac(sound.configuration());
+        } catch (IllegalArgumentException unusual) {
+            Summary.line("sound: left out, for %s", unusual.getMessage());
+            return null;
+        }
+    }
+
+    private static long ticks(double milliseconds, MediaTrack track) {
+        return Math.round(milliseconds * track.timescale() / 1000);
     }
 
     /**
@@ -93,68 +150,65 @@ public final class Results implements Closeable {
      * @param rendition its position
      * @param time when it is shown, in milliseconds
      * @param sourceTime when the same picture of the source is shown; not another time unless a module moved it
+     * @param key whether it is an IDR picture
      */
-    public void write(int rendition, byte[] accessUnit, long time, long sourceTime) throws IOException {
-        streams.get(rendition).write(accessUnit);
-        if (compared != null) {
-            compared.writePicture(1, accessUnit, sourceTime);
+    public void write(int rendition, byte[] accessUnit, long time, long sourceTime, boolean key) throws IOException {
+        for (Output output : opened) {
+            if (output.rendition == rendition) {
+                output.writePicture(accessUnit, time, sourceTime, key);
+            }
         }
-        try {
-            writeSound(time);
-            timed.writePicture(rendition + 1, accessUnit, time);
-        } catch (IOException broken) {
-            throw broken(broken);
+        if (ladder != null) {
+            ladder.writePicture(rendition, accessUnit, time, key);
         }
+        writeSound(time);
     }
 
-    private void writeSound(long until) throws IOException {
+    private void writeSound(double until) throws IOException {
         for (; nextSound != null && nextSound.time() <= until; nextSound = sound.next()) {
-            timed.writeSound(soundTrack, nextSound.bytes(), nextSound.time());
+            line.add(nextSound.bytes(), nextSound.time(), this::takeSound);
         }
     }
 
-    /** Whether there is any sound. */
-    public boolean hasSound() {
-        return soundTrack > 0;
-    }
-
-    /** Writes what is left of the sound and waits until the files are complete. */
-    public void finish() throws IOException {
-        finished = true;
-        try {
-            writeSound(Long.MAX_VALUE);
-            timed.close();
-        } catch (IOException broken) {
-            throw broken(broken);
+    private void takeSound(byte[] unit, long time) throws IOException {
+        for (Output output : opened) {
+            if (output.hasSound) {
+                output.container.write(SOUND, unit, time);
+            }
         }
-        for (OutputStream stream : streams) {
-            stream.close();
-        }
-        if (compared != null) {
-            compared.close();
-        }
-        if (program.finish() != 0) {
-            throw new Failure("the results could not be written: %s", error);
+        if (ladder != null) {
+            ladder.writeSound(unit, time);
         }
     }
 
-    // When FFmpeg has ended, its own message tells more than that of the pipe.
-    private IOException broken(IOException problem) throws IOException {
-        program.close();
-        program.finish();
-        if (!error.isEmpty()) {
-            throw new Failure("the results could not be written: %s", error);
+    /**
+     * Writes what is left of the sound, and the ends of all files.
+     *
+     * @param end when the last picture is over, in milliseconds
+     */
+    public void finish(double end) throws IOException {
+        if (ladder != null) {
+            ladder.endPictures(end);
         }
-        return problem;
+        writeSound(Double.POSITIVE_INFINITY);
+        if (line != null) {
+            line.fill(end, this::takeSound);
+        }
+        if (ladder != null && line != null) {
+            ladder.endSound(line.next());
+        }
+        for (Output output : opened) {
+            output.finish();
+        }
     }
 
     @Override
     public void close() throws IOException {
-        program.close();
-        if (!finished) {
-            for (OutputStream stream : streams) {
-                stream.close();
-            }
+        for (Output output : opened) {
+            output.close();
+        }
+        if (ladder != null) {
+            ladder.close();
         }
     }
 }

@@ -6,6 +6,8 @@ import com.kelvane.media.Transcoder.RenditionStatistics;
 import com.kelvane.media.Transcoder.Statistics;
 import com.kelvane.media.tool.input.AudioTrack;
 import com.kelvane.media.tool.input.VideoTrack;
+import com.kelvane.media.tool.packager.MediaPlaylist;
+import com.kelvane.media.tool.packager.Names;
 import com.kelvane.media.tool.shell.JsonLines;
 import java.io.IOException;
 import java.math.BigDecimal;
@@ -87,7 +89,7 @@ public record RunReport(VideoTrack track, AudioTrack audio, double start, double
             json.writeStringField("sourceCodec", audio.codec());
             json.writeBooleanField("copied", audio.codec().equals("aac"));
             if (playlists.size() > outputs.size()) {
-                writePlaylist(json, Hls.SOUND, playlists.get(outputs.size()));
+                writePlaylist(json, Names.SOUND, playlists.get(outputs.size()));
             }
             json.writeEndObject();
         }
@@ -147,8 +149,8 @@ public record RunReport(VideoTrack track, AudioTrack audio, double start, double
         json.writeStringField("folder", folder);
         json.writeNumberField("bandwidth", playlist.peakBandwidth());
         json.writeNumberField("averageBandwidth", playlist.averageBandwidth());
-        array(json, "segmentSeconds", playlist.durations().size(), playlist.durations()::get, 6);
-        array(json, "segmentBytes", playlist.sizes().size(), playlist.sizes()::get, 0);
+        array(json, "segmentSeconds", playlist.entries().size(), i -> playlist.entries().get(i).seconds(), 6);
+        array(json, "segmentBytes", playlist.entries().size(), i -> playlist.entries().get(i).bytes(), 0);
         json.writeEndObject();
     }
 

@@ -15,20 +15,23 @@ public final class SegmentKeys {
     private static final int LONGEST_INTERVAL = 480;
 
     private final double step; // ms, a whole part of a segment
-    private double origin = Double.NaN;
+    private double origin;
     private double due;
 
-    public SegmentKeys(int segmentSeconds) {
-        this(seconds(segmentSeconds));
+    /** @param origin when the segments begin, in milliseconds; NaN for with the first picture */
+    public SegmentKeys(int segmentSeconds, double origin) {
+        this(seconds(segmentSeconds), origin);
     }
 
-    private SegmentKeys(double seconds) {
+    private SegmentKeys(double seconds, double origin) {
         step = 1000 * seconds;
+        this.origin = origin;
+        due = Double.NEGATIVE_INFINITY;
     }
 
     /** Asks for one at the beginning of each segment alone. */
     public static SegmentKeys ofWhole(int segmentSeconds) {
-        return new SegmentKeys((double) segmentSeconds);
+        return new SegmentKeys((double) segmentSeconds, Double.NaN);
     }
 
     private static double seconds(int segmentSeconds) {

@@ -128,9 +128,10 @@ public final class Workspace implements AutoCloseable {
         return folder.resolve(name);
     }
 
-    /** Makes a folder for results. */
-    public void makeFolder(String name) throws IOException {
-        Files.createDirectory(path(name));
+    /** Writes a file, and makes the folder that its name begins with. */
+    public void put(String name, byte[] contents) throws IOException {
+        Files.createDirectories(path(name).getParent());
+        Files.write(path(name), contents);
     }
 
     /**

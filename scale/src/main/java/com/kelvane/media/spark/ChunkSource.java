@@ -91,6 +91,11 @@ final class ChunkSource implements Closeable {
         return time >= 0 && time >= begin && time < end;
     }
 
+    /** When the next chunk begins, in milliseconds; infinite when no key frame was found behind this one. */
+    double end() {
+        return end;
+    }
+
     /** Access units handed out whose pictures belong to the chunk. */
     int count() {
         return count;

@@ -34,14 +34,14 @@ final class ChunkTranscoding {
     private int pictures;
 
     /** @param shown whether the picture of a time belongs to the chunk */
-    ChunkTranscoding(Ladder ladder, double sourceRate, int segmentSeconds, LongPredicate shown, Results results) {
+    ChunkTranscoding(Ladder ladder, double sourceRate, SegmentKeys segments, LongPredicate shown, Results results) {
         this.ladder = ladder;
         this.results = results;
         this.shown = shown;
         reducers = ladder.outputs().stream().map(RenditionOutput::frameRate)
                 .map(rate -> new RateReducer(sourceRate, rate)).toArray(RateReducer[]::new);
         kept = new boolean[reducers.length];
-        segments = new SegmentKeys(segmentSeconds);
+        this.segments = segments;
     }
 
     Transcoder.Statistics run(Units units) throws IOException {
@@ -77,7 +77,7 @@ final class ChunkTranscoding {
 
     private void take(EncodedPicture picture) {
         try {
-            results.write(picture.index(), picture.copy(), picture.time(), picture.time());
+            results.write(picture.index(), picture.copy(), picture.time(), picture.time(), picture.isKey());
         } catch (IOException problem) {
             throw new UncheckedIOException(problem);
         }

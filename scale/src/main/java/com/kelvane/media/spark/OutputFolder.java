@@ -1,6 +1,6 @@
 package com.kelvane.media.spark;
 
-import com.kelvane.media.tool.output.Hls;
+import com.kelvane.media.tool.packager.Names;
 import com.kelvane.media.tool.shell.Failure;
 import java.io.BufferedReader;
 import java.io.IOException;
@@ -41,11 +41,11 @@ final class OutputFolder {
                         + " with -o", folder);
             }
             if (resumes && text(described).equals(plan.fingerprint())) {
-                complete = files.exists(new Path(folder, Hls.MASTER));
+                complete = files.exists(new Path(folder, Names.MASTER));
                 readParts();
                 return;
             }
-            files.delete(new Path(folder, Hls.MASTER), false); // so that what is half deleted has none
+            files.delete(new Path(folder, Names.MASTER), false); // so that what is half deleted has none
             files.delete(folder, true);
         }
         files.mkdirs(folder);
@@ -104,7 +104,7 @@ final class OutputFolder {
     static void sweep(String folder, Configuration configuration) throws IOException {
         Path path = new Path(folder);
         FileSystem files = Publisher.fileSystem(path, configuration);
-        clean(path, files, files.exists(new Path(path, Hls.MASTER)));
+        clean(path, files, files.exists(new Path(path, Names.MASTER)));
     }
 
     private static void clean(Path folder, FileSystem files, boolean whole) throws IOException {

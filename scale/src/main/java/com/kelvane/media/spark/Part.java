@@ -30,15 +30,17 @@ record Part(int number, long begin, int pictures, int lost, String damage, Strin
      *
      * @param folder they lie in
      * @param initialisation segment, the same in all chunks
-     * @param configuration of the sound's decoder; empty for pictures
+     * @param codecs as RFC 6381 calls it
+     * @param channels of the sound; 0 for pictures
+     * @param fastest pictures a second, as they were measured
      */
-    record Track(String folder, byte[] initialisation, byte[] configuration, int channels, ArrayList<Segment> segments)
-            implements Serializable {
+    record Track(String folder, byte[] initialisation, String codecs, int channels, double fastest,
+                 ArrayList<Segment> segments) implements Serializable {
         private static final long serialVersionUID = 1;
     }
 
-    /** One file. */
-    record Segment(String name, double seconds, long bytes) implements Serializable {
+    /** One file; its first time in seconds, and how many its units take. */
+    record Segment(String name, double begin, double seconds, long bytes) implements Serializable {
         private static final long serialVersionUID = 1;
     }
 
@@ -58,10 +60,11 @@ record Part(int number, long begin, int pictures, int lost, String damage, Strin
             lines.add("lacking " + lacking);
         }
         for (Track track : tracks) {
-            lines.add(String.join(" ", "track", track.folder, encoded(track.initialisation), "-" + encoded(track.configuration),
-                    text(track.channels)));
+            lines.add(String.join(" ", "track", track.folder, encoded(track.initialisation), track.codecs,
+                    text(track.channels), Double.toString(track.fastest)));
             for (Segment segment : track.segments) {
-                lines.add(String.join(" ", "segment", segment.name, Double.toString(segment.seconds), text(segment.bytes)));
+                lines.add(String.join(" ", "segment", segment.name, Double.toString(segment.begin),
+                        Double.toString(segment.seconds), text(segment.bytes)));
             }
         }
         lines.add("end");
@@ -82,10 +85,10 @@ record Part(int number, long begin, int pictures, int lost, String damage, Strin
             switch (words[0]) {
                 case "damage" -> damage = line.substring(words[0].length() + 1);
                 case "lacking" -> lacking = line.substring(words[0].length() + 1);
-                case "track" -> tracks.add(new Track(words[1], decoded(words[2]), decoded(words[3].substring(1)),
-                        Integer.parseInt(words[4]), new ArrayList<>()));
+                case "track" -> tracks.add(new Track(words[1], decoded(words[2]), words[3], Integer.parseInt(words[4]),
+                        Double.parseDouble(words[5]), new ArrayList<>()));
                 case "segment" -> tracks.get(tracks.size() - 1).segments.add(new Segment(words[1],
-                        Double.parseDouble(words[2]), Long.parseLong(words[3])));
+                        Double.parseDouble(words[2]), Double.parseDouble(words[3]), Long.parseLong(words[4])));
                 default -> { }
             }
         }

@@ -8,12 +8,12 @@ import com.kelvane.media.tool.input.MediaFile;
 import com.kelvane.media.tool.input.Timeline;
 import com.kelvane.media.tool.input.VideoSource;
 import com.kelvane.media.tool.input.VideoTrack;
-import com.kelvane.media.tool.output.Hls;
-import com.kelvane.media.tool.output.MediaPlaylist;
 import com.kelvane.media.tool.output.Products;
-import com.kelvane.media.tool.output.RenditionOutput;
 import com.kelvane.media.tool.output.Results;
+import com.kelvane.media.tool.output.SegmentKeys;
 import com.kelvane.media.tool.output.Workspace;
+import com.kelvane.media.tool.packager.LadderWriter;
+import com.kelvane.media.tool.packager.MediaPlaylist;
 import com.kelvane.media.tool.shell.Failure;
 import com.kelvane.media.tool.shell.Text;
 import java.io.IOException;
@@ -96,25 +96,29 @@ record PartTask(Plan plan, int number) implements Serializable {
         VideoTrack track = VideoTrack.of(file);
         Timeline timeline = track.timeline(soundTrack(file), 0, Double.POSITIVE_INFINITY);
         Ladder ladder = Ladder.of(track, plan.settings());
+        // The first chunk begins where the ladder does, the others with their first pictures.
+        double origin = number == 0 ? 0 : Double.NaN;
+        SegmentKeys keys = new SegmentKeys(plan.settings().segmentSeconds(), origin);
+        LadderWriter writer = writer(origin, workspace);
         if (plan.chunks() == 1) {
             try (VideoSource source = new VideoSource(track, timeline);
-                    Results results = results(ladder, track, null, workspace)) {
-                ChunkTranscoding transcoding = new ChunkTranscoding(ladder, track.frameRate(),
-                        plan.settings().segmentSeconds(), timeline::shows, results);
+                    Results results = results(ladder, track, null, writer, workspace)) {
+                ChunkTranscoding transcoding = new ChunkTranscoding(ladder, track.frameRate(), keys, timeline::shows, results);
                 Transcoder.Statistics statistics = transcoding.run(source::next);
                 access.check();
                 int lost = (int) Math.max(0, source.count() - statistics.pictures());
-                return finish(ladder, transcoding, results, lost,
-                        source.damage(transcoding.last() / 1000.0 + 1 / track.frameRate()), workspace, publisher);
+                String damage = source.damage(transcoding.last() / 1000.0 + 1 / track.frameRate());
+                checkDecoded(transcoding, damage);
+                results.finish(transcoding.last() + 1000 / track.frameRate());
+                return part(transcoding, writer, lost, damage, workspace, publisher);
             }
         }
         double from = number == 0 ? -1 : 1000 * plan.begin(number);
         double until = number == plan.chunks() - 1 ? Double.POSITIVE_INFINITY : 1000 * plan.begin(number + 1);
         try (ChunkSource source = new ChunkSource(track, timeline, new ParameterSets(plan.configuration()), from,
                 until);
-                Results results = results(ladder, track, null, workspace)) {
-            ChunkTranscoding transcoding = new ChunkTranscoding(ladder, track.frameRate(),
-                    plan.settings().segmentSeconds(), source::shows, results);
+                Results results = results(ladder, track, null, writer, workspace)) {
+            ChunkTranscoding transcoding = new ChunkTranscoding(ladder, track.frameRate(), keys, source::shows, results);
             transcoding.run(source::next);
             access.check();
             if (source.count() == 0) {
@@ -124,20 +128,24 @@ record PartTask(Plan plan, int number) implements Serializable {
                 }
                 return new Part(number, 0, 0, 0, null, null, null, new ArrayList<>(), 0, 0);
             }
-            return finish(ladder, transcoding, results, Math.max(0, source.count() - transcoding.pictures()), source.damage(),
-                    workspace, publisher);
+            checkDecoded(transcoding, source.damage());
+            results.finish(Double.isInfinite(source.end()) ? transcoding.last() + 1000 / track.frameRate() : source.end());
+            return part(transcoding, writer, Math.max(0, source.count() - transcoding.pictures()), source.damage(), workspace,
+                    publisher);
         }
     }
 
-    private Part finish(Ladder ladder, ChunkTranscoding transcoding, Results results, int lost, String damage,
-                        Workspace workspace, Publisher publisher) throws IOException {
+    private static void checkDecoded(ChunkTranscoding transcoding, String damage) {
         if (transcoding.pictures() == 0) {
             throw new BadInput("no picture could be decoded%s", damage == null ? "" : ": " + damage);
         }
-        results.finish();
+    }
+
+    private Part part(ChunkTranscoding transcoding, LadderWriter writer, int lost, String damage, Workspace workspace,
+                      Publisher publisher) throws IOException {
         ArrayList<Part.Track> tracks = new ArrayList<>();
-        for (RenditionOutput output : ladder.outputs()) {
-            tracks.add(publish(output.size(), new byte[0], 0, workspace, publisher));
+        for (LadderWriter.Track track : writer.renditions()) {
+            tracks.add(publish(track, 0, workspace, publisher));
         }
         return new Part(number, transcoding.begin(), transcoding.pictures(), lost, damage, transcoding.lacking(), null,
                 tracks, 0, 0);
@@ -147,13 +155,23 @@ record PartTask(Plan plan, int number) implements Serializable {
         VideoTrack track = VideoTrack.of(file);
         AudioTrack audio = soundTrack(file);
         Timeline timeline = track.timeline(audio, 0, Double.POSITIVE_INFINITY);
+        LadderWriter writer = writer(0, workspace);
+        double end = track.seconds() > 0 ? timeline.at(track.start()) + 1000 * track.seconds() : 0;
+        // Where the segments of pictures begin, if there are key pictures.
+        for (int chunk = 0; chunk < plan.chunks(); chunk++) {
+            double next = chunk == plan.chunks() - 1 ? end : Math.min(end, 1000 * plan.begin(chunk + 1));
+            for (double time = 1000 * plan.begin(chunk); time < next - 500 / track.frameRate();
+                    time += 1000 * plan.settings().segmentSeconds()) {
+                writer.cutSoundAt(time);
+            }
+        }
         ArrayList<Part.Track> tracks = new ArrayList<>();
         try (AacSource source = AacSource.open(audio, timeline);
-                Results results = results(new Ladder(List.of(), List.of()), track, source, workspace)) {
-            if (results.hasSound()) {
-                results.finish();
-                access.check();
-                tracks.add(publish(Hls.SOUND, source.configuration(), source.channels(), workspace, publisher));
+                Results results = results(new Ladder(List.of(), List.of()), track, source, writer, workspace)) {
+            results.finish(end);
+            access.check();
+            if (writer.sound() != null) {
+                tracks.add(publish(writer.sound(), source.channels(), workspace, publisher));
             }
         }
         return new Part(number, 0, 0, 0, null, null, null, tracks, 0, 0);
@@ -163,22 +181,26 @@ record PartTask(Plan plan, int number) implements Serializable {
         return plan.soundTrack() < 0 ? null : AudioTrack.all(file).get(plan.soundTrack());
     }
 
-    private Results results(Ladder ladder, VideoTrack track, AacSource sound, Workspace workspace) throws IOException {
-        return new Results(ladder.outputs(), new Products(false, false, plan.settings().segmentSeconds(), true),
-                track.meaning(), sound, workspace);
+    private LadderWriter writer(double origin, Workspace workspace) {
+        return new LadderWriter(plan.settings().segmentSeconds(), origin,
+                i -> number == Part.SOUND ? Text.format("%05d.m4s", i) : Text.format("%05d-%03d.m4s", number, i), workspace::put);
     }
 
-    /** Moves a track's segments into the results, under names by chunk. */
-    private Part.Track publish(String folder, byte[] configuration, int channels, Workspace workspace, Publisher publisher)
+    private Results results(Ladder ladder, VideoTrack track, AacSource sound, LadderWriter writer, Workspace workspace)
             throws IOException {
-        Path made = workspace.path(folder);
-        MediaPlaylist playlist = MediaPlaylist.read(made);
+        return new Results(ladder.outputs(), new Products(false, false, plan.settings().segmentSeconds()), track.meaning(), 0,
+                sound, writer, workspace);
+    }
+
+    /** Moves a track's segments into the results. */
+    private Part.Track publish(LadderWriter.Track track, int channels, Workspace workspace, Publisher publisher)
+            throws IOException {
         ArrayList<Part.Segment> segments = new ArrayList<>();
-        for (int i = 0; i < playlist.durations().size(); i++) {
-            String name = number == Part.SOUND ? Text.format("%05d.m4s", i) : Text.format("%05d-%03d.m4s", number, i);
-            publisher.put(made.resolve(i + ".m4s"), folder + "/" + name);
-            segments.add(new Part.Segment(name, playlist.durations().get(i), playlist.sizes().get(i)));
+        for (MediaPlaylist.Entry entry : track.segments().entries()) {
+            String name = track.folder() + "/" + entry.name();
+            publisher.put(workspace.path(name), name);
+            segments.add(new Part.Segment(entry.name(), entry.begin(), entry.seconds(), entry.bytes()));
         }
-        return new Part.Track(folder, Files.readAllBytes(made.resolve(Hls.INITIALISATION)), configuration, channels, segments);
+        return new Part.Track(track.folder(), track.initialisation(), track.codecs(), channels, track.fastest(), segments);
     }
 }
