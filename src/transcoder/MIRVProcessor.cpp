@@ -320,9 +320,10 @@ JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_MIRVProcessor_outc
                                                                                     jlong handle) {
     const MIRVProcessor* processor = processorOf(handle);
     if (!processor) return static_cast<jint>(DecodeOutcome::noPicture);
-    const VideoDecoder& decoder = *processor->decoder;
+    VideoDecoder& decoder = *processor->decoder;
     constexpr jint needsKey = 256;
-    return static_cast<jint>(decoder.outcome) + (decoder.needsKey ? needsKey : 0);
+    const auto outcome = static_cast<jint>(decoder.outcome());
+    return outcome + (decoder.needsKey ? needsKey : 0);
 }
 
 JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_MIRVProcessor_status(JNIEnv*, jclass,

@@ -36,7 +36,6 @@ constexpr int largestAccessUnit = largestPicture * (768 * 14 + 128) / 8;
 struct Contents {
     int nalUnits = 0;
     int slices = 0;
-    int pictureStarts = 0; // slices that begin a picture, or one of its fields
     int pictureStart = 0; // the NAL unit type of the first slice when that begins a picture
 };
 
@@ -53,7 +52,6 @@ Contents contentsOf(const signed char* data, int size) {
         const int type = at[1] & 31;
         if (type != otherSlice && type != idrSlice) continue;
         // The top bit alone is the macroblock number 0.
-        if (at[2] < 0) ++contents.pictureStarts;
         if (contents.slices++ == 0 && at[2] < 0) contents.pictureStart = type;
     }
     return contents;
@@ -106,7 +104,7 @@ int VideoDecoder::beginFrame(AVCodecContext* codecContext, AVFrame* picture, int
     Progress& progress = decoder->progress;
     progress.fields = 0;
     progress.slices = progress.refused = 0;
-    ++decoder->begun;
+    ++decoder->call.begun;
     codecContext->draw_horiz_band = seeRows;
     return avcodec_default_get_buffer2(codecContext, picture, flags);
 }
@@ -179,27 +177,34 @@ bool VideoDecoder::admit(int size, int nalUnits, int slices) {
     return true;
 }
 
-// Only tells; nothing that is decoded depends on it.
-DecodeOutcome VideoDecoder::judge(int slices, int pictureStarts, uint32_t fieldsBefore, bool got) {
-    if (begun > 0) ++progress.waiting;
-    if (got) {
-        progress.waiting = std::clamp(progress.waiting - 1, 0, context->has_b_frames);
+DecodeOutcome VideoDecoder::outcome() {
+    const DecodeOutcome last = judge();
+    needsKey |= last == DecodeOutcome::damaged || last == DecodeOutcome::refused;
+    return last;
+}
+
+DecodeOutcome VideoDecoder::judge() {
+    if (!call.isGiven) return DecodeOutcome::refused;
+    if (pictureReady) {
+        progress.waiting = std::clamp(progress.waiting - (call.begun > 0 ? 0 : 1), 0, context->has_b_frames);
         if (frame->key_frame) needsKey = false;
         // FFmpeg begins a frame of its own for each that the numbers of the others leave out.
-        const bool hasMissing = begun > std::max(pictureStarts, 1);
-        const bool isConcealed = frame->decode_error_flags != 0 || (frame->flags & AV_FRAME_FLAG_CORRUPT) != 0;
-        return hasMissing || isConcealed ? DecodeOutcome::damaged : DecodeOutcome::decoded;
+        const bool isWhole = call.begun <= 1 && frame->decode_error_flags == 0;
+        return isWhole && (frame->flags & AV_FRAME_FLAG_CORRUPT) == 0 ? DecodeOutcome::decoded
+                                                                      : DecodeOutcome::damaged;
     }
-    if (slices == 0) return DecodeOutcome::noPicture;
+    if (call.slices == 0) return DecodeOutcome::noPicture;
+    if (call.begun > 0) ++progress.waiting;
     const auto isField = [](uint32_t fields) { return fields == topField || fields == bottomField; };
-    const bool isTaken = begun > 0 ? isField(progress.fields) || progress.waiting <= context->has_b_frames
-                                   : isField(fieldsBefore) || (pictureStarts == 0 && fieldsBefore != noFrame);
+    const bool isTaken =
+        call.begun > 0 ? isField(progress.fields) || progress.waiting <= context->has_b_frames
+                       : isField(call.fieldsBefore) || (call.start == 0 && call.fieldsBefore != noFrame);
     return isTaken ? DecodeOutcome::heldBack : DecodeOutcome::refused;
 }
 
 int VideoDecoder::decode(signed char* data, int size, unsigned int time) {
     constexpr signed char startCode[] = {0, 0, 0, 1};
-    outcome = DecodeOutcome::refused;
+    call.isGiven = false;
     pictureReady = 0;
     pictureWaiting = false;
     if (size < 4 || std::memcmp(data, startCode, sizeof startCode) != 0) {
@@ -213,7 +218,6 @@ int VideoDecoder::decode(signed char* data, int size, unsigned int time) {
     if (!frame || !context || !avcodec_is_open(context.get())) return 0;
     int result = 0;
     if (!completes([&] { result = decodeChecked(data, size, time); })) beginAnew();
-    needsKey |= outcome == DecodeOutcome::damaged || outcome == DecodeOutcome::refused;
     return result;
 }
 
@@ -234,16 +238,16 @@ int VideoDecoder::decodeChecked(const signed char* data, int size, unsigned int 
     packet.pts = int64_t{time} * 1000;
     std::memcpy(packet.data, data, static_cast<size_t>(size));
     const uint32_t fieldsBefore = progress.fields, unseenBefore = progress.unseen;
+    call = {false, contents.slices, contents.pictureStart, fieldsBefore, 0};
     if (contents.slices > 0 && contents.pictureStart == 0) progress.inPieces = true;
     if (contents.pictureStart == idrSlice) progress.unseen |= 1;
-    begun = 0;
     bool got = pictureOf(*context, *frame, packet);
     if (!got && contents.pictureStart != 0 &&
         clearTheWay(contents.pictureStart, fieldsBefore, unseenBefore))
         got = pictureOf(*context, *frame, packet);
     if (progress.slices == 0) progress.slices = contents.slices; // of the frame that was begun in this call
     if (got) progress.unseen = 0;
-    outcome = judge(contents.slices, contents.pictureStarts, fieldsBefore, got);
+    call.isGiven = true;
     timestamp = time;
     av_packet_unref(&packet);
     return receive(got);
@@ -269,6 +273,7 @@ int VideoDecoder::drain() {
     packet.data = nullptr; // which is how FFmpeg is told that the stream has ended
     packet.size = 0;
     progress.draining = true;
+    call = {true, 0, 0, 0, 0}; // without slices
     bool got = false;
     if (!completes([&] { got = pictureOf(*context, *frame, packet); }))
         beginAnew();

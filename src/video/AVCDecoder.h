@@ -27,8 +27,7 @@ public:
     int32_t width = 0;        // of the last picture
     int32_t height = 0;
     uint32_t pictureTime = 0;    // of the last picture: the time of the access unit that carried it
-    DecodeOutcome outcome = DecodeOutcome::noPicture; // of the last decode(), for those who watch the stream
-    bool needsKey = false;       // since a picture was damaged or refused, none that decoding can begin with came out
+    bool needsKey = false;       // no picture to begin with came out since outcome() told of damage
     bool pictureWaiting = false; // the picture in `frame` is still to be taken; decode() and drain() end that
 
     // A failure shows as `codec` null, or as a decoder that never produces a picture.
@@ -43,6 +42,10 @@ public:
     // Brings out the next picture that is held back for reordering, as decode() does. Returns 0 when there is
     // none: the decoder is then as good as new, but for the parameter sets it knows.
     int drain();
+
+    // Of the last decode(); to be called once behind each, by those who watch the stream. Nothing that is
+    // decoded depends on it.
+    DecodeOutcome outcome();
 
     void close();
 
@@ -73,8 +76,17 @@ private:
     bool isRefused(int start, uint32_t fieldsBefore);
     bool clearTheWay(int start, uint32_t fieldsBefore, uint32_t unseenBefore);
     void giveUpPicture();
-    DecodeOutcome judge(int slices, int pictureStarts, uint32_t fieldsBefore, bool got);
+    DecodeOutcome judge();
+
+    // What outcome() goes by, of the last decode().
+    struct Call {
+        bool isGiven;          // to FFmpeg, which threw nothing
+        int32_t slices;        // in the access unit
+        int32_t start;         // the NAL unit type of the first slice when that begins a picture
+        uint32_t fieldsBefore; // Progress::fields, before it
+        int32_t begun;         // frames, by FFmpeg
+    };
 
     Progress progress;
-    int32_t begun = 0; // frames, by FFmpeg in the present call
+    Call call{};
 };

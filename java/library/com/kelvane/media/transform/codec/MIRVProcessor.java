@@ -217,12 +217,14 @@ public final class MIRVProcessor {
     public static native long pictureTime(long handle);
 
     /**
-     * What became of the access unit of the last {@link #write} or {@link #decode}.
+     * What became of the access unit of the last {@link #write} or {@link #decode}; to be called once behind each, as it
+     * goes by what it was told before.
      *
      * @param handle the transcoder, or 0
      * @return 0 when a picture came out; 1 when one did in which errors were concealed, or others before it are missing; 2
-     *         when its picture is held back; 3 when it has none, and for a handle of 0; 4 when nothing can be made of it;
-     *         plus 256 since one of 1 or 4, until a picture comes out that decoding can begin with
+     *         when its picture is held back; 3 when it has none, behind {@link #drain} and for a handle of 0; 4 when
+     *         nothing can be made of it; plus 256 since one of 1 or 4, until a picture comes out that decoding can begin
+     *         with
      */
     public static native int outcome(long handle);
 
