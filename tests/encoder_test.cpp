@@ -6,6 +6,7 @@
 #include "video/AVCEncoder.h"
 
 #include <cstring>
+#include <random>
 
 #define AVCEncoder(name) Java_com_kelvane_media_transform_codec_AVCEncoder_##name
 
@@ -168,6 +169,59 @@ TEST_F(EngineEncoder, SurvivesALibraryThatRefuses) {
     // width x height x 3 / 2 wraps to a size that the picture has
     encoder.width = encoder.height = 65'536;
     EXPECT_EQ(printedBy([&] { EXPECT_EQ(encode(), 0); }), "err size_in 0  38016\n");
+}
+
+TEST_F(EngineEncoder, NoiseWithCabacIsAFailureAndNoOverrun) {
+    const struct {
+        uint32_t width, height;
+        int encMode, minQp, maxQp;
+        bool twoValued, fits;
+    } cases[] = {{16, 16, 0, 1, 1, true, true}, // the buffer has room for two macroblocks more
+                 {160, 128, 0, 0, 0, true, false},
+                 {322, 182, 1, 0, 0, true, false},
+                 {320, 176, 0, 1, 1, false, false},
+                 {640, 360, 1, 12, 20, true, false}};
+    for (const auto& [columns, rows, encMode, minQp, maxQp, twoValued, fits] : cases) {
+        SCOPED_TRACE(columns);
+        NativeOpenH264Encoder noisy;
+        noisy.width = columns;
+        noisy.height = rows;
+        noisy.bitrate = 800'000;
+        noisy.encMode = encMode;
+        noisy.profile = 1;
+        noisy.minQp = minQp;
+        noisy.maxQp = maxQp;
+        printedBy([&] { noisy.open(); });
+        const auto encodes = [&](Bytes samples) {
+            return noisy.encode(samples.data(), static_cast<int>(samples.size()), 0) == 1;
+        };
+        const Bytes grey(columns * rows * 3 / 2, 128);
+        Bytes noise = grey;
+        std::mt19937 random(columns);
+        for (uint8_t& sample : noise)
+            sample = static_cast<uint8_t>(twoValued ? random() % 2 * 255 : random() % 256);
+        for (int i = 0; i < 10; ++i) // to the finest quantiser
+            EXPECT_TRUE(encodes(grey));
+        EXPECT_EQ(encodes(noise), fits);
+        EXPECT_EQ(noisy.failure, fits ? 0 : 3);
+        EXPECT_TRUE(noisy.renew());
+        EXPECT_TRUE(encodes(grey));
+    }
+}
+
+TEST_F(EngineEncoder, CabacNeedsRoomBehindTheBuffers) {
+    library.initializesElsewhere = true;
+    encoder.profile = 1;
+    encoder.width = width;
+    encoder.height = height;
+    encoder.bitrate = 500'000;
+    printedBy([&] { encoder.open(); });
+    EXPECT_EQ(encoder.status, -1);
+    EXPECT_EQ(encode(), 0);
+
+    library.initializesElsewhere = false;
+    EXPECT_TRUE(encoder.renew());
+    EXPECT_EQ(encode(), 1);
 }
 
 TEST_F(Encoder, JavaMethodsKeepTheBytesInTheEngine) {

@@ -108,6 +108,10 @@ TEST_F(InstalledTool, GoesOnThroughWhatALiveSourceDoes) {
         }
     }
     kill(child, SIGINT);
+    EXPECT_TRUE(within(6, [&] { // players have yet to read the end
+        return request(port, "GET /320x180/media.m3u8").find("#EXT-X-ENDLIST\n") != std::string::npos;
+    }));
+    kill(child, SIGINT); // at once
     EXPECT_EQ(finish(child), 0) << errors;
     EXPECT_EQ(errors, "");
     EXPECT_FALSE(fs::exists(path("out/.kelvane-live")));

@@ -4,6 +4,7 @@
 #include "bridge/JavaCall.h"
 #include "bridge/Registries.h"
 #include "com_kelvane_media_transform_codec_AVCEncoder.h"
+#include "video/BitstreamRoom.h"
 #include "video/OpenH264Loader.h"
 
 #include <algorithm>
@@ -45,7 +46,8 @@ void NativeOpenH264Encoder::open() {
     layout = library.layout;
     status = 0;
     if (renewed) {
-        // OpenH264 warns of its settings at each opening and reports each picture that fails, on standard error.
+        // OpenH264 warns of its settings at each opening and reports each picture that fails, on standard
+        // error.
         int level = WELS_LOG_QUIET;
         completes([&] { encoder->SetOption(ENCODER_OPTION_TRACE_LEVEL, &level); });
     }
@@ -94,7 +96,21 @@ void NativeOpenH264Encoder::open() {
     layer.sSliceArgument.uiSliceMode = SM_SINGLE_SLICE;
     layer.sSliceArgument.uiSliceNum = 0;
 
-    if (!hasDefaults || resultOr(-1, [&] { return encoder->InitializeExt(&param); }) != 0) status = -1;
+    const auto initialize = [&] { return resultOr(-1, [&] { return encoder->InitializeExt(&param); }); };
+    if (!hasDefaults) {
+        status = -1;
+    } else if (profile == 0) {
+        if (initialize() != 0) status = -1;
+    } else {
+        const BitstreamRoom room(reinterpret_cast<const void*>(library.createEncoder), width, height);
+        if (initialize() != 0) {
+            status = -1;
+        } else if (!room.given()) {
+            // Noise would have it write past its buffer.
+            status = -1;
+            encoder.reset();
+        }
+    }
     if (debug)
         std::puts(status == 0 ? "opened and configured h264 encoder." : "could not configure noh264 codec.");
 }

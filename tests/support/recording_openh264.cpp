@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <mutex>
+#include <thread>
 
 #define EXPORTED extern "C" __attribute__((visibility("default")))
 
@@ -57,7 +58,14 @@ public:
             const std::lock_guard lock(recording);
             record.param = *param;
         }
-        return record.refuseParameters ? cmInitParaError : real->InitializeExt(param);
+        if (record.refuseParameters) return cmInitParaError;
+        int result = 0;
+        const auto initialize = [&] { result = real->InitializeExt(param); };
+        if (record.initializesElsewhere)
+            std::thread(initialize).join();
+        else
+            initialize();
+        return result;
     }
     int EncodeFrame(const SSourcePicture* picture, SFrameBSInfo* info) override {
         called();

@@ -18,9 +18,11 @@ struct OpenH264Record {
 
     bool refuseToCreate = false;
     bool refuseParameters = false;
+    bool initializesElsewhere = false; // on another thread, with memory that the caller's has no part in
     bool failToEncode = false;
     bool skipPictures = false;
-    std::set<uint64_t> failAt; // pictures, counted over all encoders; the encoder fails for good, as OpenH264 does
+    std::set<uint64_t>
+        failAt; // pictures, counted over all encoders; the encoder fails for good, as OpenH264 does
     // When above 0, pictures come out as this many layers of two NAL units: layer i holds 2 and 3 bytes of
     // value i.
     int inventedLayers = 0;

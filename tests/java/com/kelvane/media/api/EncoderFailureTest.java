@@ -132,6 +132,8 @@ final class EncoderFailureTest {
                 transcoder("by rate", true, Rendition.of(640, 360).bitrate(800_000).frameRate(30), false),
                 transcoder("of a high rate", false, Rendition.of(640, 360).bitrate(8_000_000).frameRate(30), false),
                 transcoder("by quality, of the source's size", true, quality, false),
+                transcoder("with CABAC", true, Rendition.of(640, 360).bitrate(800_000)
+                        .entropyCoding(Rendition.EntropyCoding.CABAC), false),
                 transcoder("fine, in parallel", false, Rendition.of(640, 360).bitrate(800_000).quantisers(1, 20), true),
                 VIDEO_ENCODER, PIPELINE);
         Kind known = transcoder("320x180 at 1 Mbit/s", false, Rendition.of(320, 180).bitrate(1_000_000), false);

@@ -27,7 +27,8 @@ import java.util.stream.IntStream;
 /**
  * Checks an HLS ladder of fragmented MP4, whoever made it, box by box against its playlists. Arguments: folders of ladders, or
  * addresses of master playlists; in front of them {@code sound=FEWEST-MOST} for how many sound units each rendition has to have,
- * {@code turned=DEGREES} for how players are to turn the pictures, and {@code holes} where the source itself had some. Prints
+ * {@code turned=DEGREES} for how players are to turn the pictures, {@code holes} where the source itself had some,
+ * and {@code apart} where the sound is cut without regard to the pictures. Prints
  * a line for each fault and exits with 1 if there are any.
  */
 public final class LadderCheck {
@@ -112,7 +113,7 @@ public final class LadderCheck {
         boolean right = true;
         int ladders = 0;
         for (String argument : arguments) {
-            if (argument.matches("holes|sound=\\d+-\\d+|turned=\\d+")) {
+            if (argument.matches("holes|apart|sound=\\d+-\\d+|turned=\\d+")) {
                 options.put(argument.replaceAll("=.*", ""), argument.replaceAll(".*=", ""));
                 continue;
             }
@@ -231,8 +232,14 @@ public final class LadderCheck {
         List<Segment> segments = first.playlist.segments();
         List<Segment> others = other.playlist.segments();
         int shift = (int) (other.playlist.sequence() - first.playlist.sequence()); // lists that slid between two readings
-        expect(Math.abs(shift) <= 1 && Math.abs(others.size() + shift - segments.size()) <= (first.playlist.isComplete() ? 0 : 1), where,
-                "%d segments, of pictures there are %d", others.size(), segments.size());
+        if (isSound && options.containsKey("apart")) {
+            expect(Math.abs(other.seconds() - first.seconds()) <= LARGEST_STEP, where, "%.3f s, of pictures there are %.3f",
+                    other.seconds(), first.seconds());
+        } else {
+            expect(Math.abs(shift) <= 1
+                    && Math.abs(others.size() + shift - segments.size()) <= (first.playlist.isComplete() ? 0 : 1), where,
+                    "%d segments, of pictures there are %d", others.size(), segments.size());
+        }
         for (int i = Math.max(0, shift); i < Math.min(segments.size(), others.size() + shift); i++) {
             Segment segment = segments.get(i);
             Segment same = others.get(i - shift);

@@ -155,7 +155,7 @@ final class LiveFigures {
     synchronized void sound(int filled, int leftOut, double unit) {
         silent += filled * unit;
         soundLeftOut += leftOut;
-        if (filled > 0) {
+        if (filled > 1) { // one may lie between two streams, or behind the last
             note("silence", "sound: %.2f s were missing and are silent", filled * unit);
         }
         if (leftOut > 0) {

@@ -69,7 +69,8 @@ public final class LiveRun {
             }
         });
         try {
-            if (done.await((long) (1000 * LONGEST_END), TimeUnit.MILLISECONDS) && succeeded) {
+            done.await((long) (1000 * LONGEST_END), TimeUnit.MILLISECONDS);
+            if (succeeded) {
                 Runtime.getRuntime().halt(0);
             }
         } catch (InterruptedException asked) {

@@ -20,7 +20,6 @@ final class SoundTrack implements Closeable {
     private final LiveFigures figures;
     private final TrackWriter writer;
     private final SoundLine line;
-    private final String initialisation;
     private final long origin; // ticks
     private final Queue<LiveSegment> following = new ArrayDeque<>(); // begun, but not by the sound
     private LiveSegment current;
@@ -35,7 +34,6 @@ final class SoundTrack implements Closeable {
         writer = new TrackWriter(MediaTrack.aac(configuration));
         line = new SoundLine(configuration, writer.timescale(), first.begin);
         origin = ticks(first.begin);
-        initialisation = publication.initialise(Names.SOUND, writer.initialisation());
     }
 
     private long ticks(double milliseconds) {
@@ -78,8 +76,8 @@ final class SoundTrack implements Closeable {
     }
 
     private void finishSegment(long next) {
-        publication.addSound(current, writer.cut(next)
-                .map(segment -> publication.store(Names.SOUND, current.number, initialisation, segment)).orElse(null));
+        publication.addSound(current, writer.cut(next).map(segment -> publication.store(Names.SOUND, current.number,
+                publication.initialise(Names.SOUND, writer.initialisation()), segment)).orElse(null));
         current = following.poll();
         figures.sound(line.filled() - filled, line.leftOut() - leftOut, 1.0 * SoundLine.UNIT / writer.timescale());
         filled = line.filled();

@@ -156,7 +156,10 @@ record PartTask(Plan plan, int number) implements Serializable {
         AudioTrack audio = soundTrack(file);
         Timeline timeline = track.timeline(audio, 0, Double.POSITIVE_INFINITY);
         LadderWriter writer = writer(0, workspace);
+        // Where a container tells only how long all of it is, the pictures end there at the latest.
+        double whole = MediaFile.number(file.format(), "duration");
         double end = track.seconds() > 0 ? timeline.at(track.start()) + 1000 * track.seconds() : 0;
+        end = whole > 0 ? Math.min(end, timeline.at(1000 * (file.start() + whole))) : end;
         // Where the segments of pictures begin, if there are key pictures.
         for (int chunk = 0; chunk < plan.chunks(); chunk++) {
             double next = chunk == plan.chunks() - 1 ? end : Math.min(end, 1000 * plan.begin(chunk + 1));
