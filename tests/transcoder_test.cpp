@@ -349,6 +349,63 @@ TEST_F(Transcoder, AnEncoderThatFailedIsMadeAnew) {
     EXPECT_EQ(printed.find("noh264"), std::string::npos) << printed;
 }
 
+// What was steered holds for the encoder at work, for one that was not open yet, and for those made anew; the
+// outputs of a running transcoder come and go, and the others do not notice.
+TEST_F(Transcoder, IsSteeredWhileItRuns) {
+    printedBy([&] {
+        JavaTranscoder transcoder(2);
+        transcoder.addRendition(1, 96, 80);
+        transcoder.apply(1, "videoKey", "0");
+        transcoder.apply(2, "videoBR", "400000"); // of the source's size
+        transcoder.start();
+        JNIEnv* const env = javaEnv();
+        const auto steer = [&](int output, int bits, float rate) {
+            return MIRVProcessor(setBitrate)(env, nullptr, output, bits, transcoder.handle) +
+                   MIRVProcessor(setFrameRate)(env, nullptr, output, rate, transcoder.handle);
+        };
+        const auto expectOpenedWith = [&](int bits, float rate, uint32_t keyInterval) {
+            EXPECT_EQ((std::vector{library.param.iTargetBitrate, library.param.iMaxBitrate,
+                                   library.param.sSpatialLayers[0].iSpatialBitrate,
+                                   library.param.sSpatialLayers[0].iMaxSpatialBitrate}),
+                      std::vector(4, bits));
+            EXPECT_EQ(library.param.sSpatialLayers[0].fFrameRate, rate);
+            EXPECT_EQ(library.param.uiIntraPeriod, keyInterval);
+        };
+        ASSERT_EQ(transcoder.decode(0, units[0]), 1);
+        EXPECT_FALSE(transcoder.encodeInto(0, 100'000).empty());
+        EXPECT_EQ(MIRVProcessor(encodedAs)(env, nullptr, 0, transcoder.handle) >> 8, videoFrameTypeIDR);
+        for (const int bits : {90'000, 288'000'000, 1000}) // up and down, from one end to the other
+            EXPECT_EQ(steer(0, bits, 7.5F), 2) << bits;
+        EXPECT_EQ(steer(1, 50'000, 99), 2);
+        EXPECT_FALSE(transcoder.encodeInto(1, 100'000).empty());
+        expectOpenedWith(50'000, 60, 240);
+        EXPECT_EQ(transcoder.renew(0), 1);
+        expectOpenedWith(1000, 7.5F, 30);
+        EXPECT_EQ(transcoder.renew(1), 1);
+        expectOpenedWith(50'000, 60, 240);
+
+        EXPECT_EQ(MIRVProcessor(addOutput)(env, nullptr, transcoder.handle), 2);
+        for (const int round : {0, 1}) {
+            SCOPED_TRACE(round);
+            transcoder.addRendition(3, 64, 48);
+            EXPECT_EQ(MIRVProcessor(startOutput)(env, nullptr, 2, transcoder.handle), 1);
+            expectOpenedWith(400'000, 25, 100);
+            EXPECT_FALSE(transcoder.encodeInto(2, 100'000).empty());
+            EXPECT_FALSE(transcoder.encodeInto(0, 100'000).empty());
+            steer(2, 5000, 9);
+            EXPECT_EQ(MIRVProcessor(releaseOutput)(env, nullptr, 2, transcoder.handle), 1);
+            EXPECT_TRUE(transcoder.encodeInto(2, 100'000).empty());
+            EXPECT_EQ(transcoder.output(2).index, 3);
+        }
+        for (const int output : {-1, 3}) {
+            EXPECT_EQ(steer(output, 5000, 25), 0);
+            EXPECT_EQ(MIRVProcessor(startOutput)(env, nullptr, output, transcoder.handle), 0);
+            EXPECT_EQ(MIRVProcessor(releaseOutput)(env, nullptr, output, transcoder.handle), 0);
+            EXPECT_EQ(MIRVProcessor(encodedAs)(env, nullptr, output, transcoder.handle), 0);
+        }
+    });
+}
+
 TEST_F(Transcoder, ListenersMayThrowLackTheMethodOrChange) {
     Listener listener, other("com/kelvane/media/test/OtherListener");
     jobject mute = javaEnv()->AllocObject(javaEnv()->FindClass("java/lang/Object"));

@@ -164,6 +164,18 @@ int VideoProcessor::retry(int& newOutput) {
     return encodePicture(newOutput);
 }
 
+bool VideoProcessor::requestKey() {
+    if (encoder) encoder->requestKey(); // the first picture of one to come is a key frame
+    return mode != passThroughMode;
+}
+
+bool VideoProcessor::setBitRate(int32_t bitsPerSecond) {
+    if (mode == passThroughMode || (encoder && encoder->status == 0 && !encoder->setBitRate(bitsPerSecond)))
+        return false;
+    bitRate = bitsPerSecond;
+    return true;
+}
+
 void VideoProcessor::forgetPicture() {
     unencoded.packed.reset();
     failure = 0;
@@ -290,6 +302,19 @@ JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_AVCProcessor_failu
                                                                                    jlong handle) {
     const VideoProcessor* pipeline = proc_ctx.GetProcessor(handle);
     return pipeline ? pipeline->failure : 0;
+}
+
+JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_AVCProcessor_requestKey(JNIEnv*, jclass,
+                                                                                      jlong handle) {
+    VideoProcessor* pipeline = proc_ctx.GetProcessor(handle);
+    return pipeline && pipeline->requestKey();
+}
+
+JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_AVCProcessor_setBitrate(JNIEnv*, jclass,
+                                                                                      jint bitsPerSecond,
+                                                                                      jlong handle) {
+    VideoProcessor* pipeline = proc_ctx.GetProcessor(handle);
+    return pipeline && pipeline->setBitRate(bitsPerSecond);
 }
 
 JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_AVCProcessor_renew(JNIEnv*, jclass,

@@ -48,6 +48,10 @@ public:
     // Encodes the picture that failed once more, as the module left it. As process().
     int retry(int& newOutput);
 
+    // Of the encoder that there is, and of those to come, as VideoEncoder's. In pass-through mode there is none.
+    bool requestKey();
+    bool setBitRate(int32_t bitsPerSecond);
+
     // Makes the access unit itself pending.
     void passThrough(MallocBuffer data, int size, uint32_t timestamp);
 

@@ -26,6 +26,7 @@ void CoderOut::open() {
     coder->maxQp = maxQp;
     coder->minQp = minQp;
     coder->debug = debug;
+    coder->steeredRate = pictureRate;
     coder->open();
     if (coder->debug) std::printf("opened %d\n", coder->status);
 
@@ -57,6 +58,7 @@ bool CoderOut::needsNoScaling(const AVFrame& in) const {
 
 bool CoderOut::encode(AVFrame* in) {
     failure = -1;
+    if (released) return false;
     if (in->width != 0 && in->height != 0) {
         if (!scaler) {
             if (width == 0 || height == 0) {
@@ -119,6 +121,24 @@ int CoderOut::write(AVFrame* in, AVPacket* packet) {
     packet->data = copy.release();
     packet->size = coder->outputSize;
     return 1;
+}
+
+bool CoderOut::setBitrate(int32_t bitsPerSecond) {
+    bitrate = bitsPerSecond;
+    return !coder || coder->setBitrate(bitsPerSecond);
+}
+
+bool CoderOut::setFrameRate(float picturesPerSecond) {
+    pictureRate = picturesPerSecond;
+    return !coder || coder->setFrameRate(picturesPerSecond);
+}
+
+void CoderOut::release() {
+    const int32_t id = index;
+    close();
+    *this = CoderOut();
+    index = id;
+    released = true;
 }
 
 void CoderOut::close() {

@@ -23,6 +23,8 @@ public:
     int32_t maxQp = 0;
     int32_t minQp = 0;
     int32_t debug = 0;
+    float pictureRate = 0; // steered, pictures per second; 0 while `fps` holds
+    bool released = false; // encodes nothing
     OwnedEngine<NativeOpenH264Encoder> coder;
     ImageFrameOwner frame; // the scaled picture; pictures of its own size do not come here
     ScalerOwner scaler;
@@ -39,7 +41,14 @@ public:
     // `packet`. Returns 1 or 0.
     int write(AVFrame* in, AVPacket* packet);
 
+    // For the encoder that there is, and for any that open() makes. Returns whether it takes them.
+    bool setBitrate(int32_t bitsPerSecond);
+    bool setFrameRate(float picturesPerSecond);
+
     void close();
+
+    // Frees everything and gives up the settings but the id.
+    void release();
 
 private:
     void makeScaler(const AVFrame& in);

@@ -2,6 +2,7 @@
 
 #include "com_kelvane_media_transform_codec_MIRVProcessor.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -151,6 +152,15 @@ void MIRVProcessor::start() {
             output.open();
         }
     }
+}
+
+int32_t MIRVProcessor::addOutput() {
+    if (count >= maxOutputs) return -1;
+    std::unique_ptr<CoderOut[]> more(new (std::nothrow) CoderOut[count + 1]);
+    if (!more) return -1;
+    std::move(outputs.get(), outputs.get() + count, more.get());
+    outputs = std::move(more);
+    return static_cast<int32_t>(count++);
 }
 
 int MIRVProcessor::decode(const ArrayCopy& accessUnit, uint32_t time) {
@@ -306,6 +316,16 @@ JNIEXPORT jlong JNICALL Java_com_kelvane_media_transform_codec_MIRVProcessor_pic
     return processor ? processor->decoder->pictureTime : 0;
 }
 
+JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_MIRVProcessor_outcome(JNIEnv*, jclass,
+                                                                                    jlong handle) {
+    const MIRVProcessor* processor = processorOf(handle);
+    if (!processor) return static_cast<jint>(DecodeOutcome::noPicture);
+    VideoDecoder& decoder = *processor->decoder;
+    constexpr jint needsKey = 256;
+    const auto outcome = static_cast<jint>(decoder.outcome());
+    return outcome + (decoder.needsKey ? needsKey : 0);
+}
+
 JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_MIRVProcessor_status(JNIEnv*, jclass,
                                                                                    jint output,
                                                                                    jlong handle) {
@@ -319,6 +339,53 @@ JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_MIRVProcessor_requ
                                                                                        jlong handle) {
     const CoderOut* rendition = renditionAt(output, handle);
     return rendition && rendition->coder ? rendition->coder->requestKey() : 0;
+}
+
+JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_MIRVProcessor_setBitrate(JNIEnv*, jclass,
+                                                                                       jint output,
+                                                                                       jint bitsPerSecond,
+                                                                                       jlong handle) {
+    CoderOut* rendition = renditionAt(output, handle);
+    return rendition && rendition->setBitrate(bitsPerSecond);
+}
+
+JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_MIRVProcessor_setFrameRate(
+    JNIEnv*, jclass, jint output, jfloat picturesPerSecond, jlong handle) {
+    CoderOut* rendition = renditionAt(output, handle);
+    return rendition && rendition->setFrameRate(picturesPerSecond);
+}
+
+JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_MIRVProcessor_addOutput(JNIEnv*, jclass,
+                                                                                      jlong handle) {
+    MIRVProcessor* processor = processorOf(handle);
+    return processor ? processor->addOutput() : -1;
+}
+
+JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_MIRVProcessor_startOutput(JNIEnv*, jclass,
+                                                                                        jint output,
+                                                                                        jlong handle) {
+    CoderOut* rendition = renditionAt(output, handle);
+    if (!rendition) return 0;
+    rendition->released = false;
+    if (rendition->width != 0 && rendition->height != 0) rendition->open();
+    return 1;
+}
+
+JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_MIRVProcessor_releaseOutput(JNIEnv*, jclass,
+                                                                                          jint output,
+                                                                                          jlong handle) {
+    CoderOut* rendition = renditionAt(output, handle);
+    if (!rendition) return 0;
+    rendition->release();
+    return 1;
+}
+
+JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_MIRVProcessor_encodedAs(JNIEnv*, jclass,
+                                                                                      jint output,
+                                                                                      jlong handle) {
+    const CoderOut* rendition = renditionAt(output, handle);
+    if (!rendition || !rendition->coder || rendition->coder->outputSize == 0) return 0;
+    return rendition->coder->pictureType << 8 | rendition->coder->averageQuantiser();
 }
 
 JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_MIRVProcessor_failure(JNIEnv*, jclass,

@@ -38,6 +38,10 @@ public:
     // Opens every output that has a size.
     void start();
 
+    // Makes room for one more output, behind the others, which stay as they are. Returns its position, or -1
+    // when there is no memory or there are maxOutputs.
+    int32_t addOutput();
+
     // Decodes one access unit, which is not empty.
     int decode(const ArrayCopy& accessUnit, uint32_t time);
 

@@ -100,9 +100,11 @@ AVPixelFormat VideoDecoder::acceptSize(AVCodecContext* codecContext, const AVPix
 
 // FFmpeg asks for a buffer once for each frame that it begins.
 int VideoDecoder::beginFrame(AVCodecContext* codecContext, AVFrame* picture, int flags) {
-    Progress& progress = static_cast<VideoDecoder*>(codecContext->opaque)->progress;
+    auto* const decoder = static_cast<VideoDecoder*>(codecContext->opaque);
+    Progress& progress = decoder->progress;
     progress.fields = 0;
     progress.slices = progress.refused = 0;
+    ++decoder->call.begun;
     codecContext->draw_horiz_band = seeRows;
     return avcodec_default_get_buffer2(codecContext, picture, flags);
 }
@@ -175,8 +177,34 @@ bool VideoDecoder::admit(int size, int nalUnits, int slices) {
     return true;
 }
 
+DecodeOutcome VideoDecoder::outcome() {
+    const DecodeOutcome last = judge();
+    needsKey |= last == DecodeOutcome::damaged || last == DecodeOutcome::refused;
+    return last;
+}
+
+DecodeOutcome VideoDecoder::judge() {
+    if (!call.isGiven) return DecodeOutcome::refused;
+    if (pictureReady) {
+        progress.waiting = std::clamp(progress.waiting - (call.begun > 0 ? 0 : 1), 0, context->has_b_frames);
+        if (frame->key_frame) needsKey = false;
+        // FFmpeg begins a frame of its own for each that the numbers of the others leave out.
+        const bool isWhole = call.begun <= 1 && frame->decode_error_flags == 0;
+        return isWhole && (frame->flags & AV_FRAME_FLAG_CORRUPT) == 0 ? DecodeOutcome::decoded
+                                                                      : DecodeOutcome::damaged;
+    }
+    if (call.slices == 0) return DecodeOutcome::noPicture;
+    if (call.begun > 0) ++progress.waiting;
+    const auto isField = [](uint32_t fields) { return fields == topField || fields == bottomField; };
+    const bool isTaken =
+        call.begun > 0 ? isField(progress.fields) || progress.waiting <= context->has_b_frames
+                       : isField(call.fieldsBefore) || (call.start == 0 && call.fieldsBefore != noFrame);
+    return isTaken ? DecodeOutcome::heldBack : DecodeOutcome::refused;
+}
+
 int VideoDecoder::decode(signed char* data, int size, unsigned int time) {
     constexpr signed char startCode[] = {0, 0, 0, 1};
+    call.isGiven = false;
     pictureReady = 0;
     pictureWaiting = false;
     if (size < 4 || std::memcmp(data, startCode, sizeof startCode) != 0) {
@@ -210,6 +238,7 @@ int VideoDecoder::decodeChecked(const signed char* data, int size, unsigned int 
     packet.pts = int64_t{time} * 1000;
     std::memcpy(packet.data, data, static_cast<size_t>(size));
     const uint32_t fieldsBefore = progress.fields, unseenBefore = progress.unseen;
+    call = {false, contents.slices, contents.pictureStart, fieldsBefore, 0};
     if (contents.slices > 0 && contents.pictureStart == 0) progress.inPieces = true;
     if (contents.pictureStart == idrSlice) progress.unseen |= 1;
     bool got = pictureOf(*context, *frame, packet);
@@ -218,6 +247,7 @@ int VideoDecoder::decodeChecked(const signed char* data, int size, unsigned int 
         got = pictureOf(*context, *frame, packet);
     if (progress.slices == 0) progress.slices = contents.slices; // of the frame that was begun in this call
     if (got) progress.unseen = 0;
+    call.isGiven = true;
     timestamp = time;
     av_packet_unref(&packet);
     return receive(got);
@@ -243,6 +273,7 @@ int VideoDecoder::drain() {
     packet.data = nullptr; // which is how FFmpeg is told that the stream has ended
     packet.size = 0;
     progress.draining = true;
+    call = {true, 0, 0, 0, 0}; // without slices
     bool got = false;
     if (!completes([&] { got = pictureOf(*context, *frame, packet); }))
         beginAnew();
@@ -255,6 +286,7 @@ void VideoDecoder::endStream() {
     avcodec_flush_buffers(context.get());
     context->has_b_frames = 0; // the delay that FFmpeg learnt from the old stream
     progress = {};
+    needsKey = false;
 }
 
 void VideoDecoder::close() {

@@ -4,6 +4,15 @@
 
 #include <cstdint>
 
+// What became of one access unit.
+enum class DecodeOutcome {
+    decoded,
+    damaged,   // a picture came out that FFmpeg concealed errors in, or made up others for that were missing
+    heldBack,  // its picture is to come out later
+    noPicture, // there is none in it
+    refused    // there is one in it, of which FFmpeg makes nothing
+};
+
 // Decodes one H.264 access unit a call. The decoded picture stays in `frame`, which FFmpeg's decoder owns the
 // planes of: it is valid until the next decode(), drain() or close(), and users read it in place.
 class VideoDecoder {
@@ -18,6 +27,7 @@ public:
     int32_t width = 0;        // of the last picture
     int32_t height = 0;
     uint32_t pictureTime = 0;    // of the last picture: the time of the access unit that carried it
+    bool needsKey = false;       // no picture to begin with came out since outcome() told of damage
     bool pictureWaiting = false; // the picture in `frame` is still to be taken; decode() and drain() end that
 
     // A failure shows as `codec` null, or as a decoder that never produces a picture.
@@ -33,6 +43,10 @@ public:
     // none: the decoder is then as good as new, but for the parameter sets it knows.
     int drain();
 
+    // Of the last decode(); to be called once behind each, by those who watch the stream. Nothing that is
+    // decoded depends on it.
+    DecodeOutcome outcome();
+
     void close();
 
 private:
@@ -46,6 +60,7 @@ private:
         uint32_t unseen = 0;       // since a picture came out: odd behind an IDR picture, even again behind
                                    // the first whole frame from there on
         bool inPieces = false;     // a picture came in more than one call
+        int32_t waiting = 0;       // pictures begun that did not come out: held back, or never to be seen
         bool draining = false;     // drain() has begun, and has not come to its end
     };
 
@@ -61,6 +76,17 @@ private:
     bool isRefused(int start, uint32_t fieldsBefore);
     bool clearTheWay(int start, uint32_t fieldsBefore, uint32_t unseenBefore);
     void giveUpPicture();
+    DecodeOutcome judge();
+
+    // What outcome() goes by, of the last decode().
+    struct Call {
+        bool isGiven;          // to FFmpeg, which threw nothing
+        int32_t slices;        // in the access unit
+        int32_t start;         // the NAL unit type of the first slice when that begins a picture
+        uint32_t fieldsBefore; // Progress::fields, before it
+        int32_t begun;         // frames, by FFmpeg
+    };
 
     Progress progress;
+    Call call{};
 };

@@ -8,10 +8,20 @@
 #include "video/OpenH264Loader.h"
 
 #include <algorithm>
+#include <cmath>
 #include <cstdio>
 #include <cstring>
 
 static COpenLoaderImpl loader;
+
+namespace {
+
+uint32_t picturesInFourSeconds(float rate) { return static_cast<uint32_t>(std::lround(4 * rate)); }
+
+// What OpenH264 takes while it runs.
+float allowedRate(float picturesPerSecond) { return std::clamp(picturesPerSecond, 1.0F, 60.0F); }
+
+} // namespace
 
 void OpenH264EncoderDeleter::operator()(ISVCEncoder* encoder) const {
     EncoderLibFunctions library;
@@ -43,8 +53,12 @@ void NativeOpenH264Encoder::open() {
     }
 
     if (fps == 0 || fps > 60) fps = 30;
+    if (steeredRate > 0) steeredRate = allowedRate(steeredRate);
     if (keyInterval > 480) keyInterval = fps * 8;
-    if (keyInterval == 0) keyInterval = fps * 4;
+    if (keyInterval == 0) {
+        keyInterval = steeredRate > 0 ? picturesInFourSeconds(steeredRate) : fps * 4;
+        keysBySeconds = true;
+    }
 
     const bool hasDefaults = completes([&] { encoder->GetDefaultParams(&param); });
     if (maxQp == 0) maxQp = param.iMaxQp;
@@ -52,7 +66,7 @@ void NativeOpenH264Encoder::open() {
     if (debug) std::printf("qp  %d -%d \n", minQp, maxQp);
 
     param.iUsageType = CAMERA_VIDEO_REAL_TIME;
-    param.fMaxFrameRate = static_cast<float>(fps);
+    param.fMaxFrameRate = steeredRate > 0 ? steeredRate : static_cast<float>(fps);
     param.iPicWidth = static_cast<int>(width);
     param.iPicHeight = static_cast<int>(height);
     param.iTargetBitrate = bitrate;
@@ -165,6 +179,7 @@ int NativeOpenH264Encoder::encodeInto(const OpenH264Picture& source) {
         return 0;
     }
     ++frameCount;
+    pictureType = encoded.eFrameType;
     outputSize = total;
     if (debug) std::printf("output_size: %d count: %d\n", outputSize, static_cast<int>(frameCount));
     uint8_t* out = output.get();
@@ -176,7 +191,45 @@ int NativeOpenH264Encoder::encodeInto(const OpenH264Picture& source) {
 }
 
 int NativeOpenH264Encoder::requestKey() {
-    return encoder && status == 0 && resultOr(-1, [&] { return encoder->ForceIntraFrame(true); }) == 0;
+    return isOpen() && resultOr(-1, [&] { return encoder->ForceIntraFrame(true); }) == 0;
+}
+
+bool NativeOpenH264Encoder::set(ENCODER_OPTION option, void* value) {
+    return resultOr(-1, [&] { return encoder->SetOption(option, value); }) == 0;
+}
+
+bool NativeOpenH264Encoder::setBitrate(int32_t bitsPerSecond) {
+    const bool rises = bitsPerSecond > bitrate;
+    bitrate = bitsPerSecond;
+    if (!isOpen()) return true;
+    // Of the layer: for all layers together, OpenH264 leaves the maximum as it was and rounds to 24 bits. It
+    // refuses a maximum below the target, and has taken it over all the same.
+    SBitrateInfo layer{SPATIAL_LAYER_0, bitsPerSecond};
+    const bool first = set(rises ? ENCODER_OPTION_MAX_BITRATE : ENCODER_OPTION_BITRATE, &layer);
+    const bool second = set(rises ? ENCODER_OPTION_BITRATE : ENCODER_OPTION_MAX_BITRATE, &layer);
+    return first && second;
+}
+
+bool NativeOpenH264Encoder::setFrameRate(float picturesPerSecond) {
+    steeredRate = allowedRate(picturesPerSecond);
+    if (!isOpen()) return true;
+    bool taken = set(ENCODER_OPTION_FRAME_RATE, &steeredRate);
+    if (keysBySeconds) {
+        keyInterval = picturesInFourSeconds(steeredRate);
+        taken &= set(ENCODER_OPTION_IDR_INTERVAL, &keyInterval);
+    }
+    return taken;
+}
+
+int NativeOpenH264Encoder::averageQuantiser() const {
+    if (!isOpen()) return 0;
+    // Versions differ in what comes last in the record.
+    struct {
+        SEncoderStatistics known{};
+        uint64_t room[8] = {};
+    } statistics;
+    const auto ask = [&] { return encoder->GetOption(ENCODER_OPTION_GET_STATISTICS, &statistics.known); };
+    return resultOr(-1, ask) == 0 ? static_cast<int>(statistics.known.uiAverageFrameQP) : 0;
 }
 
 bool NativeOpenH264Encoder::renew() {

@@ -15,6 +15,7 @@ extern "C" {
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
+#include <utility>
 
 // The encoding calls of FFmpeg 4 that are meant here are deprecated there.
 #pragma GCC diagnostic ignored "-Wdeprecated-declarations"
@@ -37,7 +38,8 @@ void VideoEncoder::open() {
         return;
     }
     if (frameRate == 0) frameRate = 15;
-    if (!makeContext()) return;
+    context = makeContext();
+    if (!context) return;
     std::printf("avcodec_open2: %d  : %d : %d : %d\n", width, height, frameRate, bitRate);
     const int result = openCodec(context, codec);
     if (result < 0) {
@@ -56,20 +58,20 @@ void VideoEncoder::open() {
     status = 0;
 }
 
-bool VideoEncoder::makeContext() {
-    context.reset(avcodec_alloc_context3(codec));
-    if (!context) return false;
-    context->bit_rate = bitRate;
-    context->width = width;
-    context->height = height;
-    context->time_base = {1, frameRate};
-    context->gop_size = static_cast<int>(int64_t{2} * frameRate);
-    context->max_b_frames = 0;
-    context->pix_fmt = AV_PIX_FMT_YUV420P;
-    context->ticks_per_frame = 2;
+CodecContextOwner VideoEncoder::makeContext() const {
+    CodecContextOwner made(avcodec_alloc_context3(codec));
+    if (!made) return made;
+    made->bit_rate = bitRate;
+    made->width = width;
+    made->height = height;
+    made->time_base = {1, frameRate};
+    made->gop_size = static_cast<int>(int64_t{2} * frameRate);
+    made->max_b_frames = 0;
+    made->pix_fmt = AV_PIX_FMT_YUV420P;
+    made->ticks_per_frame = 2;
     for (const auto& [name, value] : privateOptions)
-        av_opt_set(context->priv_data, name, value, AV_OPT_SEARCH_CHILDREN);
-    return true;
+        av_opt_set(made->priv_data, name, value, AV_OPT_SEARCH_CHILDREN);
+    return made;
 }
 
 bool VideoEncoder::makePictures() {
@@ -124,6 +126,7 @@ int VideoEncoder::encodeChecked(signed char* data, int length, unsigned int time
     else
         unpackPicture(packed, *frame);
     picture->pts = int64_t{timestamp} * 1000;
+    picture->pict_type = keyRequested ? AV_PICTURE_TYPE_I : AV_PICTURE_TYPE_NONE;
     int got = 0;
     failure = std::min(avcodec_encode_video2(context.get(), &packet, picture, &got), 0);
     if (packet.size > length) failure = -1;
@@ -132,6 +135,7 @@ int VideoEncoder::encodeChecked(signed char* data, int length, unsigned int time
         got = 0;
     }
     if (got) {
+        keyRequested = false;
         std::memcpy(data, packet.data, static_cast<size_t>(packet.size));
         encodedSize = packet.size;
         encodedTimestamp = static_cast<int32_t>(packet.pts / 1000);
@@ -139,11 +143,26 @@ int VideoEncoder::encodeChecked(signed char* data, int length, unsigned int time
     return got;
 }
 
+bool VideoEncoder::setBitRate(int32_t bitsPerSecond) {
+    if (status != 0) return false;
+    if (bitsPerSecond == bitRate) return true;
+    const int32_t before = std::exchange(bitRate, bitsPerSecond);
+    CodecContextOwner other = makeContext();
+    if (!other || openCodec(other, codec) < 0) {
+        bitRate = before;
+        return false;
+    }
+    context = std::move(other);
+    return true;
+}
+
 bool VideoEncoder::renew() {
     status = 1;
     renewed = true;
     // One that never had pictures refused its size.
-    if (!codec || !frame || !makeContext() || openCodec(context, codec) < 0) return false;
+    if (!codec || !frame) return false;
+    context = makeContext();
+    if (!context || openCodec(context, codec) < 0) return false;
     status = 0;
     return true;
 }
@@ -201,6 +220,21 @@ JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_OpenH264Encoder_st
                                                                                      jlong handle) {
     const VideoEncoder* encoder = avc_enc_ctx.GetCoder(handle);
     return encoder ? encoder->status : 1;
+}
+
+JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_OpenH264Encoder_requestKey(JNIEnv*, jclass,
+                                                                                         jlong handle) {
+    VideoEncoder* encoder = avc_enc_ctx.GetCoder(handle);
+    if (!encoder || encoder->status != 0) return 0;
+    encoder->requestKey();
+    return 1;
+}
+
+JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_OpenH264Encoder_setBitrate(JNIEnv*, jclass,
+                                                                                         jint bitsPerSecond,
+                                                                                         jlong handle) {
+    VideoEncoder* encoder = avc_enc_ctx.GetCoder(handle);
+    return encoder && encoder->setBitRate(bitsPerSecond);
 }
 
 JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_OpenH264Encoder_failure(JNIEnv*, jclass,

@@ -5,7 +5,8 @@
 #include <cstdint>
 
 // Encodes packed I420 pictures to H.264 through FFmpeg's OpenH264 encoder: low delay, no B-frames, a key
-// frame every two seconds of pictures. The four parameters are set before open() and are fixed from then on.
+// frame every two seconds of pictures. The four parameters are set before open() and are fixed from then on,
+// but for the bit rate.
 class VideoEncoder {
 public:
     int64_t handle = 0;
@@ -24,6 +25,7 @@ public:
     int32_t failure = 0;          // 0 when the last picture was encoded or the encoder skipped it; otherwise FFmpeg's
                                   // error code, or -1 when the picture or its access unit had no room
     bool renewed = false;         // pictures that fail are reported no more
+    bool keyRequested = false;    // of the next picture
 
     // Leaves its outcome in `status` and `codec`.
     void open();
@@ -32,6 +34,14 @@ public:
     // is one; 0 when there is none, when `length` is less than the picture's or than the access unit's size.
     int encode(signed char* data, int length, unsigned int timestamp);
 
+    // Makes the next picture that is encoded a key frame.
+    void requestKey() { keyRequested = true; }
+
+    // From the next picture on, which is a key frame: FFmpeg takes another rate in another encoder alone. As
+    // it holds no picture back, none is lost. When FFmpeg opens none, what was there goes on. Returns whether
+    // the rate holds.
+    bool setBitRate(int32_t bitsPerSecond);
+
     // Makes FFmpeg's encoder anew, with the same settings: OpenH264 encodes nothing more after a picture that failed.
     // Its first picture is a key frame. Returns whether it opened.
     bool renew();
@@ -39,7 +49,7 @@ public:
     void close();
 
 private:
-    bool makeContext();
+    CodecContextOwner makeContext() const;
     bool makePictures();
     int encodeChecked(signed char* data, int length, unsigned int timestamp);
 };

@@ -1,6 +1,7 @@
 package com.kelvane.media;
 
 import java.nio.ByteBuffer;
+import java.time.Duration;
 import java.util.Arrays;
 
 /**
@@ -14,16 +15,43 @@ public final class EncodedPicture {
     // Belongs to the rendition's output, which writes the next picture over it.
     private byte[] bytes;
     private final int size;
+    private final int encodedAs;
+    private final boolean askedFor;
+    private final long encodeTime;
+    private final long latency;
 
-    EncodedPicture(Rendition rendition, int index, long time, byte[] bytes, int size) {
+    /**
+     * @param encodedAs what the native transcoder tells by that name
+     * @param keyOwed whether a key picture was asked for
+     * @param encodeTime in nanoseconds, as the latency
+     */
+    EncodedPicture(Rendition rendition, int index, long time, byte[] bytes, int size, int encodedAs, boolean keyOwed,
+                   long encodeTime, long latency) {
         this.rendition = rendition;
         this.index = index;
         this.time = time;
         this.bytes = bytes;
         this.size = size;
+        this.encodedAs = encodedAs;
+        askedFor = keyOwed && type() == Type.IDR;
+        this.encodeTime = encodeTime;
+        this.latency = latency;
     }
 
-    /** {@return the rendition that the picture belongs to} */
+    /** How a picture is coded. */
+    public enum Type {
+        /** In itself; nothing behind it refers to what precedes it, so that decoding can begin here. */
+        IDR,
+        /** In itself. */
+        I,
+        /** With reference to pictures before it. */
+        P
+    }
+
+    /**
+     * {@return the rendition that the picture belongs to, with the settings that it was encoded with} A change by
+     * {@link Transcoder#bitrate} or {@link Transcoder#frameRate} shows first in the picture that carries it.
+     */
     public Rendition rendition() {
         return rendition;
     }
@@ -53,6 +81,41 @@ public final class EncodedPicture {
      */
     public boolean isKey() {
         return AnnexB.isKey(valid(), size);
+    }
+
+    /**
+     * {@return whether this is the key picture that {@link Transcoder#requestKey}, {@link Transcoder#resume} or
+     * {@link Transcoder.KeyPictures} asked for}
+     */
+    public boolean isAskedFor() {
+        return askedFor;
+    }
+
+    /** {@return how it is coded} */
+    public Type type() {
+        return switch (encodedAs >> 8) {
+            case 1 -> Type.IDR;
+            case 2 -> Type.I;
+            default -> Type.P;
+        };
+    }
+
+    /** {@return the average quantiser of its macroblocks, 1 (finest) to 51; 0 where OpenH264 does not tell} */
+    public int quantiser() {
+        return encodedAs & 0xff;
+    }
+
+    /** {@return the time that scaling and encoding it took, by the clock} */
+    public Duration encodeTime() {
+        return Duration.ofNanos(encodeTime);
+    }
+
+    /**
+     * {@return the time from the {@link Transcoder#write} of its access unit to this callback} Where a stream reorders
+     * pictures that includes the calls in which the decoder held it back, and the caller's own time between them.
+     */
+    public Duration latency() {
+        return Duration.ofNanos(latency);
     }
 
     /**

@@ -80,6 +80,18 @@ final class Engine {
         return lifetime.handle;
     }
 
+    /**
+     * For what any thread may ask for at any time, without coming in.
+     *
+     * @throws IllegalStateException if the engine is closed
+     */
+    void checkOpen(String operation) {
+        Object inside = USER.getVolatile(this);
+        if (inside != null && !(inside instanceof Thread)) {
+            throw refusal(operation, inside);
+        }
+    }
+
     /** Lets the thread that is inside out. */
     void exit() {
         if (!USER.compareAndSet(this, Thread.currentThread(), null)) {

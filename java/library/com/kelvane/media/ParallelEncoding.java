@@ -1,11 +1,11 @@
 package com.kelvane.media;
 
-import java.util.Arrays;
 import java.util.Comparator;
 import java.util.concurrent.CountDownLatch;
 import java.util.concurrent.Executor;
 import java.util.concurrent.RejectedExecutionException;
 import java.util.concurrent.atomic.AtomicInteger;
+import java.util.stream.Stream;
 
 /** Encodes a picture's renditions at the same time, on an executor's threads and the calling one. */
 final class ParallelEncoding {
@@ -14,8 +14,8 @@ final class ParallelEncoding {
 
     ParallelEncoding(Executor executor, RenditionOutput[] outputs) {
         this.executor = executor;
-        largestFirst = outputs.clone();
-        Arrays.sort(largestFirst, Comparator.comparingLong(ParallelEncoding::negativeArea));
+        largestFirst = Stream.of(outputs).filter(output -> !output.isRemoved())
+                .sorted(Comparator.comparingLong(ParallelEncoding::negativeArea)).toArray(RenditionOutput[]::new);
     }
 
     // A rendition of the source's size is taken for the largest.

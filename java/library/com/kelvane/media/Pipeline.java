@@ -39,6 +39,7 @@ public final class Pipeline implements AutoCloseable {
     private final ProcessingModule module;
     private final boolean passThrough;
     private final Recovery recovery;
+    private final Steering steering = new Steering();
     private final byte[] number = new byte[Integer.BYTES];
     private final ByteBuffer value = ByteBuffer.wrap(number);
     private final Times times = new Times();
@@ -141,10 +142,44 @@ public final class Pipeline implements AutoCloseable {
         }
     }
 
+    /**
+     * Makes the next picture that the module keeps a key picture; several calls before it count as one. Any thread may call
+     * it at any time.
+     *
+     * @throws IllegalStateException if this pipeline is closed, or in pass-through mode, where nothing is encoded
+     */
+    public void requestKey() {
+        checkEncoding("requestKey");
+        steering.requestKey();
+    }
+
+    /**
+     * Sets another target, from the next picture on, as {@link VideoEncoder#bitrate} does: with a key picture, and without a
+     * lost one. Any thread may call it at any time; of several calls before a picture the last one counts.
+     *
+     * @param bitsPerSecond 1000 to 288000000
+     * @throws IllegalArgumentException if the rate is not allowed
+     * @throws IllegalStateException if this pipeline is closed, or in pass-through mode, where nothing is encoded
+     */
+    public void bitrate(int bitsPerSecond) {
+        checkEncoding("bitrate");
+        steering.bitrate(Builder.checkedBitrate(bitsPerSecond));
+    }
+
+    private void checkEncoding(String operation) {
+        engine.checkOpen(operation);
+        if (passThrough) {
+            throw new IllegalStateException("Pipeline." + operation + ": nothing is encoded in pass-through mode");
+        }
+    }
+
     // Returns whether there was a picture; `value` then holds the bytes that are pending, or UNTOUCHED when the module
     // dropped it.
     private boolean work(long handle, IntSupplier call) {
         value.putInt(0, UNTOUCHED);
+        if (steering.isAsked()) {
+            steering.handOver(bits -> AVCProcessor.setBitrate(bits, handle) == 1, () -> AVCProcessor.requestKey(handle));
+        }
         long begin = System.nanoTime();
         int result = call.getAsInt();
         int failure = passThrough || value.getInt(0) > 0 ? 0 : AVCProcessor.failure(handle);
@@ -293,8 +328,12 @@ public final class Pipeline implements AutoCloseable {
          * @return this builder
          */
         public Builder bitrate(int bitsPerSecond) {
-            bitrate = Settings.check("bitrate", bitsPerSecond, SMALLEST_BITRATE, LARGEST_BITRATE, "bits per second");
+            bitrate = checkedBitrate(bitsPerSecond);
             return this;
+        }
+
+        private static int checkedBitrate(int bitsPerSecond) {
+            return Settings.check("bitrate", bitsPerSecond, SMALLEST_BITRATE, LARGEST_BITRATE, "bits per second");
         }
 
         /**

@@ -13,8 +13,9 @@ import java.util.StringJoiner;
  * @param width in pixels, even, 16 to 8192; 0, together with the height, for the size of the source
  * @param height in pixels, as the width; a rendition has at most 4096 x 2304 pixels
  * @param bitrate target in bits per second, 1000 to 288000000; 0 while it is not given, which it must be
- * @param frameRate pictures per second that bits are shared out for, 1 to 60; no picture is dropped or repeated
- * @param keyInterval pictures from one key picture to the next, 1 to 480; 0 for every four seconds
+ * @param frameRate pictures per second that bits are shared out for, 1 to 60; 0 to have it follow the times of the
+ *        pictures, up to 60. No picture is dropped or repeated
+ * @param keyInterval pictures from one key picture to the next, 1 to 480; 0 for every four seconds at the frame rate
  * @param rateControl what the encoder holds on to
  * @param entropyCoding how symbols become bits
  * @param smallestQuantiser 1 (finest) to 51; 0 for the encoder's own choice
@@ -73,11 +74,11 @@ public record Rendition(int width, int height, int bitrate, int frameRate, int k
                 wrong.add("size is " + width + "x" + height + ", allowed are as many pixels as 4096x2304 has");
             }
         }
-        range("bitrate", bitrate, SMALLEST_BITRATE, LARGEST_BITRATE, " bits per second", true, wrong);
-        range("frameRate", frameRate, 1, LARGEST_FRAME_RATE, " pictures per second", false, wrong);
-        range("keyInterval", keyInterval, 1, LARGEST_KEY_INTERVAL, " pictures, or 0 for every four seconds", true, wrong);
-        range("smallestQuantiser", smallestQuantiser, 1, LARGEST_QUANTISER, ", or 0 for the encoder's choice", true, wrong);
-        range("largestQuantiser", largestQuantiser, 1, LARGEST_QUANTISER, ", or 0 for the encoder's choice", true, wrong);
+        range("bitrate", bitrate, SMALLEST_BITRATE, LARGEST_BITRATE, " bits per second", wrong);
+        range("frameRate", frameRate, 1, LARGEST_FRAME_RATE, " pictures per second, or 0 to follow the pictures' times", wrong);
+        range("keyInterval", keyInterval, 1, LARGEST_KEY_INTERVAL, " pictures, or 0 for every four seconds", wrong);
+        range("smallestQuantiser", smallestQuantiser, 1, LARGEST_QUANTISER, ", or 0 for the encoder's choice", wrong);
+        range("largestQuantiser", largestQuantiser, 1, LARGEST_QUANTISER, ", or 0 for the encoder's choice", wrong);
         if (largestQuantiser > 0 && smallestQuantiser > largestQuantiser) {
             wrong.add("smallestQuantiser " + smallestQuantiser + " is above largestQuantiser " + largestQuantiser);
         }
@@ -93,16 +94,15 @@ public record Rendition(int width, int height, int bitrate, int frameRate, int k
         }
     }
 
-    private static void range(String name, int value, int smallest, int largest, String unit, boolean zero,
-                              StringJoiner wrong) {
-        if ((value < smallest || value > largest) && !(zero && value == 0)) {
+    private static void range(String name, int value, int smallest, int largest, String unit, StringJoiner wrong) {
+        if ((value < smallest || value > largest) && value != 0) {
             wrong.add(name + " is " + value + ", allowed are " + smallest + " to " + largest + unit);
         }
     }
 
     /**
-     * A rendition of a size of its own, with 30 pictures per second, a key picture every four seconds, rate control by
-     * bit rate and CAVLC. Its bit rate is still to be given.
+     * A rendition of a size of its own, with the frame rate of the pictures that it is given, a key picture every four
+     * seconds, rate control by bit rate and CAVLC. Its bit rate is still to be given.
      *
      * @param width in pixels, even, 16 to 8192
      * @param height in pixels, even, 16 to 8192
@@ -113,7 +113,7 @@ public record Rendition(int width, int height, int bitrate, int frameRate, int k
         if (width == 0 && height == 0) {
             throw new IllegalArgumentException("width and height are 0; ofSourceSize() takes the source's");
         }
-        return new Rendition(width, height, 0, 30, 0, RateControl.BITRATE, EntropyCoding.CAVLC, 0, 0);
+        return new Rendition(width, height, 0, 0, 0, RateControl.BITRATE, EntropyCoding.CAVLC, 0, 0);
     }
 
     /**
@@ -124,7 +124,7 @@ public record Rendition(int width, int height, int bitrate, int frameRate, int k
      * @return the rendition
      */
     public static Rendition ofSourceSize() {
-        return new Rendition(0, 0, 0, 30, 0, RateControl.BITRATE, EntropyCoding.CAVLC, 0, 0);
+        return new Rendition(0, 0, 0, 0, 0, RateControl.BITRATE, EntropyCoding.CAVLC, 0, 0);
     }
 
     /**
@@ -142,9 +142,12 @@ public record Rendition(int width, int height, int bitrate, int frameRate, int k
     }
 
     /**
-     * Sets the rate that bits are shared out for.
+     * Sets the rate that bits are shared out for. It should be the rate at which pictures come: a target of 800,000 bits
+     * per second gives half of that when 15 pictures a second come and 30 were named. Where none is named, the rate follows
+     * the pictures' times over half a second, also where the source changes its own; 30 is taken for the first picture, and
+     * after a pause of more than a second what was before. A named rate makes the bytes independent of the times.
      *
-     * @param picturesPerSecond 1 to 60
+     * @param picturesPerSecond 1 to 60, or 0 to follow the pictures' times
      * @return a copy with this rate
      */
     public Rendition frameRate(int picturesPerSecond) {

@@ -2,16 +2,31 @@ package com.kelvane.media;
 
 import com.kelvane.media.transform.codec.MIRVProcessor;
 import java.time.Duration;
+import java.util.concurrent.atomic.AtomicBoolean;
+import java.util.concurrent.atomic.AtomicReference;
 import java.util.function.Consumer;
+import java.util.function.UnaryOperator;
 
-/** One rendition of a transcoder at work. One thread uses it at a time; its figures may be read by any. */
+/**
+ * One rendition of a transcoder at work. One thread, the transcoder's, uses it at a time; any other may ask for changes,
+ * which that one makes at its next picture, and read the figures.
+ */
 final class RenditionOutput {
     private static final int NOT_OPENED = 2;
     private static final int SIZE_REFUSED = 5; // by OpenH264, of a picture
+    private static final float FIRST_RATE = 30; // pictures per second of an encoder that is told no rate
 
     private final int index;
-    private final Rendition rendition;
     private final Recovery recovery;
+    // Handed over from other threads.
+    private final AtomicReference<Rendition> asked;
+    private final AtomicBoolean keyAsked = new AtomicBoolean();
+    private volatile boolean paused;
+    private volatile boolean removed;
+
+    private Rendition rendition; // as the encoder has it
+    private PictureRate rate = new PictureRate(FIRST_RATE);
+    private boolean keyOwed; // asked for, and not yet delivered
     // The access unit of the picture at hand: out of the encoder's own memory, which a buffer kept too long must not
     // reach into.
     private byte[] bytes = new byte[0];
@@ -28,11 +43,55 @@ final class RenditionOutput {
     RenditionOutput(int index, Rendition rendition, Consumer<? super EncoderFailure> listener) {
         this.index = index;
         this.rendition = rendition;
+        asked = new AtomicReference<>(rendition);
         recovery = new Recovery("Transcoder", index, listener);
     }
 
+    /** The settings that were asked for last. */
     Rendition rendition() {
-        return rendition;
+        return asked.get();
+    }
+
+    /** Any thread: changes the settings of the next picture. */
+    void ask(UnaryOperator<Rendition> change) {
+        asked.updateAndGet(change);
+    }
+
+    /** Any thread: asks for a key picture. */
+    void askForKey() {
+        keyAsked.set(true);
+    }
+
+    /** Any thread: whether the rendition gets no pictures; the first one behind a pause is a key picture. */
+    void pause(boolean pausing) {
+        if (!pausing && paused) {
+            keyAsked.set(true);
+        }
+        paused = pausing;
+    }
+
+    boolean isRemoved() {
+        return removed;
+    }
+
+    boolean isAtWork() {
+        return !paused && !removed;
+    }
+
+    /** Frees the encoder, for good. */
+    void remove(long transcoder) {
+        removed = true;
+        choose(false);
+        MIRVProcessor.releaseOutput(index, transcoder);
+        size = 0;
+        bytes = new byte[0];
+    }
+
+    /** Opens the encoder of a rendition that came later. */
+    void start(long transcoder) {
+        apply(transcoder);
+        MIRVProcessor.startOutput(index, transcoder);
+        checkOpened(transcoder);
     }
 
     /** Hands the settings to the transcoder. Ids begin at 1; they follow the positions. */
@@ -66,10 +125,33 @@ final class RenditionOutput {
         wanted = isWanted;
     }
 
-    /** Makes the picture at hand a key picture; the encoder must not be at work. */
-    void requestKey(long transcoder) {
-        // A rendition of the source's size opens its encoder at its first picture, a key picture anyway.
-        MIRVProcessor.requestKey(index, transcoder);
+    /**
+     * Makes the changes that were asked for, at the picture at hand; the encoder must not be at work.
+     *
+     * @param key whether the picture must be a key picture, whatever was asked for
+     */
+    void steer(long transcoder, long time, boolean key) {
+        Rendition changed = asked.get();
+        if (changed != rendition) {
+            if (changed.bitrate() != rendition.bitrate()) {
+                MIRVProcessor.setBitrate(index, changed.bitrate(), transcoder);
+            }
+            if (changed.frameRate() != rendition.frameRate()) {
+                float told = changed.frameRate() > 0 ? changed.frameRate() : FIRST_RATE;
+                MIRVProcessor.setFrameRate(index, told, transcoder);
+                rate = new PictureRate(told);
+            }
+            rendition = changed;
+        }
+        float measured = rendition.frameRate() > 0 ? 0 : rate.next(time);
+        if (measured > 0) {
+            MIRVProcessor.setFrameRate(index, measured, transcoder);
+        }
+        if (key || keyAsked.get() && keyAsked.getAndSet(false)) {
+            keyOwed = true;
+            // A rendition of the source's size opens its encoder at its first picture, a key picture anyway.
+            MIRVProcessor.requestKey(index, transcoder);
+        }
     }
 
     /** Scales and encodes the transcoder's picture at hand, if it is wanted. */
@@ -126,10 +208,17 @@ final class RenditionOutput {
         recovery.tell(transcoder, time);
     }
 
-    /** Hands the encoded picture, if there is one, to a receiver. */
-    void deliver(long time, Consumer<? super EncodedPicture> receiver) {
+    /**
+     * Hands the encoded picture, if there is one, to a receiver.
+     *
+     * @param written when its access unit was written, of {@link System#nanoTime}
+     */
+    void deliver(long transcoder, long time, long written, Consumer<? super EncodedPicture> receiver) {
         if (size > 0) {
-            EncodedPicture picture = new EncodedPicture(rendition, index, time, bytes, size);
+            int encodedAs = MIRVProcessor.encodedAs(index, transcoder);
+            EncodedPicture picture = new EncodedPicture(rendition, index, time, bytes, size, encodedAs, keyOwed, nanoseconds,
+                    System.nanoTime() - written);
+            keyOwed &= !picture.isAskedFor();
             try {
                 receiver.accept(picture);
             } finally {
@@ -151,7 +240,7 @@ final class RenditionOutput {
     }
 
     Transcoder.RenditionStatistics statistics() {
-        return new Transcoder.RenditionStatistics(rendition, pictures, skipped, failed, totalBytes,
+        return new Transcoder.RenditionStatistics(rendition(), pictures, skipped, failed, totalBytes,
                 Duration.ofNanos(totalNanoseconds));
     }
 }

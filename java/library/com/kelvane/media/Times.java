@@ -9,11 +9,18 @@ final class Times {
     private static final int KEPT = 256;
 
     private final long[] written = new long[KEPT];
+    private final long[] nanoseconds = new long[KEPT];
     private int count;
 
     /** Notes the time of a unit; the NAL units of a picture, each written with its time, count once. */
     void write(long time) {
+        write(time, 0);
+    }
+
+    /** Notes also when that was, of {@link System#nanoTime}. */
+    void write(long time, long now) {
         if (count == 0 || last() != time) {
+            nanoseconds[count % KEPT] = now;
             written[count++ % KEPT] = time;
         }
         if (count == 2 * KEPT) {
@@ -26,13 +33,23 @@ final class Times {
      * hundreds of units that gave no picture, it is taken to lie within 24 days of the last one.
      */
     long of(long lowBits) {
+        int at = find(lowBits);
+        return at >= 0 ? written[at] : last() + (int) (lowBits - last());
+    }
+
+    /** {@return when the last unit with this time was written} When that was too long ago, when the last one of all was. */
+    long writtenAt(long time) {
+        int at = find(time);
+        return nanoseconds[at >= 0 ? at : Math.max(0, count - 1) % KEPT];
+    }
+
+    private int find(long lowBits) {
         for (int i = count - 1; i >= Math.max(0, count - KEPT); i--) {
-            long time = written[i % KEPT];
-            if ((int) time == (int) lowBits) {
-                return time;
+            if ((int) written[i % KEPT] == (int) lowBits) {
+                return i % KEPT;
             }
         }
-        return last() + (int) (lowBits - last());
+        return -1;
     }
 
     /** {@return the time of the last unit, 0 before the first} */

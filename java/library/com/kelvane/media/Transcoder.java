@@ -3,6 +3,7 @@ package com.kelvane.media;
 import com.kelvane.media.transform.codec.MIRVProcessor;
 import java.time.Duration;
 import java.util.ArrayList;
+import java.util.Arrays;
 import java.util.List;
 import java.util.Objects;
 import java.util.StringJoiner;
@@ -30,28 +31,43 @@ import java.util.stream.Stream;
  * back in the decoder; {@link #drain} hands out the last ones. Input that is damaged or is no video gives no picture, and
  * the stream goes on at its next key picture. An encoder that fails at a picture is made anew, see {@link EncoderFailure}.
  *
- * <p>One thread may use a transcoder at a time, and a callback must not call it: both are refused with an
+ * <p>While it runs, any thread may steer it: {@link #bitrate}, {@link #frameRate}, {@link #requestKey}, {@link #pause} and
+ * {@link #resume} take effect with the rendition's next picture. {@link #add} and {@link #remove} are for the thread that
+ * writes, between its calls.
+ *
+ * <p>One thread may use a transcoder at a time, and a callback must not call it but to steer: both are refused with an
  * {@link IllegalStateException}. All work is done on the calling thread unless {@link Builder#parallel} was asked for.
  */
 public final class Transcoder implements AutoCloseable {
+    private static final int NEEDS_KEY = 256; // of the native transcoder
+
     private final Engine engine;
-    private final List<Rendition> renditions;
-    private final RenditionOutput[] outputs;
-    private final ParallelEncoding parallel;
+    private final Executor executor;
     private final Selection selection;
     private final KeyPictures keyPictures;
+    private final Consumer<? super EncoderFailure> failureListener;
+    // Replaced by the thread that is inside, read by any: the array itself does not change.
+    private volatile RenditionOutput[] outputs;
+    private ParallelEncoding parallel;
+    private volatile boolean needsKey;
     private volatile long pictures;
     private volatile long decodeNanoseconds;
     private final Times times = new Times();
 
     private Transcoder(Builder settings) {
-        renditions = List.copyOf(settings.renditions);
+        List<Rendition> renditions = settings.renditions;
         engine = Engine.open("Transcoder", () -> MIRVProcessor.open(renditions.size()), MIRVProcessor::close);
-        outputs = IntStream.range(0, renditions.size()).mapToObj(i -> new RenditionOutput(i, renditions.get(i), settings.failureListener))
-                .toArray(RenditionOutput[]::new);
+        executor = settings.executor;
         selection = settings.selection;
         keyPictures = settings.keyPictures;
-        parallel = settings.executor == null || outputs.length == 1 ? null : new ParallelEncoding(settings.executor, outputs);
+        failureListener = settings.failureListener;
+        use(IntStream.range(0, renditions.size()).mapToObj(i -> new RenditionOutput(i, renditions.get(i), failureListener))
+                .toArray(RenditionOutput[]::new));
+    }
+
+    private void use(RenditionOutput[] changed) {
+        outputs = changed;
+        parallel = executor == null || changed.length == 1 ? null : new ParallelEncoding(executor, changed);
     }
 
     /** {@return a builder without renditions} */
@@ -59,9 +75,12 @@ public final class Transcoder implements AutoCloseable {
         return new Builder();
     }
 
-    /** {@return the renditions, in the order in which they were given} */
+    /**
+     * {@return the renditions by their indices, with the settings that were asked for last} One that was removed keeps its
+     * place until {@link #add} takes that. Any thread may ask.
+     */
     public List<Rendition> renditions() {
-        return renditions;
+        return Stream.of(outputs).map(RenditionOutput::rendition).toList();
     }
 
     /**
@@ -75,25 +94,27 @@ public final class Transcoder implements AutoCloseable {
      * @param accessUnit one access unit in byte-stream form, see {@link AccessUnit}; not changed and not kept
      * @param time presentation time of its picture in milliseconds
      * @param receiver is called during this call only
-     * @return whether a picture was decoded
+     * @return what became of the access unit; {@link WriteResult#isPicture} tells whether a picture was decoded
      * @throws IllegalArgumentException if {@code accessUnit} does not begin with a start code
      * @throws IllegalStateException if this transcoder is closed or in use
      * @throws MediaException if a rendition of {@linkplain Rendition#ofSourceSize() the source's size} cannot be encoded in
      *         that size; the others had their pictures, and go on with the next call
      */
-    public boolean write(byte[] accessUnit, long time, Consumer<? super EncodedPicture> receiver) {
+    public WriteResult write(byte[] accessUnit, long time, Consumer<? super EncodedPicture> receiver) {
         Objects.requireNonNull(receiver, "receiver");
         byte[] unit = AnnexB.checked(accessUnit);
         long handle = engine.enter("write");
         try {
-            times.write(time);
+            times.write(time, System.nanoTime());
             PictureTranscoded event = new PictureTranscoded();
             event.begin();
-            if (!decoded(event, () -> MIRVProcessor.decode(time, unit, handle))) {
-                return false;
+            boolean decoded = decoded(event, () -> MIRVProcessor.decode(time, unit, handle));
+            int outcome = MIRVProcessor.outcome(handle);
+            needsKey = outcome >= NEEDS_KEY;
+            if (decoded) {
+                encode(handle, event, receiver);
             }
-            encode(handle, event, receiver);
-            return true;
+            return WriteResult.of(outcome);
         } finally {
             engine.exit();
         }
@@ -118,6 +139,7 @@ public final class Transcoder implements AutoCloseable {
                 PictureTranscoded event = new PictureTranscoded();
                 event.begin();
                 if (!decoded(event, () -> MIRVProcessor.drain(null, handle))) {
+                    needsKey = false; // which the next stream begins with
                     failures.rethrow();
                     return drained;
                 }
@@ -140,12 +162,14 @@ public final class Transcoder implements AutoCloseable {
     private void encode(long handle, PictureTranscoded event, Consumer<? super EncodedPicture> receiver) {
         pictures++;
         long time = times.of(MIRVProcessor.pictureTime(handle));
+        long written = times.writtenAt(time);
         Failures failures = new Failures();
+        RenditionOutput[] outputs = this.outputs;
         for (int i = 0; i < outputs.length; i++) {
-            boolean wanted = selection == null || selection.wants(i, time);
+            boolean wanted = outputs[i].isAtWork() && (selection == null || selection.wants(i, time));
             outputs[i].choose(wanted);
-            if (wanted && keyPictures != null && keyPictures.isKey(i, time)) {
-                outputs[i].requestKey(handle);
+            if (wanted) {
+                outputs[i].steer(handle, time, keyPictures != null && keyPictures.isKey(i, time));
             }
         }
         if (parallel != null) {
@@ -156,7 +180,7 @@ public final class Transcoder implements AutoCloseable {
                 output.encode(handle);
             }
             failures.of(() -> output.tellFailure(handle, time));
-            failures.of(() -> output.deliver(time, receiver));
+            failures.of(() -> output.deliver(handle, time, written, receiver));
         }
         if (event.shouldCommit()) {
             event.handle = handle;
@@ -168,6 +192,156 @@ public final class Transcoder implements AutoCloseable {
             event.commit();
         }
         failures.rethrow();
+    }
+
+    /**
+     * {@return whether a key picture of the source would help} From an access unit that was {@linkplain WriteResult#DAMAGED
+     * damaged} or {@linkplain WriteResult#REFUSED refused} until a picture comes out that decoding can begin with. Any
+     * thread may ask, a callback too; that is the moment to ask the sender for one, where it listens.
+     */
+    public boolean needsKey() {
+        return needsKey;
+    }
+
+    /**
+     * Sets another target for a rendition, from its next picture on: without a new encoder, without a key picture and
+     * without a lost one. {@link EncodedPicture#rendition} tells which picture carries it. Any thread may call it at any
+     * time, callbacks included; of several calls before a picture the last one counts.
+     *
+     * @param index the rendition's position in {@link #renditions}
+     * @param bitsPerSecond 1000 to 288000000
+     * @throws IllegalArgumentException if the rate is not allowed
+     * @throws IndexOutOfBoundsException if there is no such rendition
+     * @throws IllegalStateException if the rendition was removed, or this transcoder is closed
+     */
+    public void bitrate(int index, int bitsPerSecond) {
+        atWork("bitrate", index).ask(rendition -> rendition.bitrate(bitsPerSecond));
+    }
+
+    /**
+     * Sets the rate that bits are shared out for, as {@link #bitrate} sets the target. A rendition with key pictures every
+     * four seconds keeps to that.
+     *
+     * @param index the rendition's position in {@link #renditions}
+     * @param picturesPerSecond 1 to 60, or 0 to follow the pictures' times, see {@link Rendition#frameRate(int)}
+     * @throws IllegalArgumentException if the rate is not allowed
+     * @throws IndexOutOfBoundsException if there is no such rendition
+     * @throws IllegalStateException if the rendition was removed, or this transcoder is closed
+     */
+    public void frameRate(int index, int picturesPerSecond) {
+        atWork("frameRate", index).ask(rendition -> rendition.frameRate(picturesPerSecond));
+    }
+
+    /**
+     * Makes a rendition's next picture a key picture, from which its key interval is counted; several calls before a picture
+     * count as one. {@link EncodedPicture#isAskedFor} tells which picture it is: the next one that is encoded, also when the
+     * encoder fails in between. Any thread may call it at any time, callbacks included.
+     *
+     * @param index the rendition's position in {@link #renditions}
+     * @throws IndexOutOfBoundsException if there is no such rendition
+     * @throws IllegalStateException if the rendition was removed, or this transcoder is closed
+     */
+    public void requestKey(int index) {
+        atWork("requestKey", index).askForKey();
+    }
+
+    /**
+     * Encodes nothing more into a rendition, which keeps its encoder; nothing when it is paused already. Neither
+     * {@link Selection} nor {@link KeyPictures} are asked about it meanwhile, and its figures do not count the pictures. Any
+     * thread may call it at any time, callbacks included.
+     *
+     * @param index the rendition's position in {@link #renditions}
+     * @throws IndexOutOfBoundsException if there is no such rendition
+     * @throws IllegalStateException if the rendition was removed, or this transcoder is closed
+     */
+    public void pause(int index) {
+        atWork("pause", index).pause(true);
+    }
+
+    /**
+     * Encodes again, from a key picture on; nothing when the rendition is not paused. Any thread may call it at any time,
+     * callbacks included.
+     *
+     * @param index the rendition's position in {@link #renditions}
+     * @throws IndexOutOfBoundsException if there is no such rendition
+     * @throws IllegalStateException if the rendition was removed, or this transcoder is closed
+     */
+    public void resume(int index) {
+        atWork("resume", index).pause(false);
+    }
+
+    /**
+     * Adds a rendition, which begins with the next picture. The others and their indices stay as they are.
+     *
+     * @param rendition its settings
+     * @return its index: the lowest that belongs to none, be it that of a rendition that was removed
+     * @throws IllegalArgumentException if the bit rate is missing
+     * @throws IllegalStateException if this transcoder is closed or in use, or has 65536 renditions
+     * @throws MediaException if the encoder refuses the settings, or there is no memory
+     */
+    public int add(Rendition rendition) {
+        String missing = rendition.missing();
+        if (missing != null) {
+            throw new IllegalArgumentException(rendition.size() + ": " + missing);
+        }
+        long handle = engine.enter("add");
+        try {
+            RenditionOutput[] before = outputs;
+            int index = 0;
+            while (index < before.length && !before[index].isRemoved()) {
+                index++;
+            }
+            if (index == Builder.MOST_RENDITIONS) {
+                throw new IllegalStateException("this Transcoder has " + index + " renditions, the most there can be");
+            }
+            if (index == before.length && MIRVProcessor.addOutput(handle) < 0) {
+                throw new MediaException("there is no memory for another rendition");
+            }
+            RenditionOutput output = new RenditionOutput(index, rendition, failureListener);
+            RenditionOutput[] after = Arrays.copyOf(before, Math.max(before.length, index + 1));
+            after[index] = output;
+            try {
+                output.start(handle);
+            } catch (Throwable failed) {
+                output.remove(handle);
+                throw failed;
+            } finally {
+                use(after);
+            }
+            return index;
+        } finally {
+            engine.exit();
+        }
+    }
+
+    /**
+     * Ends a rendition and frees its encoder. The others and their indices stay as they are.
+     *
+     * @param index the rendition's position in {@link #renditions}
+     * @throws IndexOutOfBoundsException if there is no such rendition
+     * @throws IllegalStateException if the rendition was removed before, or this transcoder is closed or in use
+     */
+    public void remove(int index) {
+        long handle = engine.enter("remove");
+        try {
+            atWork("remove", index).remove(handle);
+            use(outputs);
+        } finally {
+            engine.exit();
+        }
+    }
+
+    private RenditionOutput atWork(String operation, int index) {
+        engine.checkOpen(operation);
+        RenditionOutput[] present = outputs;
+        if (index < 0 || index >= present.length) {
+            throw new IndexOutOfBoundsException("Transcoder." + operation + ": there is no rendition " + index + ", indices are 0 to "
+                    + (present.length - 1));
+        }
+        if (present[index].isRemoved()) {
+            throw new IllegalStateException("Transcoder." + operation + ": rendition " + index + " was removed");
+        }
+        return present[index];
     }
 
     /**

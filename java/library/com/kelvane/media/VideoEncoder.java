@@ -30,6 +30,7 @@ public final class VideoEncoder implements AutoCloseable {
     private final byte[] info = new byte[7];
     private final byte[] buffer; // the picture, over which the engine writes the access unit
     private final Recovery recovery;
+    private final Steering steering = new Steering();
 
     private VideoEncoder(Builder settings) {
         width = settings.width;
@@ -61,6 +62,9 @@ public final class VideoEncoder implements AutoCloseable {
         }
         long handle = engine.enter("encode");
         try {
+            if (steering.isAsked()) {
+                steering.handOver(bits -> OpenH264Encoder.setBitrate(bits, handle) == 1, () -> OpenH264Encoder.requestKey(handle));
+            }
             System.arraycopy(picture.i420(), 0, buffer, 0, buffer.length);
             int failure = tryEncoding(handle);
             if (failure == 0) {
@@ -74,6 +78,30 @@ public final class VideoEncoder implements AutoCloseable {
         } finally {
             engine.exit();
         }
+    }
+
+    /**
+     * Makes the next picture a key picture; several calls before a picture count as one. Any thread may call it at any time.
+     *
+     * @throws IllegalStateException if this encoder is closed
+     */
+    public void requestKey() {
+        engine.checkOpen("requestKey");
+        steering.requestKey();
+    }
+
+    /**
+     * Sets another target, from the next picture on. FFmpeg's encoder takes one only at its opening; so it is made anew,
+     * which costs about as much as encoding a picture: that picture is a key picture, and none is lost. Any thread may call
+     * it at any time; of several calls before a picture the last one counts.
+     *
+     * @param bitsPerSecond 256000 to 288000000
+     * @throws IllegalArgumentException if the rate is not allowed
+     * @throws IllegalStateException if this encoder is closed
+     */
+    public void bitrate(int bitsPerSecond) {
+        engine.checkOpen("bitrate");
+        steering.bitrate(Builder.checkedBitrate(bitsPerSecond));
     }
 
     // Returns 0 when the encoder took the picture; `info` then has the bytes of its access unit. Otherwise `buffer` still
@@ -144,8 +172,12 @@ public final class VideoEncoder implements AutoCloseable {
          * @return this builder
          */
         public Builder bitrate(int bitsPerSecond) {
-            bitrate = Settings.check("bitrate", bitsPerSecond, SMALLEST_BITRATE, LARGEST_BITRATE, "bits per second");
+            bitrate = checkedBitrate(bitsPerSecond);
             return this;
+        }
+
+        private static int checkedBitrate(int bitsPerSecond) {
+            return Settings.check("bitrate", bitsPerSecond, SMALLEST_BITRATE, LARGEST_BITRATE, "bits per second");
         }
 
         /**

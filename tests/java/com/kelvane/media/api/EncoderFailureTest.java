@@ -70,7 +70,7 @@ final class EncoderFailureTest {
                         if (out.index() == 0) {
                             receiver.accept(new AccessUnit(out.copy(), out.time()));
                         }
-                    }));
+                    }).isPicture());
                 }
 
                 @Override
@@ -129,8 +129,8 @@ final class EncoderFailureTest {
     private static Stream<Case> cases() {
         Rendition quality = Rendition.ofSourceSize().bitrate(800_000).rateControl(Rendition.RateControl.QUALITY);
         List<Kind> kinds = List.of(
-                transcoder("by rate", true, Rendition.of(640, 360).bitrate(800_000), false),
-                transcoder("of a high rate", false, Rendition.of(640, 360).bitrate(8_000_000), false),
+                transcoder("by rate", true, Rendition.of(640, 360).bitrate(800_000).frameRate(30), false),
+                transcoder("of a high rate", false, Rendition.of(640, 360).bitrate(8_000_000).frameRate(30), false),
                 transcoder("by quality, of the source's size", true, quality, false),
                 transcoder("with CABAC", true, Rendition.of(640, 360).bitrate(800_000)
                         .entropyCoding(Rendition.EntropyCoding.CABAC), false),

@@ -1,5 +1,6 @@
 package com.kelvane.media.api;
 
+import static org.junit.jupiter.api.Assertions.assertDoesNotThrow;
 import static org.junit.jupiter.api.Assertions.assertEquals;
 import static org.junit.jupiter.api.Assertions.assertNull;
 import static org.junit.jupiter.api.Assertions.assertThrows;
@@ -194,7 +195,8 @@ final class MisuseTest {
                 new Case(() -> Rendition.of(8192, 2304), "size is 8192x2304, allowed are as many pixels as 4096x2304 has"),
                 new Case(() -> Rendition.of(0, 0), "width and height are 0; ofSourceSize() takes the source's"),
                 new Case(() -> small.bitrate(999), "bitrate is 999, allowed are 1000 to 288000000 bits per second"),
-                new Case(() -> small.frameRate(61), "frameRate is 61, allowed are 1 to 60 pictures per second"),
+                new Case(() -> small.frameRate(61), "frameRate is 61, allowed are 1 to 60 pictures per second,"
+                        + " or 0 to follow the pictures' times"),
                 new Case(() -> small.keyInterval(-1),
                         "keyInterval is -1, allowed are 1 to 480 pictures, or 0 for every four seconds"),
                 new Case(() -> small.quantisers(40, 20), "smallestQuantiser 40 is above largestQuantiser 20"),
@@ -236,6 +238,59 @@ final class MisuseTest {
             assertEquals("a frame has 3840 bytes, not 3839",
                     messageOf(IllegalArgumentException.class, () -> encoder.encode(new byte[3839])));
         }
+    }
+
+    /** Each names the call; none changes anything. */
+    @Test
+    void refusesWrongSteering() {
+        record Case(Class<? extends Exception> type, Executable call, String message) {
+        }
+        Class<IllegalStateException> state = IllegalStateException.class;
+        Class<IllegalArgumentException> argument = IllegalArgumentException.class;
+        Class<IndexOutOfBoundsException> bounds = IndexOutOfBoundsException.class;
+        Transcoder ladder = Transcoder.builder().rendition(Rendition.of(64, 48).bitrate(100_000))
+                .rendition(Rendition.of(32, 32).bitrate(50_000)).open();
+        VideoEncoder encoder = VideoEncoder.builder().size(64, 48).bitrate(300_000).open();
+        Pipeline pipeline = Pipeline.builder().open();
+        Pipeline passing = Pipeline.builder().passThrough().open();
+        Transcoder closed = transcoder();
+        closed.close();
+        ladder.remove(1);
+        List<Case> cases = new ArrayList<>(List.of(
+                new Case(bounds, () -> ladder.bitrate(2, 100_000), "Transcoder.bitrate: there is no rendition 2, indices are 0 to 1"),
+                new Case(bounds, () -> ladder.pause(-1), "Transcoder.pause: there is no rendition -1, indices are 0 to 1"),
+                new Case(argument, () -> ladder.bitrate(0, 999), "bitrate is 999, allowed are 1000 to 288000000 bits per second"),
+                new Case(argument, () -> ladder.bitrate(0, 0), "bitrate is 0, allowed are 1000 to 288000000 bits per second"),
+                new Case(argument, () -> ladder.frameRate(0, -1), "frameRate is -1, allowed are 1 to 60 pictures per second,"
+                        + " or 0 to follow the pictures' times"),
+                new Case(state, () -> ladder.requestKey(1), "Transcoder.requestKey: rendition 1 was removed"),
+                new Case(state, () -> ladder.remove(1), "Transcoder.remove: rendition 1 was removed"),
+                new Case(argument, () -> ladder.add(Rendition.of(64, 48)),
+                        "64x48: no bit rate was given, allowed are 1000 to 288000000 bits per second"),
+                new Case(NullPointerException.class, () -> ladder.add(null), null),
+                new Case(state, () -> closed.resume(0), "Transcoder.resume: this Transcoder is closed"),
+                new Case(state, () -> closed.add(Rendition.of(64, 48).bitrate(1000)), "Transcoder.add: this Transcoder is closed"),
+                new Case(argument, () -> encoder.bitrate(255_999), "bitrate is 255999, allowed are 256000 to 288000000 bits per second"),
+                new Case(argument, () -> pipeline.bitrate(0), "bitrate is 0, allowed are 1000 to 288000000 bits per second"),
+                new Case(state, passing::requestKey, "Pipeline.requestKey: nothing is encoded in pass-through mode")));
+        ladder.write(UNIT, 0, picture -> {
+            String inside = ": called from a callback of the same Transcoder, which is still at work; do it when the call that makes"
+                    + " the callbacks has returned";
+            for (Case wrong : List.of(new Case(state, () -> ladder.remove(0), "Transcoder.remove" + inside),
+                    new Case(state, () -> ladder.add(Rendition.of(64, 48).bitrate(1000)), "Transcoder.add" + inside))) {
+                assertEquals(wrong.message, messageOf(wrong.type, wrong.call));
+            }
+        });
+        for (Case wrong : cases) {
+            String message = messageOf(wrong.type, wrong.call);
+            assertTrue(wrong.message == null || wrong.message.equals(message), message);
+        }
+        assertEquals(100_000, ladder.renditions().get(0).bitrate());
+        for (AutoCloseable engine : List.of(ladder, encoder, pipeline, passing)) {
+            assertDoesNotThrow(engine::close);
+        }
+        assertEquals("VideoEncoder.requestKey: this VideoEncoder is closed", messageOf(state, encoder::requestKey));
+        assertEquals("Pipeline.bitrate: this Pipeline is closed", messageOf(state, () -> pipeline.bitrate(5000)));
     }
 
     private static void concealing(Duration duration) {
@@ -371,7 +426,7 @@ final class MisuseTest {
                 if (types[i] == byte[].class) {
                     arrays.add(arrays.isEmpty() ? input.clone() : new byte[PACKED]);
                 }
-                arguments[i] = types[i] == int.class ? (Object) 0 : types[i] == boolean.class ? false
+                arguments[i] = types[i] == int.class ? (Object) 0 : types[i] == float.class ? (Object) 25f : types[i] == boolean.class ? false
                         : types[i] == long.class ? (Object) (last && i != left ? handle : 0L) : i == left ? null : types[i] == String.class ? "x" : types[i] == byte[].class
                         ? arrays.get(arrays.size() - 1) : new Object();
             }
@@ -390,16 +445,19 @@ final class MisuseTest {
                         + "avframe_set_data null: null, avframe_set_key_frame null:, avframe_set_linesize null:, "
                         + "avpacket_set_data null: null, avpicture_fill -22:, sws_freeContext null: null, "
                         + "sws_getCachedContext 0:, sws_scale -1: -1, sws_scale -1: -1 -1"),
-                new Bare(MIRVProcessor.class, UNIT, "apply 0: 0 0 0, copyEncoded 0: 0 0, decode 1: 0 0, drain 0: 0 0, "
-                        + "encode 0: 0 0, encodeInto 0: 0 0, failure 0: 0, pictureTime 0: 0, renew 0: 0, requestKey 0: 0, start 1: 1, "
+                new Bare(MIRVProcessor.class, UNIT, "addOutput 1: -1, apply 0: 0 0 0, copyEncoded 0: 0 0, decode 1: 0 0, drain 0: 0 0, "
+                        + "encode 0: 0 0, encodeInto 0: 0 0, encodedAs 0: 0, failure 0: 0, outcome 3: 3, pictureTime 0: 0, releaseOutput 1: 0, "
+                        + "renew 0: 0, requestKey 0: 0, setBitrate 1: 0, setFrameRate 1: 0, start 1: 1, startOutput 1: 0, "
                         + "status 2: 2, write 1: 1 0 0", 1),
                 new Bare(AVCDecoder.class, UNIT, "decode 1: 0 0 0 0, decodeAt 1: 0 0 0 0, drain 0: 0 0 0, "
                         + "pictureTime 0: 0, take 0: 0 0 0"),
                 new Bare(AVCEncoder.class, new byte[PACKED], "encode 0: 0 0 0, loadLibrary 1: 0, problem null", 176, 144, 25,
                         50, 300_000),
                 new Bare(AVCProcessor.class, UNIT, "apply -1: -1 -1 -1, attached 0: 0, brew 1: 0, drain 0: 0 0, failure 0: 0, "
-                        + "loadLibrary 0: 0, pictureTime 0: 0, problem null, read 0: 0 0 0, renew 0: 0, retry 0: 0 0, write 1: 0 0 0", 25, 300_000, 0, 0, 0, 0),
-                new Bare(OpenH264Encoder.class, new byte[PACKED], "encode 1: 0 0 0, failure 0: 0, renew 1: 0, status 0: 1", 176, 144, 25, 300_000, 0),
+                        + "loadLibrary 0: 0, pictureTime 0: 0, problem null, read 0: 0 0 0, renew 0: 0, requestKey 1: 0, "
+                        + "retry 0: 0 0, setBitrate 1: 0, write 1: 0 0 0", 25, 300_000, 0, 0, 0, 0),
+                new Bare(OpenH264Encoder.class, new byte[PACKED], "encode 1: 0 0 0, failure 0: 0, renew 1: 0, "
+                        + "requestKey 1: 0, setBitrate 1: 0, status 0: 1", 176, 144, 25, 300_000, 0),
                 new Bare(AACDecoder.class, AAC_LC_STEREO, "decode 0: 0 0 0 0, open 0", AAC_LC_STEREO),
                 new Bare(AACEncoder.class, sound, "encode 0: 0 0 0 -1", 2, 48_000),
                 new Bare(MPADecoder.class, sound, "decode 0: 0 0 0 0"),

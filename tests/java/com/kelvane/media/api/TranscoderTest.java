@@ -15,6 +15,7 @@ import com.kelvane.media.Pipeline;
 import com.kelvane.media.Rendition;
 import com.kelvane.media.Transcoder;
 import com.kelvane.media.VideoDecoder;
+import com.kelvane.media.WriteResult;
 import java.nio.ByteBuffer;
 import java.nio.file.Files;
 import java.nio.file.Path;
@@ -196,10 +197,39 @@ final class TranscoderTest {
             byte[] noise = new byte[2000];
             new java.util.Random(7).nextBytes(noise);
             System.arraycopy(new byte[] {0, 0, 0, 1, 0x65}, 0, noise, 0, 5);
-            assertFalse(transcoder.write(noise, 0, picture -> { }));
+            assertEquals(WriteResult.REFUSED, transcoder.write(noise, 0, picture -> { }));
             List<Long> times = new ArrayList<>();
             run(transcoder, source, picture -> times.add(picture.time()));
             assertEquals(15, times.size());
+        }
+    }
+
+    /** D decoded, d damaged, H held back, N no picture, R refused; a small letter behind it: a key picture would help. */
+    @Test
+    void saysWhatBecameOfEachAccessUnit() {
+        record Case(String stream, int lost, int cut, String results) {
+        }
+        List<byte[]> fields = Vectors.units("fields.h264");
+        for (Case given : List.of(new Case(Vectors.PLAIN, -1, -1, "D{30}"), new Case(Vectors.REORDERED, -1, -1, "H{2}D{28}"),
+                new Case(Vectors.CHANGING, -1, -1, "D{15}"), new Case("slices.h264", -1, -1, "H{2}D{22}"),
+                new Case("fields.h264", -1, -1, "(HD){" + fields.size() / 2 + "}"),
+                new Case(Vectors.PLAIN, 5, -1, "D{5}Ndk(Dk)+D+"), new Case(Vectors.PLAIN, 0, -1, "N(Rk)+D+"),
+                new Case(Vectors.PLAIN, -1, 7, "D{7}Rk(dk)+(Dk)*D+"))) {
+            StringBuilder results = new StringBuilder();
+            try (Transcoder transcoder = Transcoder.builder().rendition(LADDER.get(0)).open()) {
+                assertFalse(transcoder.needsKey());
+                List<byte[]> units = Vectors.units(given.stream);
+                for (int i = 0; i < units.size(); i++) {
+                    byte[] unit = i == given.lost ? new byte[] {0, 0, 0, 1, 9, (byte) 0xf0} : i == given.cut
+                            ? java.util.Arrays.copyOf(units.get(i), units.get(i).length / 2) : units.get(i);
+                    boolean[] got = new boolean[1];
+                    WriteResult result = transcoder.write(unit, 40L * i, picture -> got[0] = true);
+                    assertEquals(got[0], result.isPicture());
+                    results.append(result == WriteResult.DAMAGED ? 'd' : result.name().charAt(0));
+                    results.append(transcoder.needsKey() ? "k" : "");
+                }
+            }
+            assertTrue(results.toString().matches(given.results), given + ": " + results);
         }
     }
 
@@ -278,7 +308,7 @@ final class TranscoderTest {
                         }));
                 assertEquals("number 0", thrown.getMessage());
                 assertEquals(List.of(0, 1, 2), called);
-                assertTrue(transcoder.write(source.get(1).bytes(), 40, picture -> called.add(picture.index())));
+                assertTrue(transcoder.write(source.get(1).bytes(), 40, picture -> called.add(picture.index())).isPicture());
                 assertEquals(6, called.size());
             }
         }

@@ -174,6 +174,25 @@ public final class AVCProcessor {
     public static native int failure(long handle);
 
     /**
+     * Makes the next picture that is encoded a key frame.
+     *
+     * @param handle the pipeline, or 0
+     * @return 1 when it will be; 0 in pass-through mode and for a handle of 0
+     */
+    public static native int requestKey(long handle);
+
+    /**
+     * Sets another target, as {@link OpenH264Encoder#setBitrate} does; before the first picture, that of the encoder to
+     * come.
+     *
+     * @param bitsPerSecond above 0
+     * @param handle the pipeline, or 0
+     * @return 1 when it holds from the next picture on; 0 when FFmpeg opened no such encoder, the one there was going on, in
+     *         pass-through mode and for a handle of 0
+     */
+    public static native int setBitrate(int bitsPerSecond, long handle);
+
+    /**
      * Makes the encoder anew, with the same settings. The picture that it encodes next is a key frame. From then on it has
      * no lines on the standard output for pictures that fail.
      *

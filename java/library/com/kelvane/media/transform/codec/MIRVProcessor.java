@@ -217,6 +217,18 @@ public final class MIRVProcessor {
     public static native long pictureTime(long handle);
 
     /**
+     * What became of the access unit of the last {@link #write} or {@link #decode}; to be called once behind each, as it
+     * goes by what it was told before.
+     *
+     * @param handle the transcoder, or 0
+     * @return 0 when a picture came out; 1 when one did in which errors were concealed, or others before it are missing; 2
+     *         when its picture is held back; 3 when it has none, behind {@link #drain} and for a handle of 0; 4 when
+     *         nothing can be made of it; plus 256 since one of 1 or 4, until a picture comes out that decoding can begin
+     *         with
+     */
+    public static native int outcome(long handle);
+
+    /**
      * What became of a rendition's encoder.
      *
      * @param output the rendition's position, from 0, in the order in which the ids were first applied
@@ -236,6 +248,69 @@ public final class MIRVProcessor {
      *         handle of 0
      */
     public static native int requestKey(int output, long handle);
+
+    /**
+     * Sets another target and maximum for a rendition, from its next picture on: without a new encoder, without a key frame
+     * and without a lost picture. To be called while no other thread encodes this rendition. {@link #renew} keeps it.
+     *
+     * @param output the rendition's position, from 0, in the order in which the ids were first applied
+     * @param bitsPerSecond above 0
+     * @param handle the transcoder, or 0
+     * @return 1 when the encoder takes it, or is not open yet and will; 0 when OpenH264 refused it, for a position that there
+     *         is not and for a handle of 0
+     */
+    public static native int setBitrate(int output, int bitsPerSecond, long handle);
+
+    /**
+     * Sets the rate that bits are shared out for, as {@link #setBitrate} sets the target. A rendition without a key-frame
+     * period of its own keeps to one of four seconds.
+     *
+     * @param output the rendition's position, from 0, in the order in which the ids were first applied
+     * @param picturesPerSecond 1 to 60; less counts as 1, more as 60
+     * @param handle the transcoder, or 0
+     * @return as {@code setBitrate}
+     */
+    public static native int setFrameRate(int output, float picturesPerSecond, long handle);
+
+    /**
+     * Makes room for one more rendition. Like those of {@link #open} it has no settings at first, and is claimed by the next
+     * new id that {@link #apply} is given. To be called while no other thread encodes.
+     *
+     * @param handle the transcoder, or 0
+     * @return its position; -1 when there is no memory, there are 65536 renditions, and for a handle of 0
+     */
+    public static native int addOutput(long handle);
+
+    /**
+     * Opens the encoder of one rendition, as {@link #start} does for all of them; one that was released takes part again.
+     *
+     * @param output the rendition's position, from 0, in the order in which the ids were first applied
+     * @param handle the transcoder, or 0
+     * @return 1; 0 for a position that there is not and for a handle of 0
+     */
+    public static native int startOutput(int output, long handle);
+
+    /**
+     * Frees a rendition's encoder and its memory, and takes back its settings, those of {@link #setBitrate} and
+     * {@link #setFrameRate} included; its position and its id stay. It encodes nothing, and callbacks carry null for it,
+     * until {@link #startOutput}. To be called while no other thread encodes.
+     *
+     * @param output the rendition's position, from 0, in the order in which the ids were first applied
+     * @param handle the transcoder, or 0
+     * @return 1; 0 for a position that there is not and for a handle of 0
+     */
+    public static native int releaseOutput(int output, long handle);
+
+    /**
+     * How a rendition encoded the picture that it was given last.
+     *
+     * @param output the rendition's position, from 0, in the order in which the ids were first applied
+     * @param handle the transcoder, or 0
+     * @return the type times 256, 1 for an IDR picture, 2 for an I and 3 for a P picture, plus the average quantiser of its
+     *         macroblocks, 0 where the encoder does not tell; 0 when the rendition has nothing for that picture, for a
+     *         position that there is not and for a handle of 0
+     */
+    public static native int encodedAs(int output, long handle);
 
     /**
      * Why a rendition has nothing for the picture that it was given last: its encoder skipped that, or failed. After a

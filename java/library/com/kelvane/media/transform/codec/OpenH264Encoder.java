@@ -68,6 +68,25 @@ public final class OpenH264Encoder {
     public static native int status(long handle);
 
     /**
+     * Makes the next picture that is encoded a key frame.
+     *
+     * @param handle the encoder, or 0
+     * @return 1 when it will be; 0 when the encoder did not open and for a handle of 0
+     */
+    public static native int requestKey(long handle);
+
+    /**
+     * Sets another target. FFmpeg takes it in an encoder of its own, which this makes: the next picture is a key frame, and
+     * no picture is lost.
+     *
+     * @param bitsPerSecond above 0
+     * @param handle the encoder, or 0
+     * @return 1 when it holds from the next picture on; 0 when FFmpeg opened no such encoder, the one there was going on,
+     *         when the encoder did not open and for a handle of 0
+     */
+    public static native int setBitrate(int bitsPerSecond, long handle);
+
+    /**
      * Why the last picture yielded no access unit: the encoder skipped it, or failed. After a failure OpenH264 encodes
      * nothing more until {@link #renew}.
      *
