@@ -30,10 +30,11 @@ import picocli.CommandLine.TypeConversionException;
 @Command(name = "live", mixinStandardHelpOptions = true, versionProvider = Kelvane.Version.class, sortOptions = false,
         usageHelpAutoWidth = true,
         description = {"Makes a sliding HLS ladder of a stream while it comes.", ""},
-        footer = {"", "DIR receives master.m3u8, a folder of segments and their playlist for each rendition, and index.html, a"
-                + " page with a player and the live figures. Sound is carried with the pictures: AAC is copied, MP3, Opus and PCM"
-                + " become AAC. When standard input or the file ends, or at Ctrl-C (SIGINT, SIGTERM), the playlists are finished:"
-                + " what the window has kept can be played from its beginning to its end.", "",
+        footer = {"", "DIR receives master.m3u8, a folder of segments and their playlist for each rendition and for the sound, and"
+                + " index.html, a page with a player and the live figures. AAC is copied, MP3, Opus and PCM become AAC. When"
+                + " standard input or the file ends, or at Ctrl-C (SIGINT, SIGTERM), the playlists are finished: what the window"
+                + " has kept can be played from its beginning to its end. The port stays while players still read; a second"
+                + " Ctrl-C ends at once.", "",
                 "Where times jump, or another writer begins, the ladder's own times go on. When the machine is too slow, the"
                 + " largest rendition is left out until there is time for it; the next smaller one's segments stand in for it in"
                 + " its playlist.", "", "Example:", "  ffmpeg -i rtmp://localhost/live/one -c copy -f mpegts - | kelvane live - --http"
