@@ -349,7 +349,7 @@ TEST(Primitives, SharpPicturesStayWithinTheTables) {
     for (const int brightest : {255, 1}) {
         Bytes picture = noise(from.size());
         for (size_t i = 0; brightest == 1 && i < picture.size(); ++i)
-            picture[i] = i % 2 ? 0 : static_cast<uint8_t>(160 + picture[i] % 32);
+            picture[i] = static_cast<uint8_t>(i % 2 ? 0 : 160 + picture[i] % 32);
         EXPECT_EQ(scaleArray(context.address, javaArray(picture), from, 0, 60, target, to), 60);
         EXPECT_TRUE(bytesOf(target) ==
                     (brightest == 1

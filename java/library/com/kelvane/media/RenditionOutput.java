@@ -133,8 +133,9 @@ final class RenditionOutput {
     void steer(long transcoder, long time, boolean key) {
         Rendition changed = asked.get();
         if (changed != rendition) {
-            if (changed.bitrate() != rendition.bitrate()) {
-                MIRVProcessor.setBitrate(index, changed.bitrate(), transcoder);
+            if (changed.bitrate() != rendition.bitrate()
+                    && MIRVProcessor.setBitrate(index, changed.bitrate(), transcoder) == 0) {
+                changed = changed.bitrate(rendition.bitrate()); // refused, and asked for again at the next picture
             }
             if (changed.frameRate() != rendition.frameRate()) {
                 float told = changed.frameRate() > 0 ? changed.frameRate() : FIRST_RATE;
