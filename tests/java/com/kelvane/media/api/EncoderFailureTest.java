@@ -234,7 +234,9 @@ final class EncoderFailureTest {
         String output = new String(run.getInputStream().readAllBytes(), StandardCharsets.UTF_8);
         assertEquals(0, run.waitFor(), output);
         assertTrue(output.contains("\n3000 failed, 3000 told\n"), output);
-        assertTrue(output.lines().filter(line -> line.contains("grew by")).allMatch(line -> line.matches(".* [0-3] MB")), output);
+        boolean keepsWhatIsFreed = System.getenv("ASAN_OPTIONS") != null; // to find uses of it, up to 256 MB
+        assertTrue(keepsWhatIsFreed || output.lines().filter(line -> line.contains("grew by"))
+                .allMatch(line -> line.matches(".* [0-3] MB")), output);
         assertTrue(!fake || output.contains("\n391 encoders\n"), output); // for each of 300, then for each 30th
         assertTrue(output.lines().count() < 40, output);
     }
