@@ -85,7 +85,7 @@ Implementation-Title: $4
 Implementation-Version: $version
 Automatic-Module-Name: com.kelvane.media.$3.${1//-/.}
 Needs-Glibc: $(newest_version GLIBC "${files[@]}")
-Needs-Libstdcxx: $(newest_version GLIBCXX "${files[@]}")
+Needs-Libstdcxx: GLIBCXX_$(newest_version GLIBCXX "${files[@]}") CXXABI_$(newest_version CXXABI "${files[@]}")
 MANIFEST
   pack "$2" "-$1" "$contents" --manifest "$work/natives-manifest"
 }
