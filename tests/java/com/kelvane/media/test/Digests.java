@@ -60,11 +60,13 @@ public final class Digests {
         Path vectors = Path.of(arguments[0]);
         for (String name : List.of("baseline", "bframes", "fields", "size_change", "slices", "refresh", "odd", "yuv422")) {
             List<byte[]> units = AccessUnit.split(Files.readAllBytes(vectors.resolve(name + ".h264")));
+            // Pictures of an odd size or with more colour go through FFmpeg's scaler, which rounds as the processor does.
+            String what = (List.of("odd", "yuv422").contains(name) ? "scaled " : "decoded ") + name;
             try (VideoDecoder decoder = VideoDecoder.open()) {
                 for (byte[] unit : units) {
-                    decoder.decode(unit, 0).ifPresent(picture -> print("decoded " + name, picture.i420()));
+                    decoder.decode(unit, 0).ifPresent(picture -> print(what, picture.i420()));
                 }
-                decoder.drain(picture -> print("decoded " + name, picture.i420()));
+                decoder.drain(picture -> print(what, picture.i420()));
             }
         }
         try (Transcoder ladder = Transcoder.builder().rendition(Rendition.of(320, 180).bitrate(400_000).keyInterval(10))
