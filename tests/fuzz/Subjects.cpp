@@ -204,13 +204,21 @@ public:
         const Choices& choices = script.choices;
         engine.channels = 2 - choices[0] % 2;
         engine.fec = choices[1] % 3;
+        copies = choices[2] % 49;
         engine.open();
     }
     uint64_t give(const Bytes& packet, uint32_t) override {
         if (!engine.decoder) return 0;
+        const auto* bytes = reinterpret_cast<uint8_t*>(input(packet));
+        // The packet before it counts as lost when so chosen.
+        const bool lost = copies && NOpusDecoder::carriesFec(bytes, sizeOf(packet));
+        if (lost) engine.decodeLost(120 * copies, bytes, sizeOf(packet));
         const int samples = engine.decode(reinterpret_cast<uint8_t*>(input(packet)), sizeOf(packet));
         return hashOf(engine.output.get(), int64_t{2} * samples * engine.channels);
     }
+
+private:
+    int copies = 0;
 };
 
 int choiceOf(const Choices& choices, size_t which, int first, int second, int third) {
@@ -240,6 +248,10 @@ public:
         engine.bitrate = choiceOf(choices, 1, 64000, 6000, 510000);
         engine.frameSize = choiceOf(choices, 2, 960, 120, 961);
         engine.open();
+        if (!engine.encoder || choices[3] % 2 == 0) return;
+        for (int request = OPUS_SET_APPLICATION_REQUEST; request <= OPUS_SET_EXPERT_FRAME_DURATION_REQUEST;
+             request += 2)
+            engine.set(request, request < OPUS_SET_FORCE_CHANNELS_REQUEST ? choices[3] / 2 % 3 : OPUS_AUTO);
     }
     uint64_t give(const Bytes& pcm, uint32_t) override {
         if (!engine.encoder || sizeOf(pcm) < engine.frameSize * engine.channels * 2) return 0;
