@@ -47,14 +47,14 @@ int64_t PcmResampler::room(int samples) const {
 
 int PcmResampler::convert(const uint8_t* pcm, int samples) {
     const auto needed = static_cast<size_t>(room(samples));
-    if (needed > outputSize || !output) {
+    if (needed > capacity || !output) {
         output = mallocBuffer(needed);
-        outputSize = output ? needed : 0;
+        capacity = output ? needed : 0;
         if (!output) return 0;
     }
     uint8_t* out = output.get();
-    const int capacity = static_cast<int>(needed / static_cast<size_t>(result.bytes()));
-    const int made = swr_convert(resampler.get(), &out, capacity, pcm ? &pcm : nullptr, samples);
+    const int most = static_cast<int>(needed) / result.bytes();
+    const int made = swr_convert(resampler.get(), &out, most, pcm ? &pcm : nullptr, samples);
     if (!pcm) swr_init(resampler.get());
     return std::max(made, 0);
 }

@@ -17,8 +17,8 @@ public:
     int64_t handle = 0;
     ResamplerOwner resampler; // null means that open() failed
     Format input, result;
-    MallocBuffer output;   // PCM of the last call
-    size_t outputSize = 0; // bytes that there are in it
+    MallocBuffer output; // PCM of the last call
+    size_t capacity = 0; // bytes of `output`
 
     void open();
 
@@ -26,8 +26,7 @@ public:
     int64_t room(int samples) const;
 
     // Returns the samples per channel in `output`. No `pcm` is the end of the stream: what is left comes out,
-    // and another stream may follow. What did not come out of an earlier stream is lost when FFmpeg fails;
-    // that is 0.
+    // and another stream may follow. 0 also when FFmpeg fails.
     int convert(const uint8_t* pcm, int samples);
 
     void close();

@@ -5,6 +5,7 @@
 #include "audio/MP3AudioDecoder.h"
 #include "audio/NOpusDecoder.h"
 #include "audio/NOpusEncoder.h"
+#include "audio/PcmResampler.h"
 #include "bridge/Registries.h"
 #include "com_kelvane_media_Tarnwick.h"
 #include "com_kelvane_media_transform_codec_AVCProcessor.h"
@@ -257,6 +258,27 @@ public:
         if (!engine.encoder || sizeOf(pcm) < engine.frameSize * engine.channels * 2) return 0;
         const int size = engine.encode(reinterpret_cast<short*>(input(pcm)));
         return engine.packetSize > 0 ? hashOf(engine.packet.get(), size) : 0;
+    }
+};
+
+class ResamplerSubject final : public EngineSubject<PcmResampler> {
+public:
+    void open(const Script& script) override {
+        const Choices& choices = script.choices;
+        engine.input = {2 - choices[0] % 2, choiceOf(choices, 1, 44100, 7350, 192000)};
+        engine.result = {2 - choices[0] / 2 % 2, choiceOf(choices, 2, 48000, 47999, 8000)};
+        engine.open();
+    }
+    uint64_t give(const Bytes& pcm, uint32_t) override {
+        if (!engine.resampler) return 0;
+        const auto* bytes = reinterpret_cast<const uint8_t*>(input(pcm));
+        return taken(engine.convert(bytes, sizeOf(pcm) / engine.input.bytes()));
+    }
+    uint64_t drain() override { return engine.resampler ? taken(engine.convert(nullptr, 0)) : 0; }
+
+private:
+    uint64_t taken(int samples) {
+        return hashOf(engine.output.get(), int64_t{samples} * engine.result.bytes());
     }
 };
 
@@ -577,6 +599,7 @@ const std::vector<SubjectKind>& subjectKinds() {
         {"primitives", make<PrimitivesSubject>, noise, {"300"}, false},
         {"aac-encoder", make<AacEncoderSubject>, noise, {"4096"}, false},
         {"opus-encoder", make<OpusEncoderSubject>, noise, {"3840"}, false},
+        {"resampler", make<ResamplerSubject>, noise, {"3841"}, false},
         {"openh264", make<OpenH264Subject>, noise, {"4608"}, false},
         {"ffmpeg-h264", make<FFmpegEncoderSubject>, noise, {"4608"}, false},
     };

@@ -67,7 +67,7 @@ public final class NOpusDecoder {
      * longer than the copy, and all where there is none, is concealed as by {@code conceal}.
      *
      * @param samples per channel, as for {@code conceal}
-     * @param next the packet behind the lost one
+     * @param next the packet behind the lost one; an empty one has no copy
      * @param output as for {@code decode}
      * @param handle the decoder, or 0
      * @return as {@code conceal}; 0 also when {@code next} cannot be decoded
