@@ -6,10 +6,12 @@ import com.kelvane.media.Picture;
 import com.kelvane.media.VideoDecoder;
 import java.io.IOException;
 import java.io.UncheckedIOException;
+import java.nio.ByteBuffer;
 import java.nio.file.Files;
 import java.nio.file.Path;
 import java.util.ArrayList;
 import java.util.List;
+import java.util.stream.IntStream;
 
 /** The streams of tests/data, and what the tests of the API do with them time and again. */
 final class Vectors {
@@ -23,9 +25,9 @@ final class Vectors {
     static final String CHANGING = "size_change.h264";
 
     /** One picture as it came out, copied. */
-    record Encoded(int index, long time, boolean key, List<Byte> bytes) {
+    record Encoded(int index, long time, boolean key, ByteBuffer bytes) {
         static Encoded of(EncodedPicture picture) {
-            return new Encoded(picture.index(), picture.time(), picture.isKey(), list(picture.copy()));
+            return new Encoded(picture.index(), picture.time(), picture.isKey(), ByteBuffer.wrap(picture.copy()));
         }
     }
 
@@ -43,24 +45,12 @@ final class Vectors {
     /** A stream with presentation times in milliseconds, 40 from picture to picture; found by decoding it. */
     static List<AccessUnit> timed(String name) {
         List<byte[]> units = units(name);
-        List<Picture> pictures = new ArrayList<>();
-        try (VideoDecoder decoder = VideoDecoder.open()) {
-            for (int i = 0; i < units.size(); i++) { // the position serves as a time
-                decoder.decode(units.get(i), i).ifPresent(pictures::add);
-            }
-            decoder.drain(pictures::add);
-        }
-        List<AccessUnit> timed = new ArrayList<>();
-        for (int i = 0; i < units.size(); i++) {
-            for (int rank = 0; rank < pictures.size(); rank++) {
-                if (pictures.get(rank).time() == i) {
-                    timed.add(new AccessUnit(units.get(i), 40L * rank));
-                }
-            }
-        }
-        return timed;
+        List<Long> order = decode(units).stream().map(Picture::time).toList();
+        return IntStream.range(0, units.size()).filter(i -> order.contains((long) i))
+                .mapToObj(i -> new AccessUnit(units.get(i), 40L * order.indexOf((long) i))).toList();
     }
 
+    /** Each picture's time is the number of its unit. */
     static List<Picture> decode(List<byte[]> units) {
         List<Picture> pictures = new ArrayList<>();
         try (VideoDecoder decoder = VideoDecoder.open()) {
@@ -70,14 +60,6 @@ final class Vectors {
             decoder.drain(pictures::add);
         }
         return pictures;
-    }
-
-    static List<Byte> list(byte[] bytes) {
-        List<Byte> list = new ArrayList<>(bytes.length);
-        for (byte value : bytes) {
-            list.add(value);
-        }
-        return list;
     }
 
     /** Peak signal-to-noise ratio of two pictures' luma in dB. */
