@@ -14,7 +14,6 @@ import com.kelvane.media.Transcoder;
 import com.kelvane.media.VideoEncoder;
 import com.kelvane.media.test.Uncompressed;
 import java.nio.charset.StandardCharsets;
-import java.nio.file.Files;
 import java.nio.file.Path;
 import java.util.ArrayList;
 import java.util.List;
@@ -22,8 +21,7 @@ import java.util.function.BiConsumer;
 import java.util.function.Consumer;
 import java.util.stream.LongStream;
 import java.util.stream.Stream;
-import jdk.jfr.Recording;
-import jdk.jfr.consumer.RecordingFile;
+import jdk.jfr.consumer.RecordedEvent;
 import org.junit.jupiter.api.Test;
 import org.junit.jupiter.params.ParameterizedTest;
 import org.junit.jupiter.params.provider.MethodSource;
@@ -147,25 +145,20 @@ final class EncoderFailureTest {
 
     @Test
     void tellsTheFlightRecorderAndThrowsWhatTheListenerThrows() throws Exception {
-        Path file = Files.createTempFile("kelvane", ".jfr");
         Engine engine = PIPELINE.opener.open(320, 180, failure -> {
             throw new ArithmeticException("told");
         });
-        try (Recording recording = new Recording(); AutoCloseable opened = engine.opened) {
-            recording.start();
-            for (int i = 0; i < BEFORE; i++) {
-                engine.write.accept(Uncompressed.grey(320, 180, 40 * i), unit -> { });
-            }
-            Picture noise = Uncompressed.noise(320, 180, 40 * BEFORE, false);
-            assertThrows(ArithmeticException.class, () -> engine.write.accept(noise, unit -> { }));
-            recording.stop();
-            recording.dump(file);
-            assertEquals(List.of("Pipeline 0 false"), RecordingFile.readAllEvents(file).stream()
-                    .filter(event -> event.getEventType().getName().equals("com.kelvane.media.PictureFailed"))
+        try (AutoCloseable opened = engine.opened) {
+            List<RecordedEvent> events = Vectors.recorded(() -> {
+                for (int i = 0; i < BEFORE; i++) {
+                    engine.write.accept(Uncompressed.grey(320, 180, 40 * i), unit -> { });
+                }
+                Picture noise = Uncompressed.noise(320, 180, 40 * BEFORE, false);
+                assertThrows(ArithmeticException.class, () -> engine.write.accept(noise, unit -> { }));
+            });
+            assertEquals(List.of("Pipeline 0 false"), events.stream().filter(event -> event.hasField("lost"))
                     .map(event -> event.getString("engine") + " " + event.getInt("index") + " " + event.getBoolean("lost"))
                     .toList());
-        } finally {
-            Files.delete(file);
         }
     }
 

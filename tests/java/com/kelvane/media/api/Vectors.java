@@ -9,9 +9,13 @@ import java.io.UncheckedIOException;
 import java.nio.ByteBuffer;
 import java.nio.file.Files;
 import java.nio.file.Path;
+import java.time.Duration;
 import java.util.ArrayList;
 import java.util.List;
 import java.util.stream.IntStream;
+import jdk.jfr.Recording;
+import jdk.jfr.consumer.RecordedEvent;
+import jdk.jfr.consumer.RecordingFile;
 
 /** The streams of tests/data, and what the tests of the API do with them time and again. */
 final class Vectors {
@@ -60,6 +64,22 @@ final class Vectors {
             decoder.drain(pictures::add);
         }
         return pictures;
+    }
+
+    /** This library's events while something runs. */
+    static List<RecordedEvent> recorded(Runnable work) throws IOException {
+        Path file = Files.createTempFile("kelvane", ".jfr");
+        try (Recording recording = new Recording()) {
+            recording.enable("com.kelvane.media.PictureTranscoded").withThreshold(Duration.ZERO);
+            recording.start();
+            work.run();
+            recording.stop();
+            recording.dump(file);
+            return RecordingFile.readAllEvents(file).stream()
+                    .filter(event -> event.getEventType().getName().startsWith("com.kelvane.media.")).toList();
+        } finally {
+            Files.delete(file);
+        }
     }
 
     /** Peak signal-to-noise ratio of two pictures' luma in dB. */
