@@ -16,7 +16,10 @@ import java.nio.ByteBuffer;
 import java.util.ArrayList;
 import java.util.List;
 import java.util.Optional;
-import java.util.concurrent.ConcurrentLinkedQueue;
+import java.util.concurrent.ExecutorService;
+import java.util.concurrent.Executors;
+import java.util.concurrent.Future;
+import java.util.concurrent.atomic.AtomicBoolean;
 import java.util.function.Consumer;
 import java.util.function.IntConsumer;
 import java.util.function.IntFunction;
@@ -178,31 +181,26 @@ final class SteeringTest {
 
     /** Feedback from several threads and from a callback, as fast as they can, while pictures go through. */
     @Test
-    void anyThreadMaySteer() throws InterruptedException {
-        ConcurrentLinkedQueue<Throwable> wrong = new ConcurrentLinkedQueue<>();
+    void anyThreadMaySteer() throws Exception {
+        ExecutorService threads = Executors.newFixedThreadPool(4);
+        AtomicBoolean over = new AtomicBoolean();
         int[] got = new int[2];
         boolean[] askedFor = new boolean[1];
         try (Transcoder transcoder = Transcoder.builder().rendition(Rendition.of(96, 80).bitrate(200_000))
                 .rendition(Rendition.of(64, 48).bitrate(200_000)).parallel(Runnable::run).open()) {
-            Thread[] threads = IntStream.range(0, 4).mapToObj(number -> new Thread(() -> {
-                try {
-                    for (int i = 0; !Thread.currentThread().isInterrupted(); i++) {
-                        transcoder.bitrate(i % 2, 1000 + i % 1000 * 1000);
-                        transcoder.frameRate(i % 2, i % 61);
-                        transcoder.requestKey(number % 2);
-                        transcoder.pause(1);
-                        transcoder.resume(1);
-                        transcoder.renditions();
-                        transcoder.statistics();
-                        Thread.sleep(1);
-                    }
-                } catch (InterruptedException over) {
-                    return;
-                } catch (Throwable thrown) {
-                    wrong.add(thrown);
+            List<Future<?>> steering = IntStream.range(0, 4).<Future<?>>mapToObj(number -> threads.submit(() -> {
+                for (int i = 0; !over.get(); i++) {
+                    transcoder.bitrate(i % 2, 1000 + i % 1000 * 1000);
+                    transcoder.frameRate(i % 2, i % 61);
+                    transcoder.requestKey(number % 2);
+                    transcoder.pause(1);
+                    transcoder.resume(1);
+                    transcoder.renditions();
+                    transcoder.statistics();
+                    Thread.sleep(1);
                 }
-            })).toArray(Thread[]::new);
-            Stream.of(threads).forEach(Thread::start);
+                return null;
+            })).toList();
             for (int i = 0; i < 20 * CYCLE; i++) {
                 transcoder.write(MOVING.get(i % CYCLE), 40L * i, picture -> {
                     got[picture.index()]++;
@@ -210,12 +208,12 @@ final class SteeringTest {
                     transcoder.requestKey(picture.index());
                 });
             }
-            for (Thread thread : threads) {
-                thread.interrupt();
-                thread.join();
+            over.set(true);
+            threads.shutdown();
+            for (Future<?> done : steering) {
+                done.get();
             }
         }
-        assertEquals(List.of(), List.copyOf(wrong));
         assertEquals(20 * CYCLE, got[0]);
         assertTrue(got[1] > 0 && askedFor[0], got[1] + " pictures");
     }

@@ -32,6 +32,7 @@ import java.util.function.Consumer;
 import java.util.stream.Collectors;
 import java.util.stream.IntStream;
 import java.util.stream.LongStream;
+import java.util.stream.Stream;
 import jdk.jfr.consumer.RecordedEvent;
 import org.junit.jupiter.api.Test;
 
@@ -85,14 +86,8 @@ final class TranscoderTest {
                 assertTrue(figures.renditions().get(i).encodeTime().compareTo(Duration.ZERO) > 0);
             }
         }
-        for (int i = 0; i < 3; i++) {
-            List<Picture> decoded = Vectors.decode(streams.get(i));
-            assertEquals(30, decoded.size());
-            for (int number = 0; i == 1 && number < 30; number++) {
-                double psnr = Vectors.psnr(originals.get(number), decoded.get(number));
-                assertTrue(psnr > 30, "picture " + number + " has " + psnr + " dB");
-            }
-        }
+        assertTrue(Vectors.worst(originals, streams.get(1)) > 30);
+        assertEquals(List.of(30, 30), Stream.of(streams.get(0), streams.get(2)).map(stream -> Vectors.decode(stream).size()).toList());
     }
 
     /** Over jumps of the clock that 32 bits do not tell, with pictures held back before them. */

@@ -1,5 +1,7 @@
 package com.kelvane.media.api;
 
+import static org.junit.jupiter.api.Assertions.assertEquals;
+
 import com.kelvane.media.AccessUnit;
 import com.kelvane.media.EncodedPicture;
 import com.kelvane.media.Picture;
@@ -80,6 +82,13 @@ final class Vectors {
         } finally {
             Files.delete(file);
         }
+    }
+
+    /** The smallest of all pictures' {@link #psnr}. */
+    static double worst(List<Picture> originals, List<byte[]> units) {
+        List<Picture> decoded = decode(units);
+        assertEquals(originals.size(), decoded.size());
+        return IntStream.range(0, decoded.size()).mapToDouble(i -> psnr(originals.get(i), decoded.get(i))).min().orElseThrow();
     }
 
     /** Peak signal-to-noise ratio of two pictures' luma in dB. */
