@@ -228,7 +228,7 @@ public final class Life {
         check(descriptors() == descriptors, "descriptors stay");
     }
 
-    static double residentMegabytes() throws IOException {
+    private static double residentMegabytes() throws IOException {
         System.gc();
         long pages = Long.parseLong(Files.readString(Path.of("/proc/self/statm")).split(" ")[1]);
         return pages * 4096 / 1048576.0;
