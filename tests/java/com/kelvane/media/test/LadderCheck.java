@@ -310,20 +310,22 @@ public final class LadderCheck {
             rendition.unit = AAC_FRAME / Double.parseDouble(found.get("sample_rate"));
             return;
         }
-        // Its size and shape are those that the pictures say; a pasp goes before these.
         int width = Integer.parseInt(found.get("width"));
         int height = Integer.parseInt(found.get("height"));
         ByteBuffer entry = Mp4.box(track.entry(), "avc1");
         expect(width == entry.getShort(24) && height == entry.getShort(26), where, "avc1: %dx%d, its pictures have %dx%d",
                 entry.getShort(24), entry.getShort(26), width, height);
-        ByteBuffer boxes = entry.slice(78, entry.limit() - 78);
-        ByteBuffer configuration = Mp4.box(boxes, "avcC");
+        ByteBuffer configuration = Mp4.box(inside(entry), "avcC");
         rendition.codecs.add(String.format("avc1.%06x", configuration.getInt(0) & 0xffffff));
-        String shape = found.get("sample_aspect_ratio").replace("N/A", "1:1");
-        String plain = new String(initialisation, StandardCharsets.ISO_8859_1).replace("pasp", "free");
-        String picturesShape = probe(plain.getBytes(StandardCharsets.ISO_8859_1), segment).get("sample_aspect_ratio");
-        String said = Mp4.boxes(boxes, "pasp").isEmpty() ? "1:1" : shape;
-        expect(said.equals(picturesShape.replace("N/A", "1:1")), where, "pasp: %s, the pictures say %s", said, picturesShape);
+        // What the pictures say is told where neither pasp nor tkhd does.
+        byte[] plain = initialisation.clone();
+        ByteBuffer header = Mp4.box(ByteBuffer.wrap(plain), "moov", "trak", "tkhd");
+        header.putLong(header.limit() - 8, 0);
+        List<ByteBuffer> shapes = Mp4.boxes(inside(Mp4.box(Track.of(plain).entry(), "avc1")), "pasp");
+        String shape = shapes.stream().map(box -> box.getInt(0) + ":" + box.getInt(4)).findFirst().orElse("1:1");
+        shapes.forEach(box -> box.putLong(0, 0));
+        String picturesShape = probe(plain, segment).get("sample_aspect_ratio").replace("N/A", "1:1");
+        expect(shape.equals(picturesShape), where, "pasp: %s, the pictures say %s", shape, picturesShape);
         String turned = found.getOrDefault("tag:rotate", "0");
         expect(turned.equals(options.getOrDefault("turned", "0")), where, "tkhd: players turn the pictures by %s degrees", turned);
         String[] pixel = shape.split(":");
@@ -331,6 +333,11 @@ public final class LadderCheck {
         for (long even : new long[] {wide, wide & ~1, wide + 1 & ~1}) { // odd ones may be made even
             rendition.shown.add(turned.matches("90|270") ? height + "x" + even : even + "x" + height);
         }
+    }
+
+    /** The boxes behind the header of an avc1. */
+    private static ByteBuffer inside(ByteBuffer entry) {
+        return entry.slice(78, entry.limit() - 78);
     }
 
     /** @param end where the samples before end, in seconds; negative where there are none; returns where those of this one do */
