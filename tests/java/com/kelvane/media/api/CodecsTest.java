@@ -119,11 +119,7 @@ final class CodecsTest {
                 stream.add(unit.bytes());
             }
         }
-        List<Picture> decoded = Vectors.decode(stream);
-        assertEquals(originals.size(), decoded.size());
-        for (int i = 0; i < decoded.size(); i++) {
-            assertTrue(Vectors.psnr(originals.get(i), decoded.get(i)) > 30, "picture " + i);
-        }
+        assertTrue(Vectors.worst(originals, stream) > 30);
     }
 
     /** A module that drops every other picture and delays each by 10 ms more than the last, over a stream that reorders. */
