@@ -3,6 +3,7 @@
 #include "bridge/Exceptions.h"
 #include "bridge/JavaCall.h"
 #include "bridge/Registries.h"
+#include "bridge/StartCodes.h"
 #include "com_kelvane_media_transform_codec_AVCDecoder.h"
 #include "video/I420.h"
 
@@ -42,17 +43,13 @@ struct Contents {
 Contents contentsOf(const signed char* data, int size) {
     Contents contents;
     const signed char* const end = data + size;
-    // memchr, since a start code ends with the rarest of its bytes.
-    for (const signed char* at = data + 2; at < end; ++at) {
-        at = static_cast<const signed char*>(std::memchr(at, 1, static_cast<size_t>(end - at)));
-        if (!at) break;
-        if (at[-1] != 0 || at[-2] != 0) continue;
+    for (const signed char* at = behindStartCode(data, end); at; at = behindStartCode(at, end)) {
         ++contents.nalUnits;
-        if (end - at < 3) break;
-        const int type = at[1] & 31;
+        if (end - at < 2) break;
+        const int type = at[0] & 31;
         if (type != otherSlice && type != idrSlice) continue;
         // The top bit alone is the macroblock number 0.
-        if (contents.slices++ == 0 && at[2] < 0) contents.pictureStart = type;
+        if (contents.slices++ == 0 && at[1] < 0) contents.pictureStart = type;
     }
     return contents;
 }

@@ -2,6 +2,7 @@ package com.kelvane.media;
 
 import java.util.List;
 import java.util.Objects;
+import java.util.Optional;
 
 /**
  * The H.264 NAL units of one picture in byte-stream form (Annex B of the standard): each behind a start code, parameter
@@ -21,9 +22,27 @@ public record AccessUnit(byte[] bytes, long time) {
         Objects.requireNonNull(bytes, "bytes");
     }
 
+    /**
+     * {@return the parameter sets ahead of its first slice, which a key picture has} Empty unless there is one of each at
+     * least.
+     */
+    public Optional<ParameterSets> parameterSets() {
+        return ParameterSets.in(bytes, bytes.length);
+    }
+
     /** {@return whether decoding can begin here: the picture is an IDR picture} */
     public boolean isKey() {
         return AnnexB.isKey(bytes, bytes.length);
+    }
+
+    /**
+     * Whether bytes look like an access unit as the engines take it.
+     *
+     * @param bytes any
+     * @return whether they begin with a start code, 00 00 00 01 or 00 00 01
+     */
+    public static boolean isByteStream(byte[] bytes) {
+        return AnnexB.isChecked(bytes);
     }
 
     /**

@@ -22,10 +22,10 @@ final class AnnexB {
      * @throws IllegalArgumentException if it does not begin with a start code
      */
     static byte[] checked(byte[] accessUnit) {
-        if (startsWithZeros(accessUnit, 3) && accessUnit[3] == 1) {
+        if (beginsWithCode(accessUnit, 3)) {
             return accessUnit;
         }
-        if (startsWithZeros(accessUnit, 2) && accessUnit[2] == 1) {
+        if (beginsWithCode(accessUnit, 2)) {
             byte[] longer = new byte[accessUnit.length + 1];
             System.arraycopy(accessUnit, 0, longer, 1, accessUnit.length);
             return longer;
@@ -39,11 +39,16 @@ final class AnnexB {
                 + ". MP4, MKV and FLV put lengths there instead: replace each by a start code");
     }
 
-    private static boolean startsWithZeros(byte[] bytes, int count) {
-        if (bytes.length <= count) {
+    /** Whether it is one that {@link #checked} takes. */
+    static boolean isChecked(byte[] bytes) {
+        return beginsWithCode(bytes, 3) || beginsWithCode(bytes, 2);
+    }
+
+    private static boolean beginsWithCode(byte[] bytes, int zeros) {
+        if (bytes.length <= zeros || bytes[zeros] != 1) {
             return false;
         }
-        for (int i = 0; i < count; i++) {
+        for (int i = 0; i < zeros; i++) {
             if (bytes[i] != 0) {
                 return false;
             }
@@ -55,20 +60,27 @@ final class AnnexB {
     static boolean isKey(byte[] bytes, int length) {
         for (int at = nextNal(bytes, 0, length); at < length; at = nextNal(bytes, at, length)) {
             int type = bytes[at] & 31;
-            if (type == SLICE || type == IDR_SLICE) {
+            if (isSlice(type)) {
                 return type == IDR_SLICE;
             }
         }
         return false;
     }
 
-    /** Receives the places of NAL units, without start codes. */
-    interface NalReceiver {
-        /** @param to index behind the last byte; above {@code from} */
-        void receive(int from, int to);
+    static boolean isSlice(int type) {
+        return type == SLICE || type == IDR_SLICE;
     }
 
-    /** Hands out every NAL unit, without the zeros behind it. */
+    /** Receives the places of NAL units, without start codes. */
+    interface NalReceiver {
+        /**
+         * @param to index behind the last byte; above {@code from}
+         * @return whether to go on
+         */
+        boolean receive(int from, int to);
+    }
+
+    /** Hands out NAL units, without the zeros behind them. */
     static void forEachNal(byte[] bytes, int length, NalReceiver receiver) {
         for (int at = nextNal(bytes, 0, length); at < length;) {
             int next = nextNal(bytes, at, length);
@@ -76,8 +88,8 @@ final class AnnexB {
             while (end > at && bytes[end - 1] == 0) {
                 end--;
             }
-            if (end > at) {
-                receiver.receive(at, end);
+            if (end > at && !receiver.receive(at, end)) {
+                return;
             }
             at = next;
         }
@@ -90,14 +102,11 @@ final class AnnexB {
         boolean hasSlice = false;
         for (int at = nextNal(stream, 0, stream.length); at < stream.length; at = nextNal(stream, at, stream.length)) {
             int type = stream[at] & 31;
-            boolean slice = type == SLICE || type == IDR_SLICE;
+            boolean slice = isSlice(type);
             // A slice that begins at macroblock 0, which as an Exp-Golomb code is a 1, begins a picture.
             boolean first = slice ? at + 1 < stream.length && stream[at + 1] < 0
                     : type >= SEI && type <= ACCESS_UNIT_DELIMITER || type >= 14 && type <= 18;
-            int code = at - 3;
-            if (code > 0 && stream[code - 1] == 0) {
-                code--;
-            }
+            int code = startCodeOf(stream, at);
             if (start < 0) {
                 start = code;
             } else if (first && hasSlice) {
@@ -111,6 +120,17 @@ final class AnnexB {
             units.add(Arrays.copyOfRange(stream, start, stream.length));
         }
         return units;
+    }
+
+    /** The index of the next start code, or the length. */
+    static int nextStartCode(byte[] bytes, int from) {
+        int nal = nextNal(bytes, from, bytes.length);
+        return nal < bytes.length ? startCodeOf(bytes, nal) : nal;
+    }
+
+    /** Where the start code of a NAL unit begins, of four bytes where it can be. */
+    private static int startCodeOf(byte[] bytes, int nal) {
+        return nal > 3 && bytes[nal - 4] == 0 ? nal - 4 : nal - 3;
     }
 
     /** The index of the first byte behind the next start code, or {@code length}. */

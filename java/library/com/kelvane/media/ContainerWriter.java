@@ -430,7 +430,7 @@ public final class ContainerWriter implements AutoCloseable {
                 return mux(handle, track, unit, size, presentationTime, decodingTime, duration, key);
             }
             if (!tracks[track].isComplete()) {
-                Optional<byte[]> sets = ParameterSets.in(unit, size);
+                Optional<ParameterSets> sets = ParameterSets.in(unit, size);
                 if (sets.isEmpty()) {
                     return false;
                 }

@@ -3,6 +3,7 @@ package com.kelvane.media;
 import java.nio.ByteBuffer;
 import java.time.Duration;
 import java.util.Arrays;
+import java.util.Optional;
 
 /**
  * One picture of one rendition, as a {@link Transcoder} hands it to its receiver. It is valid during that callback only;
@@ -19,14 +20,16 @@ public final class EncodedPicture {
     private final boolean askedFor;
     private final long encodeTime;
     private final long latency;
+    private final ParameterSets newSets;
 
     /**
      * @param encodedAs what the native transcoder tells by that name
      * @param keyOwed whether a key picture was asked for
      * @param encodeTime in nanoseconds, as the latency
+     * @param newSets null where those of the picture before still hold
      */
     EncodedPicture(Rendition rendition, int index, long time, byte[] bytes, int size, int encodedAs, boolean keyOwed,
-                   long encodeTime, long latency) {
+                   long encodeTime, long latency, ParameterSets newSets) {
         this.rendition = rendition;
         this.index = index;
         this.time = time;
@@ -36,6 +39,7 @@ public final class EncodedPicture {
         askedFor = keyOwed && type() == Type.IDR;
         this.encodeTime = encodeTime;
         this.latency = latency;
+        this.newSets = newSets;
     }
 
     /** How a picture is coded. */
@@ -91,8 +95,21 @@ public final class EncodedPicture {
         return askedFor;
     }
 
+    /**
+     * {@return the parameter sets that hold from this picture on, when it is the rendition's first one or they change with it}
+     * They change when a rendition takes another's place or size, and may when its encoder was made anew. Each key picture
+     * carries those that hold, in its bytes.
+     */
+    public Optional<ParameterSets> newParameterSets() {
+        return Optional.ofNullable(newSets);
+    }
+
     /** {@return how it is coded} */
     public Type type() {
+        return type(encodedAs);
+    }
+
+    static Type type(int encodedAs) {
         return switch (encodedAs >> 8) {
             case 1 -> Type.IDR;
             case 2 -> Type.I;

@@ -43,6 +43,7 @@ public final class Pipeline implements AutoCloseable {
     private final byte[] number = new byte[Integer.BYTES];
     private final ByteBuffer value = ByteBuffer.wrap(number);
     private final Times times = new Times();
+    private volatile ParameterSets parameterSets;
     private volatile long sourceTime;
     private volatile long pictures;
     private volatile long dropped;
@@ -143,6 +144,15 @@ public final class Pipeline implements AutoCloseable {
     }
 
     /**
+     * {@return the parameter sets of the stream that comes out, known from its first picture on} It is the same object until they change,
+     * as they do with its size; {@link AccessUnit#parameterSets} has those of a key picture. Any thread may ask, at any
+     * time.
+     */
+    public Optional<ParameterSets> parameterSets() {
+        return Optional.ofNullable(parameterSets);
+    }
+
+    /**
      * Makes the next picture that the module keeps a key picture; several calls before it count as one. Any thread may call
      * it at any time.
      *
@@ -224,6 +234,7 @@ public final class Pipeline implements AutoCloseable {
         byte[] data = new byte[size];
         AVCProcessor.read(number, data, handle);
         bytes += size;
+        parameterSets = ParameterSets.from(parameterSets, data, size);
         int shift = module == null ? 0 : value.getInt(0) - (int) given;
         long own = ownTime(handle);
         sourceTime = own;

@@ -34,6 +34,7 @@ final class RenditionOutput {
     private boolean wanted = true;
     private long nanoseconds;
     private RuntimeException refused;
+    private volatile ParameterSets parameterSets; // null before the first picture
     private volatile long pictures;
     private volatile long skipped;
     private volatile long failed;
@@ -68,6 +69,11 @@ final class RenditionOutput {
             keyAsked.set(true);
         }
         paused = pausing;
+    }
+
+    /** Any thread: null before the first picture. */
+    ParameterSets parameterSets() {
+        return parameterSets;
     }
 
     boolean isRemoved() {
@@ -217,8 +223,12 @@ final class RenditionOutput {
     void deliver(long transcoder, long time, long written, Consumer<? super EncodedPicture> receiver) {
         if (size > 0) {
             int encodedAs = MIRVProcessor.encodedAs(index, transcoder);
+            ParameterSets before = parameterSets;
+            if (EncodedPicture.type(encodedAs) == EncodedPicture.Type.IDR) {
+                parameterSets = ParameterSets.from(before, bytes, size);
+            }
             EncodedPicture picture = new EncodedPicture(rendition, index, time, bytes, size, encodedAs, keyOwed, nanoseconds,
-                    System.nanoTime() - written);
+                    System.nanoTime() - written, parameterSets == before ? null : parameterSets);
             keyOwed &= !picture.isAskedFor();
             try {
                 receiver.accept(picture);

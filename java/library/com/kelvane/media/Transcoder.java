@@ -6,6 +6,7 @@ import java.util.ArrayList;
 import java.util.Arrays;
 import java.util.List;
 import java.util.Objects;
+import java.util.Optional;
 import java.util.StringJoiner;
 import java.util.concurrent.Executor;
 import java.util.function.Consumer;
@@ -329,6 +330,18 @@ public final class Transcoder implements AutoCloseable {
         } finally {
             engine.exit();
         }
+    }
+
+    /**
+     * {@return the parameter sets of a rendition, known from its first picture on; that picture, and each with which they
+     * change, tell them as {@link EncodedPicture#newParameterSets}} Any thread may ask, at any time.
+     *
+     * @param index the rendition's position in {@link #renditions}
+     * @throws IndexOutOfBoundsException if there is no such rendition
+     * @throws IllegalStateException if the rendition was removed, or this transcoder is closed
+     */
+    public Optional<ParameterSets> parameterSets(int index) {
+        return Optional.ofNullable(atWork("parameterSets", index).parameterSets());
     }
 
     private RenditionOutput atWork(String operation, int index) {

@@ -31,6 +31,7 @@ public final class VideoEncoder implements AutoCloseable {
     private final byte[] buffer; // the picture, over which the engine writes the access unit
     private final Recovery recovery;
     private final Steering steering = new Steering();
+    private volatile ParameterSets parameterSets;
 
     private VideoEncoder(Builder settings) {
         width = settings.width;
@@ -74,10 +75,23 @@ public final class VideoEncoder implements AutoCloseable {
                 recovery.tell(handle, picture.time());
             }
             int size = ByteBuffer.wrap(info).getInt(1);
-            return size == 0 ? Optional.empty() : Optional.of(new AccessUnit(Arrays.copyOf(buffer, size), picture.time()));
+            if (size == 0) {
+                return Optional.empty();
+            }
+            parameterSets = ParameterSets.from(parameterSets, buffer, size);
+            return Optional.of(new AccessUnit(Arrays.copyOf(buffer, size), picture.time()));
         } finally {
             engine.exit();
         }
+    }
+
+    /**
+     * {@return the parameter sets of the stream, known from its first picture on} It is the same object until they change,
+     * as they may with another bit rate; {@link AccessUnit#parameterSets} has those of a key picture. Any thread may ask, at any
+     * time.
+     */
+    public Optional<ParameterSets> parameterSets() {
+        return Optional.ofNullable(parameterSets);
     }
 
     /**

@@ -1,5 +1,6 @@
 package com.kelvane.media.tool.live;
 
+import com.kelvane.media.AccessUnit;
 import com.kelvane.media.EncodedPicture;
 import com.kelvane.media.Rendition;
 import com.kelvane.media.Transcoder;
@@ -128,7 +129,7 @@ final class LiveSession implements AutoCloseable {
 
     private void addPicture(LivePacket packet, boolean waited) {
         double at = resultTime(VIDEO, packet, pictureDuration);
-        if (!startsWithStartCode(packet.bytes())) {
+        if (!AccessUnit.isByteStream(packet.bytes())) {
             figures.damaged();
             return;
         }
@@ -150,10 +151,6 @@ final class LiveSession implements AutoCloseable {
         double decoding = Double.isNaN(packet.decodingTime()) ? packet.time() : packet.decodingTime();
         return Double.isNaN(decoding) ? clock.next(track, duration)
                 : clock.at(track, decoding, Double.isNaN(packet.time()) ? decoding : packet.time(), duration);
-    }
-
-    private static boolean startsWithStartCode(byte[] bytes) {
-        return bytes.length > 3 && bytes[0] == 0 && bytes[1] == 0 && (bytes[2] == 1 || bytes[2] == 0 && bytes[3] == 1);
     }
 
     private void addSound(LivePacket packet) {
