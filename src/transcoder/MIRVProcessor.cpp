@@ -316,6 +316,16 @@ JNIEXPORT jlong JNICALL Java_com_kelvane_media_transform_codec_MIRVProcessor_pic
     return processor ? processor->decoder->pictureTime : 0;
 }
 
+JNIEXPORT jlong JNICALL Java_com_kelvane_media_transform_codec_MIRVProcessor_pictureInfo(JNIEnv*, jclass,
+                                                                                         jlong handle) {
+    const MIRVProcessor* processor = processorOf(handle);
+    if (!processor || !processor->decoder->pictureReady) return 0;
+    constexpr int heightAt = 16, interlacedAt = 32, keyAt = 33;
+    const AVFrame& picture = *processor->decoder->frame;
+    return picture.width | jlong{picture.height} << heightAt | jlong{picture.interlaced_frame} << interlacedAt |
+           jlong{picture.key_frame} << keyAt;
+}
+
 JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_MIRVProcessor_outcome(JNIEnv*, jclass,
                                                                                     jlong handle) {
     const MIRVProcessor* processor = processorOf(handle);

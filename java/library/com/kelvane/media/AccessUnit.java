@@ -9,14 +9,14 @@ import java.util.Optional;
  * sets ahead of the first slice that needs them.
  *
  * @param bytes the NAL units; not copied
- * @param time presentation time in milliseconds
+ * @param time presentation time, in milliseconds or whatever the engine counts in
  */
 public record AccessUnit(byte[] bytes, long time) {
     /**
      * An access unit over an array.
      *
      * @param bytes the NAL units; not copied
-     * @param time presentation time in milliseconds
+     * @param time presentation time, in milliseconds or whatever the engine counts in
      */
     public AccessUnit {
         Objects.requireNonNull(bytes, "bytes");

@@ -66,7 +66,7 @@ public final class EncodedPicture {
     }
 
     /**
-     * {@return the picture's own presentation time in milliseconds: the one that was given with the access unit that
+     * {@return the picture's own presentation time: the very one that was given with the access unit that
      * carried it} In a stream that reorders pictures these times rise, where those of the access units do not.
      */
     public long time() {
@@ -89,7 +89,7 @@ public final class EncodedPicture {
 
     /**
      * {@return whether this is the key picture that {@link Transcoder#requestKey}, {@link Transcoder#resume} or
-     * {@link Transcoder.KeyPictures} asked for}
+     * {@link PicturePlan#key} asked for}
      */
     public boolean isAskedFor() {
         return askedFor;

@@ -9,7 +9,7 @@ import java.util.Objects;
  *
  * @param width in pixels, 1 to 65535
  * @param height in pixels, 1 to 65535
- * @param time presentation time in milliseconds
+ * @param time presentation time, in any unit
  * @param i420 the samples, {@link #size size(width, height)} bytes; not copied
  */
 public record Picture(int width, int height, long time, byte[] i420) {
@@ -20,7 +20,7 @@ public record Picture(int width, int height, long time, byte[] i420) {
      *
      * @param width in pixels
      * @param height in pixels
-     * @param time in milliseconds
+     * @param time in any unit
      * @param i420 the samples; not copied
      * @throws IllegalArgumentException if a side is not allowed or the array is not as long as the picture
      */

@@ -42,7 +42,7 @@ public final class Pipeline implements AutoCloseable {
     private final Steering steering = new Steering();
     private final byte[] number = new byte[Integer.BYTES];
     private final ByteBuffer value = ByteBuffer.wrap(number);
-    private final Times times = new Times();
+    private final Times times;
     private volatile ParameterSets parameterSets;
     private volatile long sourceTime;
     private volatile long pictures;
@@ -55,6 +55,7 @@ public final class Pipeline implements AutoCloseable {
     private Pipeline(Builder settings) {
         module = settings.module;
         passThrough = settings.passThrough;
+        times = new Times(settings.ticksPerSecond);
         recovery = new Recovery("Pipeline", 0, settings.failureListener);
         engine = Engine.open("Pipeline", () -> AVCProcessor.open(settings.frameRate, settings.bitrate,
                 passThrough ? PASS_THROUGH_MODE : DECODING_MODE, settings.options[0], settings.options[1],
@@ -70,7 +71,7 @@ public final class Pipeline implements AutoCloseable {
      * Processes one access unit.
      *
      * @param accessUnit one access unit in byte-stream form, see {@link AccessUnit}; not changed and not kept
-     * @param time presentation time of its picture in milliseconds
+     * @param time presentation time of its picture, in milliseconds or {@linkplain Builder#timescale other ticks}
      * @return the access unit that came out, with its picture's own time as the module left it; empty when no picture was
      *         decoded, the module dropped it or it could not be encoded, which {@link #statistics} tells apart
      * @throws IllegalArgumentException if {@code accessUnit} does not begin with a start code; not in pass-through mode
@@ -80,10 +81,10 @@ public final class Pipeline implements AutoCloseable {
         byte[] unit = passThrough ? Objects.requireNonNull(accessUnit, "accessUnit") : AnnexB.checked(accessUnit);
         long handle = engine.enter("write");
         try {
-            times.write(time);
-            work(handle, () -> AVCProcessor.write(time, unit, number, handle));
-            Optional<AccessUnit> out = Optional.ofNullable(pending(handle, time));
-            recovery.tell(handle, ownTime(handle));
+            int carried = times.write(time, 0);
+            work(handle, () -> AVCProcessor.write(carried, unit, number, handle));
+            Optional<AccessUnit> out = Optional.ofNullable(pending(handle, carried));
+            tellFailure(handle);
             return out;
         } finally {
             engine.exit();
@@ -106,7 +107,7 @@ public final class Pipeline implements AutoCloseable {
             int drained = 0;
             while (work(handle, () -> AVCProcessor.drain(number, handle))) {
                 AccessUnit unit = pending(handle, AVCProcessor.pictureTime(handle));
-                failures.of(() -> recovery.tell(handle, ownTime(handle)));
+                failures.of(() -> tellFailure(handle));
                 if (unit != null) {
                     failures.of(() -> receiver.accept(unit));
                     drained++;
@@ -220,6 +221,11 @@ public final class Pipeline implements AutoCloseable {
         return AVCProcessor.failure(handle);
     }
 
+    private void tellFailure(long handle) {
+        long time = ownTime(handle);
+        recovery.tell(handle, time, times.milliseconds(time));
+    }
+
     private long ownTime(long handle) {
         return passThrough ? times.last() : times.of(AVCProcessor.pictureTime(handle));
     }
@@ -238,11 +244,11 @@ public final class Pipeline implements AutoCloseable {
         int shift = module == null ? 0 : value.getInt(0) - (int) given;
         long own = ownTime(handle);
         sourceTime = own;
-        return new AccessUnit(data, own + shift);
+        return new AccessUnit(data, own + times.ticks(shift));
     }
 
     /**
-     * {@return the time of the picture that came out last, in milliseconds, as it was before the module moved it} During a
+     * {@return the time of the picture that came out last, as it was before the module moved it} During a
      * callback of {@link #drain} that is the picture at hand.
      */
     public long sourceTime() {
@@ -294,6 +300,7 @@ public final class Pipeline implements AutoCloseable {
         private int bitrate = 2_000_000;
         private Consumer<? super EncoderFailure> failureListener;
         private final int[] options = {1, 0, 1};
+        private int ticksPerSecond = Times.MILLISECONDS;
 
         private Builder() {
         }
@@ -371,6 +378,18 @@ public final class Pipeline implements AutoCloseable {
          */
         public Builder onFailure(Consumer<? super EncoderFailure> listener) {
             failureListener = Objects.requireNonNull(listener, "listener");
+            return this;
+        }
+
+        /**
+         * Sets what times are counted in. Modules count in whole milliseconds: what one moves a picture by is added to the
+         * picture's very own time.
+         *
+         * @param unitsPerSecond 1 to 1000000000; 1000, for milliseconds, unless it is set here
+         * @return this builder
+         */
+        public Builder timescale(int unitsPerSecond) {
+            ticksPerSecond = Settings.timescale(unitsPerSecond);
             return this;
         }
 

@@ -44,8 +44,8 @@ public final class Transcoder implements AutoCloseable {
 
     private final Engine engine;
     private final Executor executor;
-    private final Selection selection;
-    private final KeyPictures keyPictures;
+    private final Consumer<? super PicturePlan> planner;
+    private final PicturePlan plan = new PicturePlan();
     private final Consumer<? super EncoderFailure> failureListener;
     // Replaced by the thread that is inside, read by any: the array itself does not change.
     private volatile RenditionOutput[] outputs;
@@ -53,14 +53,14 @@ public final class Transcoder implements AutoCloseable {
     private volatile boolean needsKey;
     private volatile long pictures;
     private volatile long decodeNanoseconds;
-    private final Times times = new Times();
+    private final Times times;
 
     private Transcoder(Builder settings) {
         List<Rendition> renditions = settings.renditions;
         engine = Engine.open("Transcoder", () -> MIRVProcessor.open(renditions.size()), MIRVProcessor::close);
         executor = settings.executor;
-        selection = settings.selection;
-        keyPictures = settings.keyPictures;
+        planner = settings.planner;
+        times = new Times(settings.ticksPerSecond);
         failureListener = settings.failureListener;
         use(IntStream.range(0, renditions.size()).mapToObj(i -> new RenditionOutput(i, renditions.get(i), failureListener))
                 .toArray(RenditionOutput[]::new));
@@ -93,7 +93,7 @@ public final class Transcoder implements AutoCloseable {
      * thrown when that is done.
      *
      * @param accessUnit one access unit in byte-stream form, see {@link AccessUnit}; not changed and not kept
-     * @param time presentation time of its picture in milliseconds
+     * @param time presentation time of its picture, in milliseconds or {@linkplain Builder#timescale other ticks}
      * @param receiver is called during this call only
      * @return what became of the access unit; {@link WriteResult#isPicture} tells whether a picture was decoded
      * @throws IllegalArgumentException if {@code accessUnit} does not begin with a start code
@@ -106,10 +106,10 @@ public final class Transcoder implements AutoCloseable {
         byte[] unit = AnnexB.checked(accessUnit);
         long handle = engine.enter("write");
         try {
-            times.write(time, System.nanoTime());
+            int carried = times.write(time, System.nanoTime());
             PictureTranscoded event = new PictureTranscoded();
             event.begin();
-            boolean decoded = decoded(event, () -> MIRVProcessor.decode(time, unit, handle));
+            boolean decoded = decoded(event, () -> MIRVProcessor.decode(carried, unit, handle));
             int outcome = MIRVProcessor.outcome(handle);
             needsKey = outcome >= NEEDS_KEY;
             if (decoded) {
@@ -162,16 +162,25 @@ public final class Transcoder implements AutoCloseable {
 
     private void encode(long handle, PictureTranscoded event, Consumer<? super EncodedPicture> receiver) {
         pictures++;
-        long time = times.of(MIRVProcessor.pictureTime(handle));
-        long written = times.writtenAt(time);
+        long carried = MIRVProcessor.pictureTime(handle);
+        long time = times.of(carried);
+        long milliseconds = times.milliseconds(time);
+        long written = times.writtenAt(carried);
         Failures failures = new Failures();
         RenditionOutput[] outputs = this.outputs;
-        for (int i = 0; i < outputs.length; i++) {
-            boolean wanted = outputs[i].isAtWork() && (selection == null || selection.wants(i, time));
-            outputs[i].choose(wanted);
-            if (wanted) {
-                outputs[i].steer(handle, time, keyPictures != null && keyPictures.isKey(i, time));
+        for (RenditionOutput output : outputs) {
+            output.begin();
+        }
+        if (planner != null) {
+            plan.begin(outputs, time, MIRVProcessor.pictureInfo(handle));
+            try {
+                planner.accept(plan);
+            } finally {
+                plan.end();
             }
+        }
+        for (RenditionOutput output : outputs) {
+            output.steer(handle, milliseconds);
         }
         if (parallel != null) {
             parallel.encode(handle, failures);
@@ -180,12 +189,12 @@ public final class Transcoder implements AutoCloseable {
             if (parallel == null) {
                 output.encode(handle);
             }
-            failures.of(() -> output.tellFailure(handle, time));
+            failures.of(() -> output.tellFailure(handle, time, milliseconds));
             failures.of(() -> output.deliver(handle, time, written, receiver));
         }
         if (event.shouldCommit()) {
             event.handle = handle;
-            event.time = time;
+            event.time = milliseconds;
             for (RenditionOutput output : outputs) {
                 event.encodeTime += output.lastNanoseconds();
                 event.bytes += output.lastSize();
@@ -247,8 +256,8 @@ public final class Transcoder implements AutoCloseable {
     }
 
     /**
-     * Encodes nothing more into a rendition, which keeps its encoder; nothing when it is paused already. Neither
-     * {@link Selection} nor {@link KeyPictures} are asked about it meanwhile, and its figures do not count the pictures. Any
+     * Encodes nothing more into a rendition, which keeps its encoder; nothing when it is paused already. A
+     * {@link PicturePlan} cannot select it meanwhile, and its figures do not count the pictures. Any
      * thread may call it at any time, callbacks included.
      *
      * @param index the rendition's position in {@link #renditions}
@@ -377,36 +386,6 @@ public final class Transcoder implements AutoCloseable {
         engine.close();
     }
 
-    /** Decides which pictures a rendition gets, to thin out a stream or to begin and end between its key pictures. */
-    @FunctionalInterface
-    public interface Selection {
-        /**
-         * Asked for each decoded picture, in display order, and for each rendition in turn, on the thread that called
-         * {@link #write} or {@link #drain}. What it throws ends that call before the picture is encoded.
-         *
-         * @param index the rendition's position in {@link #renditions}
-         * @param time the picture's presentation time in milliseconds
-         * @return whether the picture is to be encoded; otherwise the rendition goes on as if it had not been there, and its
-         *         figures do not count it
-         */
-        boolean wants(int index, long time);
-    }
-
-    /** Decides which pictures are to be key pictures, so that segments may begin with them at the same time everywhere. */
-    @FunctionalInterface
-    public interface KeyPictures {
-        /**
-         * Asked for each picture that a rendition gets, right after {@link Selection#wants} where there is a selection. What
-         * it throws ends the call before the picture is encoded.
-         *
-         * @param index the rendition's position in {@link #renditions}
-         * @param time the picture's presentation time in milliseconds
-         * @return whether the picture must be a key picture; the rendition's key interval is counted from it. Otherwise that
-         *         interval, and the encoder at a change of scene, decide
-         */
-        boolean isKey(int index, long time);
-    }
-
     /**
      * What a transcoder has done.
      *
@@ -437,8 +416,8 @@ public final class Transcoder implements AutoCloseable {
 
         private final List<Rendition> renditions = new ArrayList<>();
         private Executor executor;
-        private Selection selection;
-        private KeyPictures keyPictures;
+        private Consumer<? super PicturePlan> planner;
+        private int ticksPerSecond = Times.MILLISECONDS;
         private Consumer<? super EncoderFailure> failureListener;
 
         private Builder() {
@@ -467,24 +446,26 @@ public final class Transcoder implements AutoCloseable {
         }
 
         /**
-         * Leaves pictures out of renditions.
+         * Leaves pictures out of renditions, and chooses key pictures beyond those of their key intervals.
          *
-         * @param choice decides for each picture
+         * @param choice is asked once for each decoded picture, in display order, on the thread that calls {@link #write} or
+         *        {@link #drain}; what it throws ends that call before the picture is encoded
          * @return this builder
          */
-        public Builder select(Selection choice) {
-            selection = Objects.requireNonNull(choice, "choice");
+        public Builder plan(Consumer<? super PicturePlan> choice) {
+            planner = Objects.requireNonNull(choice, "choice");
             return this;
         }
 
         /**
-         * Chooses key pictures beyond those of the renditions' key intervals.
+         * Sets what times are counted in. Whatever it is, each picture has the very time that its access unit was written
+         * with; rate control goes by whole milliseconds.
          *
-         * @param choice decides for each picture
+         * @param unitsPerSecond 1 to 1000000000; 1000, for milliseconds, unless it is set here
          * @return this builder
          */
-        public Builder keys(KeyPictures choice) {
-            keyPictures = Objects.requireNonNull(choice, "choice");
+        public Builder timescale(int unitsPerSecond) {
+            ticksPerSecond = Settings.timescale(unitsPerSecond);
             return this;
         }
 

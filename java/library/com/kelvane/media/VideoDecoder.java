@@ -28,7 +28,7 @@ public final class VideoDecoder implements AutoCloseable {
     private final byte[] info = new byte[6];
     private final SpareArray spare = new SpareArray();
     private int size; // bytes of the last picture
-    private final Times times = new Times();
+    private final Times times = new Times(Times.MILLISECONDS);
 
     private VideoDecoder() {
         engine = Engine.open("VideoDecoder", AVCDecoder::open, AVCDecoder::close);
@@ -48,7 +48,7 @@ public final class VideoDecoder implements AutoCloseable {
      * Decodes one access unit.
      *
      * @param accessUnit one access unit in byte-stream form, see {@link AccessUnit}; not changed and not kept
-     * @param time presentation time of its picture in milliseconds
+     * @param time presentation time of its picture, in any unit
      * @return the picture that came out, which with reordering is an earlier one; it is the caller's
      * @throws IllegalArgumentException if {@code accessUnit} does not begin with a start code
      * @throws IllegalStateException if this decoder is closed or in use
@@ -57,9 +57,9 @@ public final class VideoDecoder implements AutoCloseable {
         byte[] unit = AnnexB.checked(accessUnit);
         long handle = engine.enter("decode");
         try {
-            times.write(time);
+            int carried = times.write(time, 0);
             byte[] output = spare.take(size);
-            return Optional.ofNullable(picture(AVCDecoder.decodeAt(time, unit, info, output, handle), output, handle));
+            return Optional.ofNullable(picture(AVCDecoder.decodeAt(carried, unit, info, output, handle), output, handle));
         } finally {
             engine.exit();
         }

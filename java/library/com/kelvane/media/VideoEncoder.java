@@ -72,7 +72,7 @@ public final class VideoEncoder implements AutoCloseable {
                 recovery.succeeded();
             } else {
                 recovery.recover(failure, () -> OpenH264Encoder.renew(handle) == 1, () -> tryEncoding(handle));
-                recovery.tell(handle, picture.time());
+                recovery.tell(handle, picture.time(), picture.time());
             }
             int size = ByteBuffer.wrap(info).getInt(1);
             if (size == 0) {

@@ -217,6 +217,15 @@ public final class MIRVProcessor {
     public static native long pictureTime(long handle);
 
     /**
+     * What is known of the picture that the last {@link #decode} or {@link #drain} left at hand.
+     *
+     * @param handle the transcoder, or 0
+     * @return its width, plus its height shifted by 16 bits, plus a bit at 32 when it is made of two fields and one at 33 when
+     *         decoding can begin with it; 0 when no picture is at hand and for a handle of 0
+     */
+    public static native long pictureInfo(long handle);
+
+    /**
      * What became of the access unit of the last {@link #write} or {@link #decode}; to be called once behind each, as it
      * goes by what it was told before.
      *
