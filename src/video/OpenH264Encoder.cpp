@@ -174,10 +174,16 @@ void VideoEncoder::close() {
     codec = nullptr;
 }
 
-JNIEXPORT jlong JNICALL Java_com_kelvane_media_transform_codec_OpenH264Encoder_open(JNIEnv*, jclass,
+JNIEXPORT jlong JNICALL Java_com_kelvane_media_transform_codec_OpenH264Encoder_open(JNIEnv* env, jclass type,
                                                                                     jint width, jint height,
                                                                                     jint frameRate,
                                                                                     jint bitRate, jint) {
+    return Java_com_kelvane_media_transform_codec_OpenH264Encoder_openAt(
+        env, type, width, height, frameRate <= 0 ? 15 : std::min(frameRate, 30), std::max(bitRate, 256000));
+}
+
+JNIEXPORT jlong JNICALL Java_com_kelvane_media_transform_codec_OpenH264Encoder_openAt(
+    JNIEnv*, jclass, jint width, jint height, jint frameRate, jint bitRate) {
     av_register_all();
     av_log_set_level(AV_LOG_QUIET);
     VideoEncoder* encoder = avc_enc_ctx.NewCodec();
@@ -185,8 +191,8 @@ JNIEXPORT jlong JNICALL Java_com_kelvane_media_transform_codec_OpenH264Encoder_o
     std::puts("Codec init");
     encoder->width = width;
     encoder->height = height;
-    encoder->frameRate = frameRate <= 0 ? 15 : std::min(frameRate, 30);
-    encoder->bitRate = std::max(bitRate, 256000);
+    encoder->frameRate = std::max(frameRate, 1);
+    encoder->bitRate = std::max(bitRate, 1);
     encoder->open();
     if (encoder->codec) return encoder->handle;
     avc_enc_ctx.RemoveCodec(encoder->handle);

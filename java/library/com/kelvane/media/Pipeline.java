@@ -174,7 +174,7 @@ public final class Pipeline implements AutoCloseable {
      */
     public void bitrate(int bitsPerSecond) {
         checkEncoding("bitrate");
-        steering.bitrate(Builder.checkedBitrate(bitsPerSecond));
+        steering.bitrate(Settings.bitrate(bitsPerSecond));
     }
 
     private void checkEncoding(String operation) {
@@ -286,10 +286,6 @@ public final class Pipeline implements AutoCloseable {
 
     /** Collects a pipeline's settings. */
     public static final class Builder {
-        private static final int LARGEST_FRAME_RATE = 60;
-        private static final int SMALLEST_BITRATE = 1000;
-        private static final int LARGEST_BITRATE = 288_000_000;
-
         private record Setting(String key, String value) {
         }
 
@@ -329,29 +325,27 @@ public final class Pipeline implements AutoCloseable {
         }
 
         /**
-         * The rate that the encoder is set up for.
+         * The rate that the encoder is set up for, which does not follow the pictures' times, as that of a
+         * {@link VideoEncoder}.
          *
-         * @param picturesPerSecond 1 to 60
+         * @param picturesPerSecond 1 to 60; 30 unless it is set here
          * @return this builder
          */
         public Builder frameRate(int picturesPerSecond) {
-            frameRate = Settings.check("frameRate", picturesPerSecond, 1, LARGEST_FRAME_RATE, "pictures per second");
+            frameRate = Settings.frameRate(picturesPerSecond);
             return this;
         }
 
         /**
-         * The encoder's target; a hint, as for a {@link VideoEncoder}.
+         * The encoder's target; a hint, as for a {@link VideoEncoder}. It need not be given, as nothing is encoded in
+         * pass-through mode.
          *
-         * @param bitsPerSecond 1000 to 288000000
+         * @param bitsPerSecond 1000 to 288000000; 2000000 unless it is set here
          * @return this builder
          */
         public Builder bitrate(int bitsPerSecond) {
-            bitrate = checkedBitrate(bitsPerSecond);
+            bitrate = Settings.bitrate(bitsPerSecond);
             return this;
-        }
-
-        private static int checkedBitrate(int bitsPerSecond) {
-            return Settings.check("bitrate", bitsPerSecond, SMALLEST_BITRATE, LARGEST_BITRATE, "bits per second");
         }
 
         /**

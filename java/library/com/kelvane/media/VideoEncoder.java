@@ -38,7 +38,7 @@ public final class VideoEncoder implements AutoCloseable {
         height = settings.height;
         recovery = new Recovery("VideoEncoder", 0, settings.failureListener);
         buffer = new byte[Picture.size(width, height)];
-        engine = Engine.open("VideoEncoder", () -> OpenH264Encoder.open(width, height, settings.frameRate, settings.bitrate, 0),
+        engine = Engine.open("VideoEncoder", () -> OpenH264Encoder.openAt(width, height, settings.frameRate, settings.bitrate),
                 OpenH264Encoder::close);
     }
 
@@ -109,13 +109,13 @@ public final class VideoEncoder implements AutoCloseable {
      * which costs about as much as encoding a picture: that picture is a key picture, and none is lost. Any thread may call
      * it at any time; of several calls before a picture the last one counts.
      *
-     * @param bitsPerSecond 256000 to 288000000
+     * @param bitsPerSecond 1000 to 288000000
      * @throws IllegalArgumentException if the rate is not allowed
      * @throws IllegalStateException if this encoder is closed
      */
     public void bitrate(int bitsPerSecond) {
         engine.checkOpen("bitrate");
-        steering.bitrate(Builder.checkedBitrate(bitsPerSecond));
+        steering.bitrate(Settings.bitrate(bitsPerSecond));
     }
 
     // Returns 0 when the encoder took the picture; `info` then has the bytes of its access unit. Otherwise `buffer` still
@@ -138,15 +138,11 @@ public final class VideoEncoder implements AutoCloseable {
 
     /** Collects an encoder's settings. */
     public static final class Builder {
-        private static final int SMALLEST_SIDE = 16;
-        private static final int LARGEST_SIDE = 8192;
-        private static final int LARGEST_FRAME_RATE = 30;
-        private static final int SMALLEST_BITRATE = 256_000;
-        private static final int LARGEST_BITRATE = 288_000_000;
+        private static final int USUAL_FRAME_RATE = 30;
 
         private int width;
         private int height;
-        private int frameRate = LARGEST_FRAME_RATE;
+        private int frameRate = USUAL_FRAME_RATE;
         private int bitrate;
         private Consumer<? super EncoderFailure> failureListener;
 
@@ -154,44 +150,45 @@ public final class VideoEncoder implements AutoCloseable {
         }
 
         /**
-         * The size of the pictures, which has to be given.
+         * The size of the pictures, which has to be given. Sides may be odd, where those of a {@link Rendition}, to which
+         * pictures are scaled, are even.
          *
          * @param pixelsWide 16 to 8192
-         * @param pixelsHigh 16 to 8192
+         * @param pixelsHigh 16 to 8192; a picture has at most 4096 x 2304 pixels
          * @return this builder
          */
         public Builder size(int pixelsWide, int pixelsHigh) {
-            Settings.check("width", pixelsWide, SMALLEST_SIDE, LARGEST_SIDE, "pixels");
-            Settings.check("height", pixelsHigh, SMALLEST_SIDE, LARGEST_SIDE, "pixels");
+            Settings.check("width", pixelsWide, Settings.SMALLEST_SIDE, Settings.LARGEST_SIDE, "pixels");
+            Settings.check("height", pixelsHigh, Settings.SMALLEST_SIDE, Settings.LARGEST_SIDE, "pixels");
+            if (pixelsWide * pixelsHigh > Settings.LARGEST_AREA) {
+                throw new IllegalArgumentException(Settings.wrongArea(pixelsWide, pixelsHigh));
+            }
             width = pixelsWide;
             height = pixelsHigh;
             return this;
         }
 
         /**
-         * The rate of the pictures.
+         * The rate of the pictures. The encoder takes it at its opening alone; so it cannot follow the pictures' times, as a
+         * {@link Rendition} without a rate does.
          *
-         * @param picturesPerSecond 1 to 30
+         * @param picturesPerSecond 1 to 60; 30 unless it is set here
          * @return this builder
          */
         public Builder frameRate(int picturesPerSecond) {
-            frameRate = Settings.check("frameRate", picturesPerSecond, 1, LARGEST_FRAME_RATE, "pictures per second");
+            frameRate = Settings.frameRate(picturesPerSecond);
             return this;
         }
 
         /**
          * The target, which has to be given.
          *
-         * @param bitsPerSecond 256000 to 288000000
+         * @param bitsPerSecond 1000 to 288000000
          * @return this builder
          */
         public Builder bitrate(int bitsPerSecond) {
-            bitrate = checkedBitrate(bitsPerSecond);
+            bitrate = Settings.bitrate(bitsPerSecond);
             return this;
-        }
-
-        private static int checkedBitrate(int bitsPerSecond) {
-            return Settings.check("bitrate", bitsPerSecond, SMALLEST_BITRATE, LARGEST_BITRATE, "bits per second");
         }
 
         /**

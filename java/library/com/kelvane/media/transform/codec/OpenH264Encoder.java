@@ -43,6 +43,17 @@ public final class OpenH264Encoder {
     public static native long open(int width, int height, int frameRate, int bitRate, int reserved);
 
     /**
+     * Makes an encoder, as {@link #open} does, with the rates as they are.
+     *
+     * @param width as for {@code open}
+     * @param height as for {@code open}
+     * @param frameRate pictures per second, above 0
+     * @param bitRate target in bits per second, above 0
+     * @return as {@code open}
+     */
+    public static native long openAt(int width, int height, int frameRate, int bitRate);
+
+    /**
      * Encodes one picture and writes its access unit over it.
      *
      * @param data a packed I420 picture of the encoder's size, at least
