@@ -273,6 +273,15 @@ JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_MIRVProcessor_deco
     return accessUnit ? processor->decode(accessUnit, static_cast<uint32_t>(timestamp)) : 0;
 }
 
+JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_MIRVProcessor_decodePart(
+    JNIEnv* env, jclass, jlong timestamp, jbyteArray data, jobject direct, jint from, jint size, jlong handle) {
+    MIRVProcessor* processor = processorOf(handle);
+    if (!processor) return 0;
+    processor->decoder->pictureReady = 0;
+    const ArrayCopy accessUnit = JavaCall(env).copyIn(data, direct, from, size);
+    return accessUnit ? processor->decode(accessUnit, static_cast<uint32_t>(timestamp)) : 0;
+}
+
 JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_MIRVProcessor_encode(JNIEnv* env, jclass,
                                                                                    jint output,
                                                                                    jobject listener,

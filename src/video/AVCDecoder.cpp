@@ -355,15 +355,20 @@ bool takesInfo(JavaCall& java, jbyteArray info) {
     return false;
 }
 
-jint decodeInto(JNIEnv* env, uint32_t time, jbyteArray input, jbyteArray info, jbyteArray output,
-                jlong handle) {
+// `input` is called for the access unit, once all else is there.
+template <class Input>
+jint decodeInto(JNIEnv* env, uint32_t time, Input&& input, jbyteArray info, jbyteArray output, jlong handle) {
     VideoDecoder* decoder = avc_dec_ctx.GetCoder(handle);
-    if (!decoder || !input || !info || !output) return 0;
+    if (!decoder || !info || !output) return 0;
     JavaCall java(env);
-    ArrayCopy accessUnit = java.copyIn(input);
+    const ArrayCopy accessUnit = input(java);
     if (!accessUnit) return 0;
     const int result = decoder->decode(accessUnit.as<signed char>(), accessUnit.size, time);
     return result == 1 ? deliver(*decoder, java, info, output) : result;
+}
+
+auto wholeOf(jbyteArray input) {
+    return [input](const JavaCall& java) { return input ? java.copyIn(input) : ArrayCopy(); };
 }
 
 } // namespace
@@ -381,13 +386,20 @@ JNIEXPORT jlong JNICALL Java_com_kelvane_media_transform_codec_AVCDecoder_open(J
 
 JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_AVCDecoder_decode(
     JNIEnv* env, jclass, jbyteArray input, jbyteArray info, jbyteArray output, jlong handle) {
-    return decodeInto(env, 0, input, info, output, handle);
+    return decodeInto(env, 0, wholeOf(input), info, output, handle);
 }
 
 JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_AVCDecoder_decodeAt(
     JNIEnv* env, jclass, jlong timestamp, jbyteArray input, jbyteArray info, jbyteArray output,
     jlong handle) {
-    return decodeInto(env, static_cast<uint32_t>(timestamp), input, info, output, handle);
+    return decodeInto(env, static_cast<uint32_t>(timestamp), wholeOf(input), info, output, handle);
+}
+
+JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_AVCDecoder_decodePart(
+    JNIEnv* env, jclass, jlong timestamp, jbyteArray data, jobject direct, jint from, jint size, jbyteArray info,
+    jbyteArray output, jlong handle) {
+    const auto part = [=](const JavaCall& java) { return java.copyIn(data, direct, from, size); };
+    return decodeInto(env, static_cast<uint32_t>(timestamp), part, info, output, handle);
 }
 
 JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_AVCDecoder_drain(JNIEnv* env, jclass,

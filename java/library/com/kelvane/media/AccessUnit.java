@@ -1,5 +1,6 @@
 package com.kelvane.media;
 
+import java.util.Arrays;
 import java.util.List;
 import java.util.Objects;
 import java.util.Optional;
@@ -54,5 +55,20 @@ public record AccessUnit(byte[] bytes, long time) {
      */
     public static List<byte[]> split(byte[] stream) {
         return AnnexB.split(stream);
+    }
+
+    /**
+     * {@return whether the other is one with the same components, the array's content among them} As with a
+     * {@link java.nio.ByteBuffer}, that and the hash code change with what is written to the array.
+     */
+    @Override
+    public boolean equals(Object other) {
+        return other instanceof AccessUnit unit && time == unit.time
+                && Arrays.equals(bytes, unit.bytes);
+    }
+
+    @Override
+    public int hashCode() {
+        return Objects.hash(time, Arrays.hashCode(bytes));
     }
 }

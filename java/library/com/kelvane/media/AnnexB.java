@@ -21,35 +21,38 @@ final class AnnexB {
      *
      * @throws IllegalArgumentException if it does not begin with a start code
      */
-    static byte[] checked(byte[] accessUnit) {
+    static Part checked(Part accessUnit) {
         if (beginsWithCode(accessUnit, 3)) {
             return accessUnit;
         }
         if (beginsWithCode(accessUnit, 2)) {
-            byte[] longer = new byte[accessUnit.length + 1];
-            System.arraycopy(accessUnit, 0, longer, 1, accessUnit.length);
-            return longer;
+            return accessUnit.behindZero();
         }
         StringBuilder start = new StringBuilder();
-        for (int i = 0; i < Math.min(4, accessUnit.length); i++) {
-            start.append(String.format(Locale.ROOT, " %02x", accessUnit[i]));
+        for (int i = 0; i < Math.min(4, accessUnit.size); i++) {
+            start.append(String.format(Locale.ROOT, " %02x", accessUnit.at(i)));
         }
         throw new IllegalArgumentException("an access unit begins with the start code 00 00 00 01 or 00 00 01; this one"
                 + (start.length() == 0 ? " is empty" : " begins with" + start)
                 + ". MP4, MKV and FLV put lengths there instead: replace each by a start code");
     }
 
-    /** Whether it is one that {@link #checked} takes. */
-    static boolean isChecked(byte[] bytes) {
-        return beginsWithCode(bytes, 3) || beginsWithCode(bytes, 2);
+    static byte[] checked(byte[] accessUnit) {
+        return checked(Part.of(accessUnit)).array;
     }
 
-    private static boolean beginsWithCode(byte[] bytes, int zeros) {
-        if (bytes.length <= zeros || bytes[zeros] != 1) {
+    /** Whether it is one that {@link #checked} takes. */
+    static boolean isChecked(byte[] bytes) {
+        Part part = Part.of(bytes);
+        return beginsWithCode(part, 3) || beginsWithCode(part, 2);
+    }
+
+    private static boolean beginsWithCode(Part bytes, int zeros) {
+        if (bytes.size <= zeros || bytes.at(zeros) != 1) {
             return false;
         }
         for (int i = 0; i < zeros; i++) {
-            if (bytes[i] != 0) {
+            if (bytes.at(i) != 0) {
                 return false;
             }
         }

@@ -3,6 +3,7 @@ package com.kelvane.media;
 import java.nio.ByteBuffer;
 import java.time.Duration;
 import java.util.Arrays;
+import java.util.Objects;
 import java.util.Optional;
 
 /**
@@ -152,6 +153,31 @@ public final class EncodedPicture {
      */
     public byte[] copy() {
         return Arrays.copyOf(valid(), size);
+    }
+
+    /**
+     * Copies the access unit to where the caller wants it.
+     *
+     * @param target receives {@link #size} bytes at its position, which goes behind them; direct ones too
+     * @throws java.nio.BufferOverflowException if fewer remain there; nothing is written then
+     * @throws java.nio.ReadOnlyBufferException if it is read-only
+     * @throws IllegalStateException if the callback is over
+     */
+    public void copyTo(ByteBuffer target) {
+        target.put(valid(), 0, size);
+    }
+
+    /**
+     * Copies the access unit to where the caller wants it.
+     *
+     * @param target receives {@link #size} bytes
+     * @param offset where to
+     * @throws IndexOutOfBoundsException if there is no room for them; nothing is written then
+     * @throws IllegalStateException if the callback is over
+     */
+    public void copyTo(byte[] target, int offset) {
+        Objects.checkFromIndexSize(offset, size, target.length);
+        System.arraycopy(valid(), 0, target, offset, size);
     }
 
     /** The array that begins with the access unit. */

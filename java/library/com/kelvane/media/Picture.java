@@ -1,5 +1,6 @@
 package com.kelvane.media;
 
+import java.util.Arrays;
 import java.util.Objects;
 
 /**
@@ -50,5 +51,20 @@ public record Picture(int width, int height, long time, byte[] i420) {
             throw new IllegalArgumentException("a packed picture of " + width + "x" + height + " is longer than an array");
         }
         return (int) bytes;
+    }
+
+    /**
+     * {@return whether the other is one with the same components, the array's content among them} As with a
+     * {@link java.nio.ByteBuffer}, that and the hash code change with what is written to the array.
+     */
+    @Override
+    public boolean equals(Object other) {
+        return other instanceof Picture picture && width == picture.width && height == picture.height && time == picture.time
+                && Arrays.equals(i420, picture.i420);
+    }
+
+    @Override
+    public int hashCode() {
+        return Objects.hash(width, height, time, Arrays.hashCode(i420));
     }
 }

@@ -78,11 +78,41 @@ public final class Pipeline implements AutoCloseable {
      * @throws IllegalStateException if this pipeline is closed or in use
      */
     public Optional<AccessUnit> write(byte[] accessUnit, long time) {
-        byte[] unit = passThrough ? Objects.requireNonNull(accessUnit, "accessUnit") : AnnexB.checked(accessUnit);
+        return write(Part.of(accessUnit), time);
+    }
+
+    /**
+     * As {@link #write(byte[], long)}, of an access unit in an array that may hold more.
+     *
+     * @param accessUnit holds one access unit; not changed and not kept
+     * @param offset where it begins
+     * @param length its bytes
+     * @param time as there
+     * @return as there
+     * @throws IndexOutOfBoundsException if the array has no such part
+     */
+    public Optional<AccessUnit> write(byte[] accessUnit, int offset, int length, long time) {
+        return write(Part.of(accessUnit, offset, length), time);
+    }
+
+    /**
+     * As {@link #write(byte[], long)}, of an access unit in a buffer, see {@link Transcoder#write(ByteBuffer, long, Consumer)}.
+     *
+     * @param accessUnit what remains in it is one access unit, and is taken; its bytes are not changed and not kept
+     * @param time as there
+     * @return as there
+     */
+    public Optional<AccessUnit> write(ByteBuffer accessUnit, long time) {
+        return write(Part.of(accessUnit), time);
+    }
+
+    private Optional<AccessUnit> write(Part accessUnit, long time) {
+        Part unit = passThrough ? accessUnit : AnnexB.checked(accessUnit);
         long handle = engine.enter("write");
         try {
+            unit.take();
             int carried = times.write(time, 0);
-            work(handle, () -> AVCProcessor.write(carried, unit, number, handle));
+            work(handle, () -> AVCProcessor.writePart(carried, unit.array, unit.direct, unit.from, unit.size, number, handle));
             Optional<AccessUnit> out = Optional.ofNullable(pending(handle, carried));
             tellFailure(handle);
             return out;

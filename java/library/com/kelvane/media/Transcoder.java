@@ -1,6 +1,7 @@
 package com.kelvane.media;
 
 import com.kelvane.media.transform.codec.MIRVProcessor;
+import java.nio.ByteBuffer;
 import java.time.Duration;
 import java.util.ArrayList;
 import java.util.Arrays;
@@ -102,14 +103,49 @@ public final class Transcoder implements AutoCloseable {
      *         that size; the others had their pictures, and go on with the next call
      */
     public WriteResult write(byte[] accessUnit, long time, Consumer<? super EncodedPicture> receiver) {
+        return write(Part.of(accessUnit), time, receiver);
+    }
+
+    /**
+     * As {@link #write(byte[], long, Consumer)}, of an access unit in an array that may hold more.
+     *
+     * @param accessUnit holds one access unit; not changed and not kept
+     * @param offset where it begins
+     * @param length its bytes
+     * @param time as there
+     * @param receiver as there
+     * @return as there
+     * @throws IndexOutOfBoundsException if the array has no such part
+     */
+    public WriteResult write(byte[] accessUnit, int offset, int length, long time, Consumer<? super EncodedPicture> receiver) {
+        return write(Part.of(accessUnit, offset, length), time, receiver);
+    }
+
+    /**
+     * As {@link #write(byte[], long, Consumer)}, of an access unit in a buffer. A direct buffer's bytes are copied where FFmpeg
+     * reads them, without an array in between; what frees its memory by other means than the garbage collector's has to wait
+     * for the end of this call.
+     *
+     * @param accessUnit what remains in it is one access unit, and is taken: the position is the limit then, unless the call is
+     *        refused. Its bytes are not changed and not kept
+     * @param time as there
+     * @param receiver as there
+     * @return as there
+     */
+    public WriteResult write(ByteBuffer accessUnit, long time, Consumer<? super EncodedPicture> receiver) {
+        return write(Part.of(accessUnit), time, receiver);
+    }
+
+    private WriteResult write(Part accessUnit, long time, Consumer<? super EncodedPicture> receiver) {
         Objects.requireNonNull(receiver, "receiver");
-        byte[] unit = AnnexB.checked(accessUnit);
+        Part unit = AnnexB.checked(accessUnit);
         long handle = engine.enter("write");
         try {
+            unit.take();
             int carried = times.write(time, System.nanoTime());
             PictureTranscoded event = new PictureTranscoded();
             event.begin();
-            boolean decoded = decoded(event, () -> MIRVProcessor.decode(carried, unit, handle));
+            boolean decoded = decoded(event, () -> MIRVProcessor.decodePart(carried, unit.array, unit.direct, unit.from, unit.size, handle));
             int outcome = MIRVProcessor.outcome(handle);
             needsKey = outcome >= NEEDS_KEY;
             if (decoded) {

@@ -54,12 +54,43 @@ public final class VideoDecoder implements AutoCloseable {
      * @throws IllegalStateException if this decoder is closed or in use
      */
     public Optional<Picture> decode(byte[] accessUnit, long time) {
-        byte[] unit = AnnexB.checked(accessUnit);
+        return decode(Part.of(accessUnit), time);
+    }
+
+    /**
+     * As {@link #decode(byte[], long)}, of an access unit in an array that may hold more.
+     *
+     * @param accessUnit holds one access unit; not changed and not kept
+     * @param offset where it begins
+     * @param length its bytes
+     * @param time as there
+     * @return as there
+     * @throws IndexOutOfBoundsException if the array has no such part
+     */
+    public Optional<Picture> decode(byte[] accessUnit, int offset, int length, long time) {
+        return decode(Part.of(accessUnit, offset, length), time);
+    }
+
+    /**
+     * As {@link #decode(byte[], long)}, of an access unit in a buffer, see {@link Transcoder#write(ByteBuffer, long, Consumer)}.
+     *
+     * @param accessUnit what remains in it is one access unit, and is taken; its bytes are not changed and not kept
+     * @param time as there
+     * @return as there
+     */
+    public Optional<Picture> decode(ByteBuffer accessUnit, long time) {
+        return decode(Part.of(accessUnit), time);
+    }
+
+    private Optional<Picture> decode(Part accessUnit, long time) {
+        Part unit = AnnexB.checked(accessUnit);
         long handle = engine.enter("decode");
         try {
+            unit.take();
             int carried = times.write(time, 0);
             byte[] output = spare.take(size);
-            return Optional.ofNullable(picture(AVCDecoder.decodeAt(carried, unit, info, output, handle), output, handle));
+            int result = AVCDecoder.decodePart(carried, unit.array, unit.direct, unit.from, unit.size, info, output, handle);
+            return Optional.ofNullable(picture(result, output, handle));
         } finally {
             engine.exit();
         }

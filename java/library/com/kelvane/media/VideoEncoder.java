@@ -28,7 +28,7 @@ public final class VideoEncoder implements AutoCloseable {
     private final int width;
     private final int height;
     private final byte[] info = new byte[7];
-    private final byte[] buffer; // the picture, over which the engine writes the access unit
+    private final byte[] buffer; // for the access unit, which is no longer than a picture
     private final Recovery recovery;
     private final Steering steering = new Steering();
     private volatile ParameterSets parameterSets;
@@ -61,25 +61,63 @@ public final class VideoEncoder implements AutoCloseable {
             throw new IllegalArgumentException("the picture is " + picture.width() + "x" + picture.height()
                     + ", this encoder takes " + width + "x" + height);
         }
+        return encode(Part.of(picture.i420()), picture.time());
+    }
+
+    /**
+     * Encodes one picture in an array that may hold more.
+     *
+     * @param i420 holds one picture of the encoder's size as in a {@link Picture}; not changed and not kept
+     * @param offset where it begins
+     * @param length its bytes, {@link Picture#size}
+     * @param time its presentation time, in any unit
+     * @return as {@link #encode(Picture)}
+     * @throws IllegalArgumentException if {@code length} is another
+     * @throws IndexOutOfBoundsException if the array has no such part
+     * @throws IllegalStateException if this encoder is closed or in use
+     */
+    public Optional<AccessUnit> encode(byte[] i420, int offset, int length, long time) {
+        return encode(Part.of(i420, offset, length), time);
+    }
+
+    /**
+     * Encodes one picture in a buffer, see {@link Transcoder#write(ByteBuffer, long, Consumer)}.
+     *
+     * @param i420 what remains in it is one picture of the encoder's size as in a {@link Picture}, and is taken; its bytes are
+     *        not changed and not kept
+     * @param time its presentation time, in any unit
+     * @return as {@link #encode(Picture)}
+     * @throws IllegalArgumentException if another number of bytes remains
+     * @throws IllegalStateException if this encoder is closed or in use
+     */
+    public Optional<AccessUnit> encode(ByteBuffer i420, long time) {
+        return encode(Part.of(i420), time);
+    }
+
+    private Optional<AccessUnit> encode(Part picture, long time) {
+        if (picture.size != buffer.length) {
+            throw new IllegalArgumentException("a packed picture of " + width + "x" + height + " has " + buffer.length
+                    + " bytes, not " + picture.size);
+        }
         long handle = engine.enter("encode");
         try {
+            picture.take();
             if (steering.isAsked()) {
                 steering.handOver(bits -> OpenH264Encoder.setBitrate(bits, handle) == 1, () -> OpenH264Encoder.requestKey(handle));
             }
-            System.arraycopy(picture.i420(), 0, buffer, 0, buffer.length);
-            int failure = tryEncoding(handle);
+            int failure = tryEncoding(picture, handle);
             if (failure == 0) {
                 recovery.succeeded();
             } else {
-                recovery.recover(failure, () -> OpenH264Encoder.renew(handle) == 1, () -> tryEncoding(handle));
-                recovery.tell(handle, picture.time(), picture.time());
+                recovery.recover(failure, () -> OpenH264Encoder.renew(handle) == 1, () -> tryEncoding(picture, handle));
+                recovery.tell(handle, time, time);
             }
             int size = ByteBuffer.wrap(info).getInt(1);
             if (size == 0) {
                 return Optional.empty();
             }
             parameterSets = ParameterSets.from(parameterSets, buffer, size);
-            return Optional.of(new AccessUnit(Arrays.copyOf(buffer, size), picture.time()));
+            return Optional.of(new AccessUnit(Arrays.copyOf(buffer, size), time));
         } finally {
             engine.exit();
         }
@@ -118,11 +156,11 @@ public final class VideoEncoder implements AutoCloseable {
         steering.bitrate(Settings.bitrate(bitsPerSecond));
     }
 
-    // Returns 0 when the encoder took the picture; `info` then has the bytes of its access unit. Otherwise `buffer` still
-    // holds the picture.
-    private int tryEncoding(long handle) {
+    // Returns 0 when the encoder took the picture; `info` then has the bytes of its access unit, which `buffer` holds.
+    private int tryEncoding(Part picture, long handle) {
         Arrays.fill(info, (byte) 0);
-        return OpenH264Encoder.encode(buffer, info, handle) == 1 ? 0 : OpenH264Encoder.failure(handle);
+        return OpenH264Encoder.encodePart(picture.array, picture.direct, picture.from, picture.size, buffer, info, handle) == 1 ? 0
+                : OpenH264Encoder.failure(handle);
     }
 
     /**

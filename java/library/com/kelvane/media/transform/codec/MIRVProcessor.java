@@ -1,6 +1,7 @@
 package com.kelvane.media.transform.codec;
 
 import com.kelvane.media.NativeLibrary;
+import java.nio.ByteBuffer;
 
 /**
  * The multi-rendition transcoder: decodes one H.264 stream once and encodes every picture again into a fixed number of
@@ -156,6 +157,20 @@ public final class MIRVProcessor {
      *         {@code drain}; otherwise as {@code write}
      */
     public static native int decode(long timestamp, byte[] data, long handle);
+
+    /**
+     * Decodes one access unit that is part of an array or of a direct buffer, as {@link #decode} does. It is copied before
+     * anything looks at it.
+     *
+     * @param timestamp as for {@code write}
+     * @param data holds the access unit, or null when {@code direct} does
+     * @param direct a direct buffer that holds it; its position and limit have no part in this
+     * @param from where it begins
+     * @param size its bytes
+     * @param handle the transcoder, or 0
+     * @return as {@code decode}; 0 also when there is no such part
+     */
+    public static native int decodePart(long timestamp, byte[] data, ByteBuffer direct, int from, int size, long handle);
 
     /**
      * Scales and encodes the picture at hand for one rendition and calls the listener once, with null when there is no
