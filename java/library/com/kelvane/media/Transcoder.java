@@ -122,9 +122,9 @@ public final class Transcoder implements AutoCloseable {
     }
 
     /**
-     * As {@link #write(byte[], long, Consumer)}, of an access unit in a buffer. A direct buffer's bytes are copied where FFmpeg
-     * reads them, without an array in between; what frees its memory by other means than the garbage collector's has to wait
-     * for the end of this call.
+     * As {@link #write(byte[], long, Consumer)}, of an access unit in a buffer. A direct buffer's bytes are copied to native
+     * memory without an array in between, and looked at in that copy; what frees its memory by other means than the garbage
+     * collector's has to wait for the end of this call.
      *
      * @param accessUnit what remains in it is one access unit, and is taken: the position is the limit then, unless the call is
      *        refused. Its bytes are not changed and not kept

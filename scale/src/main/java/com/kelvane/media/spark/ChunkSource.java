@@ -76,9 +76,9 @@ final class ChunkSource implements Closeable {
                         + " first: ffmpeg -i INPUT OUTPUT");
             }
             count += shows(Math.round(lastTime)) ? 1 : 0;
-            boolean first = handedOut++ == 0;
-            return new AccessUnit(parameterSets.filter(sets -> first).map(sets -> sets.prependTo(packet.bytes()))
-                    .orElse(packet.bytes()), Math.round(lastTime));
+            byte[] bytes = handedOut++ == 0 && parameterSets.isPresent() ? parameterSets.get().prependTo(packet.bytes())
+                    : packet.bytes();
+            return new AccessUnit(bytes, Math.round(lastTime));
         }
         return null;
     }
