@@ -86,15 +86,15 @@ final class AnnexB {
     /** Hands out NAL units, without the zeros behind them. */
     static void forEachNal(byte[] bytes, int length, NalReceiver receiver) {
         for (int at = nextNal(bytes, 0, length); at < length;) {
-            int next = nextNal(bytes, at, length);
-            int end = next < length ? next - 3 : length;
+            int code = nextCode(bytes, at, length);
+            int end = code;
             while (end > at && bytes[end - 1] == 0) {
                 end--;
             }
             if (end > at && !receiver.receive(at, end)) {
                 return;
             }
-            at = next;
+            at = nextNal(bytes, code, length);
         }
     }
 
@@ -138,9 +138,15 @@ final class AnnexB {
 
     /** The index of the first byte behind the next start code, or {@code length}. */
     private static int nextNal(byte[] bytes, int from, int length) {
-        for (int i = from; i + 3 < length; i++) {
+        int code = nextCode(bytes, from, length);
+        return code < length ? code + 3 : length;
+    }
+
+    /** The index of the next start code of three bytes, or {@code length}. */
+    private static int nextCode(byte[] bytes, int from, int length) {
+        for (int i = from; i + 2 < length; i++) {
             if (bytes[i] == 0 && bytes[i + 1] == 0 && bytes[i + 2] == 1) {
-                return i + 3;
+                return i;
             }
         }
         return length;

@@ -80,24 +80,22 @@ public final class ParameterSets {
     }
 
     private static Optional<ParameterSets> ofRecord(byte[] bytes) {
+        ByteArrayOutputStream stream = new ByteArrayOutputStream();
         ByteBuffer record = ByteBuffer.wrap(bytes);
         try {
             record.position(5); // version, profile, compatibility, level, size of lengths
-            List<byte[]> sequences = sets(record, MOST_SEQUENCES);
-            return checked(sequences, sets(record, MOST_PICTURES));
+            for (int most : new int[] {MOST_SEQUENCES, MOST_PICTURES}) {
+                for (int left = record.get() & most; left > 0; left--) {
+                    byte[] set = new byte[record.getShort() & 0xffff];
+                    record.get(set);
+                    stream.writeBytes(START_CODE);
+                    stream.writeBytes(set);
+                }
+            }
         } catch (IllegalArgumentException | BufferUnderflowException cutShort) {
             return Optional.empty();
         }
-    }
-
-    private static List<byte[]> sets(ByteBuffer record, int most) {
-        List<byte[]> sets = new ArrayList<>();
-        for (int left = record.get() & most; left > 0; left--) {
-            byte[] set = new byte[record.getShort() & 0xffff];
-            record.get(set);
-            sets.add(set);
-        }
-        return sets;
+        return in(stream.toByteArray(), stream.size());
     }
 
     private static Optional<ParameterSets> checked(List<byte[]> sequences, List<byte[]> pictures) {

@@ -15,6 +15,7 @@ import com.kelvane.media.OpusDecoder;
 import com.kelvane.media.OpusEncoder;
 import com.kelvane.media.Pcm;
 import com.kelvane.media.Picture;
+import com.kelvane.media.PicturePlan;
 import com.kelvane.media.Pipeline;
 import com.kelvane.media.ProcessingModule;
 import com.kelvane.media.Rendition;
@@ -180,6 +181,16 @@ final class MisuseTest {
                 assertTrue(messageOf(IllegalStateException.class, use).contains("keep a copy()"));
             }
             assertEquals(7, picture.time());
+            assertThrows(IndexOutOfBoundsException.class, () -> transcoder.parameterSets(1));
+        }
+        List<PicturePlan> plans = new ArrayList<>();
+        try (Transcoder transcoder = Transcoder.builder().rendition(Rendition.of(64, 48).bitrate(100_000)).plan(plan -> {
+            plans.add(plan);
+            plan.select(1, true);
+        }).open()) {
+            assertThrows(IndexOutOfBoundsException.class, () -> transcoder.write(UNIT, 0, kept::add));
+            assertThrows(IllegalStateException.class, plans.get(0)::keyAll);
+            assertEquals(1, kept.size());
         }
     }
 
