@@ -127,11 +127,7 @@ final class CodecsTest {
                 stream.add(unit.bytes());
             }
         }
-        List<Picture> decoded = Vectors.decode(stream);
-        assertEquals(originals.size(), decoded.size());
-        for (int i = 0; i < decoded.size(); i++) {
-            assertTrue(Vectors.psnr(originals.get(i), decoded.get(i)) > 30, "picture " + i);
-        }
+        assertTrue(Vectors.worst(originals, stream) > 30);
     }
 
     /** What one engine after the other makes of a stream that it is given in some kind of array or buffer. */

@@ -62,12 +62,8 @@ final class ContainerWriterTest {
     void writesToAChannelFromItsPositionOn() throws IOException {
         byte[][] files = new byte[2][];
         for (int i = 0; i < 2; i++) {
-            Path file = folder.resolve("film" + i);
             byte[] ahead = new byte[1000 * i];
-            try (FileChannel channel = FileChannel.open(file, StandardOpenOption.CREATE, StandardOpenOption.READ,
-                    StandardOpenOption.WRITE); ContainerWriter writer = builder(Format.MP4, VIDEO, SOUND).fastStart().open(channel)) {
-                channel.write(ByteBuffer.wrap(ahead));
-            }
+            Path file = Files.write(folder.resolve("film" + i), ahead);
             try (FileChannel channel = FileChannel.open(file, StandardOpenOption.READ, StandardOpenOption.WRITE)) {
                 channel.position(ahead.length);
                 try (ContainerWriter writer = builder(Format.MP4, VIDEO, SOUND).fastStart().open(channel)) {
