@@ -25,7 +25,9 @@ ArrayCopy JavaCall::copyIn(jbyteArray array, jobject direct, jsize from, jsize s
     ArrayCopy copy;
     const auto* bytes =
         static_cast<const uint8_t*>(array || !direct ? nullptr : env->GetDirectBufferAddress(direct));
-    const jlong length = array ? env->GetArrayLength(array) : bytes ? env->GetDirectBufferCapacity(direct) : -1;
+    const jlong length = array   ? env->GetArrayLength(array)
+                         : bytes ? env->GetDirectBufferCapacity(direct)
+                                 : -1;
     if (from < 0 || size < 0 || size > length - from) return copy;
     copy.size = size;
     copy.bytes = mallocBuffer(static_cast<size_t>(size));

@@ -25,7 +25,8 @@ void copyOutSize(JavaCall& java, jbyteArray sizeInfo, int newOutput) {
     java.copyOut(sizeInfo, size, sizeof size);
 }
 
-jint writeCopy(VideoProcessor& pipeline, JavaCall& java, ArrayCopy input, uint32_t time, jbyteArray sizeInfo) {
+jint writeCopy(VideoProcessor& pipeline, JavaCall& java, ArrayCopy input, uint32_t time,
+               jbyteArray sizeInfo) {
     if (!input) return 0;
     int result = 1;
     int newOutput = -1;

@@ -396,8 +396,8 @@ JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_AVCDecoder_decodeA
 }
 
 JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_AVCDecoder_decodePart(
-    JNIEnv* env, jclass, jlong timestamp, jbyteArray data, jobject direct, jint from, jint size, jbyteArray info,
-    jbyteArray output, jlong handle) {
+    JNIEnv* env, jclass, jlong timestamp, jbyteArray data, jobject direct, jint from, jint size,
+    jbyteArray info, jbyteArray output, jlong handle) {
     const auto part = [=](const JavaCall& java) { return java.copyIn(data, direct, from, size); };
     return decodeInto(env, static_cast<uint32_t>(timestamp), part, info, output, handle);
 }

@@ -30,7 +30,8 @@ constexpr const char* privateOptions[][2] = {
 };
 
 // Encodes a picture, over which the access unit is written.
-jint encodeCopy(VideoEncoder& encoder, JavaCall& java, const ArrayCopy& picture, jbyteArray output, jbyteArray info) {
+jint encodeCopy(VideoEncoder& encoder, JavaCall& java, const ArrayCopy& picture, jbyteArray output,
+                jbyteArray info) {
     if (!picture) return 0;
     const int result = encoder.encode(picture.as<signed char>(), picture.size, 0);
     if (result != 1) return result;
