@@ -274,7 +274,8 @@ JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_MIRVProcessor_deco
 }
 
 JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_MIRVProcessor_decodePart(
-    JNIEnv* env, jclass, jlong timestamp, jbyteArray data, jobject direct, jint from, jint size, jlong handle) {
+    JNIEnv* env, jclass, jlong timestamp, jbyteArray data, jobject direct, jint from, jint size,
+    jlong handle) {
     MIRVProcessor* processor = processorOf(handle);
     if (!processor) return 0;
     processor->decoder->pictureReady = 0;
@@ -331,8 +332,8 @@ JNIEXPORT jlong JNICALL Java_com_kelvane_media_transform_codec_MIRVProcessor_pic
     if (!processor || !processor->decoder->pictureReady) return 0;
     constexpr int heightAt = 16, interlacedAt = 32, keyAt = 33;
     const AVFrame& picture = *processor->decoder->frame;
-    return picture.width | jlong{picture.height} << heightAt | jlong{picture.interlaced_frame} << interlacedAt |
-           jlong{picture.key_frame} << keyAt;
+    return picture.width | jlong{picture.height} << heightAt |
+           jlong{picture.interlaced_frame} << interlacedAt | jlong{picture.key_frame} << keyAt;
 }
 
 JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_MIRVProcessor_outcome(JNIEnv*, jclass,
