@@ -37,18 +37,25 @@ public final class AacEncoder implements AutoCloseable {
 
     private final Engine engine;
     private final int blockSize;
+    private final AudioConfiguration configuration;
     private final byte[] info = new byte[6];
     private final byte[] output;
 
     private AacEncoder(Builder settings) {
         blockSize = SAMPLES_PER_BLOCK * Pcm.BYTES_PER_SAMPLE * settings.channels;
         output = new byte[blockSize];
+        configuration = AudioConfiguration.of(settings.sampleRate, settings.channels);
         engine = Engine.open("AacEncoder", () -> AACEncoder.open(settings.channels, settings.sampleRate), AACEncoder::close);
     }
 
     /** {@return a builder for stereo at 48000 Hz} */
     public static Builder builder() {
         return new Builder();
+    }
+
+    /** {@return what decoders and containers are to know first: the AudioSpecificConfig of AAC-LC, two bytes} */
+    public AudioConfiguration configuration() {
+        return configuration;
     }
 
     /** {@return the bytes that {@link #encode} takes} */

@@ -15,6 +15,7 @@ import com.kelvane.media.OpusDecoder;
 import com.kelvane.media.OpusEncoder;
 import com.kelvane.media.Pcm;
 import com.kelvane.media.Picture;
+import com.kelvane.media.PicturePlan;
 import com.kelvane.media.Pipeline;
 import com.kelvane.media.ProcessingModule;
 import com.kelvane.media.Rendition;
@@ -177,6 +178,16 @@ final class MisuseTest {
                 assertTrue(messageOf(IllegalStateException.class, use).contains("keep a copy()"));
             }
             assertEquals(7, picture.time());
+            assertThrows(IndexOutOfBoundsException.class, () -> transcoder.parameterSets(1));
+        }
+        List<PicturePlan> plans = new ArrayList<>();
+        try (Transcoder transcoder = Transcoder.builder().rendition(Rendition.of(64, 48).bitrate(100_000)).plan(plan -> {
+            plans.add(plan);
+            plan.select(1, true);
+        }).open()) {
+            assertThrows(IndexOutOfBoundsException.class, () -> transcoder.write(UNIT, 0, kept::add));
+            assertThrows(IllegalStateException.class, plans.get(0)::keyAll);
+            assertEquals(1, kept.size());
         }
     }
 
@@ -201,7 +212,10 @@ final class MisuseTest {
                                 + " rendition 2 (source size): no bit rate was given, allowed are 1000 to 288000000 bits per second"),
                 new Case(() -> VideoEncoder.builder().open(), "size and bitrate must be given"),
                 new Case(() -> VideoEncoder.builder().size(15, 16), "width is 15, allowed are 16 to 8192 pixels"),
-                new Case(() -> VideoEncoder.builder().frameRate(60), "frameRate is 60, allowed are 1 to 30 pictures per second"),
+                new Case(() -> VideoEncoder.builder().frameRate(61), "frameRate is 61, allowed are 1 to 60 pictures per second"),
+                new Case(() -> VideoEncoder.builder().size(8191, 8191),
+                        "size is 8191x8191, allowed are as many pixels as 4096x2304 has"),
+                new Case(() -> Pipeline.builder().timescale(0), "timescale is 0, allowed are 1 to 1000000000 ticks a second"),
                 new Case(() -> new Picture(64, 48, 0, new byte[7]), "a packed picture of 64x48 has 4608 bytes, not 7"),
                 new Case(() -> Pipeline.builder().setting("region", "").open(),
                         "there is no module that could take the setting region"),
@@ -226,7 +240,15 @@ final class MisuseTest {
             assertEquals("an access unit begins with the start code 00 00 00 01 or 00 00 01; this one begins with 00 00 02 3f."
                     + " MP4, MKV and FLV put lengths there instead: replace each by a start code",
                     messageOf(IllegalArgumentException.class, () -> decoder.decode(new byte[] {0, 0, 2, 0x3f, 0x65}, 0)));
-            for (Executable call : List.<Executable>of(() -> decoder.decode(null, 0), () -> aac.decode(null),
+            for (Executable call : List.<Executable>of(() -> decoder.decode(UNIT, 1, UNIT.length, 0), () -> decoder.decode(UNIT, -1, 4, 0),
+                    () -> decoder.decode(UNIT, Integer.MAX_VALUE, 4, 0))) {
+                assertThrows(IndexOutOfBoundsException.class, call);
+            }
+            ByteBuffer noVideo = ByteBuffer.allocateDirect(9);
+            assertThrows(IllegalArgumentException.class, () -> decoder.decode(noVideo, 0));
+            assertEquals(9, noVideo.remaining());
+            for (Executable call : List.<Executable>of(() -> decoder.decode((byte[]) null, 0), () -> decoder.decode((ByteBuffer) null, 0),
+                    () -> aac.decode(null),
                     () -> mp3.decode(null))) {
                 assertThrows(NullPointerException.class, call);
             }
@@ -262,7 +284,7 @@ final class MisuseTest {
                 new Case(NullPointerException.class, () -> ladder.add(null), null),
                 new Case(state, () -> closed.resume(0), "Transcoder.resume: this Transcoder is closed"),
                 new Case(state, () -> closed.add(Rendition.of(64, 48).bitrate(1000)), "Transcoder.add: this Transcoder is closed"),
-                new Case(() -> encoder.bitrate(255_999), "bitrate is 255999, allowed are 256000 to 288000000 bits per second"),
+                new Case(() -> encoder.bitrate(999), "bitrate is 999, allowed are 1000 to 288000000 bits per second"),
                 new Case(() -> pipeline.bitrate(0), "bitrate is 0, allowed are 1000 to 288000000 bits per second"),
                 new Case(state, passing::requestKey, "Pipeline.requestKey: nothing is encoded in pass-through mode"));
         for (Case wrong : cases) {
@@ -409,7 +431,7 @@ final class MisuseTest {
                 }
                 arguments[i] = types[i] == int.class ? (Object) 0 : types[i] == float.class ? (Object) 25f : types[i] == boolean.class ? false
                         : types[i] == long.class ? (Object) (last && i != left ? handle : 0L) : i == left ? null : types[i] == String.class ? "x" : types[i] == byte[].class
-                        ? arrays.get(arrays.size() - 1) : new Object();
+                        ? arrays.get(arrays.size() - 1) : types[i] == ByteBuffer.class ? ByteBuffer.allocateDirect(8) : new Object();
             }
             Object answer = method.invoke(null, arguments);
             for (int i = 0; left >= 0 && i < arrays.size(); i++) {
@@ -426,18 +448,18 @@ final class MisuseTest {
                         + "avframe_set_data null: null, avframe_set_key_frame null:, avframe_set_linesize null:, "
                         + "avpacket_set_data null: null, avpicture_fill -22:, sws_freeContext null: null, "
                         + "sws_getCachedContext 0:, sws_scale -1: -1, sws_scale -1: -1 -1"),
-                new Bare(MIRVProcessor.class, UNIT, "addOutput 1: -1, apply 0: 0 0 0, copyEncoded 0: 0 0, decode 1: 0 0, drain 0: 0 0, "
-                        + "encode 0: 0 0, encodeInto 0: 0 0, encodedAs 0: 0, failure 0: 0, outcome 3: 3, pictureTime 0: 0, releaseOutput 1: 0, "
+                new Bare(MIRVProcessor.class, UNIT, "addOutput 1: -1, apply 0: 0 0 0, copyEncoded 0: 0 0, decode 1: 0 0, decodePart -1: -1 -1 0, drain 0: 0 0, "
+                        + "encode 0: 0 0, encodeInto 0: 0 0, encodedAs 0: 0, failure 0: 0, outcome 3: 3, pictureInfo 0: 0, pictureTime 0: 0, releaseOutput 1: 0, "
                         + "renew 0: 0, requestKey 0: 0, setBitrate 1: 0, setFrameRate 1: 0, start 1: 1, startOutput 1: 0, "
                         + "status 2: 2, write 1: 1 0 0", 1),
-                new Bare(AVCDecoder.class, UNIT, "decode 1: 0 0 0 0, decodeAt 1: 0 0 0 0, drain 0: 0 0 0, "
+                new Bare(AVCDecoder.class, UNIT, "decode 1: 0 0 0 0, decodeAt 1: 0 0 0 0, decodePart -1: -1 -1 0 0 0, drain 0: 0 0 0, "
                         + "pictureTime 0: 0, take 0: 0 0 0"),
                 new Bare(AVCEncoder.class, new byte[PACKED], "encode 0: 0 0 0, loadLibrary 1: 0, problem null", 176, 144, 25,
                         50, 300_000),
                 new Bare(AVCProcessor.class, UNIT, "apply -1: -1 -1 -1, attached 0: 0, brew 1: 0, drain 0: 0 0, failure 0: 0, "
                         + "loadLibrary 0: 0, pictureTime 0: 0, problem null, read 0: 0 0 0, renew 0: 0, requestKey 1: 0, "
-                        + "retry 0: 0 0, setBitrate 1: 0, write 1: 0 0 0", 25, 300_000, 0, 0, 0, 0),
-                new Bare(OpenH264Encoder.class, new byte[PACKED], "encode 1: 0 0 0, failure 0: 0, renew 1: 0, "
+                        + "retry 0: 0 0, setBitrate 1: 0, write 1: 0 0 0, writePart -1: -1 -1 0 0", 25, 300_000, 0, 0, 0, 0),
+                new Bare(OpenH264Encoder.class, new byte[PACKED], "encode 1: 0 0 0, encodePart 0: 0 0 0 0 0, failure -1: 0, renew 1: 0, "
                         + "requestKey 1: 0, setBitrate 1: 0, status 0: 1", 176, 144, 25, 300_000, 0),
                 new Bare(AACDecoder.class, AAC_LC_STEREO, "decode 0: 0 0 0 0, open 0", AAC_LC_STEREO),
                 new Bare(AACEncoder.class, sound, "encode 0: 0 0 0 -1", 2, 48_000),
@@ -447,6 +469,34 @@ final class MisuseTest {
                 new Bare(Muxer.class, UNIT, "addPictures -2001: -2001 -2001 -2001, addSound -2001: -2001 -2001, begin -2001: -2001, "
                         + "cut -2001: -2001, describe 7: 0, finish -2001: -2001, label -2001: -2001 -2001 -2001, next 0: 0 0, open 0, "
                         + "run -2001: -2001 -2001, take 0: 0 0, write -2002: -2001 -2001", "matroska", 0));
+    }
+
+    /** Parts that there are not, of arrays and of direct buffers; one that there is comes last. */
+    @Test
+    void nativesTakePartsThatThereAreNot() {
+        long transcoder = MIRVProcessor.open(0);
+        long decoder = AVCDecoder.open();
+        long pipeline = AVCProcessor.open(25, 300_000, 3, 0, 0, 0);
+        long encoder = OpenH264Encoder.openAt(176, 144, 25, 300_000);
+        byte[] out = new byte[PACKED];
+        byte[] picture = Arrays.copyOf(UNIT, PACKED);
+        ByteBuffer direct = ByteBuffer.allocateDirect(PACKED).put(picture);
+        for (int[] part : new int[][] {{-1, 4}, {0, -1}, {1, PACKED}, {PACKED, 1}, {Integer.MAX_VALUE, Integer.MAX_VALUE},
+                {Integer.MIN_VALUE, Integer.MAX_VALUE}, {0, PACKED}}) {
+            for (ByteBuffer buffer : new ByteBuffer[] {null, direct, ByteBuffer.allocate(PACKED), direct.slice()}) {
+                byte[] array = buffer == null ? picture : null;
+                boolean isThere = part[0] == 0 && part[1] > 0 && (buffer == null || buffer == direct);
+                assertEquals(List.of(isThere, isThere, isThere, isThere), List.of(
+                        MIRVProcessor.decodePart(0, array, buffer, part[0], part[1], transcoder) == 1,
+                        AVCDecoder.decodePart(0, array, buffer, part[0], part[1], new byte[6], out, decoder) == 1,
+                        AVCProcessor.writePart(0, array, buffer, part[0], part[1], new byte[4], pipeline) == 1,
+                        OpenH264Encoder.encodePart(array, buffer, part[0], part[1], out, new byte[7], encoder) == 1));
+            }
+        }
+        assertEquals(0, MIRVProcessor.close(transcoder));
+        AVCDecoder.close(decoder);
+        assertTrue(AVCProcessor.close(pipeline));
+        OpenH264Encoder.close(encoder);
     }
 
     /** A call with everything; each reference left out in turn, and the handle, which changes no array. */
@@ -463,7 +513,7 @@ final class MisuseTest {
         for (Method method : methods) {
             StringBuilder answer = new StringBuilder(method.getName());
             Class<?>[] types = method.getParameterTypes();
-            if (!List.of("open", "close", "problem").contains(method.getName())) {
+            if (!List.of("open", "openAt", "close", "problem").contains(method.getName())) {
                 answer.append(' ').append(bare.call(method, (long) handle, -1)).append(':');
             }
             for (int left = 0; left < types.length; left++) {

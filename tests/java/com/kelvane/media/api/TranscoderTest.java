@@ -22,6 +22,7 @@ import java.time.Duration;
 import java.util.ArrayList;
 import java.util.Arrays;
 import java.util.List;
+import java.util.Optional;
 import java.util.Set;
 import java.util.concurrent.Executor;
 import java.util.concurrent.ExecutorService;
@@ -35,6 +36,8 @@ import java.util.stream.LongStream;
 import java.util.stream.Stream;
 import jdk.jfr.consumer.RecordedEvent;
 import org.junit.jupiter.api.Test;
+import org.junit.jupiter.params.ParameterizedTest;
+import org.junit.jupiter.params.provider.ValueSource;
 
 final class TranscoderTest {
     private static final List<Rendition> LADDER = List.of(
@@ -90,15 +93,20 @@ final class TranscoderTest {
         assertEquals(List.of(30, 30), Stream.of(streams.get(0), streams.get(2)).map(stream -> Vectors.decode(stream).size()).toList());
     }
 
-    /** Over jumps of the clock that 32 bits do not tell, with pictures held back before them. */
-    @Test
-    void givesEveryPictureTheTimeThatItWasGiven() {
+    /**
+     * Over jumps of the clock that 32 bits do not tell, with pictures held back before them; in whatever the caller counts,
+     * be it so fine that pictures lie within a millisecond.
+     */
+    @ParameterizedTest
+    @ValueSource(ints = {1000, 90_000, 1_000_000_000, 1})
+    void givesEveryPictureTheTimeThatItWasGiven(int timescale) {
         List<AccessUnit> source = Vectors.timed(Vectors.REORDERED);
-        long[] starts = {0, 5_000_000_000_000L, 1_700_000_000_000L, -1_700_000_000_000L, 3_000_000_000L, 1L << 40};
+        long[] starts = {0, 5_000_000_000_000L, 1_700_000_000_000L, -1_700_000_000_000L, 3_000_000_000L, 1L << 40,
+                (1L << 40) + (1L << 32), Long.MIN_VALUE};
         List<Long> expected = new ArrayList<>();
         List<List<Long>> times = List.of(new ArrayList<>(), new ArrayList<>(), new ArrayList<>());
-        try (Transcoder transcoder = Transcoder.builder().rendition(LADDER.get(0)).open();
-                VideoDecoder decoder = VideoDecoder.open(); Pipeline pipeline = Pipeline.builder().open()) {
+        try (Transcoder transcoder = Transcoder.builder().timescale(timescale).rendition(LADDER.get(0)).open();
+                VideoDecoder decoder = VideoDecoder.open(); Pipeline pipeline = Pipeline.builder().timescale(timescale).open()) {
             for (long start : starts) {
                 LongStream.range(0, 30).forEach(i -> expected.add(start + 40 * i));
                 for (AccessUnit unit : source) {
@@ -127,9 +135,21 @@ final class TranscoderTest {
         for (Transcoder.Builder builder : List.of(Transcoder.builder(), Transcoder.builder().parallel(Runnable::run))) {
             List<List<Long>> times = List.of(new ArrayList<>(), new ArrayList<>(), new ArrayList<>());
             List<List<Long>> keys = List.of(new ArrayList<>(), new ArrayList<>(), new ArrayList<>());
-            try (Transcoder transcoder = builder.renditions(LADDER).select((index, time) -> index == 0 || selected.contains(time))
-                    .keys((index, time) -> time == 240 || index == 1 && time == 280).open()) {
-                run(transcoder, Vectors.timed(Vectors.REORDERED), picture -> {
+            List<AccessUnit> source = Vectors.timed(Vectors.REORDERED);
+            try (Transcoder transcoder = builder.renditions(LADDER).plan(picture -> {
+                assertEquals("320x180", picture.width() + "x" + picture.height());
+                assertEquals(source.stream().anyMatch(unit -> unit.time() == picture.time() && unit.isKey()), picture.isSourceKey());
+                if (picture.time() == 240) {
+                    picture.keyAll();
+                } else if (picture.time() == 280) {
+                    picture.key(1);
+                }
+                if (!selected.contains(picture.time())) {
+                    picture.selectAll(false);
+                    picture.select(0, true);
+                }
+            }).open()) {
+                run(transcoder, source, picture -> {
                     times.get(picture.index()).add(picture.time());
                     if (picture.isKey()) {
                         keys.get(picture.index()).add(picture.time());
@@ -143,6 +163,31 @@ final class TranscoderTest {
             // The first rendition has a key interval of 10 pictures, 40 ms apart, counted from the one that was asked for.
             assertEquals(List.of(List.of(0L, 240L, 640L, 1040L), List.of(200L, 280L), List.of(200L)), keys);
         }
+    }
+
+    /** With the first picture, and again where another rendition comes in the place of one; not with each key picture. */
+    @Test
+    void tellsParameterSetsWhenTheyChange() {
+        List<AccessUnit> source = Vectors.timed(Vectors.REORDERED);
+        List<String> told = new ArrayList<>();
+        List<String> carried = new ArrayList<>();
+        try (Transcoder transcoder = Transcoder.builder().rendition(LADDER.get(0)).open()) {
+            assertEquals(Optional.empty(), transcoder.parameterSets(0));
+            run(transcoder, source, picture -> {
+                picture.newParameterSets().ifPresent(sets -> told.add(picture.time() + " " + sets.codecs()));
+                new AccessUnit(picture.copy(), 0).parameterSets().ifPresent(sets -> carried.add(picture.time() + " " + sets.codecs()));
+                assertEquals("avc1.42c00b", transcoder.parameterSets(0).orElseThrow().codecs());
+                if (picture.time() == 400) {
+                    transcoder.requestKey(0);
+                }
+            });
+            transcoder.remove(0);
+            transcoder.add(LADDER.get(2));
+            run(transcoder, source.subList(0, 3), picture -> picture.newParameterSets()
+                    .ifPresent(sets -> told.add(picture.time() + " " + sets.codecs())));
+        }
+        assertEquals(List.of("0 avc1.42c00b", "0 avc1.640c0c"), told);
+        assertEquals(List.of("0 avc1.42c00b", "400 avc1.42c00b", "440 avc1.42c00b", "840 avc1.42c00b"), carried);
     }
 
     @Test
