@@ -134,6 +134,7 @@ TEST(OpusDecoder, ConcealsAsMuchAsIsAskedFor) {
         const jlong handle = Decoder(open)(javaEnv(), nullptr, 2, fec);
         const OpusDecoderOwner bare(opus_decoder_create(48000, 2, nullptr));
         std::vector<opus_int16> pcm(5760 * 2);
+        EXPECT_EQ(Decoder(conceal)(javaEnv(), nullptr, 960, nullptr, handle), 0);
         size_t next = 0;
         for (const int asked : {960, 120, 2880, 5760, 0, 100, -120, 5880}) {
             const LocalFrame references;

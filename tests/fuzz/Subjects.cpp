@@ -7,6 +7,7 @@
 #include "audio/NOpusEncoder.h"
 #include "audio/PcmResampler.h"
 #include "bridge/Registries.h"
+#include "bridge/StartCodes.h"
 #include "com_kelvane_media_Tarnwick.h"
 #include "com_kelvane_media_transform_codec_AVCProcessor.h"
 #include "container/Muxer.h"
@@ -520,10 +521,6 @@ std::unique_ptr<Subject> make() {
     return std::make_unique<Made>();
 }
 
-bool endsHere(const Bytes& stream, size_t at) {
-    return at + 3 < stream.size() && stream[at] == 0 && stream[at + 1] == 0 && stream[at + 2] == 1;
-}
-
 // Where FFmpeg's parser would begin a new access unit, about.
 bool beginsUnit(const Bytes& nalUnit) {
     if (nalUnit.size() < 6) return true;
@@ -539,15 +536,14 @@ bool isSlice(const Bytes& nalUnit) {
 // NAL units, each behind a long start code; what is ahead of the first one is lost.
 std::vector<Bytes> nalUnits(const Bytes& stream) {
     std::vector<Bytes> units;
-    for (size_t at = 0; at < stream.size(); ++at) {
-        if (endsHere(stream, at)) {
-            if (!units.empty() && units.back().back() == 0 && units.back().size() > 4)
-                units.back().pop_back();
-            units.push_back({0, 0, 0, 1});
-            at += 2;
-        } else if (!units.empty()) {
-            units.back().push_back(stream[at]);
-        }
+    const uint8_t* const end = stream.data() + stream.size();
+    const uint8_t* next = nullptr;
+    for (const uint8_t* at = behindStartCode(stream.data(), end); at && at < end; at = next) {
+        next = behindStartCode(at, end);
+        const uint8_t* last = next ? next - 3 : end;
+        if (next && last > at && last[-1] == 0) --last;
+        units.push_back({0, 0, 0, 1});
+        units.back().insert(units.back().end(), at, last);
     }
     return units;
 }

@@ -37,12 +37,14 @@ public final class AacEncoder implements AutoCloseable {
 
     private final Engine engine;
     private final int blockSize;
+    private final AudioConfiguration configuration;
     private final byte[] info = new byte[6];
     private final byte[] output;
 
     private AacEncoder(Builder settings) {
         blockSize = SAMPLES_PER_BLOCK * Pcm.BYTES_PER_SAMPLE * settings.channels;
         output = new byte[blockSize];
+        configuration = AudioConfiguration.of(settings.sampleRate, settings.channels);
         engine = Engine.open("AacEncoder", () -> settings.bitrate == 0
                 ? AACEncoder.open(settings.channels, settings.sampleRate)
                 : AACEncoder.openAt(settings.channels, settings.sampleRate, settings.bitrate), AACEncoder::close);
@@ -51,6 +53,11 @@ public final class AacEncoder implements AutoCloseable {
     /** {@return a builder for stereo at 48000 Hz and 64000 bits per second} */
     public static Builder builder() {
         return new Builder();
+    }
+
+    /** {@return what decoders and containers are to know first: the AudioSpecificConfig of AAC-LC, two bytes} */
+    public AudioConfiguration configuration() {
+        return configuration;
     }
 
     /** {@return the bytes that {@link #encode} takes} */

@@ -163,7 +163,11 @@ import java.util.stream.Collectors;
  *         List<HlsLadder> pictures = rungs.stream().map(rung -> new HlsLadder(rung.width() + "x" + rung.height(),
  *                 MediaTrack.h264(rung.width(), rung.height()))).toList();
  *         HlsLadder sound = new HlsLadder("sound", MediaTrack.aac(48_000, 2));
- *         try (Transcoder transcoder = Transcoder.builder().renditions(rungs).keys((rung, time) -> time % 2000 == 0).open();
+ *         try (Transcoder transcoder = Transcoder.builder().renditions(rungs).plan(picture -> {
+ *             if (picture.time() % 2000 == 0) {
+ *                 picture.keyAll();
+ *             }
+ *         }).open();
  *                 AacEncoder encoder = AacEncoder.builder().open()) {
  *             for (int i = 0; i < source.size(); i++) {
  *                 transcoder.write(source.get(i), i * 40, picture -> pictures.get(picture.index()).addPicture(picture));
@@ -430,7 +434,7 @@ public final class ContainerWriter implements AutoCloseable {
                 return mux(handle, track, unit, size, presentationTime, decodingTime, duration, key);
             }
             if (!tracks[track].isComplete()) {
-                Optional<byte[]> sets = ParameterSets.in(unit, size);
+                Optional<ParameterSets> sets = ParameterSets.in(unit, size);
                 if (sets.isEmpty()) {
                     return false;
                 }
