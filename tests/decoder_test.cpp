@@ -17,8 +17,6 @@
 
 namespace {
 
-signed char* signedBytes(Bytes& bytes) { return reinterpret_cast<signed char*>(bytes.data()); }
-
 // A decoder as Java has it.
 class JavaDecoder {
 public:
@@ -51,8 +49,8 @@ struct Answer {
     Bytes picture;
 };
 
-Answer decodeWith(VideoDecoder& decoder, Bytes unit, uint32_t time) {
-    const int got = decoder.decode(signedBytes(unit), static_cast<int>(unit.size()), time);
+Answer decodeWith(VideoDecoder& decoder, const Bytes& unit, uint32_t time) {
+    const int got = decode(decoder, unit, time);
     return {got == 1, *decoder.frame};
 }
 
@@ -188,11 +186,10 @@ TEST(EngineDecoder, IsAsNewOnceDrained) {
         EXPECT_EQ(used.drain(), 0) << "before open";
         used.open();
         EXPECT_EQ(used.drain(), 0);
-        const std::pair<const char*, bool> streams[] = {// and whether they are drained to the end
-                                                        {"bframes.h264", true},  {"slices.h264", true},
-                                                        {"fields.h264", true},   {"odd.h264", true},
-                                                        {"bframes.h264", false}, {"slices.h264", false},
-                                                        {"bframes.h264", true}};
+        const std::pair<const char*, bool> streams[] = {
+            // and whether they are drained to the end
+            {"bframes.h264", true},  {"slices.h264", true},  {"fields.h264", true}, {"odd.h264", true},
+            {"bframes.h264", false}, {"slices.h264", false}, {"bframes.h264", true}};
         for (const auto& [vector, toTheEnd] : streams) {
             VideoDecoder fresh;
             fresh.open();
@@ -266,22 +263,19 @@ TEST(EngineDecoder, RejectsInputWithoutALongStartCode) {
                                                       {{0, 0, 1}, "3  0  0  1  0"},
                                                       {{}, "0  0  0  0  0"}};
     decoder.timestamp = 77;
-    for (auto [input, numbers] : rejected) {
-        input.shrink_to_fit();
+    for (const auto& [input, numbers] : rejected) {
         decoder.pictureReady = 1;
-        const auto decode = [&] {
-            EXPECT_EQ(decoder.decode(signedBytes(input), static_cast<int>(input.size()), 5), -1);
-        };
-        EXPECT_EQ(printedBy(decode), "bad input to decoder " + std::string(numbers) + "\n   ");
+        const auto reject = [&, &unit = input] { EXPECT_EQ(decode(decoder, unit, 5), -1); };
+        EXPECT_EQ(printedBy(reject), "bad input to decoder " + std::string(numbers) + "\n   ");
         EXPECT_EQ(decoder.pictureReady, 0);
         EXPECT_EQ(decoder.timestamp, 77u);
     }
-    Bytes startCode{0, 0, 0, 1};
-    EXPECT_EQ(decoder.decode(signedBytes(startCode), 4, 6), 0);
+    const Bytes startCode{0, 0, 0, 1};
+    EXPECT_EQ(decode(decoder, startCode, 6), 0);
     EXPECT_EQ(decoder.timestamp, 6u);
 
     VideoDecoder neverOpened;
-    EXPECT_EQ(neverOpened.decode(signedBytes(startCode), 4, 6), 0);
+    EXPECT_EQ(decode(neverOpened, startCode, 6), 0);
 }
 
 TEST(Decoder, APictureOfANewSizeWaitsToBeTaken) {

@@ -93,8 +93,7 @@ TEST(EngineReliability, OutlivesHostileInput) {
 // exceptions. FFmpeg shows through what it had of a damaged key picture in the next one, flushed or not; and
 // confused fields take a third.
 TEST(EngineReliability, ServesTheNextGoodInputAfterAnyBadOne) {
-    std::map<std::string, std::array<int, faults>> done;
-    int streams = 0, fromTheFirst = 0, fromTheSecond = 0, asNew = 0;
+    int streams = 0, fromTheFirst = 0, asNew = 0;
     for (const SubjectKind& kind : subjectKinds()) {
         if (kind.input == SubjectKind::noise) continue;
         for (const char* file : kind.seeds) {
@@ -108,9 +107,7 @@ TEST(EngineReliability, ServesTheNextGoodInputAfterAnyBadOne) {
             const size_t pictures = outcomes(alone).size();
             if (pictures == 0 && std::string(file) == "tiny.h264") continue; // too small for an encoder
             ASSERT_GE(all.size() + (kind.exact ? 0 : 2), passes * pictures) << kind.name << " " << file;
-            const auto fromPass = [&](size_t pass) {
-                return Answers(all.begin() + static_cast<ptrdiff_t>(pass * pictures), all.end());
-            };
+            const Answers fromTheThird(all.begin() + static_cast<ptrdiff_t>(2 * pictures), all.end());
             for (int fault = 0; fault < faults; ++fault) {
                 SCOPED_TRACE(std::string(kind.name) + " " + file + ", fault " + std::to_string(fault));
                 std::minstd_rand random(static_cast<unsigned>(1 + fault));
@@ -126,7 +123,6 @@ TEST(EngineReliability, ServesTheNextGoodInputAfterAnyBadOne) {
                             fault == drop || fault == repeat; // some calls have to stay as they are
                         if (!disorder || i % 4 == static_cast<size_t>(round % 4))
                             spoil(bad, i, static_cast<Fault>(fault), random);
-                        ++done[kind.name][static_cast<size_t>(fault)];
                     }
                     Answers drained, answers;
                     quietly([&] {
@@ -142,23 +138,16 @@ TEST(EngineReliability, ServesTheNextGoodInputAfterAnyBadOne) {
                         EXPECT_GE(answers.size() + 2, passes * pictures);
                         continue;
                     }
-                    EXPECT_TRUE(endsWith(answers, fromPass(2)));
+                    EXPECT_TRUE(endsWith(answers, fromTheThird));
                     ++streams;
                     fromTheFirst += endsWith(answers, all);
-                    fromTheSecond += endsWith(answers, fromPass(1));
                     asNew += drained == alone;
                 }
             }
         }
     }
-    for (const auto& [name, counts] : done)
-        std::printf(
-            "%s: %d flips, %d truncations, %d calls in streams with calls left out, %d doubled, %d swapped\n",
-            name.c_str(), counts[flip], counts[cut], counts[drop], counts[repeat], counts[swap]);
-    std::printf(
-        "%d damaged H.264 streams: every picture from the third key picture on; from the second %d, from the "
-        "first %d, drained first %d\n",
-        streams, fromTheSecond, fromTheFirst, asNew);
+    std::printf("%d damaged H.264 streams: all from the first key picture on %d, drained first %d\n", streams,
+                fromTheFirst, asNew);
     EXPECT_GT(fromTheFirst, streams * 9 / 10);
     EXPECT_GT(asNew, streams * 9 / 10);
 }
@@ -260,11 +249,9 @@ std::vector<Bytes> slicedPicture(uint32_t wide, uint32_t high, uint32_t calls) {
     return pieces;
 }
 
-int pictures(VideoDecoder& decoder, std::vector<Bytes> calls) {
-    int count = 0;
-    for (Bytes& call : calls)
-        count += decoder.decode(reinterpret_cast<signed char*>(call.data()), sizeOf(call), 0) == 1;
-    return count;
+int pictures(VideoDecoder& decoder, const std::vector<Bytes>& calls) {
+    return static_cast<int>(
+        std::ranges::count_if(calls, [&](const Bytes& call) { return decode(decoder, call) == 1; }));
 }
 
 } // namespace

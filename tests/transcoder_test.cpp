@@ -330,9 +330,9 @@ TEST_F(Transcoder, AnEncoderThatFailedIsMadeAnew) {
         const int others = library.otherCalls;
         EXPECT_EQ(transcoder.renew(0), 1);
         EXPECT_EQ(library.otherCalls, others + 1) << "quiet from now on, and nothing else";
-        EXPECT_EQ((std::vector{library.param.iPicWidth, library.param.iPicHeight, library.param.iTargetBitrate,
-                               static_cast<int>(library.param.fMaxFrameRate), library.param.iMaxQp,
-                               static_cast<int>(library.param.iRCMode)}),
+        EXPECT_EQ((std::vector{library.param.iPicWidth, library.param.iPicHeight,
+                               library.param.iTargetBitrate, static_cast<int>(library.param.fMaxFrameRate),
+                               library.param.iMaxQp, static_cast<int>(library.param.iRCMode)}),
                   (std::vector{96, 80, 400'000, 25, 40, static_cast<int>(RC_QUALITY_MODE)}));
         EXPECT_TRUE(isKey(encode(0))) << "the picture at hand, once more";
         decode(3);
@@ -501,10 +501,8 @@ TEST(EngineRendition, EncodesWhatScalingAndPackingGive) {
                 NativeOpenH264Encoder bare;
                 ImageFrameOwner scaled;
                 size_t compared = 0;
-                for (Bytes unit : accessUnits(stream)) {
-                    if (decoder.decode(reinterpret_cast<signed char*>(unit.data()),
-                                       static_cast<int>(unit.size()), 0) != 1)
-                        continue;
+                for (const Bytes& unit : accessUnits(stream)) {
+                    if (decode(decoder, unit) != 1) continue;
                     const AVFrame& picture = *decoder.frame;
                     const bool encoded = output.encode(decoder.frame.get());
                     if (!bare.encoder) {
@@ -553,10 +551,8 @@ TEST(EngineRendition, SeveralEncodeOnePictureAtOnce) {
             outputs[i].bitrate = 200'000;
             if (i % 2) outputs[i].width = outputs[i].height = 96; // the others take the picture's size
         }
-        for (Bytes unit : units) {
-            ASSERT_EQ(
-                decoder.decode(reinterpret_cast<signed char*>(unit.data()), static_cast<int>(unit.size()), 0),
-                1);
+        for (const Bytes& unit : units) {
+            ASSERT_EQ(decode(decoder, unit), 1);
             bool encoded[count] = {};
             std::vector<std::thread> threads;
             for (size_t i = 0; i < count; ++i)

@@ -4,6 +4,7 @@
  */
 module com.kelvane.media {
     requires jdk.jfr;
+    requires static java.management;
 
     exports com.kelvane.media;
     exports com.kelvane.media.transform.codec;

@@ -21,6 +21,24 @@ bool JavaCall::copyIn(jbyteArray array, void* bytes, jsize from, jsize size) con
     return true;
 }
 
+ArrayCopy JavaCall::copyIn(jbyteArray array, jobject direct, jsize from, jsize size) const {
+    ArrayCopy copy;
+    const auto* bytes =
+        static_cast<const uint8_t*>(array || !direct ? nullptr : env->GetDirectBufferAddress(direct));
+    const jlong length = array   ? env->GetArrayLength(array)
+                         : bytes ? env->GetDirectBufferCapacity(direct)
+                                 : -1;
+    if (from < 0 || size < 0 || size > length - from) return copy;
+    copy.size = size;
+    copy.bytes = mallocBuffer(static_cast<size_t>(size));
+    if (!copy) return copy;
+    if (array)
+        env->GetByteArrayRegion(array, from, size, copy.as<jbyte>());
+    else
+        std::memcpy(copy.bytes.get(), bytes + from, static_cast<size_t>(size));
+    return copy;
+}
+
 void JavaCall::copyOut(jbyteArray array, const void* bytes, jsize size, jsize at) {
     copyWithin(array, bytes, size, at);
     deferException();

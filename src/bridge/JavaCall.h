@@ -32,6 +32,11 @@ public:
     // A part of an array to memory that has room for it. False when the array does not have that part.
     bool copyIn(jbyteArray array, void* bytes, jsize from, jsize size) const;
 
+    // A native copy of a part of a byte array or, where `array` is null, of a direct buffer. Empty when there
+    // is no such part, or no memory for it. Others may write there meanwhile: what is to be parsed is the
+    // copy.
+    ArrayCopy copyIn(jbyteArray array, jobject direct, jsize from, jsize size) const;
+
     // An array that ends before `at + size` stays untouched, and Java sees an ArrayIndexOutOfBoundsException.
     void copyOut(jbyteArray array, const void* bytes, jsize size, jsize at = 0);
 

@@ -1,6 +1,7 @@
 #include "container/Muxer.h"
 
 #include "bridge/JavaCall.h"
+#include "bridge/StartCodes.h"
 #include "com_kelvane_media_transform_codec_Muxer.h"
 
 extern "C" {
@@ -63,9 +64,9 @@ bool startsWithCode(const uint8_t* bytes, int size) {
 // Whether there are parameter sets ahead of the first slice.
 bool hasParameterSets(const uint8_t* bytes, int size) {
     constexpr int slice = 1, idrSlice = 5, sequenceParameters = 7;
-    for (int i = 0; i + 3 < size; ++i) {
-        if (bytes[i] || bytes[i + 1] || bytes[i + 2] != 1) continue;
-        const int type = bytes[i + 3] & 31;
+    const uint8_t* const end = bytes + size;
+    for (const uint8_t* at = behindStartCode(bytes, end); at && at < end; at = behindStartCode(at, end)) {
+        const int type = *at & 31;
         if (type == sequenceParameters) return true;
         if (type == slice || type == idrSlice) return false;
     }

@@ -25,6 +25,21 @@ void copyOutSize(JavaCall& java, jbyteArray sizeInfo, int newOutput) {
     java.copyOut(sizeInfo, size, sizeof size);
 }
 
+jint writeCopy(VideoProcessor& pipeline, JavaCall& java, ArrayCopy input, uint32_t time,
+               jbyteArray sizeInfo) {
+    if (!input) return 0;
+    int result = 1;
+    int newOutput = -1;
+    if (pipeline.mode == VideoProcessor::passThroughMode) {
+        newOutput = input.size;
+        pipeline.passThrough(std::move(input.bytes), input.size, time);
+    } else {
+        result = pipeline.process(input.as<signed char>(), input.size, time, newOutput);
+    }
+    copyOutSize(java, sizeInfo, newOutput);
+    return result;
+}
+
 } // namespace
 
 VideoProcessor* VideoProcessorContext::NewProcessor() const {
@@ -271,19 +286,17 @@ JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_AVCProcessor_write
     VideoProcessor* pipeline = proc_ctx.GetProcessor(handle);
     if (!pipeline || !data || !sizeInfo) return 0;
     JavaCall java(env);
-    ArrayCopy input = java.copyIn(data);
-    if (!input) return 0;
-    const auto time = static_cast<uint32_t>(timestamp);
-    int result = 1;
-    int newOutput = -1;
-    if (pipeline->mode == VideoProcessor::passThroughMode) {
-        newOutput = input.size;
-        pipeline->passThrough(std::move(input.bytes), input.size, time);
-    } else {
-        result = pipeline->process(input.as<signed char>(), input.size, time, newOutput);
-    }
-    copyOutSize(java, sizeInfo, newOutput);
-    return result;
+    return writeCopy(*pipeline, java, java.copyIn(data), static_cast<uint32_t>(timestamp), sizeInfo);
+}
+
+JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_AVCProcessor_writePart(
+    JNIEnv* env, jclass, jlong timestamp, jbyteArray data, jobject direct, jint from, jint size,
+    jbyteArray sizeInfo, jlong handle) {
+    VideoProcessor* pipeline = proc_ctx.GetProcessor(handle);
+    if (!pipeline || !sizeInfo) return 0;
+    JavaCall java(env);
+    return writeCopy(*pipeline, java, java.copyIn(data, direct, from, size), static_cast<uint32_t>(timestamp),
+                     sizeInfo);
 }
 
 JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_AVCProcessor_drain(JNIEnv* env, jclass,

@@ -273,6 +273,16 @@ JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_MIRVProcessor_deco
     return accessUnit ? processor->decode(accessUnit, static_cast<uint32_t>(timestamp)) : 0;
 }
 
+JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_MIRVProcessor_decodePart(
+    JNIEnv* env, jclass, jlong timestamp, jbyteArray data, jobject direct, jint from, jint size,
+    jlong handle) {
+    MIRVProcessor* processor = processorOf(handle);
+    if (!processor) return 0;
+    processor->decoder->pictureReady = 0;
+    const ArrayCopy accessUnit = JavaCall(env).copyIn(data, direct, from, size);
+    return accessUnit ? processor->decode(accessUnit, static_cast<uint32_t>(timestamp)) : 0;
+}
+
 JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_MIRVProcessor_encode(JNIEnv* env, jclass,
                                                                                    jint output,
                                                                                    jobject listener,
@@ -314,6 +324,16 @@ JNIEXPORT jlong JNICALL Java_com_kelvane_media_transform_codec_MIRVProcessor_pic
                                                                                          jlong handle) {
     const MIRVProcessor* processor = processorOf(handle);
     return processor ? processor->decoder->pictureTime : 0;
+}
+
+JNIEXPORT jlong JNICALL Java_com_kelvane_media_transform_codec_MIRVProcessor_pictureInfo(JNIEnv*, jclass,
+                                                                                         jlong handle) {
+    const MIRVProcessor* processor = processorOf(handle);
+    if (!processor || !processor->decoder->pictureReady) return 0;
+    constexpr int heightAt = 16, interlacedAt = 32, keyAt = 33;
+    const AVFrame& picture = *processor->decoder->frame;
+    return picture.width | jlong{picture.height} << heightAt |
+           jlong{picture.interlaced_frame} << interlacedAt | jlong{picture.key_frame} << keyAt;
 }
 
 JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_MIRVProcessor_outcome(JNIEnv*, jclass,

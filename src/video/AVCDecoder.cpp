@@ -3,6 +3,7 @@
 #include "bridge/Exceptions.h"
 #include "bridge/JavaCall.h"
 #include "bridge/Registries.h"
+#include "bridge/StartCodes.h"
 #include "com_kelvane_media_transform_codec_AVCDecoder.h"
 #include "video/I420.h"
 
@@ -42,17 +43,13 @@ struct Contents {
 Contents contentsOf(const signed char* data, int size) {
     Contents contents;
     const signed char* const end = data + size;
-    // memchr, since a start code ends with the rarest of its bytes.
-    for (const signed char* at = data + 2; at < end; ++at) {
-        at = static_cast<const signed char*>(std::memchr(at, 1, static_cast<size_t>(end - at)));
-        if (!at) break;
-        if (at[-1] != 0 || at[-2] != 0) continue;
+    for (const signed char* at = behindStartCode(data, end); at; at = behindStartCode(at, end)) {
         ++contents.nalUnits;
-        if (end - at < 3) break;
-        const int type = at[1] & 31;
+        if (end - at < 2) break;
+        const int type = at[0] & 31;
         if (type != otherSlice && type != idrSlice) continue;
         // The top bit alone is the macroblock number 0.
-        if (contents.slices++ == 0 && at[2] < 0) contents.pictureStart = type;
+        if (contents.slices++ == 0 && at[1] < 0) contents.pictureStart = type;
     }
     return contents;
 }
@@ -358,15 +355,20 @@ bool takesInfo(JavaCall& java, jbyteArray info) {
     return false;
 }
 
-jint decodeInto(JNIEnv* env, uint32_t time, jbyteArray input, jbyteArray info, jbyteArray output,
-                jlong handle) {
+// `input` is called for the access unit, once all else is there.
+template <class Input>
+jint decodeInto(JNIEnv* env, uint32_t time, Input&& input, jbyteArray info, jbyteArray output, jlong handle) {
     VideoDecoder* decoder = avc_dec_ctx.GetCoder(handle);
-    if (!decoder || !input || !info || !output) return 0;
+    if (!decoder || !info || !output) return 0;
     JavaCall java(env);
-    ArrayCopy accessUnit = java.copyIn(input);
+    const ArrayCopy accessUnit = input(java);
     if (!accessUnit) return 0;
     const int result = decoder->decode(accessUnit.as<signed char>(), accessUnit.size, time);
     return result == 1 ? deliver(*decoder, java, info, output) : result;
+}
+
+auto wholeOf(jbyteArray input) {
+    return [input](const JavaCall& java) { return input ? java.copyIn(input) : ArrayCopy(); };
 }
 
 } // namespace
@@ -384,13 +386,20 @@ JNIEXPORT jlong JNICALL Java_com_kelvane_media_transform_codec_AVCDecoder_open(J
 
 JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_AVCDecoder_decode(
     JNIEnv* env, jclass, jbyteArray input, jbyteArray info, jbyteArray output, jlong handle) {
-    return decodeInto(env, 0, input, info, output, handle);
+    return decodeInto(env, 0, wholeOf(input), info, output, handle);
 }
 
 JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_AVCDecoder_decodeAt(
     JNIEnv* env, jclass, jlong timestamp, jbyteArray input, jbyteArray info, jbyteArray output,
     jlong handle) {
-    return decodeInto(env, static_cast<uint32_t>(timestamp), input, info, output, handle);
+    return decodeInto(env, static_cast<uint32_t>(timestamp), wholeOf(input), info, output, handle);
+}
+
+JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_AVCDecoder_decodePart(
+    JNIEnv* env, jclass, jlong timestamp, jbyteArray data, jobject direct, jint from, jint size,
+    jbyteArray info, jbyteArray output, jlong handle) {
+    const auto part = [=](const JavaCall& java) { return java.copyIn(data, direct, from, size); };
+    return decodeInto(env, static_cast<uint32_t>(timestamp), part, info, output, handle);
 }
 
 JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_AVCDecoder_drain(JNIEnv* env, jclass,

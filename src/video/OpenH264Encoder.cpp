@@ -29,6 +29,24 @@ constexpr const char* privateOptions[][2] = {
     {"thread_type", "slice"}, {"tune", "zerolatency"},
 };
 
+// Encodes a picture, over which the access unit is written.
+jint encodeCopy(VideoEncoder& encoder, JavaCall& java, const ArrayCopy& picture, jbyteArray output,
+                jbyteArray info) {
+    if (!picture) return 0;
+    const int result = encoder.encode(picture.as<signed char>(), picture.size, 0);
+    if (result != 1) return result;
+    constexpr uint8_t startCode[] = {0, 0, 0, 1};
+    if (encoder.encodedSize < 4 || std::memcmp(picture.bytes.get(), startCode, sizeof startCode) != 0)
+        std::puts("AVC encoder nal code not found");
+    java.copyOut(output, picture.bytes.get(), encoder.encodedSize);
+
+    uint8_t about[7] = {static_cast<uint8_t>(encoder.frame->key_frame)};
+    putBigEndian(about + 1, 4, static_cast<uint32_t>(encoder.encodedSize));
+    about[5] = 1;
+    java.copyOut(info, about, sizeof about);
+    return 1;
+}
+
 } // namespace
 
 void VideoEncoder::open() {
@@ -174,10 +192,16 @@ void VideoEncoder::close() {
     codec = nullptr;
 }
 
-JNIEXPORT jlong JNICALL Java_com_kelvane_media_transform_codec_OpenH264Encoder_open(JNIEnv*, jclass,
+JNIEXPORT jlong JNICALL Java_com_kelvane_media_transform_codec_OpenH264Encoder_open(JNIEnv* env, jclass type,
                                                                                     jint width, jint height,
                                                                                     jint frameRate,
                                                                                     jint bitRate, jint) {
+    return Java_com_kelvane_media_transform_codec_OpenH264Encoder_openAt(
+        env, type, width, height, frameRate <= 0 ? 15 : std::min(frameRate, 30), std::max(bitRate, 256000));
+}
+
+JNIEXPORT jlong JNICALL Java_com_kelvane_media_transform_codec_OpenH264Encoder_openAt(
+    JNIEnv*, jclass, jint width, jint height, jint frameRate, jint bitRate) {
     av_register_all();
     av_log_set_level(AV_LOG_QUIET);
     VideoEncoder* encoder = avc_enc_ctx.NewCodec();
@@ -185,8 +209,8 @@ JNIEXPORT jlong JNICALL Java_com_kelvane_media_transform_codec_OpenH264Encoder_o
     std::puts("Codec init");
     encoder->width = width;
     encoder->height = height;
-    encoder->frameRate = frameRate <= 0 ? 15 : std::min(frameRate, 30);
-    encoder->bitRate = std::max(bitRate, 256000);
+    encoder->frameRate = std::max(frameRate, 1);
+    encoder->bitRate = std::max(bitRate, 1);
     encoder->open();
     if (encoder->codec) return encoder->handle;
     avc_enc_ctx.RemoveCodec(encoder->handle);
@@ -200,20 +224,16 @@ JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_OpenH264Encoder_en
     VideoEncoder* encoder = avc_enc_ctx.GetCoder(handle);
     if (!encoder || !data || !info) return 0;
     JavaCall java(env);
-    ArrayCopy picture = java.copyIn(data);
-    if (!picture) return 0;
-    const int result = encoder->encode(picture.as<signed char>(), picture.size, 0);
-    if (result != 1) return result;
-    constexpr uint8_t startCode[] = {0, 0, 0, 1};
-    if (encoder->encodedSize < 4 || std::memcmp(picture.bytes.get(), startCode, sizeof startCode) != 0)
-        std::puts("AVC encoder nal code not found");
-    java.copyOut(data, picture.bytes.get(), encoder->encodedSize);
+    return encodeCopy(*encoder, java, java.copyIn(data), data, info);
+}
 
-    uint8_t about[7] = {static_cast<uint8_t>(encoder->frame->key_frame)};
-    putBigEndian(about + 1, 4, static_cast<uint32_t>(encoder->encodedSize));
-    about[5] = 1;
-    java.copyOut(info, about, sizeof about);
-    return 1;
+JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_OpenH264Encoder_encodePart(
+    JNIEnv* env, jclass, jbyteArray data, jobject direct, jint from, jint size, jbyteArray output,
+    jbyteArray info, jlong handle) {
+    VideoEncoder* encoder = avc_enc_ctx.GetCoder(handle);
+    if (!encoder || !output || !info) return 0;
+    JavaCall java(env);
+    return encodeCopy(*encoder, java, java.copyIn(data, direct, from, size), output, info);
 }
 
 JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_OpenH264Encoder_status(JNIEnv*, jclass,

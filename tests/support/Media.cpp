@@ -1,6 +1,7 @@
 #include "support/Media.h"
 
 #include "bridge/Owners.h"
+#include "bridge/StartCodes.h"
 #include "fuzz/Subjects.h"
 #include "support/Output.h"
 #include "video/AVCEncoder.h"
@@ -19,6 +20,11 @@ Bytes readFile(const std::string& path) {
 }
 
 std::vector<Bytes> accessUnits(const std::string& name) { return streamOf(name).calls; }
+
+int decode(VideoDecoder& decoder, Bytes unit, uint32_t time) {
+    unit.shrink_to_fit(); // a read past its end is seen by AddressSanitizer
+    return decoder.decode(reinterpret_cast<signed char*>(unit.data()), static_cast<int>(unit.size()), time);
+}
 
 Bytes keyPicture(uint32_t width, uint32_t height) {
     NativeOpenH264Encoder encoder;
@@ -94,8 +100,9 @@ double psnr(const Bytes& a, const Bytes& b, size_t count) {
 
 std::vector<int> nalTypes(const Bytes& accessUnit) {
     std::vector<int> types;
-    for (size_t i = 0; i + 3 < accessUnit.size(); ++i)
-        if (accessUnit[i] == 0 && accessUnit[i + 1] == 0 && accessUnit[i + 2] == 1)
-            types.push_back(accessUnit[i + 3] & 31);
+    const uint8_t* const end = accessUnit.data() + accessUnit.size();
+    for (const uint8_t* at = behindStartCode(accessUnit.data(), end); at && at < end;
+         at = behindStartCode(at, end))
+        types.push_back(*at & 31);
     return types;
 }

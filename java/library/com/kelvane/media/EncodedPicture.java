@@ -3,6 +3,8 @@ package com.kelvane.media;
 import java.nio.ByteBuffer;
 import java.time.Duration;
 import java.util.Arrays;
+import java.util.Objects;
+import java.util.Optional;
 
 /**
  * One picture of one rendition, as a {@link Transcoder} hands it to its receiver. It is valid during that callback only;
@@ -19,14 +21,16 @@ public final class EncodedPicture {
     private final boolean askedFor;
     private final long encodeTime;
     private final long latency;
+    private final ParameterSets newSets;
 
     /**
      * @param encodedAs what the native transcoder tells by that name
      * @param keyOwed whether a key picture was asked for
      * @param encodeTime in nanoseconds, as the latency
+     * @param newSets null where those of the picture before still hold
      */
     EncodedPicture(Rendition rendition, int index, long time, byte[] bytes, int size, int encodedAs, boolean keyOwed,
-                   long encodeTime, long latency) {
+                   long encodeTime, long latency, ParameterSets newSets) {
         this.rendition = rendition;
         this.index = index;
         this.time = time;
@@ -36,6 +40,7 @@ public final class EncodedPicture {
         askedFor = keyOwed && type() == Type.IDR;
         this.encodeTime = encodeTime;
         this.latency = latency;
+        this.newSets = newSets;
     }
 
     /** How a picture is coded. */
@@ -62,7 +67,7 @@ public final class EncodedPicture {
     }
 
     /**
-     * {@return the picture's own presentation time in milliseconds: the one that was given with the access unit that
+     * {@return the picture's own presentation time: the very one that was given with the access unit that
      * carried it} In a stream that reorders pictures these times rise, where those of the access units do not.
      */
     public long time() {
@@ -85,14 +90,27 @@ public final class EncodedPicture {
 
     /**
      * {@return whether this is the key picture that {@link Transcoder#requestKey}, {@link Transcoder#resume} or
-     * {@link Transcoder.KeyPictures} asked for}
+     * {@link PicturePlan#key} asked for}
      */
     public boolean isAskedFor() {
         return askedFor;
     }
 
+    /**
+     * {@return the parameter sets that hold from this picture on, when it is the rendition's first one or they change with it}
+     * They change when a rendition takes another's place or size, and may when its encoder was made anew. Each key picture
+     * carries those that hold, in its bytes.
+     */
+    public Optional<ParameterSets> newParameterSets() {
+        return Optional.ofNullable(newSets);
+    }
+
     /** {@return how it is coded} */
     public Type type() {
+        return type(encodedAs);
+    }
+
+    static Type type(int encodedAs) {
         return switch (encodedAs >> 8) {
             case 1 -> Type.IDR;
             case 2 -> Type.I;
@@ -135,6 +153,31 @@ public final class EncodedPicture {
      */
     public byte[] copy() {
         return Arrays.copyOf(valid(), size);
+    }
+
+    /**
+     * Copies the access unit to where the caller wants it.
+     *
+     * @param target receives {@link #size} bytes at its position, which goes behind them; direct ones too
+     * @throws java.nio.BufferOverflowException if fewer remain there; nothing is written then
+     * @throws java.nio.ReadOnlyBufferException if it is read-only
+     * @throws IllegalStateException if the callback is over
+     */
+    public void copyTo(ByteBuffer target) {
+        target.put(valid(), 0, size);
+    }
+
+    /**
+     * Copies the access unit to where the caller wants it.
+     *
+     * @param target receives {@link #size} bytes
+     * @param offset where to
+     * @throws IndexOutOfBoundsException if there is no room for them; nothing is written then
+     * @throws IllegalStateException if the callback is over
+     */
+    public void copyTo(byte[] target, int offset) {
+        Objects.checkFromIndexSize(offset, size, target.length);
+        System.arraycopy(valid(), 0, target, offset, size);
     }
 
     /** The array that begins with the access unit. */

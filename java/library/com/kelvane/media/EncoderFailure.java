@@ -6,7 +6,7 @@ package com.kelvane.media;
  * picture; otherwise the picture is missing, and the next one is a key picture.
  *
  * @param index the rendition's position in {@link Transcoder#renditions}; 0 where there is one encoder
- * @param time the picture's own presentation time in milliseconds
+ * @param time the picture's own presentation time, as it was given
  * @param lost whether the picture is missing
  * @param reason what the encoder answered, in words
  */

@@ -3,6 +3,7 @@ package com.kelvane.media;
 import com.kelvane.media.transform.codec.Muxer;
 import java.nio.ByteBuffer;
 import java.util.Locale;
+import java.util.Objects;
 import java.util.Optional;
 
 /**
@@ -26,6 +27,7 @@ public final class MediaTrack {
     private static final int LARGEST_PRIMING = 48_000;
     private static final int LARGEST_COLOUR = 22;
     private static final int OPUS_RATE = 48_000;
+    private static final byte[] NOTHING = {};
     private static final int MPEG1_RATE = 24_000; // MP3 of this rate and below is MPEG-2's
 
     /** What the units of a track are. */
@@ -55,7 +57,8 @@ public final class MediaTrack {
     private final int channels;
     private int timescale;
     private int priming;
-    private byte[] configuration = new byte[0]; // parameter sets behind start codes, or an AudioSpecificConfig
+    private ParameterSets parameterSets;      // null until they are known
+    private AudioConfiguration configuration; // of AAC
     private int pixelWidth;
     private int pixelHeight;
     private int rotation;
@@ -78,6 +81,7 @@ public final class MediaTrack {
         this(other.codec, other.width, other.height, other.sampleRate, other.channels);
         timescale = other.timescale;
         priming = other.priming;
+        parameterSets = other.parameterSets;
         configuration = other.configuration;
         pixelWidth = other.pixelWidth;
         pixelHeight = other.pixelHeight;
@@ -113,7 +117,7 @@ public final class MediaTrack {
      * @return the track
      */
     public static MediaTrack aac(int sampleRate, int channels) {
-        return aac(AudioConfiguration.of(sampleRate, channels), sampleRate, channels);
+        return aac(AudioConfiguration.of(sampleRate, channels));
     }
 
     /**
@@ -123,11 +127,17 @@ public final class MediaTrack {
      * @return the track
      */
     public static MediaTrack aac(byte[] configuration) {
-        return aac(configuration.clone(), AudioConfiguration.sampleRate(configuration), AudioConfiguration.channels(configuration));
+        return aac(AudioConfiguration.of(configuration));
     }
 
-    private static MediaTrack aac(byte[] configuration, int sampleRate, int channels) {
-        MediaTrack track = sound(Codec.AAC, sampleRate, channels, 8);
+    /**
+     * A track of AAC as an encoder makes it, for instance.
+     *
+     * @param configuration what a decoder is to know first
+     * @return the track
+     */
+    public static MediaTrack aac(AudioConfiguration configuration) {
+        MediaTrack track = sound(Codec.AAC, configuration.sampleRate(), configuration.channels(), 8);
         track.configuration = configuration;
         return track;
     }
@@ -179,8 +189,19 @@ public final class MediaTrack {
      * @throws IllegalArgumentException if there is not one of each at least, or this is a track of sound
      */
     public MediaTrack parameterSets(byte[] sets) {
+        return parameterSets(ParameterSets.of(sets));
+    }
+
+    /**
+     * Tells the parameter sets of H.264 ahead of the first picture, for containers that begin with them.
+     *
+     * @param sets those of a rendition, for instance
+     * @return a copy with them
+     * @throws IllegalArgumentException if this is a track of sound
+     */
+    public MediaTrack parameterSets(ParameterSets sets) {
         MediaTrack copy = pictures("parameterSets");
-        copy.configuration = ParameterSets.of(sets);
+        copy.parameterSets = Objects.requireNonNull(sets, "sets");
         return copy;
     }
 
@@ -329,8 +350,8 @@ public final class MediaTrack {
      */
     public Optional<String> codecs() {
         return Optional.ofNullable(switch (codec) {
-            case H264 -> isComplete() ? ParameterSets.codecs(configuration) : null;
-            case AAC -> "mp4a.40." + AudioConfiguration.objectType(configuration);
+            case H264 -> isComplete() ? parameterSets.codecs() : null;
+            case AAC -> configuration.codecs();
             case MP3 -> String.format(Locale.ROOT, "mp4a.%x", sampleRate > MPEG1_RATE ? 0x6b : 0x69);
             case OPUS -> "opus";
             case PCM -> null;
@@ -343,7 +364,7 @@ public final class MediaTrack {
 
     /** Whether all is known that a container begins with. */
     boolean isComplete() {
-        return !isPictures() || configuration.length > 0;
+        return !isPictures() || parameterSets != null;
     }
 
     int sampleRate() {
@@ -361,9 +382,10 @@ public final class MediaTrack {
             byte[] shape = ByteBuffer.allocate(9).putShort((short) pixelWidth).putShort((short) pixelHeight)
                     .put((byte) (rotation / 90)).put((byte) range).put((byte) primaries).put((byte) transfer)
                     .put((byte) matrix).array();
-            number = Muxer.addPictures(width, height, timescale, configuration, shape, muxer);
+            number = Muxer.addPictures(width, height, timescale, isComplete() ? parameterSets.bytes() : NOTHING, shape, muxer);
         } else {
-            number = Muxer.addSound(codec.number, sampleRate, channels, priming, configuration, muxer);
+            number = Muxer.addSound(codec.number, sampleRate, channels, priming,
+                    configuration == null ? NOTHING : configuration.bytes(), muxer);
         }
         int labelled = number < 0 ? 0 : Muxer.label(number, language, name, muxer);
         return labelled < 0 ? labelled : number;

@@ -1,5 +1,6 @@
 package com.kelvane.media;
 
+import java.util.Arrays;
 import java.util.Objects;
 
 /**
@@ -34,5 +35,20 @@ public record Pcm(int channels, int sampleRate, byte[] bytes) {
     /** {@return how many samples each channel has} */
     public int samples() {
         return bytes.length / (BYTES_PER_SAMPLE * channels);
+    }
+
+    /**
+     * {@return whether the other is one with the same components, the array's content among them} As with a
+     * {@link java.nio.ByteBuffer}, that and the hash code change with what is written to the array.
+     */
+    @Override
+    public boolean equals(Object other) {
+        return other instanceof Pcm pcm && channels == pcm.channels && sampleRate == pcm.sampleRate
+                && Arrays.equals(bytes, pcm.bytes);
+    }
+
+    @Override
+    public int hashCode() {
+        return Objects.hash(channels, sampleRate, Arrays.hashCode(bytes));
     }
 }

@@ -1,5 +1,6 @@
 package com.kelvane.media;
 
+import java.util.Arrays;
 import java.util.Objects;
 
 /**
@@ -9,7 +10,7 @@ import java.util.Objects;
  *
  * @param width in pixels, 1 to 65535
  * @param height in pixels, 1 to 65535
- * @param time presentation time in milliseconds
+ * @param time presentation time, in any unit
  * @param i420 the samples, {@link #size size(width, height)} bytes; not copied
  */
 public record Picture(int width, int height, long time, byte[] i420) {
@@ -20,7 +21,7 @@ public record Picture(int width, int height, long time, byte[] i420) {
      *
      * @param width in pixels
      * @param height in pixels
-     * @param time in milliseconds
+     * @param time in any unit
      * @param i420 the samples; not copied
      * @throws IllegalArgumentException if a side is not allowed or the array is not as long as the picture
      */
@@ -50,5 +51,20 @@ public record Picture(int width, int height, long time, byte[] i420) {
             throw new IllegalArgumentException("a packed picture of " + width + "x" + height + " is longer than an array");
         }
         return (int) bytes;
+    }
+
+    /**
+     * {@return whether the other is one with the same components, the array's content among them} As with a
+     * {@link java.nio.ByteBuffer}, that and the hash code change with what is written to the array.
+     */
+    @Override
+    public boolean equals(Object other) {
+        return other instanceof Picture picture && width == picture.width && height == picture.height && time == picture.time
+                && Arrays.equals(i420, picture.i420);
+    }
+
+    @Override
+    public int hashCode() {
+        return Objects.hash(width, height, time, Arrays.hashCode(i420));
     }
 }

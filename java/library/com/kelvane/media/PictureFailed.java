@@ -26,6 +26,7 @@ final class PictureFailed extends Event {
     int index;
 
     @Label("Picture Time")
+    @Description("Of a VideoEncoder's picture, it is taken for milliseconds")
     @Timespan(Timespan.MILLISECONDS)
     long time;
 

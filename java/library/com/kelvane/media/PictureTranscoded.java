@@ -2,7 +2,6 @@ package com.kelvane.media;
 
 import jdk.jfr.Category;
 import jdk.jfr.Description;
-import jdk.jfr.Enabled;
 import jdk.jfr.Event;
 import jdk.jfr.Label;
 import jdk.jfr.Name;
@@ -14,7 +13,6 @@ import jdk.jfr.Timespan;
 @Label("Picture Transcoded")
 @Category("Kelvane Media")
 @Description("A transcoder decoded a picture and encoded it into its renditions; the duration includes the callbacks")
-@Enabled(false)
 @Threshold("20 ms")
 @StackTrace(false)
 final class PictureTranscoded extends Event {

@@ -42,7 +42,8 @@ public final class Pipeline implements AutoCloseable {
     private final Steering steering = new Steering();
     private final byte[] number = new byte[Integer.BYTES];
     private final ByteBuffer value = ByteBuffer.wrap(number);
-    private final Times times = new Times();
+    private final Times times;
+    private volatile ParameterSets parameterSets;
     private volatile long sourceTime;
     private volatile long pictures;
     private volatile long dropped;
@@ -54,6 +55,7 @@ public final class Pipeline implements AutoCloseable {
     private Pipeline(Builder settings) {
         module = settings.module;
         passThrough = settings.passThrough;
+        times = new Times(settings.ticksPerSecond);
         recovery = new Recovery("Pipeline", 0, settings.failureListener);
         engine = Engine.open("Pipeline", () -> AVCProcessor.open(settings.frameRate, settings.bitrate,
                 passThrough ? PASS_THROUGH_MODE : DECODING_MODE, settings.options[0], settings.options[1],
@@ -69,20 +71,50 @@ public final class Pipeline implements AutoCloseable {
      * Processes one access unit.
      *
      * @param accessUnit one access unit in byte-stream form, see {@link AccessUnit}; not changed and not kept
-     * @param time presentation time of its picture in milliseconds
+     * @param time presentation time of its picture, in milliseconds or {@linkplain Builder#timescale other ticks}
      * @return the access unit that came out, with its picture's own time as the module left it; empty when no picture was
      *         decoded, the module dropped it or it could not be encoded, which {@link #statistics} tells apart
      * @throws IllegalArgumentException if {@code accessUnit} does not begin with a start code; not in pass-through mode
      * @throws IllegalStateException if this pipeline is closed or in use
      */
     public Optional<AccessUnit> write(byte[] accessUnit, long time) {
-        byte[] unit = passThrough ? Objects.requireNonNull(accessUnit, "accessUnit") : AnnexB.checked(accessUnit);
+        return write(Part.of(accessUnit), time);
+    }
+
+    /**
+     * As {@link #write(byte[], long)}, of an access unit in an array that may hold more.
+     *
+     * @param accessUnit holds one access unit; not changed and not kept
+     * @param offset where it begins
+     * @param length its bytes
+     * @param time as there
+     * @return as there
+     * @throws IndexOutOfBoundsException if the array has no such part
+     */
+    public Optional<AccessUnit> write(byte[] accessUnit, int offset, int length, long time) {
+        return write(Part.of(accessUnit, offset, length), time);
+    }
+
+    /**
+     * As {@link #write(byte[], long)}, of an access unit in a buffer, see {@link Transcoder#write(ByteBuffer, long, Consumer)}.
+     *
+     * @param accessUnit what remains in it is one access unit, and is taken; its bytes are not changed and not kept
+     * @param time as there
+     * @return as there
+     */
+    public Optional<AccessUnit> write(ByteBuffer accessUnit, long time) {
+        return write(Part.of(accessUnit), time);
+    }
+
+    private Optional<AccessUnit> write(Part accessUnit, long time) {
+        Part unit = passThrough ? accessUnit : AnnexB.checked(accessUnit);
         long handle = engine.enter("write");
         try {
-            times.write(time);
-            work(handle, () -> AVCProcessor.write(time, unit, number, handle));
-            Optional<AccessUnit> out = Optional.ofNullable(pending(handle, time));
-            recovery.tell(handle, ownTime(handle));
+            unit.take();
+            int carried = times.write(time, 0);
+            work(handle, () -> AVCProcessor.writePart(carried, unit.array, unit.direct, unit.from, unit.size, number, handle));
+            Optional<AccessUnit> out = Optional.ofNullable(pending(handle, carried));
+            tellFailure(handle);
             return out;
         } finally {
             engine.exit();
@@ -105,7 +137,7 @@ public final class Pipeline implements AutoCloseable {
             int drained = 0;
             while (work(handle, () -> AVCProcessor.drain(number, handle))) {
                 AccessUnit unit = pending(handle, AVCProcessor.pictureTime(handle));
-                failures.of(() -> recovery.tell(handle, ownTime(handle)));
+                failures.of(() -> tellFailure(handle));
                 if (unit != null) {
                     failures.of(() -> receiver.accept(unit));
                     drained++;
@@ -143,6 +175,15 @@ public final class Pipeline implements AutoCloseable {
     }
 
     /**
+     * {@return the parameter sets of the stream that comes out, known from its first picture on} It is the same object until they change,
+     * as they do with its size; {@link AccessUnit#parameterSets} has those of a key picture. Any thread may ask, at any
+     * time.
+     */
+    public Optional<ParameterSets> parameterSets() {
+        return Optional.ofNullable(parameterSets);
+    }
+
+    /**
      * Makes the next picture that the module keeps a key picture; several calls before it count as one. Any thread may call
      * it at any time.
      *
@@ -163,7 +204,7 @@ public final class Pipeline implements AutoCloseable {
      */
     public void bitrate(int bitsPerSecond) {
         checkEncoding("bitrate");
-        steering.bitrate(Builder.checkedBitrate(bitsPerSecond));
+        steering.bitrate(Settings.bitrate(bitsPerSecond));
     }
 
     private void checkEncoding(String operation) {
@@ -210,6 +251,11 @@ public final class Pipeline implements AutoCloseable {
         return AVCProcessor.failure(handle);
     }
 
+    private void tellFailure(long handle) {
+        long time = ownTime(handle);
+        recovery.tell(handle, time, times.milliseconds(time));
+    }
+
     private long ownTime(long handle) {
         return passThrough ? times.last() : times.of(AVCProcessor.pictureTime(handle));
     }
@@ -224,14 +270,15 @@ public final class Pipeline implements AutoCloseable {
         byte[] data = new byte[size];
         AVCProcessor.read(number, data, handle);
         bytes += size;
+        parameterSets = ParameterSets.from(parameterSets, data, size);
         int shift = module == null ? 0 : value.getInt(0) - (int) given;
         long own = ownTime(handle);
         sourceTime = own;
-        return new AccessUnit(data, own + shift);
+        return new AccessUnit(data, own + times.ticks(shift));
     }
 
     /**
-     * {@return the time of the picture that came out last, in milliseconds, as it was before the module moved it} During a
+     * {@return the time of the picture that came out last, as it was before the module moved it} During a
      * callback of {@link #drain} that is the picture at hand.
      */
     public long sourceTime() {
@@ -269,10 +316,6 @@ public final class Pipeline implements AutoCloseable {
 
     /** Collects a pipeline's settings. */
     public static final class Builder {
-        private static final int LARGEST_FRAME_RATE = 60;
-        private static final int SMALLEST_BITRATE = 1000;
-        private static final int LARGEST_BITRATE = 288_000_000;
-
         private record Setting(String key, String value) {
         }
 
@@ -283,6 +326,7 @@ public final class Pipeline implements AutoCloseable {
         private int bitrate = 2_000_000;
         private Consumer<? super EncoderFailure> failureListener;
         private final int[] options = {1, 0, 1};
+        private int ticksPerSecond = Times.MILLISECONDS;
 
         private Builder() {
         }
@@ -311,29 +355,27 @@ public final class Pipeline implements AutoCloseable {
         }
 
         /**
-         * The rate that the encoder is set up for.
+         * The rate that the encoder is set up for, which does not follow the pictures' times, as that of a
+         * {@link VideoEncoder}.
          *
-         * @param picturesPerSecond 1 to 60
+         * @param picturesPerSecond 1 to 60; 30 unless it is set here
          * @return this builder
          */
         public Builder frameRate(int picturesPerSecond) {
-            frameRate = Settings.check("frameRate", picturesPerSecond, 1, LARGEST_FRAME_RATE, "pictures per second");
+            frameRate = Settings.frameRate(picturesPerSecond);
             return this;
         }
 
         /**
-         * The encoder's target; a hint, as for a {@link VideoEncoder}.
+         * The encoder's target; a hint, as for a {@link VideoEncoder}. It need not be given, as nothing is encoded in
+         * pass-through mode.
          *
-         * @param bitsPerSecond 1000 to 288000000
+         * @param bitsPerSecond 1000 to 288000000; 2000000 unless it is set here
          * @return this builder
          */
         public Builder bitrate(int bitsPerSecond) {
-            bitrate = checkedBitrate(bitsPerSecond);
+            bitrate = Settings.bitrate(bitsPerSecond);
             return this;
-        }
-
-        private static int checkedBitrate(int bitsPerSecond) {
-            return Settings.check("bitrate", bitsPerSecond, SMALLEST_BITRATE, LARGEST_BITRATE, "bits per second");
         }
 
         /**
@@ -360,6 +402,18 @@ public final class Pipeline implements AutoCloseable {
          */
         public Builder onFailure(Consumer<? super EncoderFailure> listener) {
             failureListener = Objects.requireNonNull(listener, "listener");
+            return this;
+        }
+
+        /**
+         * Sets what times are counted in. Modules count in whole milliseconds: what one moves a picture by is added to the
+         * picture's very own time.
+         *
+         * @param unitsPerSecond 1 to 1000000000; 1000, for milliseconds, unless it is set here
+         * @return this builder
+         */
+        public Builder timescale(int unitsPerSecond) {
+            ticksPerSecond = Settings.timescale(unitsPerSecond);
             return this;
         }
 

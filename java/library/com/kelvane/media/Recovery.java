@@ -65,7 +65,7 @@ final class Recovery {
     }
 
     /** Tells of the failure at hand, if there is one. */
-    void tell(long handle, long time) {
+    void tell(long handle, long time, long milliseconds) {
         if (!pending) {
             return;
         }
@@ -76,7 +76,7 @@ final class Recovery {
             event.engine = engine;
             event.handle = handle;
             event.index = index;
-            event.time = time;
+            event.time = milliseconds;
             event.lost = failure.lost();
             event.reason = failure.reason();
             event.commit();

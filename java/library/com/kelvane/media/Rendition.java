@@ -23,13 +23,6 @@ import java.util.StringJoiner;
  */
 public record Rendition(int width, int height, int bitrate, int frameRate, int keyInterval, RateControl rateControl,
                         EntropyCoding entropyCoding, int smallestQuantiser, int largestQuantiser) {
-    // What OpenH264 accepts. It takes longer sides too, but no decoder has to.
-    private static final int SMALLEST_SIDE = 16;
-    private static final int LARGEST_SIDE = 8192;
-    private static final int LARGEST_AREA = 4096 * 2304;
-    private static final int SMALLEST_BITRATE = 1000;
-    private static final int LARGEST_BITRATE = 288_000_000;
-    private static final int LARGEST_FRAME_RATE = 60;
     private static final int LARGEST_KEY_INTERVAL = 480;
     private static final int LARGEST_QUANTISER = 51;
 
@@ -70,12 +63,12 @@ public record Rendition(int width, int height, int bitrate, int frameRate, int k
         if (width != 0 || height != 0) {
             side("width", width, wrong);
             side("height", height, wrong);
-            if ((long) width * height > LARGEST_AREA) {
-                wrong.add("size is " + width + "x" + height + ", allowed are as many pixels as 4096x2304 has");
+            if ((long) width * height > Settings.LARGEST_AREA) {
+                wrong.add(Settings.wrongArea(width, height));
             }
         }
-        range("bitrate", bitrate, SMALLEST_BITRATE, LARGEST_BITRATE, " bits per second", wrong);
-        range("frameRate", frameRate, 1, LARGEST_FRAME_RATE, " pictures per second, or 0 to follow the pictures' times", wrong);
+        range("bitrate", bitrate, Settings.SMALLEST_BITRATE, Settings.LARGEST_BITRATE, " bits per second", wrong);
+        range("frameRate", frameRate, 1, Settings.LARGEST_FRAME_RATE, " pictures per second, or 0 to follow the pictures' times", wrong);
         range("keyInterval", keyInterval, 1, LARGEST_KEY_INTERVAL, " pictures, or 0 for every four seconds", wrong);
         range("smallestQuantiser", smallestQuantiser, 1, LARGEST_QUANTISER, ", or 0 for the encoder's choice", wrong);
         range("largestQuantiser", largestQuantiser, 1, LARGEST_QUANTISER, ", or 0 for the encoder's choice", wrong);
@@ -88,8 +81,8 @@ public record Rendition(int width, int height, int bitrate, int frameRate, int k
     }
 
     private static void side(String name, int pixels, StringJoiner wrong) {
-        if (pixels < SMALLEST_SIDE || pixels > LARGEST_SIDE || pixels % 2 != 0) {
-            wrong.add(name + " is " + pixels + ", allowed are even numbers from " + SMALLEST_SIDE + " to " + LARGEST_SIDE
+        if (pixels < Settings.SMALLEST_SIDE || pixels > Settings.LARGEST_SIDE || pixels % 2 != 0) {
+            wrong.add(name + " is " + pixels + ", allowed are even numbers from " + Settings.SMALLEST_SIDE + " to " + Settings.LARGEST_SIDE
                     + " pixels");
         }
     }
@@ -210,7 +203,7 @@ public record Rendition(int width, int height, int bitrate, int frameRate, int k
     }
 
     private static String missingBitrate(String fault) {
-        return fault + ", allowed are " + SMALLEST_BITRATE + " to " + LARGEST_BITRATE + " bits per second";
+        return fault + ", allowed are " + Settings.SMALLEST_BITRATE + " to " + Settings.LARGEST_BITRATE + " bits per second";
     }
 
     /** How messages call it: its size. */

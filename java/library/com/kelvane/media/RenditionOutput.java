@@ -31,9 +31,12 @@ final class RenditionOutput {
     // reach into.
     private byte[] bytes = new byte[0];
     private int size;
-    private boolean wanted = true;
+    private boolean available; // for the picture at hand
+    private boolean wanted;
+    private boolean key;       // whether that must be a key picture, whatever was asked for
     private long nanoseconds;
     private RuntimeException refused;
+    private volatile ParameterSets parameterSets; // null before the first picture
     private volatile long pictures;
     private volatile long skipped;
     private volatile long failed;
@@ -70,18 +73,19 @@ final class RenditionOutput {
         paused = pausing;
     }
 
-    boolean isRemoved() {
-        return removed;
+    /** Any thread: null before the first picture. */
+    ParameterSets parameterSets() {
+        return parameterSets;
     }
 
-    boolean isAtWork() {
-        return !paused && !removed;
+    boolean isRemoved() {
+        return removed;
     }
 
     /** Frees the encoder, for good. */
     void remove(long transcoder) {
         removed = true;
-        choose(false);
+        wanted = false;
         MIRVProcessor.releaseOutput(index, transcoder);
         size = 0;
         bytes = new byte[0];
@@ -120,17 +124,35 @@ final class RenditionOutput {
         }
     }
 
-    /** Says whether the picture at hand is to be encoded. */
+    /** A picture has come, and is to be encoded if nobody minds. */
+    void begin() {
+        available = !paused && !removed;
+        wanted = available;
+        key = false;
+    }
+
+    /** Says whether the picture at hand is to be encoded, if that can be. */
     void choose(boolean isWanted) {
-        wanted = isWanted;
+        wanted = isWanted && available;
+    }
+
+    boolean isWanted() {
+        return wanted;
+    }
+
+    void makeKey() {
+        key = true;
     }
 
     /**
-     * Makes the changes that were asked for, at the picture at hand; the encoder must not be at work.
+     * Makes the changes that were asked for, at the picture at hand, if it is wanted; the encoder must not be at work.
      *
-     * @param key whether the picture must be a key picture, whatever was asked for
+     * @param time of the picture in milliseconds
      */
-    void steer(long transcoder, long time, boolean key) {
+    void steer(long transcoder, long time) {
+        if (!wanted) {
+            return;
+        }
         Rendition changed = asked.get();
         if (changed != rendition) {
             if (changed.bitrate() != rendition.bitrate()
@@ -205,8 +227,8 @@ final class RenditionOutput {
     }
 
     /** Tells of the picture at hand if the encoder failed at it. */
-    void tellFailure(long transcoder, long time) {
-        recovery.tell(transcoder, time);
+    void tellFailure(long transcoder, long time, long milliseconds) {
+        recovery.tell(transcoder, time, milliseconds);
     }
 
     /**
@@ -217,8 +239,12 @@ final class RenditionOutput {
     void deliver(long transcoder, long time, long written, Consumer<? super EncodedPicture> receiver) {
         if (size > 0) {
             int encodedAs = MIRVProcessor.encodedAs(index, transcoder);
+            ParameterSets before = parameterSets;
+            if (EncodedPicture.type(encodedAs) == EncodedPicture.Type.IDR) {
+                parameterSets = ParameterSets.from(before, bytes, size);
+            }
             EncodedPicture picture = new EncodedPicture(rendition, index, time, bytes, size, encodedAs, keyOwed, nanoseconds,
-                    System.nanoTime() - written);
+                    System.nanoTime() - written, parameterSets == before ? null : parameterSets);
             keyOwed &= !picture.isAskedFor();
             try {
                 receiver.accept(picture);

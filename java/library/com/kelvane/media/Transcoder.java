@@ -1,11 +1,13 @@
 package com.kelvane.media;
 
 import com.kelvane.media.transform.codec.MIRVProcessor;
+import java.nio.ByteBuffer;
 import java.time.Duration;
 import java.util.ArrayList;
 import java.util.Arrays;
 import java.util.List;
 import java.util.Objects;
+import java.util.Optional;
 import java.util.StringJoiner;
 import java.util.concurrent.Executor;
 import java.util.function.Consumer;
@@ -43,8 +45,8 @@ public final class Transcoder implements AutoCloseable {
 
     private final Engine engine;
     private final Executor executor;
-    private final Selection selection;
-    private final KeyPictures keyPictures;
+    private final Consumer<? super PicturePlan> planner;
+    private final PicturePlan plan = new PicturePlan();
     private final Consumer<? super EncoderFailure> failureListener;
     // Replaced by the thread that is inside, read by any: the array itself does not change.
     private volatile RenditionOutput[] outputs;
@@ -52,14 +54,14 @@ public final class Transcoder implements AutoCloseable {
     private volatile boolean needsKey;
     private volatile long pictures;
     private volatile long decodeNanoseconds;
-    private final Times times = new Times();
+    private final Times times;
 
     private Transcoder(Builder settings) {
         List<Rendition> renditions = settings.renditions;
         engine = Engine.open("Transcoder", () -> MIRVProcessor.open(renditions.size()), MIRVProcessor::close);
         executor = settings.executor;
-        selection = settings.selection;
-        keyPictures = settings.keyPictures;
+        planner = settings.planner;
+        times = new Times(settings.ticksPerSecond);
         failureListener = settings.failureListener;
         use(IntStream.range(0, renditions.size()).mapToObj(i -> new RenditionOutput(i, renditions.get(i), failureListener))
                 .toArray(RenditionOutput[]::new));
@@ -88,11 +90,11 @@ public final class Transcoder implements AutoCloseable {
      * renditions made of it, on the calling thread, in the order of the renditions; a rendition whose encoder skipped the
      * picture or failed at it is left out.
      *
-     * <p>When the receiver throws, the other renditions' pictures are delivered all the same, and the first exception is
-     * thrown when that is done.
+     * <p>When the receiver throws, or a rendition's picture finds no Java memory, the other renditions' pictures are
+     * delivered all the same, and the first exception or error is thrown when that is done.
      *
      * @param accessUnit one access unit in byte-stream form, see {@link AccessUnit}; not changed and not kept
-     * @param time presentation time of its picture in milliseconds
+     * @param time presentation time of its picture, in milliseconds or {@linkplain Builder#timescale other ticks}
      * @param receiver is called during this call only
      * @return what became of the access unit; {@link WriteResult#isPicture} tells whether a picture was decoded
      * @throws IllegalArgumentException if {@code accessUnit} does not begin with a start code
@@ -101,14 +103,49 @@ public final class Transcoder implements AutoCloseable {
      *         that size; the others had their pictures, and go on with the next call
      */
     public WriteResult write(byte[] accessUnit, long time, Consumer<? super EncodedPicture> receiver) {
+        return write(Part.of(accessUnit), time, receiver);
+    }
+
+    /**
+     * As {@link #write(byte[], long, Consumer)}, of an access unit in an array that may hold more.
+     *
+     * @param accessUnit holds one access unit; not changed and not kept
+     * @param offset where it begins
+     * @param length its bytes
+     * @param time as there
+     * @param receiver as there
+     * @return as there
+     * @throws IndexOutOfBoundsException if the array has no such part
+     */
+    public WriteResult write(byte[] accessUnit, int offset, int length, long time, Consumer<? super EncodedPicture> receiver) {
+        return write(Part.of(accessUnit, offset, length), time, receiver);
+    }
+
+    /**
+     * As {@link #write(byte[], long, Consumer)}, of an access unit in a buffer. A direct buffer's bytes are copied to native
+     * memory without an array in between, and looked at in that copy; what frees its memory by other means than the garbage
+     * collector's has to wait for the end of this call.
+     *
+     * @param accessUnit what remains in it is one access unit, and is taken: the position is the limit then, unless the call is
+     *        refused. Its bytes are not changed and not kept
+     * @param time as there
+     * @param receiver as there
+     * @return as there
+     */
+    public WriteResult write(ByteBuffer accessUnit, long time, Consumer<? super EncodedPicture> receiver) {
+        return write(Part.of(accessUnit), time, receiver);
+    }
+
+    private WriteResult write(Part accessUnit, long time, Consumer<? super EncodedPicture> receiver) {
         Objects.requireNonNull(receiver, "receiver");
-        byte[] unit = AnnexB.checked(accessUnit);
+        Part unit = AnnexB.checked(accessUnit);
         long handle = engine.enter("write");
         try {
-            times.write(time, System.nanoTime());
+            unit.take();
+            int carried = times.write(time, System.nanoTime());
             PictureTranscoded event = new PictureTranscoded();
             event.begin();
-            boolean decoded = decoded(event, () -> MIRVProcessor.decode(time, unit, handle));
+            boolean decoded = decoded(event, () -> MIRVProcessor.decodePart(carried, unit.array, unit.direct, unit.from, unit.size, handle));
             int outcome = MIRVProcessor.outcome(handle);
             needsKey = outcome >= NEEDS_KEY;
             if (decoded) {
@@ -161,30 +198,39 @@ public final class Transcoder implements AutoCloseable {
 
     private void encode(long handle, PictureTranscoded event, Consumer<? super EncodedPicture> receiver) {
         pictures++;
-        long time = times.of(MIRVProcessor.pictureTime(handle));
-        long written = times.writtenAt(time);
+        long carried = MIRVProcessor.pictureTime(handle);
+        long time = times.of(carried);
+        long milliseconds = times.milliseconds(time);
+        long written = times.writtenAt(carried);
         Failures failures = new Failures();
         RenditionOutput[] outputs = this.outputs;
-        for (int i = 0; i < outputs.length; i++) {
-            boolean wanted = outputs[i].isAtWork() && (selection == null || selection.wants(i, time));
-            outputs[i].choose(wanted);
-            if (wanted) {
-                outputs[i].steer(handle, time, keyPictures != null && keyPictures.isKey(i, time));
+        for (RenditionOutput output : outputs) {
+            output.begin();
+        }
+        if (planner != null) {
+            plan.begin(outputs, time, MIRVProcessor.pictureInfo(handle));
+            try {
+                planner.accept(plan);
+            } finally {
+                plan.end();
             }
+        }
+        for (RenditionOutput output : outputs) {
+            output.steer(handle, milliseconds);
         }
         if (parallel != null) {
             parallel.encode(handle, failures);
         }
         for (RenditionOutput output : outputs) {
             if (parallel == null) {
-                output.encode(handle);
+                failures.of(() -> output.encode(handle)); // which needs Java memory for an access unit
             }
-            failures.of(() -> output.tellFailure(handle, time));
+            failures.of(() -> output.tellFailure(handle, time, milliseconds));
             failures.of(() -> output.deliver(handle, time, written, receiver));
         }
         if (event.shouldCommit()) {
             event.handle = handle;
-            event.time = time;
+            event.time = milliseconds;
             for (RenditionOutput output : outputs) {
                 event.encodeTime += output.lastNanoseconds();
                 event.bytes += output.lastSize();
@@ -246,8 +292,8 @@ public final class Transcoder implements AutoCloseable {
     }
 
     /**
-     * Encodes nothing more into a rendition, which keeps its encoder; nothing when it is paused already. Neither
-     * {@link Selection} nor {@link KeyPictures} are asked about it meanwhile, and its figures do not count the pictures. Any
+     * Encodes nothing more into a rendition, which keeps its encoder; nothing when it is paused already. A
+     * {@link PicturePlan} cannot select it meanwhile, and its figures do not count the pictures. Any
      * thread may call it at any time, callbacks included.
      *
      * @param index the rendition's position in {@link #renditions}
@@ -331,6 +377,18 @@ public final class Transcoder implements AutoCloseable {
         }
     }
 
+    /**
+     * {@return the parameter sets of a rendition, known from its first picture on; that picture, and each with which they
+     * change, tell them as {@link EncodedPicture#newParameterSets}} Any thread may ask, at any time.
+     *
+     * @param index the rendition's position in {@link #renditions}
+     * @throws IndexOutOfBoundsException if there is no such rendition
+     * @throws IllegalStateException if the rendition was removed, or this transcoder is closed
+     */
+    public Optional<ParameterSets> parameterSets(int index) {
+        return Optional.ofNullable(atWork("parameterSets", index).parameterSets());
+    }
+
     private RenditionOutput atWork(String operation, int index) {
         engine.checkOpen(operation);
         RenditionOutput[] present = outputs;
@@ -364,36 +422,6 @@ public final class Transcoder implements AutoCloseable {
         engine.close();
     }
 
-    /** Decides which pictures a rendition gets, to thin out a stream or to begin and end between its key pictures. */
-    @FunctionalInterface
-    public interface Selection {
-        /**
-         * Asked for each decoded picture, in display order, and for each rendition in turn, on the thread that called
-         * {@link #write} or {@link #drain}. What it throws ends that call before the picture is encoded.
-         *
-         * @param index the rendition's position in {@link #renditions}
-         * @param time the picture's presentation time in milliseconds
-         * @return whether the picture is to be encoded; otherwise the rendition goes on as if it had not been there, and its
-         *         figures do not count it
-         */
-        boolean wants(int index, long time);
-    }
-
-    /** Decides which pictures are to be key pictures, so that segments may begin with them at the same time everywhere. */
-    @FunctionalInterface
-    public interface KeyPictures {
-        /**
-         * Asked for each picture that a rendition gets, right after {@link Selection#wants} where there is a selection. What
-         * it throws ends the call before the picture is encoded.
-         *
-         * @param index the rendition's position in {@link #renditions}
-         * @param time the picture's presentation time in milliseconds
-         * @return whether the picture must be a key picture; the rendition's key interval is counted from it. Otherwise that
-         *         interval, and the encoder at a change of scene, decide
-         */
-        boolean isKey(int index, long time);
-    }
-
     /**
      * What a transcoder has done.
      *
@@ -424,8 +452,8 @@ public final class Transcoder implements AutoCloseable {
 
         private final List<Rendition> renditions = new ArrayList<>();
         private Executor executor;
-        private Selection selection;
-        private KeyPictures keyPictures;
+        private Consumer<? super PicturePlan> planner;
+        private int ticksPerSecond = Times.MILLISECONDS;
         private Consumer<? super EncoderFailure> failureListener;
 
         private Builder() {
@@ -454,24 +482,26 @@ public final class Transcoder implements AutoCloseable {
         }
 
         /**
-         * Leaves pictures out of renditions.
+         * Leaves pictures out of renditions, and chooses key pictures beyond those of their key intervals.
          *
-         * @param choice decides for each picture
+         * @param choice is asked once for each decoded picture, in display order, on the thread that calls {@link #write} or
+         *        {@link #drain}; what it throws ends that call before the picture is encoded
          * @return this builder
          */
-        public Builder select(Selection choice) {
-            selection = Objects.requireNonNull(choice, "choice");
+        public Builder plan(Consumer<? super PicturePlan> choice) {
+            planner = Objects.requireNonNull(choice, "choice");
             return this;
         }
 
         /**
-         * Chooses key pictures beyond those of the renditions' key intervals.
+         * Sets what times are counted in. Whatever it is, each picture has the very time that its access unit was written
+         * with; rate control goes by whole milliseconds.
          *
-         * @param choice decides for each picture
+         * @param unitsPerSecond 1 to 1000000000; 1000, for milliseconds, unless it is set here
          * @return this builder
          */
-        public Builder keys(KeyPictures choice) {
-            keyPictures = Objects.requireNonNull(choice, "choice");
+        public Builder timescale(int unitsPerSecond) {
+            ticksPerSecond = Settings.timescale(unitsPerSecond);
             return this;
         }
 

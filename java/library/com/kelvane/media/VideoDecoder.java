@@ -28,7 +28,7 @@ public final class VideoDecoder implements AutoCloseable {
     private final byte[] info = new byte[6];
     private final SpareArray spare = new SpareArray();
     private int size; // bytes of the last picture
-    private final Times times = new Times();
+    private final Times times = new Times(Times.MILLISECONDS);
 
     private VideoDecoder() {
         engine = Engine.open("VideoDecoder", AVCDecoder::open, AVCDecoder::close);
@@ -48,18 +48,49 @@ public final class VideoDecoder implements AutoCloseable {
      * Decodes one access unit.
      *
      * @param accessUnit one access unit in byte-stream form, see {@link AccessUnit}; not changed and not kept
-     * @param time presentation time of its picture in milliseconds
+     * @param time presentation time of its picture, in any unit
      * @return the picture that came out, which with reordering is an earlier one; it is the caller's
      * @throws IllegalArgumentException if {@code accessUnit} does not begin with a start code
      * @throws IllegalStateException if this decoder is closed or in use
      */
     public Optional<Picture> decode(byte[] accessUnit, long time) {
-        byte[] unit = AnnexB.checked(accessUnit);
+        return decode(Part.of(accessUnit), time);
+    }
+
+    /**
+     * As {@link #decode(byte[], long)}, of an access unit in an array that may hold more.
+     *
+     * @param accessUnit holds one access unit; not changed and not kept
+     * @param offset where it begins
+     * @param length its bytes
+     * @param time as there
+     * @return as there
+     * @throws IndexOutOfBoundsException if the array has no such part
+     */
+    public Optional<Picture> decode(byte[] accessUnit, int offset, int length, long time) {
+        return decode(Part.of(accessUnit, offset, length), time);
+    }
+
+    /**
+     * As {@link #decode(byte[], long)}, of an access unit in a buffer, see {@link Transcoder#write(ByteBuffer, long, Consumer)}.
+     *
+     * @param accessUnit what remains in it is one access unit, and is taken; its bytes are not changed and not kept
+     * @param time as there
+     * @return as there
+     */
+    public Optional<Picture> decode(ByteBuffer accessUnit, long time) {
+        return decode(Part.of(accessUnit), time);
+    }
+
+    private Optional<Picture> decode(Part accessUnit, long time) {
+        Part unit = AnnexB.checked(accessUnit);
         long handle = engine.enter("decode");
         try {
-            times.write(time);
+            unit.take();
+            int carried = times.write(time, 0);
             byte[] output = spare.take(size);
-            return Optional.ofNullable(picture(AVCDecoder.decodeAt(time, unit, info, output, handle), output, handle));
+            int result = AVCDecoder.decodePart(carried, unit.array, unit.direct, unit.from, unit.size, info, output, handle);
+            return Optional.ofNullable(picture(result, output, handle));
         } finally {
             engine.exit();
         }

@@ -28,16 +28,17 @@ public final class VideoEncoder implements AutoCloseable {
     private final int width;
     private final int height;
     private final byte[] info = new byte[7];
-    private final byte[] buffer; // the picture, over which the engine writes the access unit
+    private final byte[] buffer; // for the access unit, which is no longer than a picture
     private final Recovery recovery;
     private final Steering steering = new Steering();
+    private volatile ParameterSets parameterSets;
 
     private VideoEncoder(Builder settings) {
         width = settings.width;
         height = settings.height;
         recovery = new Recovery("VideoEncoder", 0, settings.failureListener);
         buffer = new byte[Picture.size(width, height)];
-        engine = Engine.open("VideoEncoder", () -> OpenH264Encoder.open(width, height, settings.frameRate, settings.bitrate, 0),
+        engine = Engine.open("VideoEncoder", () -> OpenH264Encoder.openAt(width, height, settings.frameRate, settings.bitrate),
                 OpenH264Encoder::close);
     }
 
@@ -60,24 +61,75 @@ public final class VideoEncoder implements AutoCloseable {
             throw new IllegalArgumentException("the picture is " + picture.width() + "x" + picture.height()
                     + ", this encoder takes " + width + "x" + height);
         }
+        return encode(Part.of(picture.i420()), picture.time());
+    }
+
+    /**
+     * Encodes one picture in an array that may hold more.
+     *
+     * @param i420 holds one picture of the encoder's size as in a {@link Picture}; not changed and not kept
+     * @param offset where it begins
+     * @param length its bytes, {@link Picture#size}
+     * @param time its presentation time, in any unit
+     * @return as {@link #encode(Picture)}
+     * @throws IllegalArgumentException if {@code length} is another
+     * @throws IndexOutOfBoundsException if the array has no such part
+     * @throws IllegalStateException if this encoder is closed or in use
+     */
+    public Optional<AccessUnit> encode(byte[] i420, int offset, int length, long time) {
+        return encode(Part.of(i420, offset, length), time);
+    }
+
+    /**
+     * Encodes one picture in a buffer, see {@link Transcoder#write(ByteBuffer, long, Consumer)}.
+     *
+     * @param i420 what remains in it is one picture of the encoder's size as in a {@link Picture}, and is taken; its bytes are
+     *        not changed and not kept
+     * @param time its presentation time, in any unit
+     * @return as {@link #encode(Picture)}
+     * @throws IllegalArgumentException if another number of bytes remains
+     * @throws IllegalStateException if this encoder is closed or in use
+     */
+    public Optional<AccessUnit> encode(ByteBuffer i420, long time) {
+        return encode(Part.of(i420), time);
+    }
+
+    private Optional<AccessUnit> encode(Part picture, long time) {
+        if (picture.size != buffer.length) {
+            throw new IllegalArgumentException("a packed picture of " + width + "x" + height + " has " + buffer.length
+                    + " bytes, not " + picture.size);
+        }
         long handle = engine.enter("encode");
         try {
+            picture.take();
             if (steering.isAsked()) {
                 steering.handOver(bits -> OpenH264Encoder.setBitrate(bits, handle) == 1, () -> OpenH264Encoder.requestKey(handle));
             }
-            System.arraycopy(picture.i420(), 0, buffer, 0, buffer.length);
-            int failure = tryEncoding(handle);
+            int failure = tryEncoding(picture, handle);
             if (failure == 0) {
                 recovery.succeeded();
             } else {
-                recovery.recover(failure, () -> OpenH264Encoder.renew(handle) == 1, () -> tryEncoding(handle));
-                recovery.tell(handle, picture.time());
+                recovery.recover(failure, () -> OpenH264Encoder.renew(handle) == 1, () -> tryEncoding(picture, handle));
+                recovery.tell(handle, time, time);
             }
             int size = ByteBuffer.wrap(info).getInt(1);
-            return size == 0 ? Optional.empty() : Optional.of(new AccessUnit(Arrays.copyOf(buffer, size), picture.time()));
+            if (size == 0) {
+                return Optional.empty();
+            }
+            parameterSets = ParameterSets.from(parameterSets, buffer, size);
+            return Optional.of(new AccessUnit(Arrays.copyOf(buffer, size), time));
         } finally {
             engine.exit();
         }
+    }
+
+    /**
+     * {@return the parameter sets of the stream, known from its first picture on} It is the same object until they change,
+     * as they may with another bit rate; {@link AccessUnit#parameterSets} has those of a key picture. Any thread may ask, at any
+     * time.
+     */
+    public Optional<ParameterSets> parameterSets() {
+        return Optional.ofNullable(parameterSets);
     }
 
     /**
@@ -95,20 +147,20 @@ public final class VideoEncoder implements AutoCloseable {
      * which costs about as much as encoding a picture: that picture is a key picture, and none is lost. Any thread may call
      * it at any time; of several calls before a picture the last one counts.
      *
-     * @param bitsPerSecond 256000 to 288000000
+     * @param bitsPerSecond 1000 to 288000000
      * @throws IllegalArgumentException if the rate is not allowed
      * @throws IllegalStateException if this encoder is closed
      */
     public void bitrate(int bitsPerSecond) {
         engine.checkOpen("bitrate");
-        steering.bitrate(Builder.checkedBitrate(bitsPerSecond));
+        steering.bitrate(Settings.bitrate(bitsPerSecond));
     }
 
-    // Returns 0 when the encoder took the picture; `info` then has the bytes of its access unit. Otherwise `buffer` still
-    // holds the picture.
-    private int tryEncoding(long handle) {
+    // Returns 0 when the encoder took the picture; `info` then has the bytes of its access unit, which `buffer` holds.
+    private int tryEncoding(Part picture, long handle) {
         Arrays.fill(info, (byte) 0);
-        return OpenH264Encoder.encode(buffer, info, handle) == 1 ? 0 : OpenH264Encoder.failure(handle);
+        return OpenH264Encoder.encodePart(picture.array, picture.direct, picture.from, picture.size, buffer, info, handle) == 1 ? 0
+                : OpenH264Encoder.failure(handle);
     }
 
     /**
@@ -124,15 +176,11 @@ public final class VideoEncoder implements AutoCloseable {
 
     /** Collects an encoder's settings. */
     public static final class Builder {
-        private static final int SMALLEST_SIDE = 16;
-        private static final int LARGEST_SIDE = 8192;
-        private static final int LARGEST_FRAME_RATE = 30;
-        private static final int SMALLEST_BITRATE = 256_000;
-        private static final int LARGEST_BITRATE = 288_000_000;
+        private static final int USUAL_FRAME_RATE = 30;
 
         private int width;
         private int height;
-        private int frameRate = LARGEST_FRAME_RATE;
+        private int frameRate = USUAL_FRAME_RATE;
         private int bitrate;
         private Consumer<? super EncoderFailure> failureListener;
 
@@ -140,44 +188,45 @@ public final class VideoEncoder implements AutoCloseable {
         }
 
         /**
-         * The size of the pictures, which has to be given.
+         * The size of the pictures, which has to be given. Sides may be odd, where those of a {@link Rendition}, to which
+         * pictures are scaled, are even.
          *
          * @param pixelsWide 16 to 8192
-         * @param pixelsHigh 16 to 8192
+         * @param pixelsHigh 16 to 8192; a picture has at most 4096 x 2304 pixels
          * @return this builder
          */
         public Builder size(int pixelsWide, int pixelsHigh) {
-            Settings.check("width", pixelsWide, SMALLEST_SIDE, LARGEST_SIDE, "pixels");
-            Settings.check("height", pixelsHigh, SMALLEST_SIDE, LARGEST_SIDE, "pixels");
+            Settings.check("width", pixelsWide, Settings.SMALLEST_SIDE, Settings.LARGEST_SIDE, "pixels");
+            Settings.check("height", pixelsHigh, Settings.SMALLEST_SIDE, Settings.LARGEST_SIDE, "pixels");
+            if (pixelsWide * pixelsHigh > Settings.LARGEST_AREA) {
+                throw new IllegalArgumentException(Settings.wrongArea(pixelsWide, pixelsHigh));
+            }
             width = pixelsWide;
             height = pixelsHigh;
             return this;
         }
 
         /**
-         * The rate of the pictures.
+         * The rate of the pictures. The encoder takes it at its opening alone; so it cannot follow the pictures' times, as a
+         * {@link Rendition} without a rate does.
          *
-         * @param picturesPerSecond 1 to 30
+         * @param picturesPerSecond 1 to 60; 30 unless it is set here
          * @return this builder
          */
         public Builder frameRate(int picturesPerSecond) {
-            frameRate = Settings.check("frameRate", picturesPerSecond, 1, LARGEST_FRAME_RATE, "pictures per second");
+            frameRate = Settings.frameRate(picturesPerSecond);
             return this;
         }
 
         /**
          * The target, which has to be given.
          *
-         * @param bitsPerSecond 256000 to 288000000
+         * @param bitsPerSecond 1000 to 288000000
          * @return this builder
          */
         public Builder bitrate(int bitsPerSecond) {
-            bitrate = checkedBitrate(bitsPerSecond);
+            bitrate = Settings.bitrate(bitsPerSecond);
             return this;
-        }
-
-        private static int checkedBitrate(int bitsPerSecond) {
-            return Settings.check("bitrate", bitsPerSecond, SMALLEST_BITRATE, LARGEST_BITRATE, "bits per second");
         }
 
         /**

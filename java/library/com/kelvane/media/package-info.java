@@ -9,19 +9,26 @@
  * </thead>
  * <tbody>
  * <tr><th scope="row">{@link com.kelvane.media.Transcoder}<td>decodes one H.264 stream once and encodes every picture into
- *     several {@linkplain com.kelvane.media.Rendition renditions}
+ *     several {@linkplain com.kelvane.media.Rendition renditions}, whose {@linkplain com.kelvane.media.ParameterSets
+ *     parameter sets} containers and signalling begin with
  * <tr><th scope="row">{@link com.kelvane.media.VideoDecoder}, {@link com.kelvane.media.VideoEncoder}<td>H.264 to
  *     {@linkplain com.kelvane.media.Picture pictures} and back
  * <tr><th scope="row">{@link com.kelvane.media.Pipeline}<td>has a {@linkplain com.kelvane.media.ProcessingModule module}
  *     work on the pictures of an H.264 stream
  * <tr><th scope="row">{@link com.kelvane.media.AacDecoder}, {@link com.kelvane.media.AacEncoder}<td>AAC-LC to
- *     {@linkplain com.kelvane.media.Pcm sound} and back
+ *     {@linkplain com.kelvane.media.Pcm sound} and back; {@link com.kelvane.media.AudioConfiguration} is what containers tell
+ *     of it
  * <tr><th scope="row">{@link com.kelvane.media.Mp3Decoder}<td>MP3 to sound
  * <tr><th scope="row">{@link com.kelvane.media.OpusDecoder}, {@link com.kelvane.media.OpusEncoder}<td>Opus to sound and back
+ * <tr><th scope="row">{@link com.kelvane.media.Resampler}<td>sound of another rate and other channels
  * <tr><th scope="row">{@link com.kelvane.media.ContainerWriter}<td>access units into MP4, fragments for HLS and DASH, MPEG-TS,
  *     FLV, Matroska and more
  * </tbody>
  * </table>
+ *
+ * <p>{@link com.kelvane.media.Tarnwick} is none of them, and nothing here needs it: raw FFmpeg memory, frames and scaling for
+ * programs that drive FFmpeg with addresses of their own. It checks no address, and stands in this package because such
+ * programs look for it here.
  *
  * <p>A program that makes two renditions of a raw H.264 stream:
  * <pre>{@code
@@ -96,7 +103,7 @@
  *
  * <p>{@code com.kelvane.media.EngineOpened} and {@code com.kelvane.media.EngineClosed} tell of every engine;
  * {@code com.kelvane.media.PictureFailed} of every picture that an encoder failed at;
- * {@code com.kelvane.media.PictureTranscoded}, which has to be enabled, of every picture of a transcoder that took longer
- * than its threshold (20 ms).
+ * {@code com.kelvane.media.PictureTranscoded} of every picture of a transcoder that took longer than its threshold (20 ms). All
+ * are on in every recording, as they cost nothing without one, and with one two readings of the clock a picture.
  */
 package com.kelvane.media;

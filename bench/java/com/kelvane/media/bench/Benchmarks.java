@@ -43,6 +43,7 @@ public final class Benchmarks {
         parts.put("engines", benchmarks::engines);
         parts.put("sound", benchmarks::sound);
         parts.put("guard", benchmarks::guard);
+        parts.put("input", benchmarks::input);
         parts.put("machine", benchmarks::fullMachine);
         parts.put("memory", benchmarks::memory);
         parts.put("writes", benchmarks::writeTimes);
@@ -142,6 +143,11 @@ public final class Benchmarks {
 
     private void guard() {
         Guard.measure(table("The guard", "What the API's check of each call takes, by the clock.", "guard, ns"), rounds);
+    }
+
+    private void input() {
+        Parts.measure(table("Input", "What it takes a decoder to be given bytes that it has nothing to decode in, by the clock.",
+                "byte[], ns"), rounds);
     }
 
     private void fullMachine() throws Exception {

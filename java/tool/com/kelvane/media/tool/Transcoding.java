@@ -2,6 +2,7 @@ package com.kelvane.media.tool;
 
 import com.kelvane.media.AccessUnit;
 import com.kelvane.media.EncodedPicture;
+import com.kelvane.media.PicturePlan;
 import com.kelvane.media.Rendition;
 import com.kelvane.media.Transcoder;
 import com.kelvane.media.tool.input.Timeline;
@@ -27,8 +28,6 @@ final class Transcoding {
     private final PictureTimes times = new PictureTimes();
     private final Results results;
     private final SegmentKeys segments;
-    private final boolean[] kept;    // of each rendition, whether it gets the picture at hand
-    private boolean begins;          // whether a segment may begin with it
     private final List<PictureFigures> figures;
     private final PictureTimes shown = new PictureTimes();
     private final LostPictures lost = new LostPictures();
@@ -48,7 +47,6 @@ final class Transcoding {
         this.results = results;
         reducers = rates.stream().map(rate -> new RateReducer(track.frameRate(), rate)).toArray(RateReducer[]::new);
         this.segments = segments;
-        kept = new boolean[reducers.length];
         figures = rates.stream().map(rate -> new PictureFigures()).toList();
     }
 
@@ -56,8 +54,8 @@ final class Transcoding {
         ThreadMXBean threads = ManagementFactory.getThreadMXBean();
         long cpuBegin = threads.getCurrentThreadCpuTime();
         long begin = System.nanoTime();
-        try (Transcoder transcoder = Transcoder.builder().renditions(renditions).select(this::wants)
-                        .keys((index, time) -> begins).onFailure(lost).open();
+        try (Transcoder transcoder = Transcoder.builder().renditions(renditions).plan(this::plan).onFailure(lost)
+                        .open();
                 Progress progress = new Progress(Math.round(1000 * expectedSeconds))) {
             for (AccessUnit unit = source.next(); unit != null && last < timeline.length(); unit = source.next()) {
                 transcoder.write(unit.bytes(), unit.time(), this::take);
@@ -72,22 +70,17 @@ final class Transcoding {
         cpuSeconds = (threads.getCurrentThreadCpuTime() - cpuBegin) / 1e9;
     }
 
-    private boolean wants(int index, long time) {
-        if (index == 0) {
-            taken = 0;
-            last = time;
-            boolean isShown = timeline.shows(time);
-            if (isShown) {
-                shown.add(time);
-            }
-            boolean inAll = isShown;
-            for (int i = 0; i < kept.length; i++) {
-                kept[i] = isShown && reducers[i].keeps(time);
-                inAll &= kept[i];
-            }
-            begins = segments != null && inAll && segments.begins(time);
+    private void plan(PicturePlan picture) {
+        taken = 0;
+        last = picture.time();
+        if (!timeline.shows(last)) {
+            picture.selectAll(false);
+            return;
         }
-        return kept[index];
+        shown.add(last);
+        if (RateReducer.thin(reducers, 0, last, picture) && segments != null && segments.begins(last)) {
+            picture.keyAll();
+        }
     }
 
     private void take(EncodedPicture picture) {

@@ -3,15 +3,19 @@ package com.kelvane.media.api;
 import static org.junit.jupiter.api.Assertions.assertArrayEquals;
 import static org.junit.jupiter.api.Assertions.assertEquals;
 import static org.junit.jupiter.api.Assertions.assertFalse;
+import static org.junit.jupiter.api.Assertions.assertSame;
 import static org.junit.jupiter.api.Assertions.assertThrows;
 import static org.junit.jupiter.api.Assertions.assertTrue;
 
 import com.kelvane.media.AacEncoder;
+import com.kelvane.media.AccessUnit;
+import com.kelvane.media.AudioConfiguration;
 import com.kelvane.media.ContainerWriter;
 import com.kelvane.media.ContainerWriter.Format;
 import com.kelvane.media.Fragment;
 import com.kelvane.media.MediaException;
 import com.kelvane.media.MediaTrack;
+import com.kelvane.media.ParameterSets;
 import java.io.ByteArrayOutputStream;
 import java.io.IOException;
 import java.io.UncheckedIOException;
@@ -58,12 +62,8 @@ final class ContainerWriterTest {
     void writesToAChannelFromItsPositionOn() throws IOException {
         byte[][] files = new byte[2][];
         for (int i = 0; i < 2; i++) {
-            Path file = folder.resolve("film" + i);
             byte[] ahead = new byte[1000 * i];
-            try (FileChannel channel = FileChannel.open(file, StandardOpenOption.CREATE, StandardOpenOption.READ,
-                    StandardOpenOption.WRITE); ContainerWriter writer = builder(Format.MP4, VIDEO, SOUND).fastStart().open(channel)) {
-                channel.write(ByteBuffer.wrap(ahead));
-            }
+            Path file = Files.write(folder.resolve("film" + i), ahead);
             try (FileChannel channel = FileChannel.open(file, StandardOpenOption.READ, StandardOpenOption.WRITE)) {
                 channel.position(ahead.length);
                 try (ContainerWriter writer = builder(Format.MP4, VIDEO, SOUND).fastStart().open(channel)) {
@@ -132,6 +132,41 @@ final class ContainerWriterTest {
         assertEquals(List.of("mp4a.40.2", "mp4a.40.5", "mp4a.6b", "mp4a.69", "opus"), List.of(SOUND, MediaTrack.aac(
                 new byte[] {0x2b, (byte) 0x92, 8}), MediaTrack.mp3(44_100, 2), MediaTrack.mp3(22_050, 1), MediaTrack.opus(2)).stream()
                 .map(track -> track.codecs().orElseThrow()).toList());
+    }
+
+    /** As FFmpeg makes them, of every profile that there is a stream of; and back again. */
+    @Test
+    void makesWhatContainersAndSignallingBeginWith() throws IOException {
+        for (String name : List.of(Vectors.PLAIN, Vectors.REORDERED, "slices.h264", "odd.h264", "yuv422.h264")) {
+            List<byte[]> units = Vectors.units(name);
+            ParameterSets sets = ParameterSets.in(units.get(0)).orElseThrow();
+            try (ContainerWriter writer = fragments(MediaTrack.h264(176, 144).parameterSets(sets))) {
+                assertArrayEquals(box(writer.initSegment(), "avcC"), sets.avcC(), name);
+                assertEquals(writer.codecs(), sets.codecs());
+            }
+            assertEquals(sets, ParameterSets.of(sets.avcC()));
+            byte[] bare = units.get(1); // which has none
+            assertEquals(Optional.empty(), new AccessUnit(bare, 0).parameterSets());
+            byte[] whole = sets.prependTo(bare);
+            assertEquals(Optional.of(sets), new AccessUnit(whole, 0).parameterSets());
+            assertSame(whole, sets.prependTo(whole));
+            byte[] delimited = ByteBuffer.allocate(6 + bare.length).put(new byte[] {0, 0, 0, 1, 9, -16}).put(bare).array();
+            byte[] both = sets.prependTo(delimited);
+            assertArrayEquals(Arrays.copyOf(delimited, 6), Arrays.copyOf(both, 6));
+            assertArrayEquals(whole, Arrays.copyOfRange(both, 6, both.length));
+        }
+        byte[] made = Files.readAllBytes(Path.of(System.getProperty("test.data"), "stereo.m4a")); // FFmpeg's, of the same encoder
+        try (AacEncoder encoder = AacEncoder.builder().sampleRate(44_100).open()) {
+            byte[] told = box(made, "esds"); // its own descriptors, then the tag and length of the configuration
+            assertArrayEquals(Arrays.copyOfRange(told, 35, 37), encoder.configuration().bytes());
+            assertEquals(encoder.configuration(), AudioConfiguration.ofAdts(new byte[] {-1, -15, 0x50, (byte) 0x80, 0, 0x1f, -4}));
+        }
+    }
+
+    /** The content of the first box of a type. */
+    private static byte[] box(byte[] file, String type) {
+        int at = new String(file, StandardCharsets.ISO_8859_1).indexOf(type);
+        return Arrays.copyOfRange(file, at + 4, at - 4 + ByteBuffer.wrap(file).getInt(at - 4));
     }
 
     /** A channel that throws has lost bytes: the writer says so from then on. */

@@ -14,15 +14,14 @@ import com.kelvane.media.Transcoder;
 import com.kelvane.media.VideoEncoder;
 import com.kelvane.media.test.Uncompressed;
 import java.nio.charset.StandardCharsets;
-import java.nio.file.Files;
 import java.nio.file.Path;
 import java.util.ArrayList;
 import java.util.List;
+import java.util.function.BiConsumer;
 import java.util.function.Consumer;
 import java.util.stream.LongStream;
 import java.util.stream.Stream;
-import jdk.jfr.Recording;
-import jdk.jfr.consumer.RecordingFile;
+import jdk.jfr.consumer.RecordedEvent;
 import org.junit.jupiter.api.Test;
 import org.junit.jupiter.params.ParameterizedTest;
 import org.junit.jupiter.params.provider.MethodSource;
@@ -34,27 +33,14 @@ final class EncoderFailureTest {
     private static final int AFTER = 8;
 
     /** An engine at work: takes picture by picture, and gives access units to a receiver. */
-    private interface Engine extends AutoCloseable {
-        void write(Picture picture, Consumer<AccessUnit> receiver);
+    private record Engine(BiConsumer<Picture, Consumer<AccessUnit>> write, AutoCloseable opened) {
+    }
 
-        /** Pictures that it says it lost; -1 if it does not say. */
-        default long failed() {
-            return -1;
-        }
-
-        @Override
-        void close();
+    private interface Opener {
+        Engine open(int width, int height, Consumer<EncoderFailure> listener);
     }
 
     private record Kind(String name, boolean survivesAtOnce, Opener opener) {
-        interface Opener {
-            Engine open(int width, int height, Consumer<EncoderFailure> listener);
-        }
-
-        @Override
-        public String toString() {
-            return name;
-        }
     }
 
     private static Kind transcoder(String name, boolean survivesAtOnce, Rendition rendition, boolean parallel) {
@@ -63,65 +49,34 @@ final class EncoderFailureTest {
             Transcoder.Builder builder = Transcoder.builder().rendition(rendition)
                     .rendition(Rendition.of(16, 16).bitrate(100_000)).onFailure(listener);
             Transcoder transcoder = (parallel ? builder.parallel(Runnable::run) : builder).open();
-            return new Engine() {
-                @Override
-                public void write(Picture picture, Consumer<AccessUnit> receiver) {
-                    assertTrue(transcoder.write(Uncompressed.accessUnit(picture), picture.time(), out -> {
+            return new Engine((picture, receiver) -> assertTrue(
+                    transcoder.write(Uncompressed.accessUnit(picture), picture.time(), out -> {
                         if (out.index() == 0) {
                             receiver.accept(new AccessUnit(out.copy(), out.time()));
                         }
-                    }).isPicture());
-                }
-
-                @Override
-                public long failed() {
-                    assertEquals(0, transcoder.statistics().renditions().get(0).skipped());
-                    return transcoder.statistics().renditions().get(0).failed();
-                }
-
-                @Override
-                public void close() {
-                    transcoder.close();
-                }
-            };
+                    }).isPicture()), transcoder);
         });
     }
 
     private static final Kind VIDEO_ENCODER = new Kind("VideoEncoder", true, (width, height, listener) -> {
         VideoEncoder encoder = VideoEncoder.builder().size(width, height).bitrate(2_000_000).onFailure(listener).open();
-        return new Engine() {
-            @Override
-            public void write(Picture picture, Consumer<AccessUnit> receiver) {
-                encoder.encode(picture).ifPresent(receiver);
-            }
-
-            @Override
-            public void close() {
-                encoder.close();
-            }
-        };
+        return new Engine((picture, receiver) -> encoder.encode(picture).ifPresent(receiver), encoder);
     });
 
     private static final Kind PIPELINE = new Kind("Pipeline", true, (width, height, listener) -> {
         Pipeline pipeline = Pipeline.builder().onFailure(listener).open();
-        return new Engine() {
-            @Override
-            public void write(Picture picture, Consumer<AccessUnit> receiver) {
-                pipeline.write(Uncompressed.accessUnit(picture), picture.time()).ifPresent(receiver);
-            }
-
-            @Override
-            public long failed() {
-                assertEquals(0, pipeline.statistics().skipped());
-                return pipeline.statistics().failed();
-            }
-
-            @Override
-            public void close() {
-                pipeline.close();
-            }
-        };
+        return new Engine((picture, receiver) -> pipeline.write(Uncompressed.accessUnit(picture), picture.time())
+                .ifPresent(receiver), pipeline);
     });
+
+    /** Pictures of which an engine says that they failed, and that it skipped them. */
+    private static List<Long> lost(AutoCloseable engine) {
+        if (engine instanceof Pipeline pipeline) {
+            return List.of(pipeline.statistics().failed(), pipeline.statistics().skipped());
+        }
+        Transcoder.RenditionStatistics figures = ((Transcoder) engine).statistics().renditions().get(0);
+        return List.of(figures.failed(), figures.skipped());
+    }
 
     private record Case(Kind kind, int width, int height, int noisy, boolean twoValued) {
     }
@@ -145,29 +100,25 @@ final class EncoderFailureTest {
     /** At most the noisy pictures are missing; what comes out can be decoded, each picture is the one that it should be. */
     @ParameterizedTest
     @MethodSource("cases")
-    void losesAtMostThePicturesThatFail(Case stream) {
+    void losesAtMostThePicturesThatFail(Case stream) throws Exception {
         List<EncoderFailure> failures = new ArrayList<>();
-        List<byte[]> units = new ArrayList<>();
-        List<Long> times = new ArrayList<>();
-        List<Boolean> keys = new ArrayList<>();
+        List<AccessUnit> units = new ArrayList<>();
         int total = BEFORE + stream.noisy + AFTER;
         Picture[] source = new Picture[total];
-        try (Engine engine = stream.kind.opener.open(stream.width, stream.height, failures::add)) {
+        Engine engine = stream.kind.opener.open(stream.width, stream.height, failures::add);
+        try (AutoCloseable opened = engine.opened) {
             for (int i = 0; i < total; i++) {
                 boolean noisy = i >= BEFORE && i < BEFORE + stream.noisy;
                 source[i] = noisy ? Uncompressed.noise(stream.width, stream.height, 40 * i, stream.twoValued)
                         : Uncompressed.grey(stream.width, stream.height, 40 * i);
-                engine.write(source[i], unit -> {
-                    units.add(unit.bytes());
-                    times.add(unit.time());
-                    keys.add(unit.isKey());
-                });
+                engine.write.accept(source[i], units::add);
             }
             long lost = total - units.size();
             assertFalse(failures.isEmpty(), "nothing failed");
             assertEquals(lost, failures.stream().filter(EncoderFailure::lost).count());
-            assertTrue(engine.failed() == -1 || engine.failed() == lost);
+            assertTrue(stream.kind == VIDEO_ENCODER || lost(opened).equals(List.of(lost, 0L)), () -> lost(opened).toString());
         }
+        List<Long> times = units.stream().map(AccessUnit::time).toList();
         for (EncoderFailure failure : failures) {
             assertEquals(0, failure.index());
             assertTrue(failure.time() >= 40 * BEFORE && failure.time() < 40 * (BEFORE + stream.noisy), failure::toString);
@@ -175,7 +126,7 @@ final class EncoderFailureTest {
             assertEquals(failure.lost(), !times.contains(failure.time()));
             // The picture itself is a key picture if it comes, otherwise the next that does.
             int next = (int) times.stream().filter(time -> time < failure.time()).count();
-            assertTrue(keys.get(next), failure::toString);
+            assertTrue(units.get(next).isKey(), failure::toString);
         }
         List<Long> quiet = LongStream.range(0, total).filter(i -> i < BEFORE || i >= BEFORE + stream.noisy).map(i -> 40 * i)
                 .boxed().toList();
@@ -183,7 +134,7 @@ final class EncoderFailureTest {
         if (stream.kind.survivesAtOnce && stream.noisy == 1) {
             assertEquals(total, times.size());
         }
-        List<Picture> decoded = Vectors.decode(units);
+        List<Picture> decoded = Vectors.decode(units.stream().map(AccessUnit::bytes).toList());
         assertEquals(units.size(), decoded.size());
         for (int i = 0; i < decoded.size(); i++) {
             if (quiet.contains(times.get(i))) {
@@ -194,24 +145,20 @@ final class EncoderFailureTest {
 
     @Test
     void tellsTheFlightRecorderAndThrowsWhatTheListenerThrows() throws Exception {
-        Path file = Files.createTempFile("kelvane", ".jfr");
-        try (Recording recording = new Recording(); Engine engine = PIPELINE.opener.open(320, 180, failure -> {
+        Engine engine = PIPELINE.opener.open(320, 180, failure -> {
             throw new ArithmeticException("told");
-        })) {
-            recording.start();
-            for (int i = 0; i < BEFORE; i++) {
-                engine.write(Uncompressed.grey(320, 180, 40 * i), unit -> { });
-            }
-            Picture noise = Uncompressed.noise(320, 180, 40 * BEFORE, false);
-            assertThrows(ArithmeticException.class, () -> engine.write(noise, unit -> { }));
-            recording.stop();
-            recording.dump(file);
-            assertEquals(List.of("Pipeline 0 false"), RecordingFile.readAllEvents(file).stream()
-                    .filter(event -> event.getEventType().getName().equals("com.kelvane.media.PictureFailed"))
+        });
+        try (AutoCloseable opened = engine.opened) {
+            List<RecordedEvent> events = Vectors.recorded(() -> {
+                for (int i = 0; i < BEFORE; i++) {
+                    engine.write.accept(Uncompressed.grey(320, 180, 40 * i), unit -> { });
+                }
+                Picture noise = Uncompressed.noise(320, 180, 40 * BEFORE, false);
+                assertThrows(ArithmeticException.class, () -> engine.write.accept(noise, unit -> { }));
+            });
+            assertEquals(List.of("Pipeline 0 false"), events.stream().filter(event -> event.hasField("lost"))
                     .map(event -> event.getString("engine") + " " + event.getInt("index") + " " + event.getBoolean("lost"))
                     .toList());
-        } finally {
-            Files.delete(file);
         }
     }
 

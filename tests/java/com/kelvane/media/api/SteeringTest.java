@@ -12,13 +12,20 @@ import com.kelvane.media.Rendition;
 import com.kelvane.media.Transcoder;
 import com.kelvane.media.VideoEncoder;
 import com.kelvane.media.test.Uncompressed;
+import java.nio.ByteBuffer;
 import java.util.ArrayList;
 import java.util.List;
 import java.util.Optional;
-import java.util.concurrent.ConcurrentLinkedQueue;
+import java.util.concurrent.ExecutorService;
+import java.util.concurrent.Executors;
+import java.util.concurrent.Future;
+import java.util.concurrent.atomic.AtomicBoolean;
 import java.util.function.Consumer;
+import java.util.function.IntConsumer;
 import java.util.function.IntFunction;
+import java.util.function.Predicate;
 import java.util.stream.IntStream;
+import java.util.stream.LongStream;
 import java.util.stream.Stream;
 import org.junit.jupiter.api.Test;
 import org.junit.jupiter.params.ParameterizedTest;
@@ -105,11 +112,11 @@ final class SteeringTest {
     }
 
     /** One rendition's picture. */
-    private record Sent(long time, boolean key, boolean askedFor, int bitrate, List<Byte> bytes) {
+    private record Sent(long time, boolean key, boolean askedFor, int bitrate, ByteBuffer bytes) {
         static Sent of(EncodedPicture picture) {
             assertEquals(picture.isKey(), picture.type() == EncodedPicture.Type.IDR);
             return new Sent(picture.time(), picture.isKey(), picture.isAskedFor(), picture.rendition().bitrate(),
-                    Vectors.list(picture.copy()));
+                    ByteBuffer.wrap(picture.copy()));
         }
     }
 
@@ -125,7 +132,7 @@ final class SteeringTest {
         return sent;
     }
 
-    private static List<Long> times(List<Sent> sent, java.util.function.Predicate<Sent> which) {
+    private static List<Long> times(List<Sent> sent, Predicate<Sent> which) {
         return sent.stream().filter(which).map(picture -> picture.time / 40).toList();
     }
 
@@ -153,62 +160,47 @@ final class SteeringTest {
             assertEquals(still.get(1), sent.get(1));
             assertEquals(still.get(0).subList(0, 10), sent.get(0).subList(0, 10));
             assertNotEquals(still.get(0).get(10).bytes, sent.get(0).get(10).bytes);
-            assertEquals(LongStreams.range(10, 25, 30, 40), times(sent.get(0), picture -> picture.bitrate == 90_000));
+            assertEquals(range(10, 25, 30, 40), times(sent.get(0), picture -> picture.bitrate == 90_000));
             assertEquals(List.of(0L, 15L, 30L), times(sent.get(0), Sent::key));
             assertEquals(List.of(15L, 30L), times(sent.get(0), Sent::askedFor));
             assertEquals(List.of(2, 2), List.of(added[0], added[1]));
-            assertEquals(LongStreams.range(20, 30, 35, 40), times(sent.get(2), picture -> true));
+            assertEquals(range(20, 30, 35, 40), times(sent.get(2), picture -> true));
             assertEquals(List.of(20L, 35L), times(sent.get(2), Sent::key));
             for (int index = 0; index < 2; index++) {
-                List<byte[]> units = sent.get(index).stream().map(picture -> array(picture.bytes)).toList();
+                List<byte[]> units = sent.get(index).stream().map(picture -> picture.bytes.array()).toList();
                 assertEquals(units.size(), Vectors.decode(units).size());
             }
         }
     }
 
     /** Runs of picture numbers. */
-    private static final class LongStreams {
-        static List<Long> range(int... bounds) {
-            return IntStream.range(0, bounds.length / 2).boxed()
-                    .flatMap(i -> IntStream.range(bounds[2 * i], bounds[2 * i + 1]).mapToObj(Long::valueOf)).toList();
-        }
-    }
-
-    private static byte[] array(List<Byte> bytes) {
-        byte[] array = new byte[bytes.size()];
-        for (int i = 0; i < array.length; i++) {
-            array[i] = bytes.get(i);
-        }
-        return array;
+    private static List<Long> range(int... bounds) {
+        return IntStream.range(0, bounds.length / 2).boxed()
+                .flatMap(i -> LongStream.range(bounds[2 * i], bounds[2 * i + 1]).boxed()).toList();
     }
 
     /** Feedback from several threads and from a callback, as fast as they can, while pictures go through. */
     @Test
-    void anyThreadMaySteer() throws InterruptedException {
-        ConcurrentLinkedQueue<Throwable> wrong = new ConcurrentLinkedQueue<>();
+    void anyThreadMaySteer() throws Exception {
+        ExecutorService threads = Executors.newFixedThreadPool(4);
+        AtomicBoolean over = new AtomicBoolean();
         int[] got = new int[2];
         boolean[] askedFor = new boolean[1];
         try (Transcoder transcoder = Transcoder.builder().rendition(Rendition.of(96, 80).bitrate(200_000))
                 .rendition(Rendition.of(64, 48).bitrate(200_000)).parallel(Runnable::run).open()) {
-            Thread[] threads = IntStream.range(0, 4).mapToObj(number -> new Thread(() -> {
-                try {
-                    for (int i = 0; !Thread.currentThread().isInterrupted(); i++) {
-                        transcoder.bitrate(i % 2, 1000 + i % 1000 * 1000);
-                        transcoder.frameRate(i % 2, i % 61);
-                        transcoder.requestKey(number % 2);
-                        transcoder.pause(1);
-                        transcoder.resume(1);
-                        transcoder.renditions();
-                        transcoder.statistics();
-                        Thread.sleep(1);
-                    }
-                } catch (InterruptedException over) {
-                    return;
-                } catch (Throwable thrown) {
-                    wrong.add(thrown);
+            List<Future<?>> steering = IntStream.range(0, 4).<Future<?>>mapToObj(number -> threads.submit(() -> {
+                for (int i = 0; !over.get(); i++) {
+                    transcoder.bitrate(i % 2, 1000 + i % 1000 * 1000);
+                    transcoder.frameRate(i % 2, i % 61);
+                    transcoder.requestKey(number % 2);
+                    transcoder.pause(1);
+                    transcoder.resume(1);
+                    transcoder.renditions();
+                    transcoder.statistics();
+                    Thread.sleep(1);
                 }
-            })).toArray(Thread[]::new);
-            Stream.of(threads).forEach(Thread::start);
+                return null;
+            })).toList();
             for (int i = 0; i < 20 * CYCLE; i++) {
                 transcoder.write(MOVING.get(i % CYCLE), 40L * i, picture -> {
                     got[picture.index()]++;
@@ -216,90 +208,41 @@ final class SteeringTest {
                     transcoder.requestKey(picture.index());
                 });
             }
-            for (Thread thread : threads) {
-                thread.interrupt();
-                thread.join();
+            over.set(true);
+            threads.shutdown();
+            for (Future<?> done : steering) {
+                done.get();
             }
         }
-        assertEquals(List.of(), List.copyOf(wrong));
         assertEquals(20 * CYCLE, got[0]);
         assertTrue(got[1] > 0 && askedFor[0], got[1] + " pictures");
     }
 
-    private interface Encoding extends AutoCloseable {
-        Optional<AccessUnit> encode(int number);
-
-        void requestKey();
-
-        void bitrate(int bits);
-
-        @Override
-        void close();
+    private record Encoding(IntFunction<Optional<AccessUnit>> encode, Runnable requestKey, IntConsumer bitrate, AutoCloseable engine) {
     }
 
     private static Stream<Encoding> encoders() {
         VideoEncoder encoder = VideoEncoder.builder().size(WIDTH, HEIGHT).frameRate(30).bitrate(1_500_000).open();
         Pipeline pipeline = Pipeline.builder().frameRate(30).bitrate(1_500_000).open();
-        return Stream.of(new Encoding() {
-            @Override
-            public Optional<AccessUnit> encode(int number) {
-                return encoder.encode(moving(number % CYCLE, 40L * number));
-            }
-
-            @Override
-            public void requestKey() {
-                encoder.requestKey();
-            }
-
-            @Override
-            public void bitrate(int bits) {
-                encoder.bitrate(bits);
-            }
-
-            @Override
-            public void close() {
-                encoder.close();
-            }
-        }, new Encoding() {
-            @Override
-            public Optional<AccessUnit> encode(int number) {
-                return pipeline.write(MOVING.get(number % CYCLE), 40L * number);
-            }
-
-            @Override
-            public void requestKey() {
-                pipeline.requestKey();
-            }
-
-            @Override
-            public void bitrate(int bits) {
-                pipeline.bitrate(bits);
-            }
-
-            @Override
-            public void close() {
-                pipeline.close();
-            }
-        });
+        return Stream.of(new Encoding(i -> encoder.encode(moving(i, 40 * i)), encoder::requestKey, encoder::bitrate, encoder),
+                new Encoding(i -> pipeline.write(MOVING.get(i), 40 * i), pipeline::requestKey, pipeline::bitrate, pipeline));
     }
 
     /** FFmpeg's encoder: key pictures on demand, and another bit rate in another encoder. */
     @ParameterizedTest
     @MethodSource("encoders")
-    void encodersOfOneStreamTakeKeysAndBitRates(Encoding encoder) {
+    void encodersOfOneStreamTakeKeysAndBitRates(Encoding encoder) throws Exception {
         List<Integer> keys = new ArrayList<>();
         List<byte[]> units = new ArrayList<>();
         int[] bytes = new int[2];
-        try (encoder) {
+        try (AutoCloseable engine = encoder.engine) {
             for (int i = 0; i < 36; i++) {
-                if (i == 5) {
-                    encoder.requestKey();
-                } else if (i == 20) {
-                    encoder.bitrate(256_000);
-                } else if (i == 30) {
-                    encoder.bitrate(256_000); // what it has
+                switch (i) {
+                    case 5 -> encoder.requestKey.run();
+                    case 20, 30 -> encoder.bitrate.accept(256_000); // which it then has
+                    default -> { }
                 }
-                AccessUnit unit = encoder.encode(i).orElseThrow();
+                AccessUnit unit = encoder.encode.apply(i).orElseThrow();
                 assertEquals(40L * i, unit.time());
                 if (unit.isKey()) {
                     keys.add(i);

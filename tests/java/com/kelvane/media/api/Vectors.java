@@ -1,15 +1,23 @@
 package com.kelvane.media.api;
 
+import static org.junit.jupiter.api.Assertions.assertEquals;
+
 import com.kelvane.media.AccessUnit;
 import com.kelvane.media.EncodedPicture;
 import com.kelvane.media.Picture;
 import com.kelvane.media.VideoDecoder;
 import java.io.IOException;
 import java.io.UncheckedIOException;
+import java.nio.ByteBuffer;
 import java.nio.file.Files;
 import java.nio.file.Path;
+import java.time.Duration;
 import java.util.ArrayList;
 import java.util.List;
+import java.util.stream.IntStream;
+import jdk.jfr.Recording;
+import jdk.jfr.consumer.RecordedEvent;
+import jdk.jfr.consumer.RecordingFile;
 
 /** The streams of tests/data, and what the tests of the API do with them time and again. */
 final class Vectors {
@@ -23,9 +31,9 @@ final class Vectors {
     static final String CHANGING = "size_change.h264";
 
     /** One picture as it came out, copied. */
-    record Encoded(int index, long time, boolean key, List<Byte> bytes) {
+    record Encoded(int index, long time, boolean key, ByteBuffer bytes) {
         static Encoded of(EncodedPicture picture) {
-            return new Encoded(picture.index(), picture.time(), picture.isKey(), list(picture.copy()));
+            return new Encoded(picture.index(), picture.time(), picture.isKey(), ByteBuffer.wrap(picture.copy()));
         }
     }
 
@@ -43,24 +51,12 @@ final class Vectors {
     /** A stream with presentation times in milliseconds, 40 from picture to picture; found by decoding it. */
     static List<AccessUnit> timed(String name) {
         List<byte[]> units = units(name);
-        List<Picture> pictures = new ArrayList<>();
-        try (VideoDecoder decoder = VideoDecoder.open()) {
-            for (int i = 0; i < units.size(); i++) { // the position serves as a time
-                decoder.decode(units.get(i), i).ifPresent(pictures::add);
-            }
-            decoder.drain(pictures::add);
-        }
-        List<AccessUnit> timed = new ArrayList<>();
-        for (int i = 0; i < units.size(); i++) {
-            for (int rank = 0; rank < pictures.size(); rank++) {
-                if (pictures.get(rank).time() == i) {
-                    timed.add(new AccessUnit(units.get(i), 40L * rank));
-                }
-            }
-        }
-        return timed;
+        List<Long> order = decode(units).stream().map(Picture::time).toList();
+        return IntStream.range(0, units.size()).filter(i -> order.contains((long) i))
+                .mapToObj(i -> new AccessUnit(units.get(i), 40L * order.indexOf((long) i))).toList();
     }
 
+    /** Each picture's time is the number of its unit. */
     static List<Picture> decode(List<byte[]> units) {
         List<Picture> pictures = new ArrayList<>();
         try (VideoDecoder decoder = VideoDecoder.open()) {
@@ -72,12 +68,27 @@ final class Vectors {
         return pictures;
     }
 
-    static List<Byte> list(byte[] bytes) {
-        List<Byte> list = new ArrayList<>(bytes.length);
-        for (byte value : bytes) {
-            list.add(value);
+    /** This library's events while something runs. */
+    static List<RecordedEvent> recorded(Runnable work) throws IOException {
+        Path file = Files.createTempFile("kelvane", ".jfr");
+        try (Recording recording = new Recording()) {
+            recording.enable("com.kelvane.media.PictureTranscoded").withThreshold(Duration.ZERO);
+            recording.start();
+            work.run();
+            recording.stop();
+            recording.dump(file);
+            return RecordingFile.readAllEvents(file).stream()
+                    .filter(event -> event.getEventType().getName().startsWith("com.kelvane.media.")).toList();
+        } finally {
+            Files.delete(file);
         }
-        return list;
+    }
+
+    /** The smallest of all pictures' {@link #psnr}. */
+    static double worst(List<Picture> originals, List<byte[]> units) {
+        List<Picture> decoded = decode(units);
+        assertEquals(originals.size(), decoded.size());
+        return IntStream.range(0, decoded.size()).mapToDouble(i -> psnr(originals.get(i), decoded.get(i))).min().orElseThrow();
     }
 
     /** Peak signal-to-noise ratio of two pictures' luma in dB. */

@@ -1,91 +1,95 @@
 package com.kelvane.media.test;
 
-import com.kelvane.media.test.Mp4.Fragment;
 import com.kelvane.media.test.Mp4.Sample;
 import com.kelvane.media.test.Mp4.Track;
 import com.kelvane.media.test.Playlists.Entry;
-import com.kelvane.media.test.Playlists.Master;
-import com.kelvane.media.test.Playlists.Media;
-import com.kelvane.media.test.Playlists.Segment;
+import java.io.ByteArrayOutputStream;
 import java.io.IOException;
 import java.net.URI;
 import java.net.http.HttpResponse;
+import java.nio.ByteBuffer;
 import java.nio.charset.StandardCharsets;
+import java.nio.file.Files;
 import java.nio.file.Path;
+import java.time.Duration;
+import java.time.Instant;
 import java.util.ArrayList;
 import java.util.HashMap;
 import java.util.HashSet;
 import java.util.LinkedHashMap;
-import java.util.LinkedHashSet;
 import java.util.List;
 import java.util.Locale;
 import java.util.Map;
+import java.util.Optional;
 import java.util.Set;
+import java.util.TreeSet;
 import java.util.stream.Collectors;
 import java.util.stream.IntStream;
+import java.util.stream.Stream;
 
 /**
- * Checks an HLS ladder of fragmented MP4, whoever made it, box by box against its playlists. Arguments: folders of ladders, or
- * addresses of master playlists; in front of them {@code sound=FEWEST-MOST} for how many sound units each rendition has to have,
+ * Checks an HLS ladder of fragmented MP4, one track in each playlist, box by box against its playlists, and by what FFprobe
+ * (of the tree that KELVANE_DIST names, or of the path) says of it. Arguments: folders of ladders, or addresses of master
+ * playlists; in front of them {@code sound=FEWEST-MOST} for how many sound units each rendition has to have,
  * {@code turned=DEGREES} for how players are to turn the pictures, {@code holes} where the source itself had some,
  * and {@code apart} where the sound is cut without regard to the pictures. Prints
  * a line for each fault and exits with 1 if there are any.
  */
 public final class LadderCheck {
-    private static final double MILLISECOND = 0.001;
-    private static final double EXACT = 1.5 * MILLISECOND; // what a playlist's three digits, and times in milliseconds, allow
-    private static final int AAC_FRAME = 1024;             // samples
-    private static final double LARGEST_STEP = 0.05;       // seconds between the time lines of sound and pictures
+    private static final double EXACT = 0.0015;       // what a playlist's three digits, and times in milliseconds, allow
+    private static final double LARGEST_STEP = 0.05;  // seconds between the time lines of sound and pictures
+    private static final int AAC_FRAME = 1024;        // samples
+    private static final Map<String, String> AAC = Map.of("LC", "mp4a.40.2", "HE-AAC", "mp4a.40.5", "HE-AACv2", "mp4a.40.29");
 
-    /** What the segments of one media playlist hold. */
+    /** What a media playlist and its segments hold. */
     private static final class Rendition {
-        final Media playlist;
-        final List<Integer> sizes = new ArrayList<>();          // bytes of the segments
-        final List<Double> pictureBegins = new ArrayList<>();    // seconds, of the segments
-        final List<Double> soundBegins = new ArrayList<>();
-        final List<Double> pictureTimes = new ArrayList<>();     // of all pictures, in the order of their display
-        final Set<String> codecs = new LinkedHashSet<>();
-        final Set<String> shown = new LinkedHashSet<>();         // sizes, as players show the pictures
+        final List<Entry> segments;
+        final double target; // seconds
+        final boolean isComplete;
+        final List<Integer> sizes = new ArrayList<>();       // bytes of the segments
+        final List<Double> begins = new ArrayList<>();       // seconds, of the segments
+        final List<Double> pictureTimes = new ArrayList<>(); // of all pictures, in the order of their display
+        final Set<String> codecs = new TreeSet<>();
+        final Set<String> shown = new TreeSet<>();           // sizes, as players show the pictures
+        double unit; // seconds of a sound unit; 0 for pictures
         int soundUnits;
 
-        Rendition(Media playlist) {
-            this.playlist = playlist;
+        Rendition(URI address, String text) {
+            segments = Playlists.entries(address, text);
+            target = segments.stream().mapToDouble(segment -> segment.number("EXT-X-TARGETDURATION")).findFirst().orElse(0);
+            isComplete = text.contains("#EXT-X-ENDLIST");
         }
 
-        double seconds() {
-            return playlist.segments().stream().mapToDouble(Segment::seconds).sum();
+        double seconds(int from, int to) {
+            return segments.subList(from, to).stream().mapToDouble(segment -> segment.number("EXTINF")).sum();
+        }
+
+        double rate(int from, int to) {
+            return 8.0 * sizes.subList(from, to).stream().mapToInt(Integer::intValue).sum() / seconds(from, to);
         }
 
         double average() {
-            return 8 * sizes.stream().mapToLong(Integer::longValue).sum() / seconds();
+            return rate(0, sizes.size());
         }
 
         /** The largest bit rate of segments in a row that take half to one and a half target durations. */
         double peak() {
-            double peak = 0;
-            for (int begin = 0; begin < sizes.size(); begin++) {
-                double bits = 0;
-                double taken = 0;
-                for (int i = begin; i < sizes.size() && taken + playlist.segments().get(i).seconds() <= 1.5 * playlist.target(); i++) {
-                    bits += 8.0 * sizes.get(i);
-                    taken += playlist.segments().get(i).seconds();
-                    peak = taken < 0.5 * playlist.target() ? peak : Math.max(peak, bits / taken);
-                }
-            }
-            return peak == 0 ? average() : peak;
+            int count = sizes.size();
+            return IntStream.range(0, count).boxed().flatMap(from -> IntStream.rangeClosed(from + 1, count)
+                    .filter(to -> seconds(from, to) >= 0.5 * target && seconds(from, to) <= 1.5 * target)
+                    .mapToObj(to -> rate(from, to))).max(Double::compare).orElse(average());
         }
 
         /** Pictures a second, where they come the fastest for about a second. */
-        double rate() {
-            double rate = 0;
+        double fastest() {
             List<Double> times = pictureTimes.stream().sorted().toList();
-            for (int from = 0, to = 0; to < times.size(); to++) {
-                while (times.get(to) - times.get(from + 1 < to ? from + 1 : from) >= 1) {
-                    from++;
+            double rate = 0;
+            for (int from = 0, to = 0; from < times.size(); from++) {
+                while (to < times.size() - 1 && times.get(to) - times.get(from) < 1) {
+                    to++;
                 }
                 double taken = times.get(to) - times.get(from);
-                rate = to > from && (taken >= 1 || times.get(times.size() - 1) - times.get(0) < 1.1 && to == times.size() - 1)
-                        ? Math.max(rate, (to - from) / taken) : rate;
+                rate = taken >= 1 || from == 0 && taken > 0 ? Math.max(rate, (to - from) / taken) : rate;
             }
             return rate;
         }
@@ -99,8 +103,7 @@ public final class LadderCheck {
     }
 
     private final Map<String, String> options;
-    private final Map<String, Integer> faults = new LinkedHashMap<>(); // how often each was found
-    private final Map<String, String> kinds = new HashMap<>();         // the first fault of each kind
+    private final Map<String, String> faults = new LinkedHashMap<>(); // the first of each kind
     private final Set<String> served = new HashSet<>();
 
     private LadderCheck(Map<String, String> options) {
@@ -110,8 +113,8 @@ public final class LadderCheck {
     public static void main(String[] arguments) throws Exception {
         Locale.setDefault(Locale.ROOT);
         Map<String, String> options = new HashMap<>();
-        boolean right = true;
         int ladders = 0;
+        int wrong = 0;
         for (String argument : arguments) {
             if (argument.matches("holes|apart|sound=\\d+-\\d+|turned=\\d+")) {
                 options.put(argument.replaceAll("=.*", ""), argument.replaceAll(".*=", ""));
@@ -123,24 +126,20 @@ public final class LadderCheck {
                 check.ladder(argument.startsWith("http:") ? URI.create(argument)
                         : Path.of(argument).toRealPath().resolve("master.m3u8").toUri());
             } catch (IOException | RuntimeException unreadable) {
-                check.fault(argument, String.valueOf(unreadable));
+                check.expect(false, argument, String.valueOf(unreadable));
             }
-            check.faults.forEach((fault, count) -> System.out.println("FAULT: " + fault + (count > 1 ? ", " + count + " times" : "")));
+            check.faults.values().forEach(fault -> System.out.println("FAULT: " + fault));
             System.out.println(argument + ": " + check.faults.size() + " kinds of faults");
-            right &= check.faults.isEmpty();
+            wrong += check.faults.size();
         }
-        System.exit(right && ladders > 0 ? 0 : 1);
+        System.exit(wrong == 0 && ladders > 0 ? 0 : 1);
     }
 
     /** Faults that differ in their numbers alone are told once, with the first of them. */
-    private void fault(String where, String text, Object... values) {
-        String fault = where.replaceAll(".*/(?=[^/]+/[^/]+$)", "") + ": " + String.format(text, values);
-        faults.merge(kinds.computeIfAbsent(where.replaceAll("[^/]*$", "") + text, kind -> fault), 1, Integer::sum);
-    }
-
     private void expect(boolean right, String where, String text, Object... values) {
         if (!right) {
-            fault(where, text, values);
+            faults.putIfAbsent(where.replaceAll("[^/]*$", "") + text, where.replaceAll(".*/(?=[^/]+/[^/]+$)", "") + ": "
+                    + (values.length == 0 ? text : String.format(text, values)));
         }
     }
 
@@ -154,236 +153,228 @@ public final class LadderCheck {
         if (!served.add(kind)) {
             return;
         }
-        String where = address.getPath();
-        expect(response.headers().firstValue("Access-Control-Allow-Origin").orElse("").equals("*"), where,
-                "no Access-Control-Allow-Origin: *");
-        String type = response.headers().firstValue("Content-Type").orElse("");
-        expect(kind.equals("m3u8") ? type.matches("application/(vnd\\.apple\\.|x-)mpegurl.*") : type.matches("(video|audio)/mp4"), where,
-                "Content-Type %s", type);
-        expect(response.headers().firstValue("Cache-Control").isPresent(), where, "no Cache-Control");
-        expect(kind.equals("m3u8") || response.headers().firstValue("ETag").isPresent(), where, "no ETag");
+        Map<String, String> needed = new HashMap<>(Map.of("Access-Control-Allow-Origin", "\\*", "Cache-Control", ".*",
+                "Content-Type", kind.equals("m3u8") ? "application/(vnd\\.apple\\.|x-)mpegurl.*" : "(video|audio)/mp4"));
+        if (!kind.equals("m3u8")) {
+            needed.put("ETag", ".+");
+        }
+        needed.forEach((name, right) -> {
+            Optional<String> value = response.headers().firstValue(name);
+            expect(value.isPresent() && value.get().matches(right), address.getPath(), name + ": " + value);
+        });
     }
 
     private void ladder(URI address) throws IOException {
         String where = address.getPath();
-        Master master = Playlists.master(address, text(address));
-        expect(!master.variants().isEmpty(), where, "no variants");
+        List<Entry> entries = Playlists.entries(address, new String(read(address), StandardCharsets.UTF_8));
+        List<Entry> variants = entries.stream().filter(entry -> !entry.has("GROUP-ID")).toList();
+        expect(!variants.isEmpty(), where, "no variants");
         Map<URI, Rendition> renditions = new LinkedHashMap<>();
-        for (Entry entry : master.variants()) {
+        for (Entry entry : entries) {
             renditions.put(entry.address(), rendition(entry.address()));
         }
-        for (Entry entry : master.renditions()) {
-            if (entry.address() != null) {
-                renditions.put(entry.address(), rendition(entry.address()));
-            }
+        for (Entry entry : entries) {
+            checkAlignment(entry.address().getPath(), renditions.get(variants.get(0).address()), renditions.get(entry.address()));
         }
-        Rendition first = renditions.get(master.variants().get(0).address());
-        for (Rendition other : renditions.values()) {
-            checkAlignment(first, other);
-        }
-        for (Entry variant : master.variants()) {
-            List<Rendition> sounds = master.renditions().stream().filter(entry -> entry.address() != null
+        for (Entry variant : variants) {
+            List<Rendition> sounds = entries.stream().filter(entry -> entry.has("GROUP-ID")
                     && entry.get("GROUP-ID").equals(variant.get("AUDIO"))).map(entry -> renditions.get(entry.address())).toList();
-            expect(variant.get("AUDIO").isEmpty() || !sounds.isEmpty(), where, "no AUDIO group %s", variant.get("AUDIO"));
+            expect(variant.has("AUDIO") != sounds.isEmpty(), where, "no AUDIO group %s", variant.get("AUDIO"));
             checkVariant(where, variant, renditions.get(variant.address()), sounds);
         }
     }
 
-    private String text(URI address) throws IOException {
-        return new String(read(address), StandardCharsets.UTF_8);
-    }
-
     private void checkVariant(String where, Entry variant, Rendition pictures, List<Rendition> sounds) {
         String name = variant.address().getPath().replaceAll(".*/([^/]+)/[^/]+$", "$1");
-        boolean complete = pictures.playlist.isComplete();
         double peak = pictures.peak() + sounds.stream().mapToDouble(Rendition::peak).max().orElse(0);
         double average = pictures.average() + sounds.stream().mapToDouble(Rendition::average).max().orElse(0);
-        double said = Double.parseDouble("0" + variant.get("BANDWIDTH"));
-        double saidAverage = Double.parseDouble("0" + variant.get("AVERAGE-BANDWIDTH"));
+        double said = variant.number("BANDWIDTH");
+        double saidAverage = variant.number("AVERAGE-BANDWIDTH");
         expect(said >= peak - 1, where, "%s: BANDWIDTH is %.0f, segments have up to %.0f", name, said, peak);
-        expect(!complete || said <= 1.1 * peak, where, "%s: BANDWIDTH is %.0f, segments have no more than %.0f", name, said, peak);
-        expect(saidAverage <= said, where, "%s: AVERAGE-BANDWIDTH is above BANDWIDTH", name);
-        expect(complete ? Math.abs(saidAverage - average) <= 0.02 * average : saidAverage >= 0.9 * average, where,
-                "%s: AVERAGE-BANDWIDTH is %.0f, segments have %.0f", name, saidAverage, average);
+        expect(!pictures.isComplete || said <= 1.1 * peak, where, "%s: BANDWIDTH is %.0f, segments have no more than %.0f", name, said,
+                peak);
+        expect(saidAverage <= said && (pictures.isComplete ? Math.abs(saidAverage - average) <= 0.02 * average
+                : saidAverage >= 0.9 * average), where, "%s: AVERAGE-BANDWIDTH is %.0f, segments have %.0f", name, saidAverage, average);
 
         expect(pictures.shown.contains(variant.get("RESOLUTION")), where, "%s: RESOLUTION is %s, players show %s", name,
                 variant.get("RESOLUTION"), pictures.shown);
-        Set<String> codecs = new LinkedHashSet<>(pictures.codecs);
-        sounds.forEach(sound -> codecs.addAll(sound.codecs));
+        Set<String> codecs = Stream.concat(Stream.of(pictures), sounds.stream()).flatMap(rendition -> rendition.codecs.stream())
+                .collect(Collectors.toSet());
         expect(Set.of(variant.get("CODECS").split(",")).equals(codecs), where, "%s: CODECS are %s, tracks are %s", name,
                 variant.get("CODECS"), codecs);
-        double rate = Double.parseDouble("0" + variant.get("FRAME-RATE"));
-        double found = pictures.rate();
+        double rate = variant.number("FRAME-RATE");
+        double found = pictures.fastest();
         expect(rate >= 0.9 * found && rate <= 1.1 * Math.max(found, pictures.nominalRate()), where,
                 "%s: FRAME-RATE is %.3f, pictures come at up to %.3f", name, rate, found);
-        int units = pictures.soundUnits + sounds.stream().mapToInt(sound -> sound.soundUnits).sum();
-        String expected = options.getOrDefault("sound", units + "-" + units);
-        expect(units >= Integer.parseInt(expected.replaceAll("-.*", "")) && units <= Integer.parseInt(expected.replaceAll(".*-", "")),
-                where, "%s: %d sound units, not %s", name, units, expected);
+        int units = sounds.stream().mapToInt(sound -> sound.soundUnits).sum();
+        String[] expected = options.getOrDefault("sound", units + "-" + units).split("-");
+        expect(units >= Integer.parseInt(expected[0]) && units <= Integer.parseInt(expected[1]), where,
+                "%s: %d sound units, not %s", name, units, options.get("sound"));
     }
 
     /** Whether two playlists are cut at the same times. */
-    private void checkAlignment(Rendition first, Rendition other) {
-        if (first == other) {
+    private void checkAlignment(String where, Rendition first, Rendition other) {
+        boolean isSound = other.pictureTimes.isEmpty();
+        List<Entry> segments = first.segments;
+        List<Entry> others = other.segments;
+        if (isSound && options.containsKey("apart")) {
+            double step = other.seconds(0, others.size()) - first.seconds(0, segments.size());
+            expect(Math.abs(step) <= LARGEST_STEP, where, "%.3f s more than of pictures", step);
             return;
         }
-        String where = other.playlist.address().getPath();
-        boolean isSound = other.pictureBegins.isEmpty();
-        List<Segment> segments = first.playlist.segments();
-        List<Segment> others = other.playlist.segments();
-        int shift = (int) (other.playlist.sequence() - first.playlist.sequence()); // lists that slid between two readings
-        if (isSound && options.containsKey("apart")) {
-            expect(Math.abs(other.seconds() - first.seconds()) <= LARGEST_STEP, where, "%.3f s, of pictures there are %.3f",
-                    other.seconds(), first.seconds());
-        } else {
-            expect(Math.abs(shift) <= 1
-                    && Math.abs(others.size() + shift - segments.size()) <= (first.playlist.isComplete() ? 0 : 1), where,
-                    "%d segments, of pictures there are %d", others.size(), segments.size());
-        }
+        // Live lists slide between two readings.
+        int shift = (int) (others.get(0).number("EXT-X-MEDIA-SEQUENCE") - segments.get(0).number("EXT-X-MEDIA-SEQUENCE"));
+        expect(Math.abs(shift) <= 1 && Math.abs(others.size() + shift - segments.size()) <= (first.isComplete ? 0 : 1), where,
+                "%d segments, of pictures there are %d", others.size(), segments.size());
         for (int i = Math.max(0, shift); i < Math.min(segments.size(), others.size() + shift); i++) {
-            Segment segment = segments.get(i);
-            Segment same = others.get(i - shift);
+            Entry segment = segments.get(i);
+            Entry same = others.get(i - shift);
             String place = same.address().getPath();
-            expect(segment.begins() == same.begins(), place, "a discontinuity in one rendition alone");
+            expect(segment.has("EXT-X-DISCONTINUITY") == same.has("EXT-X-DISCONTINUITY"), place,
+                    "a discontinuity in one rendition alone");
             if (!isSound) {
-                boolean isLast = first.playlist.isComplete() && i == segments.size() - 1; // as long as its last picture, which has a rate
-                expect(Math.abs(segment.seconds() - same.seconds()) <= (isLast ? 0.1 : EXACT), place, "EXTINF is %.3f, in the first rendition %.3f",
-                        same.seconds(), segment.seconds());
-                expect(segment.date() == null || segment.date().equals(same.date()), place, "another date than in the first rendition");
-                if (i < first.pictureBegins.size() && i - shift < other.pictureBegins.size()) {
-                    double step = other.pictureBegins.get(i - shift) - first.pictureBegins.get(i);
-                    expect(Math.abs(step) <= EXACT, place, "begins %.3f s after that of the first rendition", step);
-                }
+                boolean isLast = first.isComplete && i == segments.size() - 1; // as long as its last picture, which has a rate
+                double longer = same.number("EXTINF") - segment.number("EXTINF");
+                expect(Math.abs(longer) <= (isLast ? 0.1 : EXACT), place, "EXTINF is %.3f more than in the first rendition", longer);
+                expect(segment.get("EXT-X-PROGRAM-DATE-TIME").equals(same.get("EXT-X-PROGRAM-DATE-TIME")), place,
+                        "another date than in the first rendition");
             }
-        }
-        if (isSound && !other.soundBegins.isEmpty() && !first.pictureBegins.isEmpty() && shift == 0) {
-            double step = other.soundBegins.get(0) - first.pictureBegins.get(0);
-            expect(Math.abs(step) <= LARGEST_STEP, where, "moof: the first sound has a time %.3f s after that of the first picture, and"
-                    + " both are the playlists' beginning", step);
+            if ((!isSound || shift == 0 && i == 0) && i < first.begins.size() && i - shift < other.begins.size()) {
+                double step = other.begins.get(i - shift) - first.begins.get(i);
+                expect(Math.abs(step) <= (isSound ? LARGEST_STEP : EXACT), place, "moof: begins %.3f s after the pictures of the"
+                        + " first rendition", step);
+            }
         }
     }
 
     private Rendition rendition(URI address) throws IOException {
-        Media playlist = Playlists.media(address, text(address));
+        Rendition rendition = new Rendition(address, new String(read(address), StandardCharsets.UTF_8));
         String where = address.getPath();
-        Rendition rendition = new Rendition(playlist);
-        double longest = playlist.segments().stream().mapToDouble(Segment::seconds).max().orElse(0);
-        expect(!playlist.segments().isEmpty(), where, "no segments");
-        expect(Math.round(longest) <= playlist.target(), where, "TARGETDURATION is %d, a segment takes %.3f s", playlist.target(), longest);
-        expect(playlist.segments().size() < 2 || playlist.target() <= Math.ceil(longest - LARGEST_STEP), where,
-                "TARGETDURATION is %d, the longest segment takes %.3f s", playlist.target(), longest);
-        Map<URI, Map<Integer, Track>> tracks = new HashMap<>();
-        Map<Integer, Double> ends = new HashMap<>(); // of the tracks, by what sort they are: 1 for pictures
-        Segment previous = null;
-        for (Segment segment : playlist.segments()) {
+        double longest = rendition.segments.stream().mapToDouble(segment -> segment.number("EXTINF")).max().orElse(0);
+        expect(longest > 0, where, "no segments");
+        expect(Math.round(longest) <= rendition.target
+                && (rendition.segments.size() < 2 || rendition.target <= Math.ceil(longest - LARGEST_STEP)), where,
+                "TARGETDURATION is %.0f, the longest segment takes %.3f s", rendition.target, longest);
+        Map<URI, Track> tracks = new HashMap<>();
+        double end = -1; // of the samples before, in seconds
+        Entry previous = null;
+        for (Entry segment : rendition.segments) {
             String place = segment.address().getPath();
-            expect(segment.seconds() > 0, place, "no EXTINF");
-            if (segment.begins() || segment.isGap()) {
-                ends.clear();
-            }
-            if (previous != null && !segment.begins() && previous.date() != null && segment.date() != null) {
-                double step = (segment.date().toEpochMilli() - previous.date().toEpochMilli()) / 1000.0 - previous.seconds();
+            boolean begins = previous == null || segment.has("EXT-X-DISCONTINUITY");
+            String date = "EXT-X-PROGRAM-DATE-TIME";
+            if (!begins && previous.has(date) && segment.has(date)) {
+                double step = Duration.between(Instant.parse(previous.get(date)), Instant.parse(segment.get(date))).toMillis() / 1000.0
+                        - previous.number("EXTINF");
                 expect(Math.abs(step) <= 0.05, place, "EXT-X-PROGRAM-DATE-TIME is %.3f s off the segment before it", step);
             }
             previous = segment;
-            if (segment.isGap()) {
-                continue;
+            end = begins || segment.has("EXT-X-GAP") ? -1 : end;
+            if (!segment.has("EXT-X-GAP")) {
+                byte[] bytes = read(segment.address());
+                URI map = address.resolve(segment.get("URI"));
+                if (!tracks.containsKey(map)) {
+                    byte[] initialisation = read(map);
+                    tracks.put(map, Track.of(initialisation));
+                    checkTrack(map.getPath(), tracks.get(map), rendition, initialisation, bytes);
+                }
+                end = checkSegment(rendition, segment, tracks.get(map), bytes, end);
             }
-            if (segment.map() == null) {
-                fault(place, "no EXT-X-MAP");
-                continue;
-            }
-            if (!tracks.containsKey(segment.map())) {
-                tracks.put(segment.map(), Mp4.tracks(read(segment.map())));
-                tracks.get(segment.map()).values().forEach(track -> checkTrack(segment.map().getPath(), track, rendition));
-            }
-            checkSegment(rendition, segment, tracks.get(segment.map()), ends);
         }
         return rendition;
     }
 
-    private void checkTrack(String where, Track track, Rendition rendition) {
-        rendition.codecs.add(track.codec());
-        long beyond = track.edits().stream().filter(edit -> edit.mediaTime() != 0).count();
-        expect(beyond == 0 && track.edits().size() <= 1, where, "elst of %s: %s, which players ignore or take differently",
-                track.isVideo() ? "pictures" : "sound", track.edits());
-        if (!track.isVideo()) {
-            return;
-        }
-        SequenceParameters set = SequenceParameters.of(track.configuration());
-        expect(set.width() == track.width() && set.height() == track.height(), where, "avc1: %dx%d, its pictures have %dx%d",
-                track.width(), track.height(), set.width(), set.height());
-        int[] shape = {set.shapeWidth(), set.shapeHeight()};
-        expect(shape[0] * track.shape().get(1) == shape[1] * track.shape().get(0), where, "pasp: %s, the pictures say %d:%d",
-                track.shape(), shape[0], shape[1]);
-        String turned = options.getOrDefault("turned", "0");
-        expect(turned.equals(Integer.toString(track.turned())), where, "tkhd: players turn the pictures by %d degrees, not %s",
-                track.turned(), turned);
-        long width = Math.round((double) set.width() * shape[0] / shape[1]);
-        boolean onItsSide = track.turned() == 90 || track.turned() == 270;
-        for (long wide : new long[] {width, width & ~1, width + 1 & ~1}) { // odd ones may be made even
-            rendition.shown.add(onItsSide ? set.height() + "x" + wide : wide + "x" + set.height());
+    /** What FFprobe says of the only track of a file in so many parts, by its own names. */
+    private static Map<String, String> probe(byte[]... parts) throws IOException {
+        Path file = Files.createTempFile("ladder", ".mp4");
+        try {
+            ByteArrayOutputStream bytes = new ByteArrayOutputStream();
+            Stream.of(parts).forEach(bytes::writeBytes);
+            Files.write(file, bytes.toByteArray());
+            String tree = System.getenv("KELVANE_DIST");
+            Process probe = new ProcessBuilder((tree == null ? "" : tree + "/bin/") + "ffprobe", "-v", "error", "-show_entries",
+                    "stream=codec_type,profile,width,height,sample_aspect_ratio,sample_rate:stream_tags=rotate", "-of", "compact=p=0",
+                    file.toString()).redirectErrorStream(true).start();
+            String found = new String(probe.getInputStream().readAllBytes(), StandardCharsets.UTF_8);
+            return found.trim().lines().findFirst().stream().flatMap(line -> Stream.of(line.split("\\|")))
+                    .map(entry -> entry.split("=", 2)).collect(Collectors.toMap(entry -> entry[0], entry -> entry[1]));
+        } finally {
+            Files.delete(file);
         }
     }
 
-    /** @param ends where the samples of each sort of track end that came before, in seconds */
-    private void checkSegment(Rendition rendition, Segment segment, Map<Integer, Track> tracks, Map<Integer, Double> ends)
-            throws IOException {
+    private void checkTrack(String where, Track track, Rendition rendition, byte[] initialisation, byte[] segment) throws IOException {
+        expect(!track.hasEdits(), where, "elst: an edit list, which players ignore or take differently");
+        Map<String, String> found = probe(initialisation, segment);
+        if (found.get("codec_type").equals("audio")) {
+            rendition.codecs.add(AAC.get(found.get("profile")));
+            rendition.unit = AAC_FRAME / Double.parseDouble(found.get("sample_rate"));
+            return;
+        }
+        int width = Integer.parseInt(found.get("width"));
+        int height = Integer.parseInt(found.get("height"));
+        ByteBuffer entry = Mp4.box(track.entry(), "avc1");
+        expect(width == entry.getShort(24) && height == entry.getShort(26), where, "avc1: %dx%d, its pictures have %dx%d",
+                entry.getShort(24), entry.getShort(26), width, height);
+        ByteBuffer configuration = Mp4.box(inside(entry), "avcC");
+        rendition.codecs.add(String.format("avc1.%06x", configuration.getInt(0) & 0xffffff));
+        // What the pictures say is told where neither pasp nor tkhd does.
+        byte[] plain = initialisation.clone();
+        ByteBuffer header = Mp4.box(ByteBuffer.wrap(plain), "moov", "trak", "tkhd");
+        header.putLong(header.limit() - 8, 0);
+        List<ByteBuffer> shapes = Mp4.boxes(inside(Mp4.box(Track.of(plain).entry(), "avc1")), "pasp");
+        String shape = shapes.stream().map(box -> box.getInt(0) + ":" + box.getInt(4)).findFirst().orElse("1:1");
+        shapes.forEach(box -> box.putLong(0, 0));
+        String picturesShape = probe(plain, segment).get("sample_aspect_ratio").replace("N/A", "1:1");
+        expect(shape.equals(picturesShape), where, "pasp: %s, the pictures say %s", shape, picturesShape);
+        String turned = found.getOrDefault("tag:rotate", "0");
+        expect(turned.equals(options.getOrDefault("turned", "0")), where, "tkhd: players turn the pictures by %s degrees", turned);
+        String[] pixel = shape.split(":");
+        long wide = Math.round(width * Double.parseDouble(pixel[0]) / Double.parseDouble(pixel[1]));
+        for (long even : new long[] {wide, wide & ~1, wide + 1 & ~1}) { // odd ones may be made even
+            rendition.shown.add(turned.matches("90|270") ? height + "x" + even : even + "x" + height);
+        }
+    }
+
+    /** The boxes behind the header of an avc1. */
+    private static ByteBuffer inside(ByteBuffer entry) {
+        return entry.slice(78, entry.limit() - 78);
+    }
+
+    /** @param end where the samples before end, in seconds; negative where there are none; returns where those of this one do */
+    private double checkSegment(Rendition rendition, Entry segment, Track track, byte[] bytes, double end) {
         String where = segment.address().getPath();
-        byte[] bytes = read(segment.address());
+        boolean hasPictures = rendition.unit == 0;
+        double scale = track.timescale();
+        List<Sample> samples = Mp4.samples(bytes, track);
         rendition.sizes.add(bytes.length);
-        Map<Integer, List<Fragment>> byTrack = Mp4.fragments(bytes, tracks, (box, text) -> fault(where, "%s: " + text, box)).stream()
-                .collect(Collectors.groupingBy(Fragment::track));
-        boolean hasPictures = tracks.values().stream().anyMatch(Track::isVideo);
-        for (Track track : tracks.values()) {
-            List<Fragment> fragments = byTrack.getOrDefault(track.id(), List.of());
-            List<Sample> samples = fragments.stream().flatMap(fragment -> fragment.samples().stream()).toList();
-            if (samples.isEmpty()) {
-                fault(where, "no samples of %s", track.isVideo() ? "pictures" : "sound");
-                continue;
-            }
-            for (Fragment fragment : fragments) {
-                double begin = (double) fragment.time() / track.timescale();
-                double step = begin - ends.getOrDefault(track.isVideo() ? 1 : 0, begin);
-                expect(Math.abs(step) < 0.6 / track.timescale() || options.containsKey("holes"), where,
-                        "tfdt: %s are %.4f s from where the samples before end", track.isVideo() ? "pictures" : "sounds", step);
-                ends.put(track.isVideo() ? 1 : 0, begin
-                        + fragment.samples().stream().mapToLong(Sample::duration).sum() / (double) track.timescale());
-            }
-            double begin = samples.stream().mapToLong(Sample::presentation).min().orElseThrow() / (double) track.timescale();
-            double seconds = samples.stream().mapToLong(Sample::duration).sum() / (double) track.timescale();
-            if (track.isVideo() || !hasPictures) {
-                expect(Math.abs(seconds - segment.seconds()) <= EXACT, where, "EXTINF is %.3f, samples of %s take %.4f s",
-                        segment.seconds(), track.isVideo() ? "pictures" : "sound", seconds);
-            }
-            if (track.isVideo()) {
-                rendition.pictureBegins.add(begin);
-                samples.forEach(sample -> rendition.pictureTimes.add((double) sample.presentation() / track.timescale()));
-                expect(samples.get(0).isIdr(track), where, "trun: does not begin with a key picture");
-                expect(samples.stream().allMatch(sample -> sample.isSync() == sample.isIdr(track)), where,
-                        "trun: flags of samples do not say which are key pictures");
-                expect(samples.get(0).presentation() / (double) track.timescale() - begin < EXACT, where,
-                        "trun: pictures are shown before the key picture");
-            } else {
-                rendition.soundBegins.add(begin);
-                rendition.soundUnits += samples.size();
-                checkUnits(where, track, samples);
-            }
+        if (samples.isEmpty()) {
+            expect(false, where, "no samples");
+            return -1;
         }
-    }
-
-    /** AAC units take what they take; another duration is a hole in front of the next one, which browsers close. */
-    private void checkUnits(String where, Track track, List<Sample> samples) {
-        int index = (track.configuration()[0] & 7) << 1 | (track.configuration()[1] & 0xff) >> 7;
-        int[] rates = {96000, 88200, 64000, 48000, 44100, 32000, 24000, 22050, 16000, 12000, 11025, 8000, 7350};
-        if (index >= rates.length) {
-            return;
-        }
-        double unit = (double) AAC_FRAME / rates[index];
+        double seconds = 0;
         for (Sample sample : samples) {
-            double seconds = (double) sample.duration() / track.timescale();
-            expect(Math.abs(seconds - unit) < EXACT || options.containsKey("holes"), where,
-                    "trun: a sound unit of %.4f s takes %.4f s", unit, seconds);
+            double step = sample.decoded() / scale - end;
+            expect(end < 0 || Math.abs(step) < 0.6 / scale || options.containsKey("holes"), where,
+                    "tfdt: %.4f s from where the samples before end", step);
+            end = (sample.decoded() + sample.duration()) / scale;
+            seconds += sample.duration() / scale;
+            // AAC units take what they take; another duration is a hole in front of the next one, which browsers close.
+            expect(hasPictures || Math.abs(sample.duration() / scale - rendition.unit) < EXACT || options.containsKey("holes"), where,
+                    "trun: a sound unit of %.4f s takes %.4f s", rendition.unit, sample.duration() / scale);
+            expect(!hasPictures || sample.isSync() == sample.isIdr(), where, "trun: flags do not say which are key pictures");
         }
+        expect(Math.abs(seconds - segment.number("EXTINF")) <= EXACT, where, "EXTINF is %.3f, samples take %.4f s",
+                segment.number("EXTINF"), seconds);
+        List<Double> shown = samples.stream().map(sample -> sample.shown() / scale).toList();
+        rendition.begins.add(shown.stream().min(Double::compare).orElseThrow());
+        if (hasPictures) {
+            rendition.pictureTimes.addAll(shown);
+            expect(samples.get(0).isIdr(), where, "trun: does not begin with a key picture");
+            expect(shown.get(0) - rendition.begins.get(rendition.begins.size() - 1) < EXACT, where,
+                    "trun: pictures are shown before the key picture");
+        } else {
+            rendition.soundUnits += samples.size();
+        }
+        return end;
     }
 }

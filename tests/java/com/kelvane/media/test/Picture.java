@@ -10,7 +10,7 @@ import java.util.Arrays;
 import java.util.stream.Stream;
 
 /** Uses the public API as an application does, and tells where the native library was loaded from. */
-public final class Picture {
+public final class Picture implements Runnable {
     private static final int SIDE = 64;
     private static final byte GREY = 100;
 
@@ -22,8 +22,13 @@ public final class Picture {
         }
     }
 
+    @Override
+    public void run() {
+        encodeAndDecode();
+    }
+
     /** Sends a grey picture through FFmpeg, OpenH264 and back; fails unless it comes out grey. */
-    public static void encodeAndDecode() {
+    private static void encodeAndDecode() {
         byte[] picture = new byte[SIDE * SIDE * 12 / 8];
         byte[] info = new byte[7];
         Arrays.fill(picture, GREY);

@@ -27,8 +27,8 @@ public final class Uncompressed {
     public static Picture noise(int width, int height, long time, boolean twoValued) {
         byte[] samples = new byte[Picture.size(width, height)];
         new Random(time).nextBytes(samples);
-        for (int i = 0; twoValued && i < samples.length; i++) {
-            samples[i] = (byte) (samples[i] >> 7);
+        for (int i = 0; i < samples.length; i++) { // none is 0, so that nothing looks like a start code
+            samples[i] = (byte) ((twoValued ? samples[i] >> 7 : samples[i]) | 1);
         }
         return new Picture(width, height, time, samples);
     }
@@ -114,15 +114,7 @@ public final class Uncompressed {
         private void end(ByteArrayOutputStream unit) {
             bits(1, 1).align();
             unit.writeBytes(START_CODE);
-            int zeros = 0;
-            for (byte value : bytes.toByteArray()) {
-                if (zeros >= 2 && value >= 0 && value <= 3) {
-                    unit.write(3);
-                    zeros = 0;
-                }
-                unit.write(value);
-                zeros = value == 0 ? zeros + 1 : 0;
-            }
+            unit.writeBytes(bytes.toByteArray());
         }
     }
 }

@@ -1,6 +1,7 @@
 package com.kelvane.media.transform.codec;
 
 import com.kelvane.media.NativeLibrary;
+import java.nio.ByteBuffer;
 
 /**
  * Decodes H.264 access units to packed I420 pictures.
@@ -73,6 +74,23 @@ public final class AVCDecoder {
      * @throws ArrayIndexOutOfBoundsException as {@code decode}
      */
     public static native int decodeAt(long timestamp, byte[] input, byte[] info, byte[] output, long handle);
+
+    /**
+     * Decodes one access unit that is part of an array or of a direct buffer, as {@link #decodeAt} does. It is copied before
+     * anything looks at it.
+     *
+     * @param timestamp as for {@code decodeAt}
+     * @param data holds the access unit, or null when {@code direct} does
+     * @param direct a direct buffer that holds it; its position and limit have no part in this
+     * @param from where it begins
+     * @param size its bytes
+     * @param info as for {@code decode}
+     * @param output as for {@code decode}
+     * @param handle the decoder, or 0
+     * @return as {@code decode}; 0 also when there is no such part
+     */
+    public static native int decodePart(long timestamp, byte[] data, ByteBuffer direct, int from, int size, byte[] info, byte[] output,
+                                        long handle);
 
     /**
      * Delivers the next picture that is held back for reordering; to be called at the end of a stream until it returns

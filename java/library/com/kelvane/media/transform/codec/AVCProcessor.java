@@ -1,6 +1,7 @@
 package com.kelvane.media.transform.codec;
 
 import com.kelvane.media.NativeLibrary;
+import java.nio.ByteBuffer;
 
 /**
  * The processing pipeline: has a module, a shared library loaded at run time, work on an H.264 stream.
@@ -119,6 +120,23 @@ public final class AVCProcessor {
      *         same
      */
     public static native int write(long timestamp, byte[] data, byte[] sizeInfo, long handle);
+
+    /**
+     * Processes one access unit that is part of an array or of a direct buffer, as {@link #write} does. It is copied before
+     * anything looks at it.
+     *
+     * @param timestamp as for {@code write}
+     * @param data holds the access unit, or null when {@code direct} does
+     * @param direct a direct buffer that holds it; its position and limit have no part in this
+     * @param from where it begins
+     * @param size its bytes
+     * @param sizeInfo as for {@code write}
+     * @param handle the pipeline, or 0
+     * @return as {@code write}; 0 also when there is no such part
+     * @throws ArrayIndexOutOfBoundsException as {@code write}
+     */
+    public static native int writePart(long timestamp, byte[] data, ByteBuffer direct, int from, int size, byte[] sizeInfo,
+                                       long handle);
 
     /**
      * Takes the pending output, if there is one; otherwise nothing is written.

@@ -1,6 +1,7 @@
 package com.kelvane.media.transform.codec;
 
 import com.kelvane.media.NativeLibrary;
+import java.nio.ByteBuffer;
 
 /**
  * The multi-rendition transcoder: decodes one H.264 stream once and encodes every picture again into a fixed number of
@@ -158,6 +159,20 @@ public final class MIRVProcessor {
     public static native int decode(long timestamp, byte[] data, long handle);
 
     /**
+     * Decodes one access unit that is part of an array or of a direct buffer, as {@link #decode} does. It is copied before
+     * anything looks at it.
+     *
+     * @param timestamp as for {@code write}
+     * @param data holds the access unit, or null when {@code direct} does
+     * @param direct a direct buffer that holds it; its position and limit have no part in this
+     * @param from where it begins
+     * @param size its bytes
+     * @param handle the transcoder, or 0
+     * @return as {@code decode}; 0 also when there is no such part
+     */
+    public static native int decodePart(long timestamp, byte[] data, ByteBuffer direct, int from, int size, long handle);
+
+    /**
      * Scales and encodes the picture at hand for one rendition and calls the listener once, with null when there is no
      * picture at hand or it yielded no access unit. Different renditions may be encoded on different threads at the same
      * time, between one {@code decode} and the next call of any other method.
@@ -215,6 +230,15 @@ public final class MIRVProcessor {
      * @return milliseconds, 0 to 4294967295; 0 before the first picture and for a handle of 0
      */
     public static native long pictureTime(long handle);
+
+    /**
+     * What is known of the picture that the last {@link #decode} or {@link #drain} left at hand.
+     *
+     * @param handle the transcoder, or 0
+     * @return its width, plus its height shifted by 16 bits, plus a bit at 32 when it is made of two fields and one at 33 when
+     *         decoding can begin with it; 0 when no picture is at hand and for a handle of 0
+     */
+    public static native long pictureInfo(long handle);
 
     /**
      * What became of the access unit of the last {@link #write} or {@link #decode}; to be called once behind each, as it

@@ -1,6 +1,7 @@
 package com.kelvane.media.transform.codec;
 
 import com.kelvane.media.NativeLibrary;
+import java.nio.ByteBuffer;
 
 /**
  * Encodes packed I420 pictures to H.264 access units through FFmpeg's OpenH264 encoder: low delay, no B-frames, a key
@@ -43,6 +44,17 @@ public final class OpenH264Encoder {
     public static native long open(int width, int height, int frameRate, int bitRate, int reserved);
 
     /**
+     * Makes an encoder, as {@link #open} does, with the rates as they are.
+     *
+     * @param width as for {@code open}
+     * @param height as for {@code open}
+     * @param frameRate pictures per second, above 0
+     * @param bitRate target in bits per second, above 0
+     * @return as {@code open}
+     */
+    public static native long openAt(int width, int height, int frameRate, int bitRate);
+
+    /**
      * Encodes one picture and writes its access unit over it.
      *
      * @param data a packed I420 picture of the encoder's size, at least
@@ -58,6 +70,22 @@ public final class OpenH264Encoder {
      *         access unit
      */
     public static native int encode(byte[] data, byte[] info, long handle);
+
+    /**
+     * Encodes one picture that is part of an array or of a direct buffer, as {@link #encode} does, and leaves it as it is.
+     *
+     * @param data holds the packed picture, or null when {@code direct} does
+     * @param direct a direct buffer that holds it; its position and limit have no part in this
+     * @param from where it begins
+     * @param size its bytes
+     * @param output receives the access unit, which is no longer than the picture
+     * @param info as for {@code encode}
+     * @param handle the encoder, or 0
+     * @return as {@code encode}; 0 also when there is no such part, or {@code output} is null
+     * @throws ArrayIndexOutOfBoundsException if {@code output} is shorter than the access unit, which is then lost, or
+     *         {@code info} shorter than 7 bytes
+     */
+    public static native int encodePart(byte[] data, ByteBuffer direct, int from, int size, byte[] output, byte[] info, long handle);
 
     /**
      * Whether an encoder can encode.

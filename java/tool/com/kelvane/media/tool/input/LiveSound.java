@@ -1,6 +1,7 @@
 package com.kelvane.media.tool.input;
 
 import com.kelvane.media.AacEncoder;
+import com.kelvane.media.AudioConfiguration;
 import com.kelvane.media.MediaTrack;
 import com.kelvane.media.tool.input.AacSource.Unit;
 import java.util.ArrayList;
@@ -43,8 +44,8 @@ public final class LiveSound implements AutoCloseable {
         // comes out in the end.
         boolean extended = track.profile().startsWith("HE-AAC");
         int rate = extended ? track.sampleRate() / 2 : track.sampleRate();
-        return Adts.configuration(AacEncoder.SAMPLE_RATES.contains(rate) ? rate : AacEncoder.SAMPLE_RATES.get(0),
-                track.profile().equals("HE-AACv2") ? 1 : track.channels());
+        return AudioConfiguration.of(AacEncoder.SAMPLE_RATES.contains(rate) ? rate : AacEncoder.SAMPLE_RATES.get(0),
+                track.profile().equals("HE-AACv2") ? 1 : track.channels()).bytes();
     }
 
     public int channels() {

@@ -58,7 +58,7 @@ final class SoundReencoder implements AutoCloseable {
     }
 
     byte[] configuration() {
-        return Adts.configuration(sampleRate, channels);
+        return encoder.configuration().bytes();
     }
 
     /**

@@ -1,6 +1,8 @@
 package com.kelvane.media.tool.live;
 
+import com.kelvane.media.AccessUnit;
 import com.kelvane.media.EncodedPicture;
+import com.kelvane.media.PicturePlan;
 import com.kelvane.media.Rendition;
 import com.kelvane.media.Transcoder;
 import com.kelvane.media.tool.input.AacSource;
@@ -42,14 +44,12 @@ final class LiveSession implements AutoCloseable {
     private final TreeMap<Long, Long> arrivals = new TreeMap<>(); // of pictures in the decoder, by their times
     private final Queue<AacSource.Unit> heard = // that waits for its pictures
             new PriorityQueue<>(Comparator.comparingDouble(AacSource.Unit::time));
-    private final boolean[] kept;
     private LiveSound sound;
     private double pictureDuration;
     private boolean timed;
     private double countedTime;   // of the next picture of a stream without times
     private long time = -1;       // of the picture at hand, or the last one
     private long arrival;
-    private boolean begins;
     private boolean cutSoon; // whether a segment begins as soon as that is possible
     private int made;
     private double anchor = Double.NaN; // the clock's time at 0 of the result, if all came in time
@@ -73,13 +73,12 @@ final class LiveSession implements AutoCloseable {
         reducers = rates.stream().map(rate -> new RateReducer(video.frameRate(), rate)).toArray(RateReducer[]::new);
         segments = SegmentKeys.ofWhole(settings.segmentSeconds());
         shedder = new LoadShedder(outputs.size());
-        kept = new boolean[outputs.size()];
         made = outputs.size();
         ladder = new LiveLadder(outputs, new Publication(outputs, renditions.stream().map(Rendition::bitrate).toList(), folder,
                 settings.segmentSeconds(), settings.window(), figures), figures);
         int threads = Math.min(outputs.size(), Runtime.getRuntime().availableProcessors()) - 1;
         helpers = threads > 0 ? Executors.newFixedThreadPool(threads) : null;
-        Transcoder.Builder builder = Transcoder.builder().renditions(renditions).select(this::wants).keys((i, at) -> begins)
+        Transcoder.Builder builder = Transcoder.builder().renditions(renditions).plan(this::plan)
                 .onFailure(figures::failed);
         transcoder = (helpers == null ? builder : builder.parallel(helpers)).open();
         figures.ladder(outputs, transcoder);
@@ -128,7 +127,7 @@ final class LiveSession implements AutoCloseable {
 
     private void addPicture(LivePacket packet, boolean waited) {
         double at = resultTime(VIDEO, packet, pictureDuration);
-        if (!startsWithStartCode(packet.bytes())) {
+        if (!AccessUnit.isByteStream(packet.bytes())) {
             figures.damaged();
             return;
         }
@@ -152,10 +151,6 @@ final class LiveSession implements AutoCloseable {
                 : clock.at(track, decoding, Double.isNaN(packet.time()) ? decoding : packet.time(), duration);
     }
 
-    private static boolean startsWithStartCode(byte[] bytes) {
-        return bytes.length > 3 && bytes[0] == 0 && bytes[1] == 0 && (bytes[2] == 1 || bytes[2] == 0 && bytes[3] == 1);
-    }
-
     private void addSound(LivePacket packet) {
         heard.addAll(sound.add(packet.bytes(), resultTime(SOUND, packet, SOUND_PACKET)));
         while (heard.size() > MOST_WAITING) {
@@ -169,36 +164,30 @@ final class LiveSession implements AutoCloseable {
         }
     }
 
-    private boolean wants(int index, long unit) {
-        if (index == 0) {
-            arrival = arrivals.getOrDefault(unit, workBegan);
-            arrivals.headMap(unit, true).clear();
-            long next = timed ? unit : Math.round(countedTime);
-            countedTime += pictureDuration;
-            boolean late = next <= time; // where the source's times overlap
-            time = late ? time : next;
-            boolean inAll = !late;
-            for (int i = 0; i < kept.length; i++) {
-                kept[i] = !late && reducers[i].keeps(time);
-                inAll &= kept[i] || i < kept.length - made;
-            }
-            begins = inAll && (segments.begins(time) | cutSoon);
-            if (begins) {
-                cutSoon = false;
-                cut();
-            }
-            for (int i = 0; i < kept.length - made; i++) {
-                kept[i] = false;
-            }
-            if (!late) {
-                writeSound(time);
-                ladder.awaitSound(time);
-            }
+    private void plan(PicturePlan picture) {
+        long unit = picture.time();
+        arrival = arrivals.getOrDefault(unit, workBegan);
+        arrivals.headMap(unit, true).clear();
+        long next = timed ? unit : Math.round(countedTime);
+        countedTime += pictureDuration;
+        if (next <= time) { // where the source's times overlap
+            picture.selectAll(false);
+            return;
         }
-        return kept[index];
+        time = next;
+        if (RateReducer.thin(reducers, reducers.length - made, time, picture) && (segments.begins(time) | cutSoon)) {
+            cutSoon = false;
+            picture.keyAll();
+            cut(picture);
+        }
+        for (int i = 0; i < reducers.length - made; i++) {
+            picture.select(i, false);
+        }
+        writeSound(time);
+        ladder.awaitSound(time);
     }
 
-    private void cut() {
+    private void cut(PicturePlan picture) {
         long now = System.nanoTime();
         double wall = Math.max(1, now - segmentBegan);
         double part = Math.min(1, (busy + now - workBegan) / wall);
@@ -208,10 +197,10 @@ final class LiveSession implements AutoCloseable {
         if (wanted < made) {
             figures.shed();
             figures.note("shed " + made, "%s is left out for now: the machine is %.1f s behind",
-                    outputs.get(kept.length - made).size(), behind / 1000);
+                    outputs.get(reducers.length - made).size(), behind / 1000);
         } else if (wanted > made) {
-            figures.note("back " + wanted, "%s is made again", outputs.get(kept.length - wanted).size());
-            kept[kept.length - wanted] = true;
+            figures.note("back " + wanted, "%s is made again", outputs.get(reducers.length - wanted).size());
+            picture.select(reducers.length - wanted, true);
         }
         made = wanted;
         figures.load(behind, part, made);
@@ -220,17 +209,17 @@ final class LiveSession implements AutoCloseable {
 
     /** Part of the time that the rendition would take that was left out last. */
     private double costOfNext() {
-        if (made == kept.length) {
+        if (made == reducers.length) {
             return 0;
         }
-        Transcoder.RenditionStatistics done = transcoder.statistics().renditions().get(kept.length - made - 1);
+        Transcoder.RenditionStatistics done = transcoder.statistics().renditions().get(reducers.length - made - 1);
         long pictures = Math.max(1, done.pictures() + done.skipped() + done.failed());
-        return done.encodeTime().toNanos() / 1e6 / pictures * outputs.get(kept.length - made - 1).frameRate() / 1000;
+        return done.encodeTime().toNanos() / 1e6 / pictures * outputs.get(reducers.length - made - 1).frameRate() / 1000;
     }
 
     private void take(EncodedPicture picture) {
         ladder.writePicture(picture.index(), picture.copy(), time, picture.isKey());
-        if (picture.index() == kept.length - 1) {
+        if (picture.index() == reducers.length - 1) {
             figures.through(arrival);
         }
     }

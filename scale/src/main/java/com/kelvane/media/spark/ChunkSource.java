@@ -1,6 +1,7 @@
 package com.kelvane.media.spark;
 
 import com.kelvane.media.AccessUnit;
+import com.kelvane.media.ParameterSets;
 import com.kelvane.media.tool.input.PacketPipe;
 import com.kelvane.media.tool.input.Timeline;
 import com.kelvane.media.tool.input.VideoSource;
@@ -8,6 +9,7 @@ import com.kelvane.media.tool.input.VideoTrack;
 import com.kelvane.media.tool.shell.Failure;
 import java.io.Closeable;
 import java.io.IOException;
+import java.util.Optional;
 
 /**
  * The access units of one chunk: those from the first key frame at or after one time to the first at or after another. That
@@ -19,7 +21,7 @@ final class ChunkSource implements Closeable {
 
     private final VideoTrack track;
     private final Timeline timeline;
-    private final ParameterSets parameterSets;
+    private final Optional<ParameterSets> parameterSets;
     private final double from;
     private final double until;
     private final PacketPipe packets;
@@ -32,14 +34,15 @@ final class ChunkSource implements Closeable {
     private double lastDecodingTime;
 
     /**
-     * @param parameterSets of the container
+     * @param configuration the container's. FFmpeg puts its parameter sets before IDR pictures, and the key frame of an open
+     *     group of pictures, with which a chunk may begin, is none
      * @param from milliseconds in the result; below 0 for the input's beginning, whatever that is
      * @param until milliseconds in the result, infinite for the input's end
      */
-    ChunkSource(VideoTrack track, Timeline timeline, ParameterSets parameterSets, double from, double until) {
+    ChunkSource(VideoTrack track, Timeline timeline, byte[] configuration, double from, double until) {
         this.track = track;
         this.timeline = timeline;
-        this.parameterSets = parameterSets;
+        parameterSets = ParameterSets.in(configuration);
         this.from = from;
         this.until = until;
         double seek = from < 0 ? 0 : (timeline.origin() + from - SEEK_MARGIN) / 1000 - track.file().start();
@@ -73,7 +76,8 @@ final class ChunkSource implements Closeable {
                         + " first: ffmpeg -i INPUT OUTPUT");
             }
             count += shows(Math.round(lastTime)) ? 1 : 0;
-            byte[] bytes = handedOut++ == 0 ? parameterSets.before(packet.bytes()) : packet.bytes();
+            byte[] bytes = handedOut++ == 0 && parameterSets.isPresent() ? parameterSets.get().prependTo(packet.bytes())
+                    : packet.bytes();
             return new AccessUnit(bytes, Math.round(lastTime));
         }
         return null;

@@ -2,6 +2,7 @@ package com.kelvane.media.spark;
 
 import com.kelvane.media.AccessUnit;
 import com.kelvane.media.EncodedPicture;
+import com.kelvane.media.PicturePlan;
 import com.kelvane.media.Transcoder;
 import com.kelvane.media.tool.output.LostPictures;
 import com.kelvane.media.tool.output.RateReducer;
@@ -25,9 +26,7 @@ final class ChunkTranscoding {
     private final Results results;
     private final LongPredicate shown;
     private final RateReducer[] reducers;
-    private final boolean[] kept; // of each rendition, whether it gets the picture at hand
     private final SegmentKeys segments;
-    private boolean begins;       // whether a segment may begin with it
     private long begin = -1;
     private long last;
     private final LostPictures lost = new LostPictures();
@@ -40,13 +39,12 @@ final class ChunkTranscoding {
         this.shown = shown;
         reducers = ladder.outputs().stream().map(RenditionOutput::frameRate)
                 .map(rate -> new RateReducer(sourceRate, rate)).toArray(RateReducer[]::new);
-        kept = new boolean[reducers.length];
         this.segments = segments;
     }
 
     Transcoder.Statistics run(Units units) throws IOException {
-        try (Transcoder transcoder = Transcoder.builder().renditions(ladder.renditions()).select(this::wants)
-                .keys((index, time) -> begins).onFailure(lost).open()) {
+        try (Transcoder transcoder = Transcoder.builder().renditions(ladder.renditions()).plan(this::plan)
+                .onFailure(lost).open()) {
             for (AccessUnit unit = units.next(); unit != null; unit = units.next()) {
                 transcoder.write(unit.bytes(), unit.time(), this::take);
             }
@@ -57,22 +55,18 @@ final class ChunkTranscoding {
         }
     }
 
-    private boolean wants(int index, long time) {
-        if (index == 0) {
-            boolean isShown = shown.test(time);
-            boolean inAll = isShown;
-            for (int i = 0; i < kept.length; i++) {
-                kept[i] = isShown && reducers[i].keeps(time);
-                inAll &= kept[i];
-            }
-            begins = inAll && segments.begins(time);
-            if (isShown) {
-                begin = pictures == 0 ? time : begin;
-                last = time;
-                pictures++;
-            }
+    private void plan(PicturePlan picture) {
+        long time = picture.time();
+        if (!shown.test(time)) {
+            picture.selectAll(false);
+            return;
         }
-        return kept[index];
+        if (RateReducer.thin(reducers, 0, time, picture) && segments.begins(time)) {
+            picture.keyAll();
+        }
+        begin = pictures == 0 ? time : begin;
+        last = time;
+        pictures++;
     }
 
     private void take(EncodedPicture picture) {

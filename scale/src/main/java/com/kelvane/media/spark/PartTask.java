@@ -115,8 +115,7 @@ record PartTask(Plan plan, int number) implements Serializable {
         }
         double from = number == 0 ? -1 : 1000 * plan.begin(number);
         double until = number == plan.chunks() - 1 ? Double.POSITIVE_INFINITY : 1000 * plan.begin(number + 1);
-        try (ChunkSource source = new ChunkSource(track, timeline, new ParameterSets(plan.configuration()), from,
-                until);
+        try (ChunkSource source = new ChunkSource(track, timeline, plan.configuration(), from, until);
                 Results results = results(ladder, track, null, writer, workspace)) {
             ChunkTranscoding transcoding = new ChunkTranscoding(ladder, track.frameRate(), keys, source::shows, results);
             transcoding.run(source::next);
