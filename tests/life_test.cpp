@@ -59,6 +59,10 @@ TEST_F(InstalledLife, EndsInTheMiddleOfEncoding) {
     }
 }
 
+TEST_F(InstalledLife, DeliversWhatJavaHasMemoryFor) {
+    expectTold(java("shortage", ""), "^delivered \\[0, 2\\], then an error\n");
+}
+
 // Those of a stranger who sends nothing but rubbish, where the server's output goes to a file and to a
 // reader.
 TEST_F(InstalledLife, PaysLittleForDiagnostics) {

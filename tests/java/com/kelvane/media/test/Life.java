@@ -18,7 +18,7 @@ import java.util.concurrent.CountDownLatch;
 import java.util.function.Consumer;
 import java.util.function.IntConsumer;
 
-/** What a server does to the library: "ending", "lines", "peaks" and "soak", see each method. */
+/** What a server does to the library: "ending", "shortage", "lines", "peaks" and "soak", see each method. */
 public final class Life {
     private static List<byte[]> units;
 
@@ -27,6 +27,7 @@ public final class Life {
         int[] numbers = Arrays.stream(arguments).skip(2).mapToInt(Integer::parseInt).toArray();
         switch (arguments[0]) {
             case "ending" -> ending(numbers[0], numbers[1]);
+            case "shortage" -> shortage();
             case "lines" -> lines(numbers[0]);
             case "peaks" -> peaks(numbers[0], numbers[1]);
             default -> soak(numbers[0], numbers[1]);
@@ -74,6 +75,33 @@ public final class Life {
             System.exit(7);
         }
         new ProcessBuilder("kill", "-" + signal, Long.toString(ProcessHandle.current().pid())).start();
+    }
+
+    /** No Java memory for the second rendition's first picture; the others' pictures need little. */
+    private static void shortage() {
+        List<Integer> delivered = new ArrayList<>();
+        byte[][] ballast = new byte[8192][];
+        try (Transcoder transcoder = Transcoder.builder().rendition(Rendition.of(64, 48).bitrate(80_000))
+                .rendition(Rendition.of(1920, 1080).bitrate(50_000_000).quantisers(1, 10))
+                .rendition(Rendition.of(96, 80).bitrate(150_000)).open()) {
+            transcoder.pause(1);
+            for (int i = 0; i < 5; i++) {
+                transcoder.write(units.get(i), i, picture -> delivered.add(picture.index()));
+            }
+            transcoder.resume(1);
+            int filled = 0;
+            try {
+                while (true) {
+                    ballast[filled++] = new byte[1 << 14];
+                }
+            } catch (OutOfMemoryError full) {
+                Arrays.fill(ballast, filled - 4, filled, null);
+            }
+            transcoder.write(units.get(5), 5, picture -> delivered.add(picture.index()));
+        } catch (OutOfMemoryError missing) {
+            ballast = null;
+            tell("delivered %s, then an error", delivered.subList(10, delivered.size()));
+        }
     }
 
     /** So many lines of diagnostics, which bad input provokes. */
