@@ -195,8 +195,8 @@ TEST(EngineDecoder, RejectsInputWithoutALongStartCode) {
     EXPECT_EQ(decode(neverOpened, startCode, 6), 0);
 }
 
-// Every picture of every kind, with FFmpeg's own bytes, to the last that is held back; those for which the array
-// is too small wait to be taken, or are left behind.
+// Every picture of every kind, with FFmpeg's own bytes, to the last that is held back; those for which the
+// array is too small wait to be taken, or are left behind.
 TEST(Decoder, DeliversOrKeepsPicturesEqualToFFmpegsOwn) {
     for (const char* vector :
          {"baseline.h264", "bframes.h264", "size_change.h264", "yuv422.h264", "odd.h264", "fields.h264"}) {

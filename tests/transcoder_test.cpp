@@ -492,8 +492,8 @@ TEST(EngineRendition, FollowsThePicturesSizeAndFreesWhatItMade) {
     });
 }
 
-// Several renditions encode one picture at once, as MIRVProcessor.encode has them, and whatever is left out of the
-// way of a picture leaves no trace in the access units. (ThreadSanitizer watches.)
+// Several renditions encode one picture at once, as MIRVProcessor.encode has them, and whatever is left out
+// of the way of a picture leaves no trace in the access units. (ThreadSanitizer watches.)
 TEST(EngineRendition, EncodesWhatScalingAndPackingGive) {
     struct Rendition {
         int width, height;
