@@ -5,6 +5,7 @@
 #include "audio/MP3AudioDecoder.h"
 #include "audio/NOpusDecoder.h"
 #include "audio/NOpusEncoder.h"
+#include "audio/PcmResampler.h"
 #include "bridge/Registries.h"
 #include "bridge/StartCodes.h"
 #include "com_kelvane_media_Tarnwick.h"
@@ -57,15 +58,15 @@ int choiceOf(uint8_t choice, int first, int second, int third) {
     return values[choice % 3];
 }
 
-// For each engine: its settings out of a script, if that is one to open it with; then what comes out of it for
-// a call, and for the end of the stream.
+// For each engine: its settings out of a script, if that is one to open it with; then what comes out of it
+// for a call, and for the end of the stream.
 
 uint64_t pictureOf(const VideoDecoder& decoder, int got) {
     if (got != 1) return 0;
     const AVFrame& picture = *decoder.frame;
     const MallocBuffer packed = packPicture(picture);
-    return packed ? hashOf(packed.get(), packedPictureSize(picture.width, picture.height), decoder.pictureTime)
-                  : 0;
+    if (!packed) return 0;
+    return hashOf(packed.get(), packedPictureSize(picture.width, picture.height), decoder.pictureTime);
 }
 bool set(VideoDecoder&, const Script&) { return true; }
 uint64_t give(VideoDecoder& engine, const Bytes& unit, uint32_t time) {
@@ -93,13 +94,20 @@ uint64_t give(MP3AudioDecoder& engine, const Bytes& packet, uint32_t) {
     return samples > 0 ? hashOf(engine.output.get(), engine.outputSize) : 0;
 }
 
-bool set(NOpusDecoder& engine, const Script& script) {
+struct OpusDecoding : NOpusDecoder {
+    int copies = 0;
+};
+bool set(OpusDecoding& engine, const Script& script) {
     engine.channels = 2 - script.choices[0] % 2;
     engine.fec = script.choices[1] % 3;
+    engine.copies = script.choices[2] % 49;
     return true;
 }
-uint64_t give(NOpusDecoder& engine, const Bytes& packet, uint32_t) {
+uint64_t give(OpusDecoding& engine, const Bytes& packet, uint32_t) {
     if (!engine.decoder) return 0;
+    // The packet before it counts as lost when so chosen.
+    const bool lost = engine.copies && NOpusDecoder::carriesFec(input(packet), sizeOf(packet));
+    if (lost) engine.decodeLost(120 * engine.copies, input(packet), sizeOf(packet));
     const int samples = engine.decode(input(packet), sizeOf(packet));
     return hashOf(engine.output.get(), int64_t{2} * samples * engine.channels);
 }
@@ -114,17 +122,45 @@ uint64_t give(AudioEncoder& engine, const Bytes& pcm, uint32_t) {
     return hashOf(engine.output.get(), engine.encode(input<short>(pcm)));
 }
 
-bool set(NOpusEncoder& engine, const Script& script) {
+struct OpusEncoding : NOpusEncoder {
+    int requests = 0;
+    void open() {
+        NOpusEncoder::open();
+        if (!encoder || requests % 2 == 0) return;
+        for (int request = OPUS_SET_APPLICATION_REQUEST; request <= OPUS_SET_EXPERT_FRAME_DURATION_REQUEST;
+             request += 2)
+            NOpusEncoder::set(request,
+                              request < OPUS_SET_FORCE_CHANNELS_REQUEST ? requests / 2 % 3 : OPUS_AUTO);
+    }
+};
+bool set(OpusEncoding& engine, const Script& script) {
     engine.channels = 2 - script.choices[0] % 2;
     engine.bitrate = choiceOf(script.choices[1], 64000, 6000, 510000);
     engine.frameSize = choiceOf(script.choices[2], 960, 120, 961);
+    engine.requests = script.choices[3];
     return true;
 }
-uint64_t give(NOpusEncoder& engine, const Bytes& pcm, uint32_t) {
+uint64_t give(OpusEncoding& engine, const Bytes& pcm, uint32_t) {
     if (!engine.encoder || sizeOf(pcm) < engine.frameSize * engine.channels * 2) return 0;
     const int size = engine.encode(input<short>(pcm));
     return engine.packetSize > 0 ? hashOf(engine.packet.get(), size) : 0;
 }
+
+bool set(PcmResampler& engine, const Script& script) {
+    const Choices& choices = script.choices;
+    engine.input = {2 - choices[0] % 2, choiceOf(choices[1], 44100, 7350, 192000)};
+    engine.result = {2 - choices[0] / 2 % 2, choiceOf(choices[2], 48000, 47999, 8000)};
+    return true;
+}
+uint64_t convert(PcmResampler& engine, const uint8_t* pcm, int samples) {
+    if (!engine.resampler) return 0;
+    const int64_t converted = engine.convert(pcm, samples);
+    return hashOf(engine.output.get(), converted * engine.result.bytes());
+}
+uint64_t give(PcmResampler& engine, const Bytes& pcm, uint32_t) {
+    return convert(engine, input(pcm), sizeOf(pcm) / engine.input.bytes());
+}
+uint64_t drain(PcmResampler& engine) { return convert(engine, nullptr, 0); }
 
 bool set(NativeOpenH264Encoder& engine, const Script& script) {
     engine.width = static_cast<uint32_t>(choiceOf(script.choices[0], 64, 16, 63));
@@ -413,7 +449,9 @@ uint64_t give(Primitives&, const Bytes& call, uint32_t) {
             context = Tarnwick(sws_1getCachedContext)(env, nullptr, context, fromWidth, fromHeight, from,
                                                       toWidth, toHeight, to, numbers.any());
             FakeObject source = numbers.object(), target = numbers.object();
-            const auto object = [&](FakeObject& made) { return numbers.byte() ? fakeObject(&made) : nullptr; };
+            const auto object = [&](FakeObject& made) {
+                return numbers.byte() ? fakeObject(&made) : nullptr;
+            };
             const auto orOther = [&](jint number) { return numbers.byte() < 240 ? number : numbers.any(); };
             const jint slices = 1 + numbers.byte() % 4, rows = fromHeight / slices;
             for (jint slice = 0; slice < slices; ++slice)
@@ -521,11 +559,12 @@ const std::vector<SubjectKind>& subjectKinds() {
         {"pipeline", make<Pipeline>, annexB, streams, false},
         {"aac", make<AudioDecoder>, packets, {"stereo.m4a", "mono.m4a"}, false},
         {"mp3", make<MP3AudioDecoder>, packets, {"stereo.mp3", "mono.mp3"}, false},
-        {"opus", make<NOpusDecoder>, packets, {"fec.opus"}, false},
+        {"opus", make<OpusDecoding>, packets, {"fec.opus"}, false},
         {"muxer", make<Muxing>, annexB, streams, false},
         {"primitives", make<Primitives>, noise, {"300"}, false},
         {"aac-encoder", make<AudioEncoder>, noise, {"4096"}, false},
-        {"opus-encoder", make<NOpusEncoder>, noise, {"3840"}, false},
+        {"opus-encoder", make<OpusEncoding>, noise, {"3840"}, false},
+        {"resampler", make<PcmResampler>, noise, {"3841"}, false},
         {"openh264", make<NativeOpenH264Encoder>, noise, {"4608"}, false},
         {"ffmpeg-h264", make<VideoEncoder>, noise, {"4608"}, false},
     };
