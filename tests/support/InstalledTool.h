@@ -5,6 +5,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdint>
 #include <cstdlib>
 #include <filesystem>
@@ -12,8 +13,10 @@
 #include <iterator>
 #include <regex>
 #include <set>
+#include <sstream>
 #include <stdexcept>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -29,6 +32,29 @@ inline std::set<std::string> names(const fs::path& directory) {
     for (const auto& entry : fs::directory_iterator(directory))
         found.insert(entry.path().filename());
     return found;
+}
+
+inline bool within(int seconds, const auto& holds) {
+    for (int i = 0; i < 20 * seconds && !holds(); ++i)
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    return holds();
+}
+
+// The lines of a playlist that begin so, without that.
+inline std::vector<std::string> entries(const std::string& playlist, const std::string& begin) {
+    std::vector<std::string> found;
+    std::istringstream lines(playlist);
+    for (std::string line; std::getline(lines, line);)
+        if (line.starts_with(begin)) found.push_back(line.substr(begin.size()));
+    return found;
+}
+
+// The seconds of all segments of a playlist.
+inline double duration(const fs::path& playlist) {
+    double seconds = 0;
+    for (const std::string& segment : entries(contents(playlist), "#EXTINF:"))
+        seconds += std::stod(segment);
+    return seconds;
 }
 
 // The installed tree, and a directory of the test's own.
