@@ -19,92 +19,63 @@ CommandResult check(const std::string& arguments) { return run(MODULE_CHECK " " 
 
 TEST(EngineModuleCheck, TellsEachFaultInWords) {
     const struct {
-        const char *module, *lines; // the first letter of each
-        std::vector<const char*> words;
-        const char* options = "";
+        const char *module, *lines; // the first letter of each, # for a number
+        const char *text, *options = "";
     } cases[] = {
-        {"overrun",
-         "moGoo.F  ",
-         {"Process, pictures of 640x360: writes outside of the picture: byte 1 behind its end"}},
-        {"far_overrun",
-         "moGoo.F  ",
-         {"outside of the picture: byte 1 behind its end (it has 345600 bytes)", "Faulty::Process"}},
-        {"overread", "moGoo.F  ", {"reads outside of the picture: byte 1 behind its end", "Faulty::Process"}},
-        {"underrun",
-         "moGooF.F  ",
-         {"writes outside of the picture: byte 1 ahead of its start", "Faulty::Process"}},
-        {"rgb", "moGoo.F  ", {"writes outside of the picture: byte 1 behind its end", "Faulty::Process"}},
-        {"late", "moGoooot.F  ", {"pictures of 1x1: writes outside of the picture: byte"}},
-        {"keeps_picture",
-         "moGoo.F  ",
-         {"writes byte 0 of the picture of an earlier call", "Faulty::Process"}},
-        {"long_timestamp",
-         "moGoo.F  ",
-         {"writes outside of the timestamp: byte 1 behind its end (it has 4 bytes)"}},
-        {"no_object", "moGoF21", {"CreateVideoProcessor returned null"}},
-        {"no_guid", "moFGoootoooooo1", {"GetGuid returned 0"}},
-        {"two_guids",
-         "moGoFootoooooo1",
-         {"GetGuid of the object returned 1024024, the exported one 1024023"}},
-        {"one_object", "moGoF1", {"the same object twice"}},
-        {"throws", "moGooFtnoo21", {"Process throws: no table for this picture\n", "times: Process throws"}},
-        {"throws_in_apply",
-         "moGooFFtFFFFFFFFFFFFFFFFFFFFFFFF222",
-         {"Apply of 'depth' = '' throws: stoi\n"},
+        {"overrun", "moGoo.F  ",
+         "Process, pictures of 640x360: writes outside of the picture: byte 1 behind its end"},
+        {"far_overrun", "moGoo.F  ", "outside of the picture: byte 1 behind its end (it has 345600 bytes)"},
+        {"overread", "moGoo.F  ", "reads outside of the picture: byte 1 behind its end"},
+        {"underrun", "moGooF.F  ", "writes outside of the picture: byte 1 ahead of its start"},
+        {"rgb", "moGoo.F  ", "writes outside of the picture: byte 1 behind its end"},
+        {"late", "moGoooot.F  ", "pictures of 1x1: writes outside of the picture: byte"},
+        {"keeps_picture", "moGoo.F  ", "writes byte 0 of the picture of an earlier call"},
+        {"long_timestamp", "moGoo.F  ",
+         "writes outside of the timestamp: byte 1 behind its end (it has 4 bytes)"},
+        {"no_object", "moGoF##", "CreateVideoProcessor returned null"},
+        {"no_guid", "moFGoootoooooo#", "GetGuid returned 0"},
+        {"two_guids", "moGoFootoooooo#", "GetGuid of the object returned 1024024, the exported one 1024023"},
+        {"one_object", "moGoF#", "the same object twice"},
+        {"throws", "moGooFtnoo##", "Process throws: no table for this picture\n"},
+        {"throws_in_apply", "moGooFtF###", "Apply of 'depth' = '' throws: stoi\n", "--set depth=1"},
+        {"undefined", "mFn#", "undefined symbol: nowhereDefined"},
+        {"null_in_open", "moGool.F  ", "Open, pictures of 640x360: writes through a null pointer"},
+        {"divides", "moGoooot.F  ", "Process, pictures of 1x1: divides by zero"},
+        {"deep", "moGoo.F  ", "pictures of 640x360: runs out of its stack, which has 1024 kB"},
+        {"fixed_buffer", "moGooootooo.F ", "its stack is damaged", "--set depth=1"},
+        {"writes_value", "moGoo.F  ", "writes byte 0 of the value of a setting, which is for reading",
          "--set depth=1"},
-        {"undefined", "mFn1", {"undefined symbol: nowhereDefined", "-Wl,--no-undefined"}},
-        {"null_in_open",
-         "moGool.F  ",
-         {"Open, pictures of 640x360: writes through a null pointer", "Faulty::Open"}},
-        {"divides", "moGoooot.F  ", {"Process, pictures of 1x1: divides by zero", "Faulty::Process"}},
-        {"deep",
-         "moGoo.F  ",
-         {"pictures of 640x360: runs out of its stack, which has 1024 kB", "Faulty::Process"}},
-        {"fixed_buffer", "moGooootooo.F ", {"Apply of 'depth' = '", "its stack is damaged"}, "--set depth=1"},
-        {"writes_value",
-         "moGoo.F  ",
-         {"writes byte 0 of the value of a setting, which is for reading"},
+        {"refuses", "moGooFto##", "the setting 'depth' = '1' is refused: Apply returned 0", "--set depth=1"},
+        {"not_destroyed", "moGooootoooooF#",
+         "bytes behind when its object is destroyed by DestroyVideoProcessor"},
+        {"frees", "moGof.F ", "DestroyVideoProcessor: is ended by abort()"},
+        {"leaks_in_close", "moGooootoooooF#",
+         "when its object is destroyed by DestroyVideoProcessor (without Close)"},
+        {"grows", "moGooootoooooF#", "a stream holds about 1"},
+        {"shared_state", "moGooootooooFo#", "two streams in turns disturb each other"},
+        {"ends_process", "moGoo.F  ", "ends the process with exit()"},
+        {"never_returns", "moGoo.F  ", "does not return within 1 seconds", "--timeout 1"},
+        {"unset", "moGoo.F  ", "writes outside of the picture: byte 1 behind its end"},
+        {"new_interface", "moF#", "it is built for interface 2"},
+        {"no_entry_point", "moF#", "CreateVideoProcessor is not exported"},
+        {"overreads_value", "moGoo.F  ", "reads outside of the value of a setting: byte 1 behind its end",
          "--set depth=1"},
-        {"refuses",
-         "moGooFto21",
-         {"the setting 'depth' = '1' is refused: Apply returned 0"},
-         "--set depth=1"},
-        {"not_destroyed",
-         "moGooootoooooF1",
-         {"bytes behind when its object is destroyed by DestroyVideoProcessor"}},
-        {"frees", "moGof.F ", {"DestroyVideoProcessor: is ended by abort()", "DestroyVideoProcessor"}},
-        {"leaks_in_close",
-         "moGooootoooooF1",
-         {"when its object is destroyed by DestroyVideoProcessor (without Close)"}},
-        {"grows", "moGooootoooooF1", {"a stream holds about 1"}},
-        {"shared_state", "moGooootooooFFo2", {"two streams in turns disturb each other"}},
-        {"ends_process", "moGoo.F  ", {"ends the process with exit()", "Faulty::Process"}},
-        {"never_returns",
-         "moGoo.F  ",
-         {"does not return within 1 seconds", "Faulty::Process"},
-         "--timeout 1"},
-        {"unset", "moGoo.F  ", {"writes outside of the picture: byte 1 behind its end", "Faulty::Process"}},
-        {"new_interface", "moF1", {"it is built for interface 2"}},
-        {"no_entry_point", "moF1", {"CreateVideoProcessor is not exported"}},
-        {"overreads_value",
-         "moGoo.F  ",
-         {"reads outside of the value of a setting: byte 1 behind its end"},
-         "--set depth=1"},
-        {"no_table", "moGoF1", {"slot 1 of the object's table, the deleting destructor, is no function"}},
+        {"no_table", "moGoF#", "slot 1 of the object's table, the deleting destructor, is no function"},
     };
-    for (const auto& [module, lines, words, options] : cases) {
+    for (const auto& [module, lines, text, options] : cases) {
         const CommandResult found =
             check(modulePath("faulty_" + std::string(module)) + " --frames 10 " + options);
         SCOPED_TRACE(module + ("\n" + found.output));
         EXPECT_EQ(found.exitCode, 1);
-        EXPECT_NE(found.output.find("FAULT: "), std::string::npos);
-        for (const char* text : words)
-            EXPECT_NE(found.output.find(text), std::string::npos) << text;
+        EXPECT_NE(found.output.find(text), std::string::npos) << text;
         std::string letters;
         std::istringstream output(found.output);
         for (std::string line; std::getline(output, line);)
-            letters += line[0] ? line[0] : '.';
+            if (!letters.ends_with('F') || line[0] != 'F') // how many at once is chance
+                letters += line.empty() ? '.' : std::isdigit(line[0]) ? '#' : line[0];
         EXPECT_EQ(letters, lines);
+        const bool told = found.output.find("Faulty::") != std::string::npos; // where it ended
+        EXPECT_TRUE(told || !letters.ends_with("F  "));
     }
 }
 
