@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <map>
+#include <string_view>
 
 namespace {
 
@@ -20,7 +21,8 @@ TEST_F(Exceptions, OfLibrariesStayInTheEngine) {
     std::map<std::string, int> encodes; // lives of each kind with an exception in FFmpeg's encoder
     for (const SubjectKind& kind : subjectKinds()) {
         // These call nothing that has C++ behind it.
-        if (std::string(kind.name) == "primitives" || std::string(kind.name) == "muxer") continue;
+        const std::string_view name = kind.name;
+        if (name == "primitives" || name == "muxer" || name == "resampler") continue;
         Script script = seedOf(kind, kind.seeds[0]);
         if (script.calls.size() > 6) script.calls.resize(6);
         std::vector<uint64_t> expected;
@@ -33,7 +35,7 @@ TEST_F(Exceptions, OfLibrariesStayInTheEngine) {
         EXPECT_GE(calls, 1) << kind.name;
         lives += calls;
         for (int throwAt = 1; throwAt <= calls; ++throwAt) {
-            SCOPED_TRACE(std::string(kind.name) + ", call " + std::to_string(throwAt));
+            SCOPED_TRACE(std::string(name) + ", call " + std::to_string(throwAt));
             const std::string printed = printedBy([&] {
                 const ThrowingLibraries libraries(library, throwAt);
                 EXPECT_NO_THROW(EXPECT_LE(live(kind, script).size(), expected.size()));

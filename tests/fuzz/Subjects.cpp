@@ -5,6 +5,7 @@
 #include "audio/MP3AudioDecoder.h"
 #include "audio/NOpusDecoder.h"
 #include "audio/NOpusEncoder.h"
+#include "audio/PcmResampler.h"
 #include "bridge/Registries.h"
 #include "bridge/StartCodes.h"
 #include "com_kelvane_media_Tarnwick.h"
@@ -205,13 +206,21 @@ public:
         const Choices& choices = script.choices;
         engine.channels = 2 - choices[0] % 2;
         engine.fec = choices[1] % 3;
+        copies = choices[2] % 49;
         engine.open();
     }
     uint64_t give(const Bytes& packet, uint32_t) override {
         if (!engine.decoder) return 0;
+        const auto* bytes = reinterpret_cast<uint8_t*>(input(packet));
+        // The packet before it counts as lost when so chosen.
+        const bool lost = copies && NOpusDecoder::carriesFec(bytes, sizeOf(packet));
+        if (lost) engine.decodeLost(120 * copies, bytes, sizeOf(packet));
         const int samples = engine.decode(reinterpret_cast<uint8_t*>(input(packet)), sizeOf(packet));
         return hashOf(engine.output.get(), int64_t{2} * samples * engine.channels);
     }
+
+private:
+    int copies = 0;
 };
 
 int choiceOf(const Choices& choices, size_t which, int first, int second, int third) {
@@ -241,11 +250,36 @@ public:
         engine.bitrate = choiceOf(choices, 1, 64000, 6000, 510000);
         engine.frameSize = choiceOf(choices, 2, 960, 120, 961);
         engine.open();
+        if (!engine.encoder || choices[3] % 2 == 0) return;
+        for (int request = OPUS_SET_APPLICATION_REQUEST; request <= OPUS_SET_EXPERT_FRAME_DURATION_REQUEST;
+             request += 2)
+            engine.set(request, request < OPUS_SET_FORCE_CHANNELS_REQUEST ? choices[3] / 2 % 3 : OPUS_AUTO);
     }
     uint64_t give(const Bytes& pcm, uint32_t) override {
         if (!engine.encoder || sizeOf(pcm) < engine.frameSize * engine.channels * 2) return 0;
         const int size = engine.encode(reinterpret_cast<short*>(input(pcm)));
         return engine.packetSize > 0 ? hashOf(engine.packet.get(), size) : 0;
+    }
+};
+
+class ResamplerSubject final : public EngineSubject<PcmResampler> {
+public:
+    void open(const Script& script) override {
+        const Choices& choices = script.choices;
+        engine.input = {2 - choices[0] % 2, choiceOf(choices, 1, 44100, 7350, 192000)};
+        engine.result = {2 - choices[0] / 2 % 2, choiceOf(choices, 2, 48000, 47999, 8000)};
+        engine.open();
+    }
+    uint64_t give(const Bytes& pcm, uint32_t) override {
+        if (!engine.resampler) return 0;
+        const auto* bytes = reinterpret_cast<const uint8_t*>(input(pcm));
+        return taken(engine.convert(bytes, sizeOf(pcm) / engine.input.bytes()));
+    }
+    uint64_t drain() override { return engine.resampler ? taken(engine.convert(nullptr, 0)) : 0; }
+
+private:
+    uint64_t taken(int samples) {
+        return hashOf(engine.output.get(), int64_t{samples} * engine.result.bytes());
     }
 };
 
@@ -561,6 +595,7 @@ const std::vector<SubjectKind>& subjectKinds() {
         {"primitives", make<PrimitivesSubject>, noise, {"300"}, false},
         {"aac-encoder", make<AacEncoderSubject>, noise, {"4096"}, false},
         {"opus-encoder", make<OpusEncoderSubject>, noise, {"3840"}, false},
+        {"resampler", make<ResamplerSubject>, noise, {"3841"}, false},
         {"openh264", make<OpenH264Subject>, noise, {"4608"}, false},
         {"ffmpeg-h264", make<FFmpegEncoderSubject>, noise, {"4608"}, false},
     };
