@@ -68,29 +68,6 @@ TEST(AACDecoder, TellsWhatHappensToIt) {
               "AAC decoder codec closed\n");
 }
 
-TEST(AACDecoder, DeliversNoFrameOfAnotherSize) {
-    const Bytes unit = streamOf("stereo.m4a").calls.at(0); // silence before the sound
-    const struct {
-        Bytes config;
-        int outputSize;
-        const char* printed;
-    } cases[] = {
-        {{0x12, 0x14}, 4096, "error, expected sample size did not match 3840 \n"}, // frames of 960 samples
-        {{0x2B, 0x92, 0x08, 0x00}, 4096, ""}, // spectral band replication: another rate comes out
-        {{0x12, 0x30}, 6 * 2048, ""},         // six channels claimed for a stereo stream
-        {{0x12, 0x78}, 15 * 2048, ""},        // a channel configuration that FFmpeg does not open
-    };
-    for (const auto& [config, outputSize, expected] : cases) {
-        const LocalFrame references;
-        const jlong handle = openDecoder(config);
-        ASSERT_GT(handle, 0);
-        jbyteArray info = javaArray(5), output = javaArray(outputSize);
-        EXPECT_EQ(printedBy([&] { EXPECT_EQ(decode(handle, unit, info, output), 0); }), expected);
-        written(info, 0);
-        AACDecoder(close)(javaEnv(), nullptr, handle);
-    }
-}
-
 // FFmpeg takes these for band replication, or for channels, that every later frame would then have.
 TEST(AACDecoder, ComesBackFromDamageInTheFirstUnit) {
     Script stream = streamOf("mono.m4a");
@@ -121,36 +98,48 @@ TEST(AACDecoder, ComesBackFromDamageInTheFirstUnit) {
     EXPECT_GT(misled, 0) << "no trial shows anything";
 }
 
-// A stream of another kind than its configuration says is no damage, which a decoder opened anew would mend.
+// No frame of another size comes out. A stream of another kind than its configuration says is no damage,
+// which a decoder opened anew would mend.
 TEST(AACDecoder, GivesUpOnAStreamOfAnotherKind) {
     const Script mono = streamOf("mono.m4a"), stereo = streamOf("stereo.m4a");
     const struct {
         Bytes config;
         const Script& stream;
-    } cases[] = {{{0x12, 0x10}, mono},                // stereo is announced
-                 {{0x12, 0x14}, stereo},              // frames of 960 samples
-                 {{0x2A, 0x10, 0x88, 0x00}, stereo}}; // spectral band replication
-    for (const auto& [config, stream] : cases) {
-        AudioDecoder decoder;
-        std::copy(config.begin(), config.end(), decoder.config);
-        decoder.configSize = static_cast<uint8_t>(config.size());
-        printedBy([&] { decoder.open(); });
+        int outputSize;
+        std::string printed;
+    } cases[] = {
+        {{0x12, 0x10}, mono, 4096, ""}, // stereo is announced
+        {{0x12, 0x14}, stereo, 4096, "error, expected sample size did not match 3840 \n"}, // 960 samples
+        {{0x2A, 0x10, 0x88, 0x00}, stereo, 4096, ""}, // band replication of the same rate
+        {{0x2B, 0x92, 0x08, 0x00}, stereo, 4096, ""}, // and of another
+        {{0x12, 0x30}, stereo, 6 * 2048, ""},         // six channels
+        {{0x12, 0x78}, stereo, 15 * 2048, ""}};       // that FFmpeg does not open
+    for (const auto& [config, stream, outputSize, printed] : cases) {
+        const LocalFrame references;
+        const jlong handle = openDecoder(config);
+        AudioDecoder& decoder = *reinterpret_cast<AudioDecoder*>(handle);
+        jbyteArray info = javaArray(5), output = javaArray(outputSize);
+        EXPECT_EQ(printedBy([&] { EXPECT_EQ(decode(handle, stream.calls[0], info, output), 0); }), printed);
+        written(info, 0);
         int opened = 0, fitting = 0;
-        const auto decode = [&](Bytes unit) {
+        const auto decodeMore = [&](Bytes unit) {
             const auto size = static_cast<int>(unit.size());
             unit.resize(unit.size() + AV_INPUT_BUFFER_PADDING_SIZE);
-            opened += !std::exchange(decoder.context->opaque, &decoder);
+            if (decoder.context) opened += !std::exchange(decoder.context->opaque, &decoder);
             fitting += decoder.decode(unit.data(), size) == 1024 && decoder.outputSize == 4096;
         };
         for (size_t i = 0; i < 400; ++i)
-            decode(stream.calls.at(i % stream.calls.size()));
+            decodeMore(stream.calls.at(i % stream.calls.size()));
         EXPECT_EQ(fitting, 0);
-        EXPECT_GT(opened, 1) << "damage might have misled it";
+        EXPECT_GT(opened, 0);
         EXPECT_LE(opened, 6);
-        if (&stream == &stereo) continue;
-        for (const Bytes& unit : stereo.calls)
-            decode(unit);
-        EXPECT_EQ(fitting, stereo.calls.size()) << "and goes on where the announced stream begins";
+        if (&stream == &mono) {
+            EXPECT_GT(opened, 1) << "damage might have misled it";
+            for (const Bytes& unit : stereo.calls)
+                decodeMore(unit);
+            EXPECT_EQ(fitting, stereo.calls.size()) << "and goes on where the announced stream begins";
+        }
+        AACDecoder(close)(javaEnv(), nullptr, handle);
     }
 }
 

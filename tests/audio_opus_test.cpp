@@ -134,7 +134,6 @@ TEST(OpusDecoder, ConcealsAsMuchAsIsAskedFor) {
         const jlong handle = Decoder(open)(javaEnv(), nullptr, 2, fec);
         const OpusDecoderOwner bare(opus_decoder_create(48000, 2, nullptr));
         std::vector<opus_int16> pcm(5760 * 2);
-        EXPECT_EQ(Decoder(conceal)(javaEnv(), nullptr, 960, nullptr, handle), 0);
         size_t next = 0;
         for (const int asked : {960, 120, 2880, 5760, 0, 100, -120, 5880}) {
             const LocalFrame references;
@@ -143,6 +142,8 @@ TEST(OpusDecoder, ConcealsAsMuchAsIsAskedFor) {
             EXPECT_EQ(opus_decode(bare.get(), packet.data(), size, pcm.data(), 5760, fec),
                       decode(handle, packet, javaArray(longestPcm)));
             jbyteArray output = javaArray(longestPcm);
+            EXPECT_EQ(Decoder(conceal)(javaEnv(), nullptr, 960, nullptr, handle), 0);
+            EXPECT_EQ(Decoder(conceal)(javaEnv(), nullptr, 960, output, 0), 0);
             const int samples = Decoder(conceal)(javaEnv(), nullptr, asked, output, handle);
             const bool allowed = asked >= 120 && asked <= 5760 && asked % 120 == 0;
             ASSERT_EQ(samples, allowed ? asked : 0);
@@ -180,26 +181,40 @@ TEST(OpusDecoder, TellsOfSoManyBadPackets) {
 }
 
 TEST(OpusEncoder, AppliesItsSettings) {
+    const LocalFrame references;
+    const std::string badBits = "failed to set bitrate: invalid argument\n",
+                      failed = "encode failed: invalid argument\n",
+                      mono = "failed to set OPUS_SET_FORCE_CHANNELS: invalid argument\n";
     const struct {
         int channels, bitrate;
-        const char* refused;
+        std::string refused;
         opus_int32 signal, complexity;
-    } cases[] = {
-        {2, 64000, "", OPUS_SIGNAL_MUSIC, 10},
-        {1, 64000, "failed to set OPUS_SET_FORCE_CHANNELS: invalid argument\n", OPUS_SIGNAL_MUSIC, 10},
-        {2, 0, "failed to set bitrate: invalid argument\n", OPUS_AUTO, 9}};
-    for (const auto& [channels, bitrate, refused, signal, complexity] : cases) {
+        int frameDuration; // frames are of 20 ms, whatever the input
+        size_t inputSize;
+        int result;
+        std::string printed;
+    } cases[] = {{2, 64000, "", OPUS_SIGNAL_MUSIC, 10, 40, 7680, 160, ""},
+                 {2, 64000, "", OPUS_SIGNAL_MUSIC, 10, 40, 7679, 0, ""},
+                 {2, 64000, "", OPUS_SIGNAL_MUSIC, 10, INT_MAX, 100000, 0, ""},
+                 {2, 64000, "", OPUS_SIGNAL_MUSIC, 10, INT_MIN, 0, 1, failed},
+                 {1, 64000, mono, OPUS_SIGNAL_MUSIC, 10, 10, 960, 1, failed},
+                 {2, 0, badBits, OPUS_AUTO, 9, 20, 3840, 3, ""}};
+    for (const auto& [channels, bitrate, refused, signal, complexity, frameDuration, inputSize, result,
+                      printed] : cases) {
         jlong handle = 0;
-        EXPECT_EQ(printedBy([&] { handle = openEncoder(channels, bitrate, 20); }, 2), refused);
-        ASSERT_GT(handle, 0);
+        EXPECT_EQ(printedBy([&] { handle = openEncoder(channels, bitrate, frameDuration); }, 2), refused);
         EXPECT_EQ(setting(handle, OPUS_GET_SIGNAL_REQUEST), signal);
         EXPECT_EQ(setting(handle, OPUS_GET_COMPLEXITY_REQUEST), complexity);
         EXPECT_EQ(setting(handle, OPUS_GET_APPLICATION_REQUEST), OPUS_APPLICATION_AUDIO);
+        jbyteArray output = javaArray(3828);
+        EXPECT_EQ(printedBy([&] { EXPECT_EQ(encode(handle, Bytes(inputSize), output), result); }, 2),
+                  printed);
+        const Bytes packet = written(output, result);
+        const int samples = result > 1 ? opus_packet_get_samples_per_frame(packet.data(), 48000) : 0;
+        EXPECT_EQ(samples, result > 1 ? 960 : 0);
+        EXPECT_TRUE(result != 1 || packet[0] == 0);
         Encoder(close)(javaEnv(), nullptr, handle);
     }
-    EXPECT_EQ(printedBy([&] { EXPECT_EQ(openEncoder(3, 64000, 20), 0); }, 2),
-              "failed to create an encoder: invalid argument\n");
-
     // By itself libopus would leave out the high tones and the difference between left and right.
     const Bytes packet = encodeAll(2, 16000, testSound(2, 48000, 10 * 960)).at(9);
     EXPECT_EQ(opus_packet_get_bandwidth(packet.data()), OPUS_BANDWIDTH_FULLBAND);
@@ -344,33 +359,12 @@ TEST(OpusDecoder, MakesLostPacketsOfTheNextOnesCopy) {
     EXPECT_GT(product / std::sqrt(lostSquares * madeSquares), 0.8);
 }
 
-TEST(OpusEncoder, EncodesFramesOf20Milliseconds) {
-    const LocalFrame references;
-    const struct {
-        int frameDuration;
-        size_t inputSize;
-        int result;
-    } cases[] = {{40, 7680, 160}, {40, 7679, 0}, {10, 1920, 1}, {INT_MAX, 100000, 0}, {INT_MIN, 0, 1}};
-    for (const auto& [frameDuration, inputSize, result] : cases) {
-        SCOPED_TRACE(frameDuration);
-        const jlong handle = openEncoder(2, 64000, frameDuration);
-        jbyteArray output = javaArray(3828);
-        EXPECT_EQ(printedBy([&] { EXPECT_EQ(encode(handle, Bytes(inputSize), output), result); }, 2),
-                  result == 1 ? "encode failed: invalid argument\n" : "");
-        const Bytes packet = written(output, result);
-        if (result == 1) {
-            EXPECT_EQ(packet, Bytes{0});
-        } else if (result > 1) {
-            EXPECT_EQ(opus_packet_get_samples_per_frame(packet.data(), 48000), 960);
-        }
-        Encoder(close)(javaEnv(), nullptr, handle);
-    }
-}
-
 TEST(OpusEncoder, TellsWhatHappensToIt) {
     const LocalFrame references;
     const Bytes frame(3840);
     jlong handle = 0;
+    EXPECT_EQ(printedBy([&] { EXPECT_EQ(openEncoder(3, 64000, 20), 0); }, 2),
+              "failed to create an encoder: invalid argument\n");
     EXPECT_EQ(printedBy([&] { handle = openEncoder(2, 64000, 20); }),
               "Opus encoder - channels in: 2 out: 2 sample rate: 48000 bitrate: 64000\n"
               "Opus encoder opened\nOpus encoder codec opened\n");

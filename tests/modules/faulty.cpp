@@ -31,23 +31,38 @@ constexpr std::string_view fault = TEXT(FAULT);
 int sharedWidth, sharedHeight;
 unsigned char* keptPicture;
 
+void tell(const char* call, int a, int b, const void* data, size_t size) {
+    unsigned sum = 0;
+    for (size_t i = 0; i < size; ++i)
+        sum = sum * 31 + static_cast<const unsigned char*>(data)[i];
+    if (fault == "tells") std::printf("%s %d %d %zu %u\n", call, a, b, size, sum);
+}
+
 class Faulty : public CModuleProcessor {
 public:
     Faulty() { keptPicture = nullptr; }
     unsigned int GetGuid() override { return ::GetGuid() + (fault == "two_guids"); }
-    int Open(unsigned short newWidth, unsigned short newHeight, unsigned char* mode, unsigned char*,
-             unsigned char*, unsigned char*) override {
+    ~Faulty() override { tell("~", 0, 0, nullptr, 0); }
+    int Open(unsigned short newWidth, unsigned short newHeight, unsigned char* mode, unsigned char* second,
+             unsigned char* third, unsigned char* fourth) override {
+        const unsigned char configuration[] = {*mode, *second, *third, *fourth};
+        tell("Open", newWidth, newHeight, configuration, sizeof configuration);
         if (fault == "null_in_open") std::puts("last words"), mode = nullptr;
         if (fault == "null_in_open") *static_cast<unsigned char volatile*>(mode) = 1;
         if (fault == "leaks_in_close") lines = static_cast<unsigned char*>(std::malloc(1000));
         return Reinit(newWidth, newHeight);
     }
     int Reinit(unsigned short newWidth, unsigned short newHeight) override {
+        tell("Reinit", newWidth, newHeight, nullptr, 0);
         width = sharedWidth = newWidth;
         height = sharedHeight = newHeight;
         return 1;
     }
     int Apply(const char* key, const char* value) override {
+        tell("key", 0, 0, key, std::strlen(key));
+        tell("value", 0, 0, value, std::strlen(value));
+        if (fault == "overreads_value")
+            isSet = static_cast<const char volatile*>(value)[std::strlen(value) + 1];
         if (std::strcmp(key, "depth") != 0 || fault == "refuses") return 0;
         isSet = true;
         if (fault == "throws_in_apply") throw std::invalid_argument("stoi\nfails");
@@ -57,6 +72,8 @@ public:
         return std::atoi(fault == "fixed_buffer" ? text : value) >= 0;
     }
     int Process(unsigned char* data, int size, int* timestamp) override {
+        tell("Process", *timestamp, 0, data, static_cast<size_t>(size));
+        if (fault == "tells") return 0;
         if (fault == "late") std::memset(data, 0, 100);
         if (fault == "unset" && !isSet) const_cast<unsigned char volatile*>(data)[size] = 1;
         I420View picture;
@@ -89,7 +106,10 @@ public:
             }
         return 1;
     }
-    void Close() override { std::free(std::exchange(lines, nullptr)); }
+    void Close() override {
+        tell("Close", 0, 0, nullptr, 0);
+        std::free(std::exchange(lines, nullptr));
+    }
 
 private:
     int width = 0; // pixels
@@ -110,6 +130,8 @@ unsigned int GetGuid() {
 
 CModuleProcessor* CreateVideoProcessor() {
     if (fault == "no_object") return nullptr;
+    static void *functions[8], *object = functions;
+    if (fault == "no_table") return reinterpret_cast<CModuleProcessor*>(&object);
     if (fault == "one_object") return theOnlyOne ? theOnlyOne : theOnlyOne = new Faulty;
     return new Faulty;
 }
