@@ -256,7 +256,7 @@ void MIRVProcessor::findReceiveVideo(JavaCall& java, jobject listener) {
 }
 
 void MIRVProcessor::forgetListener(JNIEnv* env) {
-    env->DeleteGlobalRef(listenerClass);
+    if (listenerClass) env->DeleteGlobalRef(listenerClass);
     listenerClass = nullptr;
     receiveVideoMethod = nullptr;
 }
