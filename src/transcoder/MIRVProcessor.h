@@ -67,9 +67,8 @@ public:
     // memory for them; that of a picture comes with the first one.
     bool makePlaces(uint32_t places);
 
-    // Copies the decoder's picture to a place, for encoders to take while decoding goes on. FFmpeg's own is
-    // not referred to in its place: late slices, a second field or one more round of concealment may still
-    // write into a picture that it has given out.
+    // Copies the decoder's picture to a place, for encoders to take while decoding goes on: FFmpeg owns the
+    // planes of its own, and the next call may write into them.
     bool keep(uint32_t place);
 
     // The picture that lies there; null when none does.
