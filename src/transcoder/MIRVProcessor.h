@@ -63,8 +63,8 @@ public:
     // The same without a listener.
     bool encode(CoderOut& output) const;
 
-    // Makes places that keep() copies pictures to, in place of those that there were. Returns whether there is
-    // memory for them; that of a picture comes with the first one.
+    // Makes places that keep() copies pictures to, in place of those that there were. Returns whether there
+    // is memory for them; that of a picture comes with the first one.
     bool makePlaces(uint32_t places);
 
     // Copies the decoder's picture to a place, for encoders to take while decoding goes on: FFmpeg owns the

@@ -115,8 +115,8 @@ final class TranscodeCommand implements Callable<Integer> {
         try (Workspace workspace = new Workspace(results)) {
             Summary.head(track);
             double length = duration == null ? Double.POSITIVE_INFINITY : duration;
-            whole = new TranscodeRun(track, sound.choose(track), start, length, fitted(wanted, requests, rates),
-                    threads == null ? Math.min(MOST_THREADS, Runtime.getRuntime().availableProcessors()) : threads, outputs, made, workspace).run(!noComparison);
+            whole = new TranscodeRun(track, sound.choose(track), start, length, fitted(wanted, requests, rates), usedThreads(),
+                    outputs, made, workspace).run(!noComparison);
         }
         if (!made.json()) {
             Summary.line("results: %s", results);
@@ -133,6 +133,10 @@ final class TranscodeCommand implements Callable<Integer> {
         check(duration == null || duration > 0, "--duration takes more than 0");
         check(threads == null || threads > 0 && threads <= MOST_THREADS, "--threads takes 1 to " + MOST_THREADS);
         check(made.problem() == null, made.problem());
+    }
+
+    private int usedThreads() {
+        return threads == null ? Math.min(MOST_THREADS, Runtime.getRuntime().availableProcessors()) : threads;
     }
 
     private void check(boolean right, String message) {

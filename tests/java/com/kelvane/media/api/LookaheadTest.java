@@ -22,8 +22,8 @@ import org.junit.jupiter.api.Test;
 
 /** Decoding that runs ahead of the encoders. */
 final class LookaheadTest {
-    private static final List<Rendition> LADDER = List.of(Rendition.of(64, 48).bitrate(100_000), Rendition.of(96, 80).bitrate(200_000).keyInterval(10),
-            Rendition.ofSourceSize().bitrate(400_000).frameRate(25));
+    private static final List<Rendition> LADDER = List.of(Rendition.of(64, 48).bitrate(100_000),
+            Rendition.of(96, 80).bitrate(200_000).keyInterval(10), Rendition.ofSourceSize().bitrate(400_000).frameRate(25));
 
     /** All that one can see of a run but the calls that pictures come out in: nothing else may depend on that. */
     private record Seen(List<String> calls, List<String> planned, List<Vectors.Encoded> pictures, List<String> thrown) {
@@ -65,15 +65,16 @@ final class LookaheadTest {
                 }
                 seen.calls.add(String.valueOf(transcoder.needsKey()));
             }
-            seen.calls.add(transcoder.statistics().renditions().stream().map(figures -> figures.pictures() + " " + figures.skipped() + " "
-                    + figures.failed() + " " + figures.bytes()).toList().toString());
+            seen.calls.add(transcoder.statistics().renditions().stream().map(figures -> figures.pictures() + " "
+                    + figures.skipped() + " " + figures.failed() + " " + figures.bytes()).toList().toString());
         }
         return seen;
     }
 
     private static Map<String, List<byte[]>> streams() {
         Map<String, List<byte[]>> streams = new TreeMap<>();
-        for (String name : List.of(Vectors.PLAIN, Vectors.REORDERED, Vectors.CHANGING, "fields.h264", "odd.h264", "yuv422.h264", "tiny.h264")) {
+        for (String name : List.of(Vectors.PLAIN, Vectors.REORDERED, Vectors.CHANGING, "fields.h264", "odd.h264", "yuv422.h264",
+                "tiny.h264")) {
             List<byte[]> units = Vectors.units(name);
             streams.put(name, units);
             Random random = new Random(23);
@@ -122,7 +123,7 @@ final class LookaheadTest {
         streams().forEach((name, units) -> {
             Seen expected = run(Transcoder.builder(), units);
             IntStream.of(1, 3, 64).forEach(lookahead -> {
-                for (Executor executor : lookahead == 1 ? new Executor[] {pool} : executors) {
+                for (Executor executor : lookahead == 3 ? executors : new Executor[] {pool}) {
                     Seen seen = run(Transcoder.builder().parallel(executor).lookahead(lookahead), units);
                     String which = name + " " + lookahead + " " + executor;
                     assertEquals(expected.pictures, seen.pictures, which);
