@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <climits>
 #include <random>
 #include <utility>
 
@@ -180,6 +181,44 @@ TEST(AACEncoder, SoundComesBackChannelByChannel) {
         const Samples decoded = referenceSound(AV_CODEC_ID_AAC, stream, 44100, channels);
         for (size_t channel = 0; channel < count; ++channel)
             EXPECT_GT(snr(sound, decoded, count, channel, 1024), 25);
+    }
+}
+
+TEST(AACEncoder, KeepsToTheBitRateThatIsAskedFor) {
+    const Samples sound = testSound(2, 44100, 100 * 1024);
+    const auto encodeAll = [&](jlong handle) {
+        std::vector<Bytes> units;
+        for (size_t i = 0; i < 100; ++i) {
+            const LocalFrame references;
+            jbyteArray output = javaArray(4096);
+            const int size = encode(handle, pcmBlock(sound, i, 2048), javaArray(6), output);
+            units.push_back(written(output, size));
+        }
+        AACEncoder(close)(javaEnv(), nullptr, handle);
+        return units;
+    };
+    const auto openAt = [](int channels, int sampleRate, int bitrate) {
+        return AACEncoder(openAt)(javaEnv(), nullptr, channels, sampleRate, bitrate);
+    };
+    for (const int bitrate : {24000, 64000, 160000}) {
+        const std::vector<Bytes> units = encodeAll(openAt(2, 44100, bitrate));
+        size_t bytes = 0;
+        for (const Bytes& unit : units)
+            bytes += unit.size();
+        EXPECT_NEAR(static_cast<double>(bytes * 8) * 44100 / (99 * 1024), bitrate, bitrate * 0.1);
+        const bool usual = units == encodeAll(AACEncoder(open)(javaEnv(), nullptr, 2, 44100));
+        EXPECT_EQ(usual, bitrate == 64000);
+    }
+    // FFmpeg ends the process where it cleans up after a rate of 1.
+    const int refused[][3] = {{2, 44100, 15999},  {2, 44100, 6 * 2 * 44100 + 1},
+                              {1, 48000, 1},      {1, 8000, 0},
+                              {1, 48000, -64000}, {1, INT_MIN, 64000}};
+    for (const auto& [channels, sampleRate, bitrate] : refused)
+        EXPECT_EQ(openAt(channels, sampleRate, bitrate), 0);
+    for (const int bitrate : {16000, 6 * 2 * 44100}) {
+        const jlong handle = openAt(2, 44100, bitrate);
+        ASSERT_GT(handle, 0);
+        AACEncoder(close)(javaEnv(), nullptr, handle);
     }
 }
 

@@ -9,6 +9,9 @@
 
 #include <climits>
 #include <cmath>
+#include <cstring>
+#include <iterator>
+#include <random>
 
 #define Decoder(name) Java_com_kelvane_media_transform_codec_NOpusDecoder_##name
 #define Encoder(name) Java_com_kelvane_media_transform_codec_NOpusEncoder_##name
@@ -131,6 +134,7 @@ TEST(OpusDecoder, ConcealsAsMuchAsIsAskedFor) {
         const jlong handle = Decoder(open)(javaEnv(), nullptr, 2, fec);
         const OpusDecoderOwner bare(opus_decoder_create(48000, 2, nullptr));
         std::vector<opus_int16> pcm(5760 * 2);
+        EXPECT_EQ(Decoder(conceal)(javaEnv(), nullptr, 960, nullptr, handle), 0);
         size_t next = 0;
         for (const int asked : {960, 120, 2880, 5760, 0, 100, -120, 5880}) {
             const LocalFrame references;
@@ -200,6 +204,144 @@ TEST(OpusEncoder, AppliesItsSettings) {
     const Bytes packet = encodeAll(2, 16000, testSound(2, 48000, 10 * 960)).at(9);
     EXPECT_EQ(opus_packet_get_bandwidth(packet.data()), OPUS_BANDWIDTH_FULLBAND);
     EXPECT_EQ(opus_packet_get_nb_channels(packet.data()), 2);
+}
+
+// Speech, or what libopus takes for it: each is a tone whose strength changes.
+Samples speechLike(int samples) {
+    Samples sound = testSound(1, 48000, samples);
+    for (size_t i = 0; i < sound.size(); ++i)
+        sound[i] = static_cast<int16_t>(sound[i] * std::pow(std::sin(static_cast<double>(i) / 4000), 2));
+    return sound;
+}
+
+// Packet by packet what libopus alone makes of the same settings, those that change on the way among them.
+TEST(OpusEncoder, TakesSettingsWhileItRuns) {
+    using Settings = std::vector<std::pair<int, int>>;
+    constexpr int duration = OPUS_SET_EXPERT_FRAME_DURATION_REQUEST, voip = OPUS_APPLICATION_VOIP;
+    const struct {
+        int samples; // of a frame
+        Settings first, then;
+    } cases[] = {
+        {960, {}, {{OPUS_SET_BITRATE_REQUEST, 24000}}},
+        {960,
+         {{OPUS_SET_APPLICATION_REQUEST, voip},
+          {OPUS_SET_SIGNAL_REQUEST, OPUS_SIGNAL_VOICE},
+          {OPUS_SET_BANDWIDTH_REQUEST, OPUS_AUTO},
+          {OPUS_SET_FORCE_CHANNELS_REQUEST, OPUS_AUTO},
+          {OPUS_SET_INBAND_FEC_REQUEST, 1},
+          {OPUS_SET_PACKET_LOSS_PERC_REQUEST, 20}},
+         {{OPUS_SET_PACKET_LOSS_PERC_REQUEST, 0}, {OPUS_SET_VBR_REQUEST, 1}}},
+        {120, {{OPUS_SET_APPLICATION_REQUEST, OPUS_APPLICATION_RESTRICTED_LOWDELAY}, {duration, 5001}}, {}},
+        {240, {{duration, 5002}}, {{OPUS_SET_COMPLEXITY_REQUEST, 0}}},
+        {480, {{duration, 5003}}, {{OPUS_SET_VBR_REQUEST, 1}, {OPUS_SET_VBR_CONSTRAINT_REQUEST, 0}}},
+        {1920, {{duration, 5005}}, {{OPUS_SET_DTX_REQUEST, 1}}},
+        {2880, {{duration, 5006}}, {{OPUS_SET_BITRATE_REQUEST, 510000}}}};
+    const Samples sound = speechLike(40 * 2880);
+    for (const auto& [samples, first, then] : cases) {
+        SCOPED_TRACE(samples);
+        const jlong handle = openEncoder(1, 64000, 20), bareHandle = openEncoder(1, 64000, 20);
+        OpusEncoder* bare = reinterpret_cast<NOpusEncoder*>(bareHandle)->encoder.get();
+        const auto apply = [&](const Settings& settings) {
+            for (const auto& [request, value] : settings) {
+                EXPECT_EQ(Encoder(set)(javaEnv(), nullptr, request, value, handle), 1);
+                ASSERT_EQ(opus_encoder_ctl(bare, request, value), OPUS_OK);
+            }
+        };
+        apply(first);
+        for (size_t i = 0; i < 40; ++i) {
+            const LocalFrame references;
+            if (i == 20) apply(then);
+            jbyteArray output = javaArray(3828);
+            const Bytes frame = pcmBlock(sound, i, static_cast<size_t>(samples));
+            EXPECT_EQ(encode(handle, Bytes(frame.begin(), frame.end() - 1), output), 0);
+            const int size = encode(handle, frame, output);
+            EXPECT_EQ(Encoder(packetSize)(javaEnv(), nullptr, handle), size);
+            Bytes expected(3828);
+            const int bareSize = opus_encode(bare, samplesOf(frame).data(), samples,
+                                             reinterpret_cast<unsigned char*>(expected.data()), 3828);
+            expected.resize(static_cast<size_t>(bareSize));
+            ASSERT_EQ(written(output, size), expected) << i;
+            EXPECT_EQ(opus_packet_get_nb_samples(expected.data(), bareSize, 48000), samples);
+        }
+        constexpr int refused[][2] = {{OPUS_SET_APPLICATION_REQUEST, voip + 5},
+                                      {OPUS_SET_BITRATE_REQUEST, 0},
+                                      {duration, OPUS_FRAMESIZE_ARG},
+                                      {duration, OPUS_FRAMESIZE_80_MS},
+                                      {OPUS_RESET_STATE, 0},
+                                      {OPUS_GET_BITRATE_REQUEST, 0},
+                                      {OPUS_SET_COMPLEXITY_REQUEST, 11}};
+        for (const auto& [request, value] : refused)
+            EXPECT_EQ(Encoder(set)(javaEnv(), nullptr, request, value, handle), 0) << request;
+        Encoder(close)(javaEnv(), nullptr, handle);
+        Encoder(close)(javaEnv(), nullptr, bareHandle);
+    }
+}
+
+// As libopus alone does it, for all lengths: by concealment where the packet has no copy, and close to what
+// was lost where it has one.
+TEST(OpusDecoder, MakesLostPacketsOfTheNextOnesCopy) {
+    const std::vector<Bytes> speech = streamOf("fec.opus").calls;
+    const std::vector<Bytes> music = encodeAll(2, 64000, testSound(2, 48000, 60 * 960));
+    const Samples whole = decodeAll(2, 0, speech);
+    int copies = 0;
+    double product = 0, madeSquares = 0, lostSquares = 0;
+    for (const std::vector<Bytes>& packets : {speech, music}) {
+        const jlong handle = Decoder(open)(javaEnv(), nullptr, 2, 0);
+        const OpusDecoderOwner bare(opus_decoder_create(48000, 2, nullptr));
+        const OpusDecoderOwner twin(opus_decoder_create(48000, 2, nullptr));
+        std::vector<opus_int16> pcm(5760 * 2), concealed(5760 * 2);
+        const auto bareDecode = [&](const Bytes& packet, int samples, int fec) {
+            return opus_decode(bare.get(), packet.data(), static_cast<int>(packet.size()), pcm.data(),
+                               samples, fec);
+        };
+        const auto lost = [&](size_t i, int asked) {
+            const LocalFrame references;
+            const Bytes& next = packets[i];
+            jbyteArray packet = javaArray(next), output = javaArray(longestPcm);
+            const bool carries = Decoder(carriesFec)(javaEnv(), nullptr, packet) == JNI_TRUE;
+            const int samples = Decoder(decodeLost)(javaEnv(), nullptr, asked, packet, output, handle);
+            const Samples made = samplesOf(written(output, samples * 4));
+            const bool allowed = asked >= 120 && asked <= 5760 && asked % 120 == 0;
+            ASSERT_EQ(samples, allowed ? asked : 0);
+            if (!allowed) return;
+            std::memcpy(twin.get(), bare.get(), static_cast<size_t>(opus_decoder_get_size(2)));
+            ASSERT_EQ(bareDecode(next, asked, 1), asked);
+            EXPECT_EQ(made, Samples(pcm.begin(), pcm.begin() + 2 * asked)) << asked;
+            ASSERT_EQ(opus_decode(twin.get(), nullptr, 0, concealed.data(), asked, 0), asked);
+            const bool other = !std::equal(made.begin(), made.end(), concealed.begin());
+            EXPECT_EQ(other, carries && asked >= 960) << i << ", " << asked;
+            copies += other;
+            if (!other || asked != 960) return;
+            for (size_t k = 0; k < made.size(); ++k) {
+                const double a = whole.at((i - 1) * 1920 + k), b = made[k];
+                product += a * b, lostSquares += a * a, madeSquares += b * b;
+            }
+        };
+        constexpr int lengths[] = {960, 120, 960, 1920, 960, 5760, 960, 0, 100, -960, 5880};
+        for (size_t i = 1; i < packets.size(); i += 2) {
+            lost(i, lengths[i / 2 % std::size(lengths)]);
+            const LocalFrame references;
+            const Bytes& packet = packets[i];
+            EXPECT_EQ(decode(handle, packet, javaArray(longestPcm)), 960);
+            EXPECT_EQ(bareDecode(packet, 5760, 0), 960);
+        }
+        // Noise is refused or concealed, and nothing else.
+        std::minstd_rand random;
+        for (int trial = 0; trial < 2000; ++trial) {
+            const LocalFrame references;
+            Bytes noise(random() % 40);
+            for (uint8_t& byte : noise)
+                byte = static_cast<uint8_t>(random() >> 8);
+            const int asked = 120 * static_cast<int>(random() % 50);
+            jbyteArray packet = javaArray(noise), output = javaArray(longestPcm);
+            Decoder(carriesFec)(javaEnv(), nullptr, packet);
+            const int made = Decoder(decodeLost)(javaEnv(), nullptr, asked, packet, output, handle);
+            EXPECT_TRUE(made == 0 || made == asked);
+        }
+        Decoder(close)(javaEnv(), nullptr, handle);
+    }
+    EXPECT_GT(copies, 5);
+    EXPECT_GT(product / std::sqrt(lostSquares * madeSquares), 0.8);
 }
 
 TEST(OpusEncoder, EncodesFramesOf20Milliseconds) {

@@ -1,9 +1,6 @@
 #include "support/InstalledTool.h"
 
-#include <chrono>
 #include <csignal>
-#include <sstream>
-#include <thread>
 
 TEST_F(InstalledTool, MakesPlayableRenditionsInDisplayOrder) {
     kelvane("transcode in.h264 -r 320x180@900k,key=10 -r 160x90@300k,cabac -o 'out put'");
@@ -73,8 +70,9 @@ TEST_F(InstalledTool, TellsOfPicturesThatAnEncoderFailedAt) {
     EXPECT_EQ(run("kelvane", "transcode noise.h264 -r 64x48@100k -r 32x32@100k -o out"), 3) << errors;
     EXPECT_EQ(errors, "");
     EXPECT_GT(quality("32x32", "103 +0 +0"), 40);
-    EXPECT_TRUE(std::regex_search(output, std::regex("\n64x48 +100 +0 +3 "))) << output;
-    EXPECT_NE(output.find("\n64x48" + lacks + "OpenH264 has no room"), std::string::npos) << output;
+    EXPECT_TRUE(std::regex_search(output, std::regex("\n64x48 +100 +0 +3 [^\n]*(\n[^6].*)*\n64x48" + lacks +
+                                                     "OpenH264 has no room")))
+        << output;
     EXPECT_EQ(output.find("32x32 lacks"), std::string::npos) << output;
     EXPECT_NE(contents(path("out/result.json")).find("\"failed\":3,\"failure\":\"OpenH264 has no room"),
               std::string::npos);
@@ -116,9 +114,7 @@ TEST_F(InstalledTool, CarriesSoundInStepWithThePictures) {
     for (const auto& [arguments, sound, flashCount, shift] : cases) {
         SCOPED_TRACE(arguments);
         kelvane(std::string("transcode --no-compare -r 80x46@200k -o out ") + arguments);
-        EXPECT_EQ(errors, "");
-        EXPECT_NE(output.find(std::string("sound: ")), std::string::npos) << output;
-        EXPECT_NE(output.find(sound), std::string::npos) << output;
+        EXPECT_TRUE(std::regex_search(output, std::regex("sound: [^\n]*" + std::string(sound)))) << output;
         const auto [flashes, clicks] = flashesAndClicks("out/80x46.mp4", 25, "async=1");
         const std::string first = probe("-select_streams v out/80x46.mp4", "stream=start_time");
         EXPECT_EQ(flashes.size(), flashCount);
@@ -151,10 +147,11 @@ TEST_F(InstalledTool, CutsAllRenditionsAtTheSameTimes) {
 
     const std::string master = contents(path("out/master.m3u8"));
     std::vector<double> cuts;
-    for (const std::string rendition : {"320x180", "160x90", "96x54", "sound"}) {
+    for (const auto& [rendition, rate] : std::vector<std::pair<std::string, std::string>>{
+             {"320x180", "59.940"}, {"160x90", "25.000"}, {"96x54", "10.000"}, {"sound", ""}}) {
         SCOPED_TRACE(rendition);
         std::vector<double> begins;
-        double seconds = 0, peak = 0;
+        double peak = 0;
         for (int i = 0; fs::exists(path("out/" + rendition + "/" + std::to_string(i) + ".m4s")); ++i) {
             const std::string segment = contents(path("out/" + rendition + "/" + std::to_string(i) + ".m4s"));
             std::ofstream(path("segment.mp4"), std::ios::binary)
@@ -170,10 +167,7 @@ TEST_F(InstalledTool, CutsAllRenditionsAtTheSameTimes) {
             EXPECT_NEAR(begins[i], cuts[i], rendition == "sound" ? 0.15 : 0.0011) << i;
             EXPECT_NEAR(begins[i], 2 * static_cast<double>(i), 0.15) << i;
         }
-        std::istringstream playlist(contents(path("out/" + rendition + "/media.m3u8")));
-        for (std::string line; std::getline(playlist, line);)
-            if (line.starts_with("#EXTINF:")) seconds += std::stod(line.substr(8));
-        EXPECT_NEAR(seconds, 7, 0.12);
+        EXPECT_NEAR(duration(path("out/" + rendition + "/media.m3u8")), 7, 0.12);
         const std::string stream =
             probe("out/" + rendition + "/media.m3u8", "stream=width,profile,level -of default=nw=1");
         if (rendition == "sound") continue;
@@ -181,20 +175,16 @@ TEST_F(InstalledTool, CutsAllRenditionsAtTheSameTimes) {
         const std::regex line(
             "BANDWIDTH=([0-9]+),AVERAGE-BANDWIDTH=([0-9]+),CODECS=\"avc1.([0-9a-f]{6}),mp4a.40.2\","
             "RESOLUTION=" +
-            rendition + ",FRAME-RATE=([0-9.]+),AUDIO=\"sound\"\n" + rendition + "/media.m3u8\n");
+            rendition + ",FRAME-RATE=" + rate + ",AUDIO=\"sound\"\n" + rendition + "/media.m3u8\n");
         ASSERT_TRUE(std::regex_search(master, variant, line)) << master;
         EXPECT_GE(std::stod(variant[1]), peak);
         EXPECT_GE(std::stod(variant[1]), std::stod(variant[2]));
-        EXPECT_EQ(variant[4], rendition == "320x180"  ? "59.940"
-                              : rendition == "160x90" ? "25.000"
-                                                      : "10.000");
         const std::string profile = variant[3].str().substr(0, 2), level = variant[3].str().substr(4);
-        EXPECT_NE(stream.find(profile == "42" ? "profile=Constrained Baseline\n" : "profile=High\n"),
+        EXPECT_NE(stream.find((profile == "42" ? "profile=Constrained Baseline\n" : "profile=High\n") +
+                              std::string("width=") + rendition.substr(0, rendition.find('x')) +
+                              "\nlevel=" + std::to_string(std::stoi(level, nullptr, 16)) + "\n"),
                   std::string::npos)
-            << profile << stream;
-        EXPECT_NE(stream.find("level=" + std::to_string(std::stoi(level, nullptr, 16)) + "\n"),
-                  std::string::npos)
-            << level << stream;
+            << profile << level << stream;
     }
     expectFailure("transcode out/320x180/media.m3u8 -r 320x180@500k -o out", 2, "would be overwritten");
 }
@@ -224,11 +214,7 @@ TEST_F(InstalledTool, LaddersTellWhatPlayersGoBy) { // their boxes are looked at
         if (seconds == 0) continue;
         ffmpeg("-i " + out + "/sound/media.m3u8 -f null -"); // silence decodes as well
         EXPECT_EQ(errors, "");
-        double total = 0;
-        std::istringstream playlist(contents(path(out + "/sound/media.m3u8")));
-        for (std::string entry; std::getline(playlist, entry);)
-            if (entry.starts_with("#EXTINF:")) total += std::stod(entry.substr(8));
-        EXPECT_NEAR(total, seconds, 0.03);
+        EXPECT_NEAR(duration(path(out + "/sound/media.m3u8")), seconds, 0.03);
     }
 }
 
@@ -261,20 +247,15 @@ TEST_F(InstalledTool, KeepsWhatDecodesOfADamagedFile) {
     for (const std::string file : {"short", "holes"}) {
         SCOPED_TRACE(file);
         kelvane("transcode " + file + ".h264 -r 160x90@300k -o " + file);
+        std::smatch row;
+        ASSERT_TRUE(std::regex_search(output, row, std::regex("\n160x90 +(1[1-9]|2[0-9]) .* dB "))) << output;
         EXPECT_NE(output.find("\ndamaged source: "), std::string::npos) << output;
-        std::smatch row, last;
-        std::string psnr;
-        ASSERT_TRUE(std::regex_search(output, row, std::regex("\n160x90 +([0-9]+) .* dB "))) << output;
         // Pictures behind lost ones must keep their own times, by which they are compared. (Those between the damage
         // and the next key picture are what FFmpeg makes of them, here and in the comparison, in ways of their own.)
         const std::string result = contents(path(file + "/result.json"));
-        ASSERT_TRUE(std::regex_search(result, last, std::regex(R"("psnrYOfPictures":\[[^\]]*?((,[0-9.]+){5})\])")))
-            << result;
-        for (std::istringstream values(last[1].str().substr(1)); std::getline(values, psnr, ',');)
-            EXPECT_GT(std::stod(psnr), 35) << result;
+        const std::regex good(R"("psnrYOfPictures":\[[^\]]*(,(3[5-9]|[4-9][0-9])\.[0-9]+){5}\])");
+        EXPECT_TRUE(std::regex_search(result, good)) << result;
         EXPECT_EQ(probe(file + "/160x90.mp4", "stream=nb_read_frames"), row[1].str() + "\n");
-        EXPECT_GT(std::stoi(row[1]), 10);
-        EXPECT_LT(std::stoi(row[1]), 30);
     }
 }
 
@@ -286,19 +267,13 @@ TEST_F(InstalledTool, PrintsLinesOfJsonForPrograms) {
          R"x("seconds":1\.2.*"pictures":30,.*"renditions":\[\{"width":160,.*"files":\[.*"master.m3u8"\])x"},
         {"live - -r 160x90@100k < in.h264", "standard input: 320x180",
          R"x("state":"ended",.*"pictures":30,.*"renditions":\[\{"size":"160x90",.*"bytes":[1-9])x"}};
-    const std::regex form(R"x(\{"event":"(message|stage|progress|live|result)",.*\})x");
     for (const auto& [arguments, message, result] : cases) {
-        SCOPED_TRACE(arguments);
         ASSERT_EQ(run("kelvane", std::string(arguments) + " --json"), 0) << errors;
-        std::istringstream lines(output);
-        std::string last, said;
-        for (std::string line; std::getline(lines, line); last = line) {
-            EXPECT_TRUE(std::regex_match(line, form)) << line;
-            if (line.find(R"x("event":"message")x") != std::string::npos) said += line;
-        }
-        EXPECT_NE(said.find(message), std::string::npos) << output;
-        EXPECT_TRUE(std::regex_search(last, std::regex(R"x("event":"result",.*)x" + std::string(result))))
-            << last;
+        const std::regex lines(R"x((\{"event":"(message|stage|progress|live)",.*\}\n)*)x"
+                               R"x(\{"event":"message",.*)x" + std::string(message) + R"x(.*\}\n)x"
+                               R"x((\{"event":"(message|stage|progress|live)",.*\}\n)*)x"
+                               R"x(\{"event":"result",.*)x" + result + R"x(.*\}\n)x");
+        EXPECT_TRUE(std::regex_match(output, lines)) << output;
     }
 }
 
@@ -358,14 +333,12 @@ TEST_F(InstalledTool, ProcessesPicturesAtTheirOwnTimes) {
     const std::string modules = TEST_TREE "/modules/";
     kelvane("process in.h264 --module " + modules +
             "every_other.so --set delay=10 --rate 5 -o 'sub dir/out'");
-    EXPECT_EQ(errors, "");
     const std::string summary = output;
     EXPECT_TRUE(
         std::regex_search(summary, std::regex("\npictures in +30\nkept +15\ndropped by the module +15\n"
                                               "encoded bytes +" +
-                                              std::to_string(fs::file_size(path("sub dir/out.h264"))) + " ")))
-        << summary;
-    EXPECT_TRUE(std::regex_search(summary, std::regex("\nthrough the pipeline +[0-9.]+ ms a picture\n")))
+                                              std::to_string(fs::file_size(path("sub dir/out.h264"))) +
+                                              " [^\n]*\n(.*\n)*through the pipeline +[0-9.]+ ms a picture\n")))
         << summary;
     EXPECT_EQ(names(path("sub dir")), (std::set<std::string>{"out.h264", "out.mp4", "out.png"}));
     // Every other picture of a stream that reorders, 20 ms further from one another, and a key frame
@@ -408,11 +381,8 @@ TEST_F(InstalledTool, TellsOfACrashInsideAModule) {
     ASSERT_TRUE(std::regex_search(errors, file, report)) << errors;
     EXPECT_TRUE(fs::exists(file[1].str()) && fs::path(file[1].str()).parent_path() == directory) << file[1];
     // What the module printed comes through a filter, which may end after the process does.
-    for (int i = 0; i < 100 && errors.find("last words\n") == std::string::npos; ++i) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-        errors = contents(path(".errors"));
-    }
-    EXPECT_NE(errors.find("last words\n"), std::string::npos) << errors;
+    EXPECT_TRUE(within(2, [&] { return contents(path(".errors")).find("last words\n") != std::string::npos; }))
+        << errors;
 }
 
 TEST_F(InstalledTool, LeavesNothingWhenInterruptedOrKilled) {
@@ -424,9 +394,7 @@ TEST_F(InstalledTool, LeavesNothingWhenInterruptedOrKilled) {
     };
     const auto startAndWait = [&] { // the demonstration clip: for half a minute
         const pid_t child = start("kelvane", "transcode -r 4096x2304@20M -o out");
-        for (int i = 0; i < 600 && folder().empty(); ++i)
-            std::this_thread::sleep_for(std::chrono::milliseconds(50));
-        EXPECT_FALSE(folder().empty());
+        EXPECT_TRUE(within(30, [&] { return !folder().empty(); }));
         return child;
     };
     for (const int signal : {SIGINT, SIGTERM}) {
@@ -445,9 +413,7 @@ TEST_F(InstalledTool, LeavesNothingWhenInterruptedOrKilled) {
     // The programs that it had started hold none of its files any more.
     const std::string holders = "for f in /proc/[0-9]*/cwd; do readlink $f; done 2>/dev/null | grep -cF " +
                                 abandoned.filename().string() + " >/dev/null";
-    for (int i = 0; i < 100 && std::system(holders.c_str()) == 0; ++i)
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    EXPECT_NE(std::system(holders.c_str()), 0);
+    EXPECT_TRUE(within(2, [&] { return std::system(holders.c_str()) != 0; }));
     kelvane("transcode in.h264 -r 160x90@100k --no-compare --no-hls -o out");
     EXPECT_EQ(names(path("out")), (std::set<std::string>{"160x90.mp4", "result.json", "index.html"}));
     EXPECT_EQ(run("kelvane", "transcode in.h264 -r 160x90@100k -o out", "/dev/full"), 1);

@@ -110,6 +110,12 @@ bool add(Muxer& muxer, const TestTrack& track, PictureFormat format = {}) {
     return muxer.addPictures(format, track.ticks, parameterSets(stream)) >= 0;
 }
 
+void beginPictures(Muxer& muxer, const char* format, int options) {
+    ASSERT_TRUE(muxer.open(format, options));
+    ASSERT_TRUE(add(muxer, pictures("baseline.h264", false)));
+    ASSERT_GE(muxer.begin(1), 0);
+}
+
 int write(Muxer& muxer, int track, const Unit& unit) {
     MuxedUnit muxed;
     muxed.packet.reset(av_packet_alloc());
@@ -222,6 +228,13 @@ std::vector<std::vector<ReadUnit>> readBack(const Bytes& file) {
     }
     avformat_close_input(&format);
     return tracks;
+}
+
+void expectSame(const ReadUnit& read, const Unit& unit, Muxer::Codec codec, const std::string& name) {
+    constexpr AVCodecID ids[] = {AV_CODEC_ID_H264, AV_CODEC_ID_AAC, AV_CODEC_ID_MP3, AV_CODEC_ID_OPUS};
+    const auto size = static_cast<int>(unit.bytes.size());
+    EXPECT_TRUE(read.bytes == essence(unit.bytes.data(), size, ids[codec], false)) << name;
+    EXPECT_EQ(read.key, unit.key) << name;
 }
 
 Bytes joined(const std::vector<ReadUnit>& units) {
@@ -343,15 +356,9 @@ TEST(EngineContainer, GivesBackWhatItWasGiven) {
                 continue;
             }
             ASSERT_EQ(read[i].size(), units.size());
-            const AVCodecID codecIds[] = {AV_CODEC_ID_H264, AV_CODEC_ID_AAC, AV_CODEC_ID_MP3,
-                                          AV_CODEC_ID_OPUS};
             for (size_t n = 0; n < units.size(); ++n) {
                 const Unit& unit = units[n];
-                EXPECT_TRUE(read[i][n].bytes == essence(unit.bytes.data(),
-                                                        static_cast<int>(unit.bytes.size()),
-                                                        codecIds[tracks[i].codec], false))
-                    << "unit " << n;
-                EXPECT_EQ(read[i][n].key, unit.key) << "unit " << n;
+                expectSame(read[i][n], unit, tracks[i].codec, "unit " + std::to_string(n));
                 if (std::isinf(tick)) continue;
                 EXPECT_NEAR(read[i][n].time, double(unit.presentation) / tracks[i].ticks + offset,
                             tick + 1e-9)
@@ -548,18 +555,13 @@ TEST(EngineContainer, RefusesWhatWouldBreakAContainer) {
         EXPECT_GE(muxer.finish(), 0);
         EXPECT_EQ(write(muxer, 0, {picture, 7200, 7200, 0, true}), code("WRONG_CALL"));
     }
-    for (const auto& [format, first] :
-         {std::pair("mp4", -1), std::pair("flv", -1), std::pair("matroska", -1)}) {
+    for (const auto& [format, options] : {std::pair("mp4", 1), {"flv", 0}, {"matroska", 0}}) {
         Muxer muxer;
-        ASSERT_TRUE(muxer.open(format, std::string(format) == "mp4"));
-        ASSERT_TRUE(add(muxer, pictures("baseline.h264", false)));
-        ASSERT_GE(muxer.begin(1), 0);
-        EXPECT_EQ(write(muxer, 0, {picture, first, first, 0, true}), code("TOO_EARLY")) << format;
+        beginPictures(muxer, format, options);
+        EXPECT_EQ(write(muxer, 0, {picture, -1, -1, 0, true}), code("TOO_EARLY")) << format;
     }
     Muxer full;
-    ASSERT_TRUE(full.open("mp4", Muxer::fragmented));
-    ASSERT_TRUE(add(full, pictures("baseline.h264", false)));
-    ASSERT_GE(full.begin(1), 0);
+    beginPictures(full, "mp4", Muxer::fragmented);
     int written = 0;
     while (write(full, 0, {largePicture, written, written, 1, true}) >= 0)
         ++written;
@@ -567,8 +569,8 @@ TEST(EngineContainer, RefusesWhatWouldBreakAContainer) {
     EXPECT_EQ(write(full, 0, {picture, written, written, 1, true}), code("FRAGMENT_FULL"));
     EXPECT_GT(full.cut(untold), 4 << 24);
     EXPECT_GE(write(full, 0, {picture, written, written, 1, true}), 0);
-    for (const auto& [format, options] : {std::pair("mp4", 0), std::pair("flv", 1), std::pair("mp4", 3),
-                                          std::pair("matroska", 6), std::pair("hls", 0), std::pair("", 0)})
+    for (const auto& [format, options] :
+         {std::pair("mp4", 0), {"flv", 1}, {"mp4", 3}, {"matroska", 6}, {"hls", 0}, {"", 0}})
         EXPECT_FALSE(Muxer().open(format, options)) << format;
 }
 
@@ -578,9 +580,7 @@ TEST(EngineContainer, TakesNoMemoryForWhatWasTaken) {
     for (const auto& [format, options] : {std::pair("mp4", int{Muxer::fragmented}), std::pair("mpegts", 0),
                                           std::pair("flv", 0), std::pair("matroska", 0)}) {
         Muxer muxer;
-        ASSERT_TRUE(muxer.open(format, options));
-        ASSERT_TRUE(add(muxer, pictures("baseline.h264", false)));
-        ASSERT_GE(muxer.begin(1), 0);
+        beginPictures(muxer, format, options);
         size_t held[2] = {};
         int64_t time = 0, taken = 0;
         for (size_t& after : held) {

@@ -17,26 +17,6 @@
 
 namespace {
 
-signed char* signedBytes(Bytes& bytes) { return reinterpret_cast<signed char*>(bytes.data()); }
-
-// A decoder as Java has it.
-class JavaDecoder {
-public:
-    JavaDecoder() {
-        printedBy([&] { handle = AVCDecoder(open)(javaEnv(), nullptr); });
-    }
-    ~JavaDecoder() {
-        printedBy([&] { AVCDecoder(close)(javaEnv(), nullptr, handle); });
-    }
-    int decode(const Bytes& input, jbyteArray info, jbyteArray output) {
-        return AVCDecoder(decode)(javaEnv(), nullptr, javaArray(input), info, output, handle);
-    }
-    int drain(jbyteArray info, jbyteArray output) {
-        return AVCDecoder(drain)(javaEnv(), nullptr, info, output, handle);
-    }
-    jlong handle = 0;
-};
-
 // What a call answers.
 struct Answer {
     Answer(bool got, const AVFrame& frame) {
@@ -51,8 +31,8 @@ struct Answer {
     Bytes picture;
 };
 
-Answer decodeWith(VideoDecoder& decoder, Bytes unit, uint32_t time) {
-    const int got = decoder.decode(signedBytes(unit), static_cast<int>(unit.size()), time);
+Answer decodeWith(VideoDecoder& decoder, const Bytes& unit, uint32_t time) {
+    const int got = decode(decoder, unit, time);
     return {got == 1, *decoder.frame};
 }
 
@@ -86,36 +66,6 @@ private:
 };
 
 } // namespace
-
-TEST(Decoder, PicturesEqualFFmpegsOwnToTheLast) {
-    for (const char* vector :
-         {"baseline.h264", "bframes.h264", "size_change.h264", "yuv422.h264", "odd.h264", "fields.h264"}) {
-        SCOPED_TRACE(vector);
-        const std::vector<Bytes> units = accessUnits(vector);
-        const std::vector<Picture> expected = referenceDecode(units);
-        JavaDecoder decoder;
-        size_t decoded = 0;
-        printedBy([&] {
-            for (size_t call = 0;; ++call) {
-                const LocalFrame references;
-                const Picture& next = expected.at(std::min(decoded, expected.size() - 1));
-                jbyteArray info = javaArray(6), output = javaArray(static_cast<int>(next.i420.size()));
-                const int result = call < units.size() ? decoder.decode(units[call], info, output)
-                                                       : decoder.drain(info, output);
-                if (result == 0 && call >= units.size()) break;
-                if (result == 0) continue;
-                ASSERT_EQ(result, 1);
-                EXPECT_TRUE(bytesOf(output) == next.i420) << "picture " << decoded;
-                const auto byte = [](int value) { return static_cast<uint8_t>(value); };
-                EXPECT_EQ(bytesOf(info),
-                          (Bytes{1, byte(next.width >> 8), byte(next.width), byte(next.height >> 8),
-                                 byte(next.height), byte(next.format)}));
-                ++decoded;
-            }
-        });
-        EXPECT_EQ(decoded, expected.size());
-    }
-}
 
 // Whatever pieces a stream comes in, wherever it begins, and whichever of its fields were lost: what FFmpeg's
 // decoder makes of it comes out, call by call. Most of these kinds have long runs of calls without a picture.
@@ -164,6 +114,7 @@ TEST(EngineDecoder, AnswersEveryCallAsFFmpegDoes) {
             BareDecoder bare;
             int pictures = 0;
             printedBy([&] {
+                EXPECT_EQ(decoder.drain(), 0) << "before open";
                 decoder.open();
                 EXPECT_TRUE(decoder.context->flags & AV_CODEC_FLAG_TRUNCATED) << "which another FFmpeg heeds";
                 for (uint32_t i = 0; i < pieces.size(); ++i) {
@@ -174,50 +125,14 @@ TEST(EngineDecoder, AnswersEveryCallAsFFmpegDoes) {
                     EXPECT_EQ(decoder.pictureReady, expected.time >= 0);
                     pictures += expected.time >= 0;
                 }
+                for (int call = 0; call < 4; ++call)
+                    EXPECT_EQ(decoder.drain(), decoder.pictureReady);
                 decoder.close();
                 decoder.close();
             });
             EXPECT_GT(pictures, 20);
         }
     }
-}
-
-TEST(EngineDecoder, IsAsNewOnceDrained) {
-    VideoDecoder used;
-    printedBy([&] {
-        EXPECT_EQ(used.drain(), 0) << "before open";
-        used.open();
-        EXPECT_EQ(used.drain(), 0);
-        const std::pair<const char*, bool> streams[] = {// and whether they are drained to the end
-                                                        {"bframes.h264", true},  {"slices.h264", true},
-                                                        {"fields.h264", true},   {"odd.h264", true},
-                                                        {"bframes.h264", false}, {"slices.h264", false},
-                                                        {"bframes.h264", true}};
-        for (const auto& [vector, toTheEnd] : streams) {
-            VideoDecoder fresh;
-            fresh.open();
-            std::vector<Bytes> units = accessUnits(vector);
-            if (used.pictureTime == 0) units.resize(1); // the first stream has one picture
-            size_t pictures = 0;
-            for (uint32_t i = 1; i <= units.size(); ++i) {
-                const Answer expected = decodeWith(fresh, units[i - 1], i);
-                ASSERT_TRUE(decodeWith(used, units[i - 1], i) == expected) << vector << ", call " << i;
-                pictures += expected.time >= 0;
-            }
-            for (Answer expected = drainWith(fresh); expected.time >= 0;
-                 expected = drainWith(fresh), ++pictures) {
-                ASSERT_TRUE(drainWith(used) == expected) << vector;
-                EXPECT_EQ(used.pictureTime * int64_t{1000}, expected.time);
-                EXPECT_EQ(used.pictureReady, 1);
-                if (!toTheEnd) break;
-            }
-            if (!toTheEnd) continue;
-            EXPECT_EQ(used.drain(), 0);
-            EXPECT_EQ(used.pictureReady, 0);
-            EXPECT_EQ(used.drain(), 0);
-            EXPECT_EQ(pictures, std::string(vector) == "fields.h264" ? units.size() / 2 : units.size());
-        }
-    });
 }
 
 TEST(Decoder, TellsItsLife) {
@@ -260,65 +175,78 @@ TEST(Decoder, TellsItsLife) {
 TEST(EngineDecoder, RejectsInputWithoutALongStartCode) {
     VideoDecoder decoder;
     printedBy([&] { decoder.open(); });
-    const std::pair<Bytes, const char*> rejected[] = {{{0, 0, 1, 101, 136}, "5  0  0  1  101"},
-                                                      {{0, 0, 0, 2, 103}, "5  0  0  0  2"},
-                                                      {{0, 0, 255, 128}, "4  0  0  -1  -128"},
-                                                      {{0, 0, 1}, "3  0  0  1  0"},
-                                                      {{}, "0  0  0  0  0"}};
+    const Bytes rejected[] = {{0, 0, 1, 101, 136}, {0, 0, 0, 2, 103}, {0, 0, 255, 128}, {0, 0, 1}, {}};
     decoder.timestamp = 77;
-    for (auto [input, numbers] : rejected) {
-        input.shrink_to_fit();
-        decoder.pictureReady = 1;
-        const auto decode = [&] {
-            EXPECT_EQ(decoder.decode(signedBytes(input), static_cast<int>(input.size()), 5), -1);
-        };
-        EXPECT_EQ(printedBy(decode), "bad input to decoder " + std::string(numbers) + "\n   ");
-        EXPECT_EQ(decoder.pictureReady, 0);
-        EXPECT_EQ(decoder.timestamp, 77u);
-    }
-    Bytes startCode{0, 0, 0, 1};
-    EXPECT_EQ(decoder.decode(signedBytes(startCode), 4, 6), 0);
+    EXPECT_EQ(printedBy([&] {
+                  for (const Bytes& unit : rejected) {
+                      decoder.pictureReady = 1;
+                      EXPECT_EQ(decode(decoder, unit, 5), -1);
+                      EXPECT_EQ(std::pair(decoder.pictureReady, decoder.timestamp), std::pair(0, 77u));
+                  }
+              }),
+              "bad input to decoder 5  0  0  1  101\n   bad input to decoder 5  0  0  0  2\n   "
+              "bad input to decoder 4  0  0  -1  -128\n   bad input to decoder 3  0  0  1  0\n   "
+              "bad input to decoder 0  0  0  0  0\n   ");
+    const Bytes startCode{0, 0, 0, 1};
+    EXPECT_EQ(decode(decoder, startCode, 6), 0);
     EXPECT_EQ(decoder.timestamp, 6u);
 
     VideoDecoder neverOpened;
-    EXPECT_EQ(neverOpened.decode(signedBytes(startCode), 4, 6), 0);
+    EXPECT_EQ(decode(neverOpened, startCode, 6), 0);
 }
 
-TEST(Decoder, APictureOfANewSizeWaitsToBeTaken) {
-    const LocalFrame references;
-    const std::vector<Bytes> units = accessUnits("bframes.h264");
-    const std::vector<Picture> expected = referenceDecode(units);
-    const int size = static_cast<int>(expected[0].i420.size());
-    JavaDecoder decoder;
-    jbyteArray info = javaArray(6), tooSmall = javaArray(size - 1), output = javaArray(size);
-    const auto take = [&](jbyteArray picture) {
-        return AVCDecoder(take)(javaEnv(), nullptr, info, picture, decoder.handle);
-    };
-    printedBy([&] {
-        EXPECT_EQ(take(output), 0);
+// Every picture of every kind, with FFmpeg's own bytes, to the last that is held back; those for which the
+// array is too small wait to be taken, or are left behind.
+TEST(Decoder, DeliversOrKeepsPicturesEqualToFFmpegsOwn) {
+    for (const char* vector :
+         {"baseline.h264", "bframes.h264", "size_change.h264", "yuv422.h264", "odd.h264", "fields.h264"}) {
+        SCOPED_TRACE(vector);
+        const std::vector<Bytes> units = accessUnits(vector);
+        const std::vector<Picture> expected = referenceDecode(units);
         size_t decoded = 0;
-        for (size_t call = 0; call < units.size() + 3; ++call) {
-            const LocalFrame callReferences;
-            const bool drains = call >= units.size();
-            const int result =
-                drains ? decoder.drain(info, tooSmall)
-                       : AVCDecoder(decodeAt)(javaEnv(), nullptr, static_cast<jlong>(call) - 5,
-                                              javaArray(units[call]), info, tooSmall, decoder.handle);
-            EXPECT_EQ(result, call < 2 || decoded == expected.size() ? 0 : -size) << "two are held back";
-            if (result == 0) {
-                EXPECT_EQ(take(output), 0) << "a new call ends the waiting";
-                continue;
+        printedBy([&] {
+            JNIEnv* const env = javaEnv();
+            const jlong handle = AVCDecoder(open)(env, nullptr);
+            for (size_t call = 0; call <= units.size() || decoded < expected.size(); ++call) {
+                const LocalFrame references;
+                const Picture& next = expected.at(std::min(decoded, expected.size() - 1));
+                const int size = static_cast<int>(next.i420.size());
+                const bool waits = decoded % 3 > 0;
+                jbyteArray info = javaArray(6), output = javaArray(size), small = javaArray(size - 1);
+                const auto take = [&](jbyteArray picture) {
+                    return AVCDecoder(take)(env, nullptr, info, picture, handle);
+                };
+                if (decoded == 0 || waits) {
+                    EXPECT_EQ(take(output), 0) << "nothing waits at first, or any more";
+                }
+                jbyteArray given = waits ? small : output;
+                const int result =
+                    call < units.size() ? AVCDecoder(decodeAt)(env, nullptr, static_cast<jlong>(call) - 5,
+                                                               javaArray(units[call]), info, given, handle)
+                                        : AVCDecoder(drain)(env, nullptr, info, given, handle);
+                if (result == 0) {
+                    EXPECT_EQ(take(output), 0) << "a new call ends the waiting";
+                    ASSERT_LE(call, units.size());
+                    continue;
+                }
+                ASSERT_EQ(result, waits ? -size : 1) << "call " << call;
+                EXPECT_EQ(AVCDecoder(pictureTime)(env, nullptr, handle), // the low 32 bits count
+                          (next.accessUnit - 5) & 0xFFFFFFFF);
+                if (decoded++ % 3 == 2) continue; // this one is left behind
+                if (waits) {
+                    EXPECT_EQ(take(small), -size);
+                    EXPECT_EQ(take(output), 1);
+                }
+                EXPECT_TRUE(bytesOf(output) == next.i420) << "picture " << decoded;
+                const auto byte = [](int value) { return static_cast<uint8_t>(value); };
+                EXPECT_EQ(bytesOf(info),
+                          (Bytes{1, byte(next.width >> 8), byte(next.width), byte(next.height >> 8),
+                                 byte(next.height), byte(next.format)}));
             }
-            EXPECT_EQ(AVCDecoder(pictureTime)(javaEnv(), nullptr, decoder.handle), // the low 32 bits count
-                      (expected[decoded].accessUnit - 5) & 0xFFFFFFFF);
-            if (decoded++ % 2) continue; // this one is left behind
-            EXPECT_EQ(take(tooSmall), -size);
-            EXPECT_EQ(take(output), 1);
-            EXPECT_TRUE(bytesOf(output) == expected[decoded - 1].i420);
-            EXPECT_EQ(take(output), 0);
-        }
+            AVCDecoder(close)(env, nullptr, handle);
+        });
         EXPECT_EQ(decoded, expected.size());
-    });
+    }
 }
 
 // FFmpeg waits for the rest of a picture whose end was lost. It is given up at the next picture.

@@ -93,26 +93,6 @@ TEST_F(EngineEncoder, ClampsFrameRateThenKeyInterval) {
     }
 }
 
-TEST_F(EngineEncoder, DescribesThePictureInPlaceAndGathersAllLayers) {
-    openQuietly();
-    library.inventedLayers = MAX_LAYER_NUM_OF_FRAME;
-    EXPECT_EQ(encode(0xFFFFFFFF), 1);
-    SSourcePicture expected{};
-    expected.iColorFormat = videoFormatI420;
-    expected.iPicWidth = expected.iStride[0] = 176;
-    expected.iPicHeight = 144;
-    expected.iStride[1] = expected.iStride[2] = 88;
-    expected.pData[0] = picture.data();
-    expected.pData[1] = picture.data() + 176 * 144;
-    expected.pData[2] = picture.data() + 176 * 144 * 5 / 4;
-    expected.uiTimeStamp = 4294967295;
-    EXPECT_EQ(std::memcmp(&library.source, &expected, sizeof expected), 0);
-    Bytes layers;
-    for (int i = 0; i < MAX_LAYER_NUM_OF_FRAME; ++i)
-        layers.insert(layers.end(), 5, static_cast<uint8_t>(i));
-    EXPECT_EQ(Bytes(encoder.output.get(), encoder.output.get() + encoder.outputSize), layers);
-}
-
 TEST_F(EngineEncoder, DropsTheOutputBeforeEachPictureAndSaysWhy) {
     openQuietly();
     encoder.debug = 1;
@@ -130,7 +110,8 @@ TEST_F(EngineEncoder, DropsTheOutputBeforeEachPictureAndSaysWhy) {
     library.skipPictures = true;
     expectNothing("skip\n");
 
-    EXPECT_EQ(encode(), 1);
+    EXPECT_EQ(encode(0xFFFFFFFF), 1);
+    EXPECT_EQ(library.timestamps.back(), 4294967295);
     picture.pop_back();
     picture.shrink_to_fit(); // a read past its end is seen by AddressSanitizer
     const std::string refused =

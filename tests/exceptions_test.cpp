@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <map>
+#include <string_view>
 
 namespace {
 
@@ -20,7 +21,8 @@ TEST_F(Exceptions, OfLibrariesStayInTheEngine) {
     std::map<std::string, int> encodes; // lives of each kind with an exception in FFmpeg's encoder
     for (const SubjectKind& kind : subjectKinds()) {
         // These call nothing that has C++ behind it.
-        if (std::string(kind.name) == "primitives" || std::string(kind.name) == "muxer") continue;
+        const std::string_view name = kind.name;
+        if (name == "primitives" || name == "muxer" || name == "resampler") continue;
         Script script = seedOf(kind, kind.seeds[0]);
         if (script.calls.size() > 6) script.calls.resize(6);
         std::vector<uint64_t> expected;
@@ -33,7 +35,7 @@ TEST_F(Exceptions, OfLibrariesStayInTheEngine) {
         EXPECT_GE(calls, 1) << kind.name;
         lives += calls;
         for (int throwAt = 1; throwAt <= calls; ++throwAt) {
-            SCOPED_TRACE(std::string(kind.name) + ", call " + std::to_string(throwAt));
+            SCOPED_TRACE(std::string(name) + ", call " + std::to_string(throwAt));
             const std::string printed = printedBy([&] {
                 const ThrowingLibraries libraries(library, throwAt);
                 EXPECT_NO_THROW(EXPECT_LE(live(kind, script).size(), expected.size()));
@@ -52,18 +54,15 @@ TEST_F(Exceptions, OfLibrariesStayInTheEngine) {
 TEST_F(Exceptions, BeginADecoderAnew) {
     const std::vector<Bytes> units = accessUnits("baseline.h264");
     VideoDecoder decoder;
-    const auto decode = [&](const Bytes& unit) {
-        Bytes copy = unit;
-        return decoder.decode(reinterpret_cast<signed char*>(copy.data()), static_cast<int>(copy.size()), 0);
-    };
     printedBy([&] { decoder.open(); });
     for (int round = 0; round < 3; ++round) {
         printedBy([&] {
-            EXPECT_EQ(std::ranges::count_if(units, [&](const Bytes& unit) { return decode(unit) == 1; }),
-                      static_cast<ptrdiff_t>(units.size()));
+            EXPECT_EQ(
+                std::ranges::count_if(units, [&](const Bytes& unit) { return decode(decoder, unit) == 1; }),
+                static_cast<ptrdiff_t>(units.size()));
         });
         decoder.context->get_buffer2 = [](AVCodecContext*, AVFrame*, int) -> int { throw 7; };
-        EXPECT_EQ(printedBy([&] { EXPECT_EQ(decode(units[0]), 0); }),
+        EXPECT_EQ(printedBy([&] { EXPECT_EQ(decode(decoder, units[0]), 0); }),
                   "Exception in decode\nAVC decoder codec opened 0\n");
         EXPECT_EQ(decoder.packet.data, nullptr);
     }

@@ -6,19 +6,10 @@
 
 #include <algorithm>
 #include <array>
-#include <chrono>
 #include <cmath>
 #include <csignal>
-#include <sstream>
-#include <thread>
 
 namespace {
-
-bool within(int seconds, const auto& holds) {
-    for (int i = 0; i < 20 * seconds && !holds(); ++i)
-        std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    return holds();
-}
 
 // The server's answer, or nothing.
 std::string request(int port, const std::string& line, const std::string& headers = "Host: localhost\r\n") {
@@ -36,15 +27,6 @@ std::string request(int port, const std::string& line, const std::string& header
     return answer;
 }
 
-// The lines of a playlist that begin so, without that.
-std::vector<std::string> entries(const std::string& playlist, const std::string& begin) {
-    std::vector<std::string> found;
-    std::istringstream lines(playlist);
-    for (std::string line; std::getline(lines, line);)
-        if (line.starts_with(begin)) found.push_back(line.substr(begin.size()));
-    return found;
-}
-
 } // namespace
 
 TEST_F(InstalledTool, GoesOnThroughWhatALiveSourceDoes) {
@@ -53,8 +35,8 @@ TEST_F(InstalledTool, GoesOnThroughWhatALiveSourceDoes) {
     // MPEG-TS.
     makeFlashesAndClicks("320x180", "-t 4 -g 25 -b:v 300k -f mpegts a.ts");
     makeFlashesAndClicks("640x360", "-t 4 -g 25 -b:v 300k -output_ts_offset 5000 -f mpegts b.ts");
-    ASSERT_EQ(run("ffmpeg", "-v error -i a.ts -c copy -output_ts_offset 95439.6 wrap.ts"), 0) << errors;
-    ASSERT_EQ(run("ffmpeg", "-v error -i b.ts -c copy next.flv"), 0) << errors;
+    ffmpeg("-i a.ts -c copy -output_ts_offset 95439.6 wrap.ts");
+    ffmpeg("-i b.ts -c copy next.flv");
     std::string holed = contents(path("a.ts"));
     std::ofstream(path("holed.ts"), std::ios::binary) << holed.replace(holed.size() / 2, 3000, 3000, '\x55');
     ASSERT_EQ(mkfifo(path("in").c_str(), 0600), 0);
@@ -77,35 +59,27 @@ TEST_F(InstalledTool, GoesOnThroughWhatALiveSourceDoes) {
     const int port = std::stoi(page[1]);
     fs::create_symlink(path("in.h264"), path("out/320x180/99.m4s"));
     const std::string home = "Host: localhost\r\n", elsewhere = "Host: elsewhere.example\r\n";
-    const std::string open = "\r\nAccess-control-allow-origin: *\r\n";
     const std::string tag =
         entries(request(port, "HEAD /320x180/0.m4s"), "Etag: ").at(0); // with its carriage return
-    struct Case {
-        std::string line, headers, status, part;
-    };
-    for (const auto& [line, headers, status, part] : std::vector<Case>{
-             {"GET /", home, "200", "text/html"},
-             {"GET /live.json", "Host: 127.0.0.1:80\r\n", "200", "application/json"},
-             {"GET /live.json", elsewhere, "421", ""}, // a page there must not read the figures
-             {"GET /live.json", "", "421", ""},
-             {"GET /", elsewhere, "421", ""},
-             {"HEAD /master.m3u8", elsewhere, "200", "application/vnd.apple.mpegurl"},
-             {"GET /320x180/0.m4s", home, "200", "video/mp4"},
-             {"GET /320x180/0.m4s", home, "200", open},
-             {"GET /sound/media.m3u8", elsewhere, "200", open},
-             {"GET /320x180/0.m4s", home + "If-None-Match: " + tag + "\n", "304", ""},
-             {"GET /../in.h264", home, "404", ""},
-             {"GET /%2e%2e/in.h264", home, "404", ""},
-             {"GET /320x180/..%2f..%2fin.h264", home, "404", ""},
-             {"GET /320x180/99.m4s", home, "404", ""},
-             {"GET /.kelvane-live", home, "404", ""},
-             {"POST /", home, "405", ""}}) {
-        const std::string answer = request(port, line, headers);
-        EXPECT_TRUE(answer.starts_with("HTTP/1.1 " + status)) << line << answer.substr(0, 300);
-        EXPECT_NE(answer.find(part), std::string::npos) << line << answer.substr(0, 300);
-        if (line.ends_with("live.json")) {
-            EXPECT_EQ(answer.find("llow-origin"), std::string::npos);
-        }
+    for (const auto& [line, headers, expected] : std::vector<std::array<std::string, 3>>{
+             {"GET /", home, "200[\\s\\S]*text/html"},
+             {"GET /live.json", "Host: 127.0.0.1:80\r\n", "200(?![\\s\\S]*llow-origin)[\\s\\S]*application/json"},
+             {"GET /live.json", elsewhere, "421(?![\\s\\S]*llow-origin)"}, // a page there must not read the figures
+             {"GET /live.json", "", "421"},
+             {"GET /", elsewhere, "421"},
+             {"HEAD /master.m3u8", elsewhere, "200[\\s\\S]*application/vnd.apple.mpegurl"},
+             {"GET /320x180/0.m4s", home, "200[\\s\\S]*video/mp4\r\nAccess-control-allow-origin: \\*\r\n"},
+             {"GET /sound/media.m3u8", elsewhere, "200[\\s\\S]*\nAccess-control-allow-origin: \\*\r\n"},
+             {"GET /320x180/0.m4s", home + "If-None-Match: " + tag + "\n", "304"},
+             {"GET /../in.h264", home, "404"},
+             {"GET /%2e%2e/in.h264", home, "404"},
+             {"GET /320x180/..%2f..%2fin.h264", home, "404"},
+             {"GET /320x180/99.m4s", home, "404"},
+             {"GET /.kelvane-live", home, "404"},
+             {"POST /", home, "405"}}) {
+        const std::string answer = request(port, line, headers).substr(0, 500);
+        const std::regex begin("HTTP/1.1 " + expected);
+        EXPECT_TRUE(std::regex_search(answer, begin, std::regex_constants::match_continuous)) << line << answer;
     }
     kill(child, SIGINT);
     EXPECT_TRUE(within(6, [&] { // players have yet to read the end
@@ -120,9 +94,9 @@ TEST_F(InstalledTool, GoesOnThroughWhatALiveSourceDoes) {
     EXPECT_EQ(entries(playlist, "#EXTINF:"), entries(contents(path("out/160x90/media.m3u8")), "#EXTINF:"));
     EXPECT_NE(playlist.find("#EXT-X-PLAYLIST-TYPE:VOD\n"), std::string::npos) << playlist;
     EXPECT_TRUE(playlist.ends_with("#EXT-X-ENDLIST\n")) << playlist;
-    std::istringstream times(probe("-select_streams v out/320x180/media.m3u8", "packet=pts_time"));
     std::vector<double> shown;
-    for (std::string time; std::getline(times, time);)
+    for (const std::string& time :
+         entries(probe("-select_streams v out/320x180/media.m3u8", "packet=pts_time"), ""))
         if (!time.empty()) shown.push_back(std::stod(time));
     ASSERT_GT(shown.size(), 550u) << "of 600, without those that were lost in the hole";
     int gaps = 0;
@@ -154,11 +128,7 @@ TEST_F(InstalledTool, KeepsAWindowAndLeavesOutWhatIsTooMuch) {
     EXPECT_EQ(probe("-select_streams v live/320x180/media.m3u8", "stream=nb_read_frames"), "100\n\n100\n");
 
     // Hardly a machine encodes 60 such pictures a second: the smaller rendition stands in.
-    ASSERT_EQ(
-        run("ffmpeg",
-            "-v error -y -f lavfi -i testsrc2=size=320x180:rate=60 -t 6 -c:v libopenh264 -g 60 fast.ts"),
-        0)
-        << errors;
+    ffmpeg("-f lavfi -i testsrc2=size=320x180:rate=60 -t 6 -c:v libopenh264 -g 60 fast.ts");
     ASSERT_EQ(run("kelvane", "live - --segment 1 -r 4096x2304@20M -r 160x90@100k < fast.ts"), 0) << errors;
     EXPECT_NE(output.find("4096x2304 is left out"), std::string::npos) << output;
     const std::string large = contents(path("live/4096x2304/media.m3u8"));

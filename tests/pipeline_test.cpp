@@ -222,6 +222,11 @@ TEST_F(PipelineTest, WhatYieldsNothingSaysSo) {
     EXPECT_EQ(pipeline.sizeInfo, untouched);
     EXPECT_EQ(pipeline.write(0, units[0]), 0);
     EXPECT_EQ(pipeline.sizeInfo, bigEndian(0));
+    Pipeline closed;
+    EXPECT_EQ(closed.write(0, units[0]), 1);
+    for (int times = 0; times < 2; ++times)
+        closed.engine().close();
+    EXPECT_EQ(closed.read().timestamp, untouched) << "nothing is pending any more";
 }
 
 TEST_F(PipelineTest, PassesAccessUnitsToTheModuleAndTakesNulls) {

@@ -19,6 +19,11 @@ namespace {
 
 constexpr int blockSamples = 1024; // per channel
 
+// FFmpeg's encoder gives each block 6144 bits a channel at most. Of less than this its cutoff frequency can
+// come to be 0, and it then ends the process where it cleans up.
+constexpr int smallestBitrate = 8000; // bits per second and channel
+constexpr int largestBitsPerSample = 6;
+
 // Of a block of PCM; also more than the largest access unit, 768 bytes for each channel.
 constexpr int blockBytes(int channels) { return channels * blockSamples * 2; }
 
@@ -100,14 +105,17 @@ void AudioEncoder::close() {
     frame.reset();
 }
 
-JNIEXPORT jlong JNICALL Java_com_kelvane_media_transform_codec_AACEncoder_open(JNIEnv*, jclass, jint channels,
-                                                                               jint sampleRate) {
+namespace {
+
+// A `bitrate` of 0 leaves the engine's own.
+jlong open(int channels, int sampleRate, int bitrate) {
     av_register_all();
     AudioEncoder* encoder = aac_enc_ctx.NewCodec();
     if (!encoder) return -1;
     std::puts("Codec init");
     encoder->channels = std::clamp(channels, 1, 2);
     encoder->sampleRate = sampleRate;
+    if (bitrate != 0) encoder->bitrate = bitrate;
     encoder->open();
     if (encoder->codec) {
         std::puts("AAC encoder codec opened");
@@ -115,6 +123,22 @@ JNIEXPORT jlong JNICALL Java_com_kelvane_media_transform_codec_AACEncoder_open(J
     }
     aac_enc_ctx.RemoveCodec(encoder->handle);
     return 0;
+}
+
+} // namespace
+
+JNIEXPORT jlong JNICALL Java_com_kelvane_media_transform_codec_AACEncoder_open(JNIEnv*, jclass, jint channels,
+                                                                               jint sampleRate) {
+    return open(channels, sampleRate, 0);
+}
+
+JNIEXPORT jlong JNICALL Java_com_kelvane_media_transform_codec_AACEncoder_openAt(JNIEnv*, jclass,
+                                                                                 jint channels,
+                                                                                 jint sampleRate,
+                                                                                 jint bitrate) {
+    const int64_t count = std::clamp(channels, 1, 2);
+    if (bitrate < smallestBitrate * count || bitrate > largestBitsPerSample * count * sampleRate) return 0;
+    return open(channels, sampleRate, bitrate);
 }
 
 JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_AACEncoder_encode(

@@ -4,6 +4,7 @@
 #include "bridge/JavaCall.h"
 #include "com_kelvane_media_transform_codec_NOpusDecoder.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 
@@ -38,6 +39,26 @@ int NOpusDecoder::conceal(int samples) {
     if (samples <= 0 || samples > longestFrame) return 0;
     int16_t pcm[longestFrame * codedChannels];
     return deliver(opus_decode(decoder.get(), nullptr, 0, pcm, samples, 0), pcm);
+}
+
+int NOpusDecoder::decodeLost(int samples, const unsigned char* next, int length) {
+    if (samples <= 0 || samples > longestFrame) return 0;
+    int16_t pcm[longestFrame * codedChannels];
+    return deliver(opus_decode(decoder.get(), next, length, pcm, samples, 1), pcm);
+}
+
+bool NOpusDecoder::carriesFec(const unsigned char* packet, int length) {
+    constexpr unsigned char withoutSpeech = 0x80;
+    if (length < 1 || packet[0] & withoutSpeech) return false;
+    const unsigned char* frames[48];
+    opus_int16 sizes[48];
+    if (opus_packet_parse(packet, length, nullptr, frames, sizes, nullptr) < 1 || sizes[0] < 1) return false;
+    // Each channel begins with a bit for each 20 ms, whether there is voice, and then one for the copy.
+    const int voiceBits = std::max(1, opus_packet_get_samples_per_frame(packet, sampleRate) / 960);
+    const int bits = frames[0][0];
+    const bool first = bits >> (7 - voiceBits) & 1;
+    const bool second = opus_packet_get_nb_channels(packet) == 2 && bits >> (6 - 2 * voiceBits) & 1;
+    return first || second;
 }
 
 // `samples`: libopus's result.
@@ -122,6 +143,24 @@ JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_NOpusDecoder_conce
     NOpusDecoder* engine = opus_dec_ctx.GetCoder(handle);
     if (!engine || !output) return 0;
     return copyOut(JavaCall(env), *engine, engine->conceal(samples), output);
+}
+
+JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_NOpusDecoder_decodeLost(
+    JNIEnv* env, jclass, jint samples, jbyteArray next, jbyteArray output, jlong handle) {
+    NOpusDecoder* engine = opus_dec_ctx.GetCoder(handle);
+    if (!engine || !next || !output) return 0;
+    JavaCall java(env);
+    const ArrayCopy packet = java.copyIn(next);
+    if (!packet) return 0;
+    return copyOut(java, *engine, engine->decodeLost(samples, packet.as<unsigned char>(), packet.size),
+                   output);
+}
+
+JNIEXPORT jboolean JNICALL Java_com_kelvane_media_transform_codec_NOpusDecoder_carriesFec(JNIEnv* env, jclass,
+                                                                                          jbyteArray packet) {
+    if (!packet) return JNI_FALSE;
+    const ArrayCopy copy = JavaCall(env).copyIn(packet);
+    return copy && NOpusDecoder::carriesFec(copy.as<unsigned char>(), copy.size);
 }
 
 JNIEXPORT void JNICALL Java_com_kelvane_media_transform_codec_NOpusDecoder_limitFailureLines(JNIEnv*, jclass,

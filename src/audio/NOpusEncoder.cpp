@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <iterator>
 #include <limits>
 
 namespace {
@@ -14,6 +15,13 @@ constexpr int sampleRate = 48000;
 constexpr int codedChannels = 2;
 constexpr int packetCapacity = 5760; // bytes
 constexpr int largestPacket = 3828;  // bytes: three frames of 1276
+
+// The lengths that fit the packet area.
+constexpr struct Duration {
+    int choice;
+    int samples; // per channel
+} durations[] = {{OPUS_FRAMESIZE_2_5_MS, 120}, {OPUS_FRAMESIZE_5_MS, 240},   {OPUS_FRAMESIZE_10_MS, 480},
+                 {OPUS_FRAMESIZE_20_MS, 960},  {OPUS_FRAMESIZE_40_MS, 1920}, {OPUS_FRAMESIZE_60_MS, 2880}};
 
 } // namespace
 
@@ -64,6 +72,29 @@ int NOpusEncoder::encode(const short* pcm) {
     return 1;
 }
 
+bool NOpusEncoder::set(int request, int value) {
+    constexpr int settings[] = {OPUS_SET_APPLICATION_REQUEST,
+                                OPUS_SET_BITRATE_REQUEST,
+                                OPUS_SET_VBR_REQUEST,
+                                OPUS_SET_BANDWIDTH_REQUEST,
+                                OPUS_SET_COMPLEXITY_REQUEST,
+                                OPUS_SET_INBAND_FEC_REQUEST,
+                                OPUS_SET_PACKET_LOSS_PERC_REQUEST,
+                                OPUS_SET_DTX_REQUEST,
+                                OPUS_SET_VBR_CONSTRAINT_REQUEST,
+                                OPUS_SET_FORCE_CHANNELS_REQUEST,
+                                OPUS_SET_SIGNAL_REQUEST,
+                                OPUS_SET_EXPERT_FRAME_DURATION_REQUEST};
+    if (std::ranges::find(settings, request) == std::end(settings)) return false;
+    if (request != OPUS_SET_EXPERT_FRAME_DURATION_REQUEST)
+        return opus_encoder_ctl(encoder.get(), request, value) == OPUS_OK;
+    const auto duration = std::ranges::find(durations, value, &Duration::choice);
+    if (duration == std::end(durations)) return false;
+    if (opus_encoder_ctl(encoder.get(), request, value) != OPUS_OK) return false;
+    frameSize = duration->samples;
+    return true;
+}
+
 void NOpusEncoder::close() {
     encoder.reset();
     packet.reset();
@@ -107,6 +138,18 @@ JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_NOpusEncoder_encod
     if (size <= 0) return 0;
     java.copyOut(output, engine->packet.get(), size);
     return size;
+}
+
+JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_NOpusEncoder_set(JNIEnv*, jclass, jint setting,
+                                                                               jint value, jlong handle) {
+    NOpusEncoder* engine = opus_enc_ctx.GetCoder(handle);
+    return engine && engine->set(setting, value) ? 1 : 0;
+}
+
+JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_NOpusEncoder_packetSize(JNIEnv*, jclass,
+                                                                                      jlong handle) {
+    const NOpusEncoder* engine = opus_enc_ctx.GetCoder(handle);
+    return engine ? engine->packetSize : 0;
 }
 
 JNIEXPORT void JNICALL Java_com_kelvane_media_transform_codec_NOpusEncoder_close(JNIEnv*, jclass,

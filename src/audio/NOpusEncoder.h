@@ -20,6 +20,10 @@ public:
     // A refused setting does not make it fail.
     void open();
 
+    // One of libopus's requests for an encoder, and its value. False when it is refused, or is none of those
+    // that are safe at any time.
+    bool set(int request, int value);
+
     // `pcm`: `frameSize` interleaved samples per channel. Returns the bytes in `packet`, or 1 when libopus
     // fails.
     int encode(const short* pcm);

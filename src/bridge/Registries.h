@@ -13,6 +13,7 @@ class AudioEncoder;
 class MP3AudioDecoder;
 class NOpusDecoder;
 class NOpusEncoder;
+class PcmResampler;
 class VideoDecoder;
 class VideoEncoder;
 class NativeOpenH264Encoder;
@@ -47,6 +48,7 @@ using AACEncoderContext = CodecRegistry<AudioEncoder>;
 using MP3DecoderContext = CodecRegistry<MP3AudioDecoder>;
 using OpusDecoderContext = CodecRegistry<NOpusDecoder>;
 using OpusEncoderContext = CodecRegistry<NOpusEncoder>;
+using ResamplerContext = CodecRegistry<PcmResampler>;
 using AVCDecoderContext = CodecRegistry<VideoDecoder>;
 using OpenH264EncoderContext = CodecRegistry<VideoEncoder>;
 using NativeOpenH264EncoderContext = CodecRegistry<NativeOpenH264Encoder>;
@@ -66,6 +68,7 @@ public:
 [[maybe_unused]] static AVCDecoderContext avc_dec_ctx;
 [[maybe_unused]] static OpenH264EncoderContext avc_enc_ctx;
 [[maybe_unused]] static MP3DecoderContext mp3_dec_ctx;
+[[maybe_unused]] static ResamplerContext resampler_ctx;
 [[maybe_unused]] static VideoProcessorContext proc_ctx;
 [[maybe_unused]] static NativeOpenH264EncoderContext avc_opn_enc_ctx;
 

@@ -9,6 +9,7 @@ extern "C" {
 #include <cstring>
 #include <iterator>
 #include <new>
+#include <utility>
 
 namespace {
 
@@ -21,6 +22,23 @@ const AVClass*& classOf(SwsContext* context) { return *reinterpret_cast<const AV
 int divideUp(int number, int shift) { return AV_CEIL_RSHIFT(number, shift); }
 
 constexpr int dropsChroma = SWS_SRC_V_CHR_DROP_MASK; // of these flags' rows of chroma, only some are taken
+
+// Of pixels without alpha, libswscale makes a copy with alpha for a target that has it, whose rows end in
+// memory that nobody wrote; the chroma of an odd last column takes that in. This is the copy's format.
+AVPixelFormat withAlpha(AVPixelFormat format) {
+    switch (format) {
+    case AV_PIX_FMT_0RGB:
+        return AV_PIX_FMT_ARGB;
+    case AV_PIX_FMT_0BGR:
+        return AV_PIX_FMT_ABGR;
+    case AV_PIX_FMT_RGB0:
+        return AV_PIX_FMT_RGBA;
+    case AV_PIX_FMT_BGR0:
+        return AV_PIX_FMT_BGRA;
+    default:
+        return format;
+    }
+}
 
 using ContextOwner = std::unique_ptr<SwsContext, ContextDeleter>;
 
@@ -131,6 +149,12 @@ SwsContext* Scaler::cached(SwsContext* earlier, int sourceWidth, int sourceHeigh
     if (flags & SWS_FAST_BILINEAR && !(flags & SWS_BILINEAR) && targetWidth > 0 &&
         divideUp(targetWidth, av_pix_fmt_desc_get(target)->log2_chroma_w) == 2)
         flags ^= SWS_FAST_BILINEAR | SWS_BILINEAR;
+    const bool fills = sourceWidth % 2 != 0 && withAlpha(source) != source &&
+                       av_pix_fmt_desc_get(target)->flags & AV_PIX_FMT_FLAG_ALPHA;
+    if (fills) { // for which libswscale does not use one again either
+        free(std::exchange(earlier, nullptr));
+        source = withAlpha(source);
+    }
     std::unique_ptr<Scaler> record(recordOf(earlier));
     ContextOwner made(sws_getCachedContext(earlier, sourceWidth, sourceHeight, source, targetWidth,
                                            targetHeight, target, flags, nullptr, nullptr, nullptr));
@@ -144,6 +168,7 @@ SwsContext* Scaler::cached(SwsContext* earlier, int sourceWidth, int sourceHeigh
         return made.release(); // perhaps the same, of whose making nothing is known
     auto* attached = new (std::nothrow) Scaler(made.get(), source, target, true);
     if (!attached) return nullptr;
+    attached->fillsAlpha = fills;
     classOf(made.get()) = attached;
     return made.release();
 }
@@ -286,6 +311,7 @@ int Scaler::prepare(Slice given) {
         (isBayer() && slice.rows < 2))
         return AVERROR(EINVAL);
     if (slice.rows == 0) return 0;
+    if (fillsAlpha && !opaque.make(sourceExtent(), PaddedPicture::undefined)) return AVERROR(ENOMEM);
     if (mayOverrunTables() && !makeYuvBetween()) return AVERROR(ENOMEM);
     if (isWhole()) return isReady;
 
@@ -334,6 +360,11 @@ bool Scaler::keepsToItsRows() const {
 int Scaler::scale(const uint8_t* const* planes, const int* strides, uint8_t* const* targetPlanes,
                   const int* targetStrides) {
     if (!source.isIn(planes, strides) || !target.isIn(targetPlanes, targetStrides)) return 0;
+    if (fillsAlpha) {
+        fillAlpha(planes[0], strides[0]);
+        planes = opaque.planes;
+        strides = opaque.strides;
+    }
     if (isWhole()) {
         direction = none;
         return scaleWhole(planes, strides, targetPlanes, targetStrides);
@@ -374,6 +405,24 @@ int Scaler::scaleWhole(const uint8_t* const* planes, const int* strides, uint8_t
                              targetStrides);
     }
     return sws_scale(context, planes, strides, 0, source.height, targetPlanes, targetStrides);
+}
+
+// What lies behind a row is the one that follows in memory, as in a packed picture, and behind the last one
+// its own last pixel.
+void Scaler::fillAlpha(const uint8_t* rows, int stride) {
+    constexpr int pixelBytes = 4;
+    const int alphaAt = av_pix_fmt_desc_get(source.format)->comp[3].offset, size = source.rowBytes[0];
+    for (int row = 0; row < slice.rows; ++row) {
+        const uint8_t* from = rows + int64_t{row} * stride;
+        const int next = row + (stride > 0 ? 1 : -1);
+        const bool hasNext = next >= 0 && next < slice.rows;
+        uint8_t* to = opaque.planes[0] + int64_t{row} * opaque.strides[0];
+        std::copy_n(from, size, to);
+        std::copy_n(hasNext ? rows + int64_t{next} * stride : from + size - pixelBytes, pixelBytes,
+                    to + size);
+        for (int i = alphaAt; i < size + pixelBytes; i += pixelBytes)
+            to[i] = UINT8_MAX;
+    }
 }
 
 bool Scaler::mayHaveBeenLimited() const {

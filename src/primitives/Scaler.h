@@ -116,6 +116,7 @@ private:
     bool makeYuvBetween();
     bool mayHaveBeenLimited() const;
     void learnSlices();
+    void fillAlpha(const uint8_t* rows, int stride);
     void gather(const uint8_t* const* planes, const int* strides);
     const uint8_t* gatheredPlane(int plane) const;
     int scaleGathered(uint8_t* const* targetPlanes, const int* targetStrides);
@@ -129,7 +130,8 @@ private:
     const bool known;                               // made here, without filters and parameters
     const int flags;
     const Extent source, target;
-    const int chromaShift; // from rows of the source to the rows of chroma that are taken
+    bool fillsAlpha = false; // of what it is given, before that is scaled
+    const int chromaShift;   // from rows of the source to the rows of chroma that are taken
 
     // How many rows of the target are complete when so many of the source are there, or endsProcess. Empty
     // for a context that cannot be given slices.
@@ -146,6 +148,8 @@ private:
     int returned = 0;           // rows of the target that were returned for it
     bool gathers = false, gathersOnly = false;
     PaddedPicture gathered;
+
+    PaddedPicture opaque; // the slice with its alpha, for contexts that fill it
 
     // For contexts that mayOverrunTables().
     ContextOwner toYuv, fromYuv;

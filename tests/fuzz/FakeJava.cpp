@@ -44,6 +44,7 @@ JNIEnv* fakeJava() {
         made.ExceptionOccurred = [](JNIEnv*) -> jthrowable { return nullptr; };
         made.ExceptionClear = [](JNIEnv*) {};
         made.DeleteLocalRef = [](JNIEnv*, jobject) {};
+        made.DeleteGlobalRef = [](JNIEnv*, jobject) {};
         made.NewGlobalRef = [](JNIEnv*, jobject object) { return object; };
         return made;
     }();

@@ -5,6 +5,7 @@
 #include "audio/MP3AudioDecoder.h"
 #include "audio/NOpusDecoder.h"
 #include "audio/NOpusEncoder.h"
+#include "audio/PcmResampler.h"
 #include "bridge/Registries.h"
 #include "bridge/StartCodes.h"
 #include "com_kelvane_media_Tarnwick.h"
@@ -38,67 +39,170 @@ uint64_t hashOf(const void* bytes, int64_t size, uint32_t time = 0) {
     return std::hash<std::string_view>()(view) + time * 0x9E3779B97F4A7C15;
 }
 
-signed char* input(const Bytes& bytes) {
-    return const_cast<signed char*>(reinterpret_cast<const signed char*>(bytes.data()));
+// The bytes of a call as a native method hands them on.
+template <class Element = uint8_t>
+Element* input(const Bytes& bytes) {
+    return const_cast<Element*>(reinterpret_cast<const Element*>(bytes.data()));
 }
 
 int sizeOf(const Bytes& bytes) { return static_cast<int>(bytes.size()); }
 
-uint64_t hashOf(const VideoDecoder& decoder) {
+MallocBuffer copyOf(const Bytes& bytes, size_t padding = 0) {
+    MallocBuffer copy = mallocBuffer(bytes.size() + padding);
+    if (copy) std::fill_n(std::ranges::copy(bytes, copy.get()).out, padding, uint8_t{0});
+    return copy;
+}
+
+int choiceOf(uint8_t choice, int first, int second, int third) {
+    const int values[] = {first, second, third};
+    return values[choice % 3];
+}
+
+// For each engine: its settings out of a script, if that is one to open it with; then what comes out of it
+// for a call, and for the end of the stream.
+
+uint64_t pictureOf(const VideoDecoder& decoder, int got) {
+    if (got != 1) return 0;
     const AVFrame& picture = *decoder.frame;
     const MallocBuffer packed = packPicture(picture);
-    return packed
-               ? hashOf(packed.get(), packedPictureSize(picture.width, picture.height), decoder.pictureTime)
+    if (!packed) return 0;
+    return hashOf(packed.get(), packedPictureSize(picture.width, picture.height), decoder.pictureTime);
+}
+bool set(VideoDecoder&, const Script&) { return true; }
+uint64_t give(VideoDecoder& engine, const Bytes& unit, uint32_t time) {
+    return pictureOf(engine, engine.decode(input<signed char>(unit), sizeOf(unit), time));
+}
+uint64_t drain(VideoDecoder& engine) { return pictureOf(engine, engine.drain()); }
+
+bool set(AudioDecoder& engine, const Script& script) { // what the native method lets through
+    const Bytes& config = script.config;
+    if (config.size() < 2 || config.size() > sizeof engine.config) return false;
+    if ((config[0] & 7) * 2 + (config[1] >> 7) > 12) return false;
+    std::ranges::copy(config, engine.config);
+    engine.configSize = static_cast<uint8_t>(config.size());
+    return true;
+}
+uint64_t give(AudioDecoder& engine, const Bytes& packet, uint32_t) {
+    const MallocBuffer padded = copyOf(packet, AV_INPUT_BUFFER_PADDING_SIZE);
+    if (!padded) return 0;
+    return engine.decode(padded.get(), sizeOf(packet)) > 0 ? hashOf(engine.output, engine.outputSize) : 0;
+}
+
+bool set(MP3AudioDecoder&, const Script&) { return true; }
+uint64_t give(MP3AudioDecoder& engine, const Bytes& packet, uint32_t) {
+    const int samples = engine.decode(input(packet), sizeOf(packet));
+    return samples > 0 ? hashOf(engine.output.get(), engine.outputSize) : 0;
+}
+
+struct OpusDecoding : NOpusDecoder {
+    int copies = 0;
+};
+bool set(OpusDecoding& engine, const Script& script) {
+    engine.channels = 2 - script.choices[0] % 2;
+    engine.fec = script.choices[1] % 3;
+    engine.copies = script.choices[2] % 49;
+    return true;
+}
+uint64_t give(OpusDecoding& engine, const Bytes& packet, uint32_t) {
+    if (!engine.decoder) return 0;
+    // The packet before it counts as lost when so chosen.
+    const bool lost = engine.copies && NOpusDecoder::carriesFec(input(packet), sizeOf(packet));
+    if (lost) engine.decodeLost(120 * engine.copies, input(packet), sizeOf(packet));
+    const int samples = engine.decode(input(packet), sizeOf(packet));
+    return hashOf(engine.output.get(), int64_t{2} * samples * engine.channels);
+}
+
+bool set(AudioEncoder& engine, const Script& script) {
+    engine.channels = 2 - script.choices[0] % 2;
+    engine.sampleRate = choiceOf(script.choices[1], 44100, 8000, 44000);
+    return true;
+}
+uint64_t give(AudioEncoder& engine, const Bytes& pcm, uint32_t) {
+    if (sizeOf(pcm) < 2048 * engine.channels || !engine.codec) return 0;
+    return hashOf(engine.output.get(), engine.encode(input<short>(pcm)));
+}
+
+struct OpusEncoding : NOpusEncoder {
+    int requests = 0;
+    void open() {
+        NOpusEncoder::open();
+        if (!encoder || requests % 2 == 0) return;
+        for (int request = OPUS_SET_APPLICATION_REQUEST; request <= OPUS_SET_EXPERT_FRAME_DURATION_REQUEST;
+             request += 2)
+            NOpusEncoder::set(request,
+                              request < OPUS_SET_FORCE_CHANNELS_REQUEST ? requests / 2 % 3 : OPUS_AUTO);
+    }
+};
+bool set(OpusEncoding& engine, const Script& script) {
+    engine.channels = 2 - script.choices[0] % 2;
+    engine.bitrate = choiceOf(script.choices[1], 64000, 6000, 510000);
+    engine.frameSize = choiceOf(script.choices[2], 960, 120, 961);
+    engine.requests = script.choices[3];
+    return true;
+}
+uint64_t give(OpusEncoding& engine, const Bytes& pcm, uint32_t) {
+    if (!engine.encoder || sizeOf(pcm) < engine.frameSize * engine.channels * 2) return 0;
+    const int size = engine.encode(input<short>(pcm));
+    return engine.packetSize > 0 ? hashOf(engine.packet.get(), size) : 0;
+}
+
+bool set(PcmResampler& engine, const Script& script) {
+    const Choices& choices = script.choices;
+    engine.input = {2 - choices[0] % 2, choiceOf(choices[1], 44100, 7350, 192000)};
+    engine.result = {2 - choices[0] / 2 % 2, choiceOf(choices[2], 48000, 47999, 8000)};
+    return true;
+}
+uint64_t convert(PcmResampler& engine, const uint8_t* pcm, int samples) {
+    if (!engine.resampler) return 0;
+    const int64_t converted = engine.convert(pcm, samples);
+    return hashOf(engine.output.get(), converted * engine.result.bytes());
+}
+uint64_t give(PcmResampler& engine, const Bytes& pcm, uint32_t) {
+    return convert(engine, input(pcm), sizeOf(pcm) / engine.input.bytes());
+}
+uint64_t drain(PcmResampler& engine) { return convert(engine, nullptr, 0); }
+
+bool set(NativeOpenH264Encoder& engine, const Script& script) {
+    engine.width = static_cast<uint32_t>(choiceOf(script.choices[0], 64, 16, 63));
+    engine.height = static_cast<uint32_t>(choiceOf(script.choices[1], 48, 16, 31));
+    engine.bitrate = 200'000;
+    engine.encMode = script.choices[2] % 2;
+    engine.profile = script.choices[3] % 2;
+    return true;
+}
+uint64_t give(NativeOpenH264Encoder& engine, const Bytes& picture, uint32_t time) {
+    return engine.encode(input(picture), sizeOf(picture), time) == 1
+               ? hashOf(engine.output.get(), engine.outputSize)
                : 0;
 }
 
-// Most have one engine and nothing else.
-template <class Engine>
-class EngineSubject : public Subject {
-public:
-    void open(const Script&) override { engine.open(); }
-    void close() override { engine.close(); }
+bool set(VideoEncoder& engine, const Script& script) {
+    engine.width = choiceOf(script.choices[0], 64, 16, 63);
+    engine.height = choiceOf(script.choices[1], 48, 16, 31);
+    engine.frameRate = script.choices[2];
+    engine.bitRate = 200'000;
+    return true;
+}
+uint64_t give(VideoEncoder& engine, const Bytes& picture, uint32_t time) {
+    const MallocBuffer copy = copyOf(picture); // the access unit is written over it
+    if (!copy) return 0;
+    const int encoded = engine.encode(reinterpret_cast<signed char*>(copy.get()), sizeOf(picture), time);
+    return encoded == 1 ? hashOf(copy.get(), engine.encodedSize) : 0;
+}
 
-protected:
-    Engine engine;
-};
-
-class DecoderSubject final : public EngineSubject<VideoDecoder> {
-public:
-    uint64_t give(const Bytes& unit, uint32_t time) override {
-        return engine.decode(input(unit), sizeOf(unit), time) == 1 ? hashOf(engine) : 0;
-    }
-    uint64_t drain() override { return engine.drain() == 1 ? hashOf(engine) : 0; }
-};
-
-class TranscoderSubject final : public Subject {
-public:
-    void open(const Script& script) override {
-        const Choices& choices = script.choices;
-        constexpr int sizes[][2] = {{0, 0},   {96, 80}, {160, 96}, {64, 64},
-                                    {16, 16}, {0, 0},   {33, 17},  {2, 2}};
+struct Transcoder {
+    void open() {
         decoder.open();
-        for (size_t i = 0; i < std::size(outputs); ++i) {
-            const auto& size = sizes[(i + choices[i]) % std::size(sizes)];
-            outputs[i].width = size[0];
-            outputs[i].height = size[1];
-            outputs[i].bitrate = 200'000 + 1000 * choices[2];
-            outputs[i].fps = 25;
-            if (size[0] && choices[3] & 4) outputs[i].open();
-        }
+        for (CoderOut& output : outputs)
+            if (output.width && openAtOnce) output.open();
     }
-    uint64_t give(const Bytes& unit, uint32_t time) override {
-        return decoder.decode(input(unit), sizeOf(unit), time) == 1 ? encode() : 0;
-    }
-    uint64_t drain() override { return decoder.drain() == 1 ? encode() : 0; }
-    void close() override {
+    void close() {
         for (CoderOut& output : outputs)
             output.close();
         decoder.close();
     }
-
-private:
-    uint64_t encode() {
+    uint64_t encode(int got) {
+        if (got != 1) return 0;
         uint64_t hash = 1;
         for (CoderOut& output : outputs)
             if (output.encode(decoder.frame.get()))
@@ -109,7 +213,24 @@ private:
 
     VideoDecoder decoder;
     CoderOut outputs[3];
+    bool openAtOnce = false;
 };
+bool set(Transcoder& engine, const Script& script) {
+    constexpr int sizes[][2] = {{0, 0}, {96, 80}, {160, 96}, {64, 64}, {16, 16}, {0, 0}, {33, 17}, {2, 2}};
+    for (size_t i = 0; i < std::size(engine.outputs); ++i) {
+        const auto& [width, height] = sizes[(i + script.choices[i]) % std::size(sizes)];
+        engine.outputs[i].width = width;
+        engine.outputs[i].height = height;
+        engine.outputs[i].bitrate = 200'000 + 1000 * script.choices[2];
+        engine.outputs[i].fps = 25;
+    }
+    engine.openAtOnce = script.choices[3] & 4;
+    return true;
+}
+uint64_t give(Transcoder& engine, const Bytes& unit, uint32_t time) {
+    return engine.encode(engine.decoder.decode(input<signed char>(unit), sizeOf(unit), time));
+}
+uint64_t drain(Transcoder& engine) { return engine.encode(engine.decoder.drain()); }
 
 unsigned int loadModule(const char* name) {
     const std::string path = std::string("modules/") + name + ".so";
@@ -120,250 +241,60 @@ unsigned int loadModule(const char* name) {
 }
 
 // With a module that all pipelines may use at once or, when so chosen, with the recording one.
-class PipelineSubject final : public Subject {
-public:
-    ~PipelineSubject() override { close(); }
-    void open(const Script& script) override {
-        const Choices& choices = script.choices;
-        static const unsigned int everyOther = loadModule("every_other"), recorder = loadModule("recorder");
-        pipeline = proc_ctx.NewProcessor();
-        if (!pipeline) return;
-        pipeline->decoder.reset(avc_dec_ctx.NewCodec());
-        if (!pipeline->decoder) return;
-        pipeline->decoder->open();
-        pipeline->frameRate = choices[1];
-        pipeline->bitRate = 300'000;
-        pipeline->mode = choices[2] == 1 ? VideoProcessor::passThroughMode : uint8_t{3};
-        pipeline->brew(choices[0] & 1 ? recorder : everyOther);
-    }
-    uint64_t give(const Bytes& unit, uint32_t time) override {
-        if (!pipeline || !pipeline->decoder) return 0;
-        int size = -1;
-        if (pipeline->mode == VideoProcessor::passThroughMode) {
-            MallocBuffer copy = mallocBuffer(unit.size());
-            if (!copy) return 0;
-            std::copy(unit.begin(), unit.end(), copy.get());
-            pipeline->passThrough(std::move(copy), size = sizeOf(unit), time);
-        } else {
-            pipeline->process(input(unit), sizeOf(unit), time, size);
-        }
-        return taken(size);
-    }
-    uint64_t drain() override {
-        if (!pipeline || !pipeline->decoder || pipeline->mode == VideoProcessor::passThroughMode) return 0;
-        int size = -1;
-        return pipeline->drain(size) ? taken(size) | 1 : 0;
-    }
-    void close() override {
-        if (!pipeline) return;
-        pipeline->unbrew();
-        proc_ctx.RemoveProcessor(pipeline->handle);
-        pipeline = nullptr;
+struct Pipeline {
+    ~Pipeline() { close(); }
+    void open() {} // `set` makes what there is, from a registry
+    void close() {
+        if (!made) return;
+        made->unbrew();
+        proc_ctx.RemoveProcessor(made->handle);
+        made = nullptr;
         using Record = ModuleRecord* (*)();
         static const auto record =
             reinterpret_cast<Record>(dlsym(dlopen("modules/recorder.so", RTLD_LAZY), "moduleRecord"));
         if (!record()->calls.empty()) record()->calls = {};
     }
+    uint64_t taken(int size) const { return hashOf(made->output.get(), size); }
 
-private:
-    uint64_t taken(int size) const { return hashOf(pipeline->output.get(), size); }
-
-    VideoProcessor* pipeline = nullptr;
+    VideoProcessor* made = nullptr;
 };
-
-class AacSubject final : public EngineSubject<AudioDecoder> {
-public:
-    void open(const Script& script) override {
-        // What the native method lets through.
-        const Bytes& config = script.config;
-        if (config.size() < 2 || config.size() > sizeof engine.config) return;
-        if ((config[0] & 7) * 2 + (config[1] >> 7) > 12) return;
-        std::copy(config.begin(), config.end(), engine.config);
-        engine.configSize = static_cast<uint8_t>(config.size());
-        engine.open();
-    }
-    uint64_t give(const Bytes& packet, uint32_t) override {
-        const MallocBuffer padded = mallocBuffer(packet.size() + AV_INPUT_BUFFER_PADDING_SIZE);
-        if (!padded) return 0;
-        std::copy(packet.begin(), packet.end(), padded.get());
-        std::memset(padded.get() + packet.size(), 0, AV_INPUT_BUFFER_PADDING_SIZE);
-        return engine.decode(padded.get(), sizeOf(packet)) > 0 ? hashOf(engine.output, engine.outputSize) : 0;
-    }
-};
-
-class Mp3Subject final : public EngineSubject<MP3AudioDecoder> {
-public:
-    uint64_t give(const Bytes& packet, uint32_t) override {
-        const int samples = engine.decode(reinterpret_cast<uint8_t*>(input(packet)), sizeOf(packet));
-        return samples > 0 ? hashOf(engine.output.get(), engine.outputSize) : 0;
-    }
-};
-
-class OpusSubject final : public EngineSubject<NOpusDecoder> {
-public:
-    void open(const Script& script) override {
-        const Choices& choices = script.choices;
-        engine.channels = 2 - choices[0] % 2;
-        engine.fec = choices[1] % 3;
-        engine.open();
-    }
-    uint64_t give(const Bytes& packet, uint32_t) override {
-        if (!engine.decoder) return 0;
-        const int samples = engine.decode(reinterpret_cast<uint8_t*>(input(packet)), sizeOf(packet));
-        return hashOf(engine.output.get(), int64_t{2} * samples * engine.channels);
-    }
-};
-
-int choiceOf(const Choices& choices, size_t which, int first, int second, int third) {
-    const int values[] = {first, second, third};
-    return values[choices[which] % 3];
+bool set(Pipeline& engine, const Script& script) {
+    static const unsigned int everyOther = loadModule("every_other"), recorder = loadModule("recorder");
+    VideoProcessor* const made = engine.made = proc_ctx.NewProcessor();
+    if (!made) return false;
+    made->decoder.reset(avc_dec_ctx.NewCodec());
+    if (!made->decoder) return false;
+    made->decoder->open();
+    made->frameRate = script.choices[1];
+    made->bitRate = 300'000;
+    made->mode = script.choices[2] == 1 ? VideoProcessor::passThroughMode : uint8_t{3};
+    made->brew(script.choices[0] & 1 ? recorder : everyOther);
+    return true;
+}
+uint64_t give(Pipeline& engine, const Bytes& unit, uint32_t time) {
+    if (!engine.made || !engine.made->decoder) return 0;
+    int size = -1;
+    if (engine.made->mode != VideoProcessor::passThroughMode)
+        engine.made->process(input<signed char>(unit), sizeOf(unit), time, size);
+    else if (MallocBuffer copy = copyOf(unit))
+        engine.made->passThrough(std::move(copy), size = sizeOf(unit), time);
+    return engine.taken(size);
+}
+uint64_t drain(Pipeline& engine) {
+    VideoProcessor* const made = engine.made;
+    if (!made || !made->decoder || made->mode == VideoProcessor::passThroughMode) return 0;
+    int size = -1;
+    return made->drain(size) ? engine.taken(size) | 1 : 0;
 }
 
-class AacEncoderSubject final : public EngineSubject<AudioEncoder> {
-public:
-    void open(const Script& script) override {
-        const Choices& choices = script.choices;
-        engine.channels = 2 - choices[0] % 2;
-        engine.sampleRate = choiceOf(choices, 1, 44100, 8000, 44000);
-        engine.open();
-    }
-    uint64_t give(const Bytes& pcm, uint32_t) override {
-        if (sizeOf(pcm) < 2048 * engine.channels || !engine.codec) return 0;
-        return hashOf(engine.output.get(), engine.encode(reinterpret_cast<short*>(input(pcm))));
-    }
-};
-
-class OpusEncoderSubject final : public EngineSubject<NOpusEncoder> {
-public:
-    void open(const Script& script) override {
-        const Choices& choices = script.choices;
-        engine.channels = 2 - choices[0] % 2;
-        engine.bitrate = choiceOf(choices, 1, 64000, 6000, 510000);
-        engine.frameSize = choiceOf(choices, 2, 960, 120, 961);
-        engine.open();
-    }
-    uint64_t give(const Bytes& pcm, uint32_t) override {
-        if (!engine.encoder || sizeOf(pcm) < engine.frameSize * engine.channels * 2) return 0;
-        const int size = engine.encode(reinterpret_cast<short*>(input(pcm)));
-        return engine.packetSize > 0 ? hashOf(engine.packet.get(), size) : 0;
-    }
-};
-
-class OpenH264Subject final : public EngineSubject<NativeOpenH264Encoder> {
-public:
-    void open(const Script& script) override {
-        const Choices& choices = script.choices;
-        engine.width = static_cast<uint32_t>(choiceOf(choices, 0, 64, 16, 63));
-        engine.height = static_cast<uint32_t>(choiceOf(choices, 1, 48, 16, 31));
-        engine.bitrate = 200'000;
-        engine.encMode = choices[2] % 2;
-        engine.profile = choices[3] % 2;
-        engine.open();
-    }
-    uint64_t give(const Bytes& picture, uint32_t time) override {
-        const int encoded = engine.encode(reinterpret_cast<uint8_t*>(input(picture)), sizeOf(picture), time);
-        return encoded == 1 ? hashOf(engine.output.get(), engine.outputSize) : 0;
-    }
-};
-
-class FFmpegEncoderSubject final : public EngineSubject<VideoEncoder> {
-public:
-    void open(const Script& script) override {
-        const Choices& choices = script.choices;
-        engine.width = choiceOf(choices, 0, 64, 16, 63);
-        engine.height = choiceOf(choices, 1, 48, 16, 31);
-        engine.frameRate = choices[2];
-        engine.bitRate = 200'000;
-        engine.open();
-    }
-    uint64_t give(const Bytes& picture, uint32_t time) override {
-        const MallocBuffer copy = mallocBuffer(picture.size()); // the access unit is written over it
-        if (!copy) return 0;
-        std::copy(picture.begin(), picture.end(), copy.get());
-        const int encoded = engine.encode(reinterpret_cast<signed char*>(copy.get()), sizeOf(picture), time);
-        return encoded == 1 ? hashOf(copy.get(), engine.encodedSize) : 0;
-    }
-};
-
 // Pictures and sound, the same bytes in both, into a container, a fragment cut now and then.
-class MuxerSubject final : public Subject {
-public:
-    void open(const Script& script) override {
-        struct Kind {
-            const char* name;
-            int options;
-            bool pictures;
-            Muxer::Codec sound;
-        };
-        using enum Muxer::Codec;
-        constexpr Kind kinds[] = {
-            {"mp4", Muxer::fragmented, true, aac},
-            {"mp4", Muxer::seekable, true, opus},
-            {"mp4", Muxer::seekable | Muxer::fastStart, true, aac},
-            {"mpegts", 0, true, aac},
-            {"flv", 0, true, mp3},
-            {"matroska", Muxer::seekable, true, opus},
-            {"mov", Muxer::seekable, true, pcm},
-            {"ogg", 0, false, opus},
-            {"adts", 0, false, aac},
-            {"wav", 0, false, pcm},
-            {"mpegts", Muxer::seekable, true, opus},
-            {"matroska", 0, true, mp3},
-            {"mp4", Muxer::fragmented, true, mp3},
-            {"h264", 0, true, aac},
-        };
-        constexpr uint8_t sets[] = {0,    0,    0, 1, 0x67, 0x42, 0xC0, 0x0B, 0xDA, 0x0B,
-                                    0x13, 0x90, 0, 0, 0,    1,    0x68, 0xCE, 0x3C, 0x80};
-        const Choices& choices = script.choices;
-        const Kind& kind = kinds[choices[0] % std::size(kinds)];
-        oddTimes = choices[1];
-        untold = choices[2] & 1;
-        unfinished = choices[2] & 2;
-        if (!engine.open(kind.name, kind.options)) return;
-        PictureFormat format{.width = 176, .height = 144};
-        if (choices[2] & 4) format.pixelWidth = 64, format.pixelHeight = 45, format.primaries = 1;
-        if (choices[2] & 8) format.rotation = 90;
-        // Whatever comes first stands for the parameter sets when so chosen.
-        const bool told = choices[2] & 16 && !script.calls.empty();
-        if (kind.pictures)
-            engine.addPictures(format, choices[3] & 4 ? 1000 : 90'000,
-                               told ? std::span<const uint8_t>(script.calls[0]) : sets);
-        constexpr uint8_t lowComplexity[] = {0x11, 0x90};
-        engine.addSound(kind.sound, kind.sound == opus ? 48'000 : 44'100, 2, 312,
-                        kind.sound == aac ? std::span<const uint8_t>(lowComplexity)
-                                          : std::span<const uint8_t>());
-        engine.begin(1);
-        taken();
-    }
-    uint64_t give(const Bytes& bytes, uint32_t time) override {
-        constexpr int64_t odd[] = {0,      -1, 1, INT64_MIN, INT64_MAX, int64_t{1} << 31, -(int64_t{1} << 40),
-                                   -90'000};
-        uint64_t accepted = 0;
-        for (int track = 0; track < 2; ++track) {
-            MuxedUnit unit;
-            unit.packet.reset(av_packet_alloc());
-            if (!unit.packet || av_new_packet(unit.packet.get(), sizeOf(bytes)) < 0) return 0;
-            std::copy(bytes.begin(), bytes.end(), unit.packet->data);
-            const uint8_t some = bytes.empty() ? uint8_t{0} : bytes[bytes.size() / 2];
-            const auto sum = [](int64_t a, int64_t b) {
-                return static_cast<int64_t>(uint64_t(a) + uint64_t(b));
-            };
-            unit.decodingTime = sum(3600ll * time, oddTimes ? odd[some % 8] / (1 + (some >> 3) % 3) : 0);
-            unit.presentationTime = sum(unit.decodingTime, oddTimes && some > 200 ? odd[some % 7] : 0);
-            unit.duration = untold ? 0 : oddTimes && some > 240 ? odd[some % 8] : 3600;
-            unit.key = time % 8 == 0;
-            if (engine.write(track, std::move(unit)) >= 0) accepted = 1;
-        }
-        if (time % 8 == 7) engine.cut(oddTimes ? odd[time / 8 % 8] : INT64_MIN);
-        return taken() + accepted;
-    }
-    void close() override {
+struct Muxing {
+    void open() { taken(); }
+    void close() {
         if (!unfinished) engine.finish();
         taken();
         engine.close();
     }
-
-private:
     uint64_t taken() {
         uint64_t hash = 0;
         while (const Muxer::Piece* piece = engine.next()) {
@@ -377,6 +308,71 @@ private:
     Muxer engine;
     bool oddTimes = false, untold = false, unfinished = false;
 };
+bool set(Muxing& muxing, const Script& script) {
+    using enum Muxer::Codec;
+    constexpr struct {
+        const char* name;
+        int options;
+        bool pictures;
+        Muxer::Codec sound;
+    } kinds[] = {
+        {"mp4", Muxer::fragmented, true, aac},
+        {"mp4", Muxer::seekable, true, opus},
+        {"mp4", Muxer::seekable | Muxer::fastStart, true, aac},
+        {"mpegts", 0, true, aac},
+        {"flv", 0, true, mp3},
+        {"matroska", Muxer::seekable, true, opus},
+        {"mov", Muxer::seekable, true, pcm},
+        {"ogg", 0, false, opus},
+        {"adts", 0, false, aac},
+        {"wav", 0, false, pcm},
+        {"mpegts", Muxer::seekable, true, opus},
+        {"matroska", 0, true, mp3},
+        {"mp4", Muxer::fragmented, true, mp3},
+        {"h264", 0, true, aac},
+    };
+    constexpr uint8_t sets[] = {0,    0,    0, 1, 0x67, 0x42, 0xC0, 0x0B, 0xDA, 0x0B,
+                                0x13, 0x90, 0, 0, 0,    1,    0x68, 0xCE, 0x3C, 0x80};
+    constexpr uint8_t lowComplexity[] = {0x11, 0x90};
+    const Choices& choices = script.choices;
+    const auto& [name, options, hasPictures, sound] = kinds[choices[0] % std::size(kinds)];
+    muxing.oddTimes = choices[1];
+    muxing.untold = choices[2] & 1;
+    muxing.unfinished = choices[2] & 2;
+    if (!muxing.engine.open(name, options)) return false;
+    PictureFormat format{.width = 176, .height = 144};
+    if (choices[2] & 4) format.pixelWidth = 64, format.pixelHeight = 45, format.primaries = 1;
+    if (choices[2] & 8) format.rotation = 90;
+    // Whatever comes first stands for the parameter sets when so chosen.
+    std::span<const uint8_t> told = sets, configuration;
+    if (choices[2] & 16 && !script.calls.empty()) told = script.calls[0];
+    if (hasPictures) muxing.engine.addPictures(format, choices[3] & 4 ? 1000 : 90'000, told);
+    if (sound == aac) configuration = lowComplexity;
+    muxing.engine.addSound(sound, sound == opus ? 48'000 : 44'100, 2, 312, configuration);
+    muxing.engine.begin(1);
+    return true;
+}
+uint64_t give(Muxing& muxing, const Bytes& bytes, uint32_t time) {
+    constexpr int64_t odd[] = {0,      -1, 1, INT64_MIN, INT64_MAX, int64_t{1} << 31, -(int64_t{1} << 40),
+                               -90'000};
+    const bool oddTimes = muxing.oddTimes;
+    const auto sum = [](int64_t a, int64_t b) { return static_cast<int64_t>(uint64_t(a) + uint64_t(b)); };
+    const uint8_t some = bytes.empty() ? uint8_t{0} : bytes[bytes.size() / 2];
+    uint64_t accepted = 0;
+    for (int track = 0; track < 2; ++track) {
+        MuxedUnit unit;
+        unit.packet.reset(av_packet_alloc());
+        if (!unit.packet || av_new_packet(unit.packet.get(), sizeOf(bytes)) < 0) return 0;
+        std::ranges::copy(bytes, unit.packet->data);
+        unit.decodingTime = sum(3600ll * time, oddTimes ? odd[some % 8] / (1 + (some >> 3) % 3) : 0);
+        unit.presentationTime = sum(unit.decodingTime, oddTimes && some > 200 ? odd[some % 7] : 0);
+        unit.duration = muxing.untold ? 0 : oddTimes && some > 240 ? odd[some % 8] : 3600;
+        unit.key = time % 8 == 0;
+        if (muxing.engine.write(track, std::move(unit)) >= 0) accepted = 1;
+    }
+    if (time % 8 == 7) muxing.engine.cut(oddTimes ? odd[time / 8 % 8] : INT64_MIN);
+    return muxing.taken() + accepted;
+}
 
 // Numbers out of the input, the awkward ones often.
 class Numbers {
@@ -406,43 +402,33 @@ private:
 #define Tarnwick(name) Java_com_kelvane_media_Tarnwick_##name
 
 // All wrappers with the arguments that a call spells out; handles live as long as the call.
-class PrimitivesSubject final : public Subject {
-public:
-    void open(const Script&) override {}
-    uint64_t give(const Bytes& call, uint32_t) override {
-        Numbers numbers(call);
-        switch (numbers.byte() % 4) {
-        case 0:
-            return memory(numbers);
-        case 1:
-            return frame(numbers);
-        case 2:
-            return packet(numbers);
-        default:
-            return scaling(numbers);
-        }
-    }
-    void close() override {}
-
-private:
-    uint64_t memory(Numbers& numbers) {
+struct Primitives {
+    void open() {}
+    void close() {}
+};
+bool set(Primitives&, const Script&) { return true; }
+uint64_t give(Primitives&, const Bytes& call, uint32_t) {
+    JNIEnv* const env = fakeJava();
+    Numbers numbers(call);
+    switch (numbers.byte() % 4) {
+    case 0: {
         const jlong block = Tarnwick(av_1malloc)(env, nullptr, numbers.any() & 0xFFFFFF);
         Tarnwick(av_1free)(env, nullptr, block);
         alignas(16) uint8_t picture[sizeof(AVFrame)] = {};
         const jint format = numbers.any(), width = numbers.any();
         Tarnwick(avpicture_1fill)(env, nullptr, numbers.byte() ? reinterpret_cast<jlong>(picture) : 0,
                                   numbers.byte(), format, width, numbers.any());
-        return 1;
+        break;
     }
-    uint64_t frame(Numbers& numbers) {
+    case 1: {
         const jlong made = numbers.byte() ? Tarnwick(avcodec_1alloc_1frame)(env, nullptr) : 0;
         Tarnwick(avframe_1set_1data)(env, nullptr, made, numbers.any(), numbers.any(), numbers.any());
         Tarnwick(avframe_1set_1linesize)(env, nullptr, made, numbers.any(), numbers.any(), numbers.any());
         Tarnwick(avframe_1set_1key_1frame)(env, nullptr, made, numbers.byte() & 1);
         Tarnwick(avcodec_1free_1frame)(env, nullptr, made);
-        return 1;
+        break;
     }
-    uint64_t packet(Numbers& numbers) {
+    case 2: {
         AVPacket* made = av_packet_alloc();
         for (int i = 0; made && i < 3; ++i) {
             FakeObject data = numbers.object();
@@ -453,9 +439,9 @@ private:
             Tarnwick(avpacket_1set_1data)(env, nullptr, reinterpret_cast<jlong>(made), array, offset, size);
         }
         av_packet_free(&made);
-        return 1;
+        break;
     }
-    uint64_t scaling(Numbers& numbers) {
+    default:
         jlong context = 0;
         for (int i = 0; i < 2; ++i) {
             const jint fromWidth = numbers.size(), fromHeight = numbers.size(), from = numbers.any();
@@ -476,15 +462,32 @@ private:
                     orOther(to), orOther(toWidth), orOther(toHeight));
         }
         Tarnwick(sws_1freeContext)(env, nullptr, context);
-        return 1;
     }
+    return 1;
+}
 
-    JNIEnv* const env = fakeJava();
+template <class Engine>
+uint64_t drain(Engine&) {
+    return 0;
+}
+
+template <class Engine>
+class EngineSubject final : public Subject {
+public:
+    void open(const Script& script) override {
+        if (set(engine, script)) engine.open();
+    }
+    uint64_t give(const Bytes& call, uint32_t time) override { return ::give(engine, call, time); }
+    uint64_t drain() override { return ::drain(engine); }
+    void close() override { engine.close(); }
+
+private:
+    Engine engine;
 };
 
-template <class Made>
+template <class Engine>
 std::unique_ptr<Subject> make() {
-    return std::make_unique<Made>();
+    return std::make_unique<EngineSubject<Engine>>();
 }
 
 // Where FFmpeg's parser would begin a new access unit, about.
@@ -551,18 +554,19 @@ const std::vector<SubjectKind>& subjectKinds() {
                                                   "refresh.h264",  "slices.h264",  "size_change.h264",
                                                   "odd.h264",      "yuv422.h264",  "tiny.h264"};
     static const std::vector<SubjectKind> kinds{
-        {"h264", make<DecoderSubject>, annexB, streams, true},
-        {"transcoder", make<TranscoderSubject>, annexB, streams, false},
-        {"pipeline", make<PipelineSubject>, annexB, streams, false},
-        {"aac", make<AacSubject>, packets, {"stereo.m4a", "mono.m4a"}, false},
-        {"mp3", make<Mp3Subject>, packets, {"stereo.mp3", "mono.mp3"}, false},
-        {"opus", make<OpusSubject>, packets, {"fec.opus"}, false},
-        {"muxer", make<MuxerSubject>, annexB, streams, false},
-        {"primitives", make<PrimitivesSubject>, noise, {"300"}, false},
-        {"aac-encoder", make<AacEncoderSubject>, noise, {"4096"}, false},
-        {"opus-encoder", make<OpusEncoderSubject>, noise, {"3840"}, false},
-        {"openh264", make<OpenH264Subject>, noise, {"4608"}, false},
-        {"ffmpeg-h264", make<FFmpegEncoderSubject>, noise, {"4608"}, false},
+        {"h264", make<VideoDecoder>, annexB, streams, true},
+        {"transcoder", make<Transcoder>, annexB, streams, false},
+        {"pipeline", make<Pipeline>, annexB, streams, false},
+        {"aac", make<AudioDecoder>, packets, {"stereo.m4a", "mono.m4a"}, false},
+        {"mp3", make<MP3AudioDecoder>, packets, {"stereo.mp3", "mono.mp3"}, false},
+        {"opus", make<OpusDecoding>, packets, {"fec.opus"}, false},
+        {"muxer", make<Muxing>, annexB, streams, false},
+        {"primitives", make<Primitives>, noise, {"300"}, false},
+        {"aac-encoder", make<AudioEncoder>, noise, {"4096"}, false},
+        {"opus-encoder", make<OpusEncoding>, noise, {"3840"}, false},
+        {"resampler", make<PcmResampler>, noise, {"3841"}, false},
+        {"openh264", make<NativeOpenH264Encoder>, noise, {"4608"}, false},
+        {"ffmpeg-h264", make<VideoEncoder>, noise, {"4608"}, false},
     };
     return kinds;
 }

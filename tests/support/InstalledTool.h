@@ -5,6 +5,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdint>
 #include <cstdlib>
 #include <filesystem>
@@ -12,7 +13,10 @@
 #include <iterator>
 #include <regex>
 #include <set>
+#include <sstream>
+#include <stdexcept>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -30,29 +34,60 @@ inline std::set<std::string> names(const fs::path& directory) {
     return found;
 }
 
-// The command-line tool of the installed tree, called from a directory of the test's own.
-class InstalledTool : public testing::Test {
+inline bool within(int seconds, const auto& holds) {
+    for (int i = 0; i < 20 * seconds && !holds(); ++i)
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    return holds();
+}
+
+// The lines of a playlist that begin so, without that.
+inline std::vector<std::string> entries(const std::string& playlist, const std::string& begin) {
+    std::vector<std::string> found;
+    std::istringstream lines(playlist);
+    for (std::string line; std::getline(lines, line);)
+        if (line.starts_with(begin)) found.push_back(line.substr(begin.size()));
+    return found;
+}
+
+// The seconds of all segments of a playlist.
+inline double duration(const fs::path& playlist) {
+    double seconds = 0;
+    for (const std::string& segment : entries(contents(playlist), "#EXTINF:"))
+        seconds += std::stod(segment);
+    return seconds;
+}
+
+// The installed tree, and a directory of the test's own.
+class WithInstalledTree : public testing::Test {
 protected:
-    void SetUp() override {
-        ASSERT_NE(std::getenv("KELVANE_DIST"), nullptr) << "KELVANE_DIST must name the installed tree";
+    WithInstalledTree() {
+        if (!std::getenv("KELVANE_DIST"))
+            throw std::runtime_error("KELVANE_DIST must name the installed tree");
         tree = std::getenv("KELVANE_DIST");
         std::string pattern = fs::temp_directory_path() / "kelvane test XXXXXX";
-        ASSERT_NE(mkdtemp(pattern.data()), nullptr);
-        directory = pattern;
+        if (!mkdtemp(pattern.data())) throw std::runtime_error("mkdtemp");
+        directory = fs::canonical(pattern);
+    }
+    ~WithInstalledTree() override { fs::remove_all(directory); }
+
+    fs::path tree, directory;
+};
+
+// The command-line tool of that tree, called from that directory.
+class InstalledTool : public WithInstalledTree {
+protected:
+    void SetUp() override {
         fs::copy(TEST_DATA "/bframes.h264", path("in.h264"));
         std::ofstream(path(".output")), std::ofstream(path(".errors"));
     }
-    void TearDown() override {
-        if (directory.empty()) return;
-        checkLadders();
-        fs::remove_all(directory);
-    }
+    void TearDown() override { checkLadders(); }
 
     // Has all the ladders that a test leaves looked at, box by box.
     void checkLadders() {
         std::string ladders;
         for (const auto& entry : fs::recursive_directory_iterator(directory))
-            if (entry.path().filename() == "master.m3u8") ladders += " '" + entry.path().parent_path().string() + "'";
+            if (entry.path().filename() == "master.m3u8")
+                ladders += " '" + entry.path().parent_path().string() + "'";
         if (ladders.empty()) return;
         const std::string check = "exec java -XX:TieredStopAtLevel=1 -cp '" TEST_JAR
                                   "' com.kelvane.media.test.LadderCheck " +
@@ -121,24 +156,17 @@ protected:
     }
     // A flash and a click each second, from the first on.
     void makeFlashesAndClicks(const std::string& size, const std::string& result) {
-        ASSERT_EQ(
-            run("ffmpeg", "-v error -f lavfi -i \"color=size=" + size +
-                              ":rate=25,drawbox=color=white:t=fill:enable='between(mod(t,1),0.47,0.55)'\""
-                              " -f lavfi -i \"aevalsrc='if(between(mod(t,1),0.481,0.51),0.9*sin(6000*t),0)'"
-                              ":s=48000\" -c:v libopenh264 -c:a aac " +
-                              result),
-            0)
-            << errors;
+        ffmpeg("-f lavfi -i \"color=size=" + size +
+               ":rate=25,drawbox=color=white:t=fill:enable='between(mod(t,1),0.47,0.55)'\""
+               " -f lavfi -i \"aevalsrc='if(between(mod(t,1),0.481,0.51),0.9*sin(6000*t),0)':s=48000\""
+               " -c:v libopenh264 -c:a aac " +
+               result);
     }
     // When they begin in a file.
     std::pair<std::vector<double>, std::vector<double>> flashesAndClicks(const std::string& file, double rate,
                                                                          const std::string& resampling) {
-        EXPECT_EQ(
-            run("ffmpeg", "-v error -y -i " + file +
-                              " -vsync 0 -vf scale=1:1,format=rgb24 -f rawvideo pictures -af aresample=" +
-                              resampling + ":first_pts=0 -ac 1 -ar 48000 -f s16le samples"),
-            0)
-            << errors;
+        ffmpeg("-i " + file + " -vsync 0 -vf scale=1:1,format=rgb24 -f rawvideo pictures -af aresample=" +
+               resampling + ":first_pts=0 -ac 1 -ar 48000 -f s16le samples");
         return {
             beginnings("pictures", 3, rate, [](const char* rgb) { return static_cast<uint8_t>(*rgb) > 128; }),
             beginnings("samples", 2, 48000, [](const char* sample) {
@@ -166,7 +194,6 @@ protected:
         EXPECT_EQ(names(directory), before);
     }
 
-    fs::path tree, directory;
     std::string output, errors;
     std::string ladderOptions; // for the check of ladders
 };

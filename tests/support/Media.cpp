@@ -21,6 +21,11 @@ Bytes readFile(const std::string& path) {
 
 std::vector<Bytes> accessUnits(const std::string& name) { return streamOf(name).calls; }
 
+int decode(VideoDecoder& decoder, Bytes unit, uint32_t time) {
+    unit.shrink_to_fit(); // a read past its end is seen by AddressSanitizer
+    return decoder.decode(reinterpret_cast<signed char*>(unit.data()), static_cast<int>(unit.size()), time);
+}
+
 Bytes keyPicture(uint32_t width, uint32_t height) {
     NativeOpenH264Encoder encoder;
     encoder.width = width;

@@ -4,6 +4,8 @@ extern "C" {
 #include <libavcodec/avcodec.h>
 }
 
+#include "video/AVCDecoder.h"
+
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -17,6 +19,8 @@ std::vector<Bytes> accessUnits(const std::string& name);
 
 // An access unit of one grey picture of any size that OpenH264 takes.
 Bytes keyPicture(uint32_t width, uint32_t height);
+
+int decode(VideoDecoder& decoder, Bytes unit, uint32_t time = 0);
 
 struct Picture {
     int width;

@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+#include <exception>
 #include <iostream>
 
 namespace {
@@ -19,6 +20,11 @@ std::string readAll(FILE* file) {
     return text;
 }
 
+int failures() {
+    const testing::TestInfo* test = testing::UnitTest::GetInstance()->current_test_info();
+    return test ? test->result()->total_part_count() : 0;
+}
+
 } // namespace
 
 std::string printedBy(const std::function<void()>& action, int descriptor) {
@@ -29,9 +35,14 @@ std::string printedBy(const std::function<void()>& action, int descriptor) {
     flush();
     FILE* caught = std::tmpfile();
     const int original = dup(descriptor);
-    const bool hadFailed = testing::Test::HasFailure();
+    const int before = failures();
+    std::exception_ptr thrown;
     dup2(fileno(caught), descriptor);
-    action();
+    try {
+        action();
+    } catch (...) {
+        thrown = std::current_exception();
+    }
     flush();
     dup2(original, descriptor);
     close(original);
@@ -39,7 +50,8 @@ std::string printedBy(const std::function<void()>& action, int descriptor) {
     std::string text = readAll(caught);
     std::fclose(caught);
     // What GoogleTest says of a failure inside the action was caught with the rest.
-    if (!hadFailed && testing::Test::HasFailure()) std::fputs(text.c_str(), stderr);
+    if (thrown || failures() != before) std::fputs(text.c_str(), stderr);
+    if (thrown) std::rethrow_exception(thrown);
     return text;
 }
 

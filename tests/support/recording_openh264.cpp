@@ -71,7 +71,6 @@ public:
         called();
         {
             const std::lock_guard lock(recording);
-            record.source = *picture;
             record.timestamps.push_back(picture->uiTimeStamp);
             failed |= record.failAt.contains(record.timestamps.size() - 1);
         }
@@ -80,7 +79,6 @@ public:
             return cmMallocMemeError;
         }
         if (record.failToEncode) return cmUnknownReason;
-        if (record.inventedLayers > 0) return invent(info);
         const int result = real->EncodeFrame(picture, info);
         if (record.skipPictures) info->eFrameType = videoFrameTypeSkip;
         return result;
@@ -105,25 +103,9 @@ private:
         return result;
     }
 
-    int invent(SFrameBSInfo* info) {
-        info->eFrameType = videoFrameTypeP;
-        info->iLayerNum = record.inventedLayers;
-        info->iFrameSizeInBytes = 5 * record.inventedLayers;
-        for (int i = 0; i < record.inventedLayers; ++i) {
-            SLayerBSInfo& layer = info->sLayerInfo[i];
-            std::fill_n(bytes[i], 5, static_cast<unsigned char>(i));
-            layer.iNalCount = 2;
-            layer.pNalLengthInByte = nalLengths;
-            layer.pBsBuf = bytes[i];
-        }
-        return 0;
-    }
-
     ISVCEncoder* real;
     bool failed = false;
     bool quiet = false;
-    unsigned char bytes[MAX_LAYER_NUM_OF_FRAME][5];
-    int nalLengths[2] = {2, 3};
 };
 
 } // namespace

@@ -13,7 +13,6 @@ struct OpenH264Record {
     int otherCalls = 0; // any method but GetDefaultParams, InitializeExt and EncodeFrame
     SEncParamExt defaults{};
     SEncParamExt param{};
-    SSourcePicture source{};
     std::vector<long long> timestamps;
 
     bool refuseToCreate = false;
@@ -21,11 +20,8 @@ struct OpenH264Record {
     bool initializesElsewhere = false; // on another thread, with memory that the caller's has no part in
     bool failToEncode = false;
     bool skipPictures = false;
-    std::set<uint64_t>
-        failAt; // pictures, counted over all encoders; the encoder fails for good, as OpenH264 does
-    // When above 0, pictures come out as this many layers of two NAL units: layer i holds 2 and 3 bytes of
-    // value i.
-    int inventedLayers = 0;
+    // Pictures, counted over all encoders; the encoder fails for good, as OpenH264 does.
+    std::set<uint64_t> failAt;
     void (*onCall)() = nullptr; // at the beginning of each call, of destroying at its end
 };
 

@@ -1,5 +1,5 @@
 // The interface between the processing pipeline (AVCProcessor in Java) and a module: a shared library for
-// 64-bit x86 Linux that alters decoded pictures, or the compressed stream, on their way through the pipeline.
+// 64-bit Linux that alters decoded pictures, or the compressed stream, on their way through the pipeline.
 //
 // A module in C++ derives a class from CModuleProcessor and defines the three functions at the end of this
 // file; it needs C++11 and nothing else of ours. One in C fills a KelvaneModuleOperations instead. The

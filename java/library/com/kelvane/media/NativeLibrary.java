@@ -12,6 +12,7 @@ import java.util.LinkedHashMap;
 import java.util.List;
 import java.util.Locale;
 import java.util.Map;
+import java.util.Optional;
 import java.util.regex.Matcher;
 import java.util.regex.Pattern;
 import java.util.stream.Stream;
@@ -26,7 +27,7 @@ import java.util.stream.Stream;
  * <li>the file named by the system property {@code kelvane.library};
  * <li>{@code amd64-Linux-gpp/jni/libkelvane_media.so}, then {@code libkelvane_media.so}, in the folder of the jar that
  *     holds this class;
- * <li>the natives jar (classifier {@code linux-x86_64}) on the class path or module path. Its libraries are unpacked
+ * <li>the natives jar (classifier {@code linux-x86_64} or {@code linux-aarch64}) on the class path or module path. Its libraries are unpacked
  *     once for each user, to {@code $XDG_CACHE_HOME/kelvane-media} or {@code ~/.cache/kelvane-media}, and compared with
  *     the jar at every later start. Where that is impossible, or forbidden to hold programs, each process unpacks them
  *     to {@code java.io.tmpdir} and deletes the files as soon as they are loaded;
@@ -37,15 +38,20 @@ import java.util.stream.Stream;
  * whatever the place: the second one loads a copy, which it makes in {@code java.io.tmpdir} or in the cache and deletes
  * at once.
  *
- * <p>The library is made for Linux with glibc on x86-64. On another platform only the system property is heeded.
+ * <p>The library is made for Linux with glibc on x86-64 and 64-bit Arm. On another platform only the system property is heeded.
  */
 public final class NativeLibrary {
     private static final String NAME = "kelvane_media";
     private static final String FILE = "lib" + NAME + ".so";
-    private static final String SUPPORTED = "Linux with glibc on x86-64";
+    private static final String SUPPORTED = "Linux with glibc on x86-64 and 64-bit Arm";
     private static final String OWN_LIBRARY = "set -Dkelvane.library=/path/to/" + FILE;
     // As the dynamic loader says it of a library that was built on a newer system.
-    private static final Pattern NEWER_VERSION = Pattern.compile("version `(GLIBC\\w*_[\\d.]+)' not found");
+    private static final Pattern NEWER_VERSION = Pattern.compile("version `((?:GLIBC|CXXABI)\\w*_[\\d.]+)' not found");
+    // As glibc has it of itself, in its file.
+    private static final Pattern GLIBC_ITSELF = Pattern.compile("GNU C Library [^\n]*? version (\\d+\\.\\d+)");
+
+    /** This machine as classifiers of artifacts name it. */
+    static final String PLATFORM = "linux-" + platformArchitecture(System.getProperty("os.arch"));
 
     private static final String OPENH264_OF_TREE = "libopenh264-1.8.0-linux64.4.so";
     private static final List<String> OPENH264_NAMES =
@@ -102,13 +108,17 @@ public final class NativeLibrary {
 
     /** Why the library cannot work on a platform; null when it can. */
     static String unsupported(String system, String architecture, Stream<String> memoryMap) {
-        if (!"Linux".equals(system) || !List.of("amd64", "x86_64").contains(architecture)) {
+        if (!"Linux".equals(system) || !List.of("x86_64", "aarch64").contains(platformArchitecture(architecture))) {
             return "it is made for " + SUPPORTED + ", and this is " + system + " on " + architecture;
         }
         if (memoryMap.anyMatch(line -> line.contains("/ld-musl-"))) {
             return "it is made for " + SUPPORTED + ", and the C library of this machine is musl";
         }
         return null;
+    }
+
+    private static String platformArchitecture(String architecture) {
+        return "amd64".equals(architecture) ? "x86_64" : architecture;
     }
 
     private static String tryPlaces() {
@@ -150,14 +160,40 @@ public final class NativeLibrary {
             }
             Matcher version = NEWER_VERSION.matcher(String.valueOf(failure.getMessage()));
             if (version.find()) {
-                return "run it on a newer system, which has " + version.group(1) + ", or build it for this one and " + OWN_LIBRARY;
+                return "run it on a newer system" + (version.group(1).startsWith("GLIBC_")
+                        ? " (it " + glibcNeeded(version.group(1).substring("GLIBC_".length())) + ")"
+                        : ", which has " + version.group(1)) + ", or build it for this one and " + OWN_LIBRARY;
             }
             there |= !(failure instanceof NotThere || failure instanceof NoSuchFileException);
         }
         return there ? "see to what is told of the library that is there, or " + OWN_LIBRARY
-                : "add the artifact com.kelvane:kelvane-media of classifier linux-x86_64 to the class path,"
+                : "add the artifact com.kelvane:kelvane-media of classifier " + PLATFORM + " to the class path,"
                 + " run from an installed tree (lib/kelvane-media.jar beside lib/amd64-Linux-gpp/jni/" + FILE + "), or "
                 + OWN_LIBRARY;
+    }
+
+    // The loader names the first version that it misses; the jar knows the newest that is needed.
+    private static String glibcNeeded(String missing) {
+        String jar = NativesJar.neededGlibc();
+        String needed = jar != null && Runtime.Version.parse(jar).compareTo(Runtime.Version.parse(missing)) > 0 ? jar : missing;
+        String here = glibcHere();
+        return "needs glibc " + needed + (here == null ? "" : ", this is " + here);
+    }
+
+    private static String glibcHere() {
+        try (Stream<String> memoryMap = Files.lines(Path.of("/proc/self/maps"), StandardCharsets.ISO_8859_1)) {
+            Optional<String> file = memoryMap.filter(line -> line.matches(".*/libc[.-][^/]*so[^/]*"))
+                    .map(line -> line.substring(line.indexOf('/'))).findFirst();
+            return file.isPresent() ? glibcVersion(Files.readString(Path.of(file.get()), StandardCharsets.ISO_8859_1)) : null;
+        } catch (IOException | RuntimeException e) {
+            return null; // then it is not told
+        }
+    }
+
+    /** The version of the C library with this content of its file; null when it is not told. */
+    static String glibcVersion(String file) {
+        Matcher version = GLIBC_ITSELF.matcher(file);
+        return version.find() ? version.group(1) : null;
     }
 
     private static String unsupportedHere() {

@@ -1,19 +1,22 @@
 package com.kelvane.media;
 
 import java.io.IOException;
+import java.io.InputStream;
 import java.lang.module.ModuleFinder;
 import java.lang.module.ModuleReference;
 import java.net.URI;
 import java.net.URL;
+import java.net.URLConnection;
 import java.nio.file.Path;
 import java.util.Optional;
+import java.util.jar.Manifest;
 import java.util.stream.Stream;
 
-/** The jar with the native libraries, the artifact of classifier {@code linux-x86_64}. */
+/** The jar with the native libraries for this machine, the artifact of classifier {@link NativeLibrary#PLATFORM}. */
 final class NativesJar {
     // No package name, so that a module does not hide it.
-    private static final String INDEX = "META-INF/natives/linux-x86_64/SHA256SUMS";
-    private static final String MODULE = "com.kelvane.media.natives.linux.x86_64";
+    private static final String INDEX = "META-INF/natives/" + NativeLibrary.PLATFORM + "/SHA256SUMS";
+    private static final String MODULE = "com.kelvane.media.natives." + NativeLibrary.PLATFORM.replace('-', '.');
 
     private NativesJar() {
     }
@@ -29,6 +32,23 @@ final class NativesJar {
             throw new NotThere("not on the class path or module path");
         }
         return new PackedFiles(index);
+    }
+
+    /** The version of glibc that the libraries in the jar need at least; null when the jar is not there or does not tell. */
+    static String neededGlibc() {
+        try {
+            URL index = locate();
+            if (index == null) {
+                return null;
+            }
+            URLConnection manifest = new URL(index, "/META-INF/MANIFEST.MF").openConnection();
+            manifest.setUseCaches(false);
+            try (InputStream text = manifest.getInputStream()) {
+                return new Manifest(text).getMainAttributes().getValue("Needs-Glibc");
+            }
+        } catch (IOException e) {
+            return null;
+        }
     }
 
     // As a module this class sees the jar on its class loader if that is the loader of all modules; in a layer with a

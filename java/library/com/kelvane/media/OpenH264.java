@@ -22,7 +22,7 @@ final class OpenH264 {
             }
             failure.append("\n  ").append(place).append(": ").append(AVCEncoder.problem(place));
         }
-        throw new MediaException(failure.append("\nTo fix it, add the natives jar (classifier linux-x86_64), install the"
+        throw new MediaException(failure.append("\nTo fix it, add the natives jar (classifier " + NativeLibrary.PLATFORM + "), install the"
                 + " library (Debian: libopenh264-7 or -8) or name it with -Dkelvane.openh264=/path/to/libopenh264.so").toString());
     }
 }

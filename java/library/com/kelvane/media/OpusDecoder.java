@@ -2,6 +2,7 @@ package com.kelvane.media;
 
 import com.kelvane.media.transform.codec.NOpusDecoder;
 import java.time.Duration;
+import java.util.Objects;
 import java.util.Optional;
 
 /**
@@ -98,11 +99,67 @@ public final class OpusDecoder implements AutoCloseable {
      * @throws IllegalStateException if this decoder is closed or in use
      */
     public Optional<Pcm> conceal(Duration duration) {
+        return conceal(samples(duration));
+    }
+
+    private static int samples(Duration duration) {
         boolean sane = duration.compareTo(Duration.ZERO) > 0 && duration.compareTo(LONGEST) <= 0;
         if (!sane || duration.toNanos() % SHORTEST.toNanos() != 0) {
             throw new IllegalArgumentException("duration is " + duration + ", allowed are 2.5 to 120 ms in steps of 2.5 ms");
         }
-        return conceal((int) (duration.toNanos() * SAMPLE_RATE / Duration.ofSeconds(1).toNanos()));
+        return (int) (duration.toNanos() * SAMPLE_RATE / Duration.ofSeconds(1).toNanos());
+    }
+
+    /**
+     * Makes a lost packet, as long as the last one that was decoded, of the copy in the packet behind it: where that
+     * {@link #carriesFec}, it is better than {@link #conceal()}, and the same where it does not. To be called before that packet
+     * is decoded.
+     *
+     * @param next the packet behind the lost one
+     * @return the sound; empty when {@code next} cannot be decoded
+     * @throws IllegalArgumentException if the packet is empty
+     * @throws IllegalStateException if this decoder is closed or in use
+     */
+    public Optional<Pcm> decodeLost(byte[] next) {
+        return decodeLost(next, packetSamples);
+    }
+
+    /**
+     * Makes lost packets of a known length, the last of them of the copy in the packet behind them, the others as
+     * {@link #conceal(Duration)} does. Less than the length of that packet is all concealed.
+     *
+     * @param next the packet behind the lost ones
+     * @param duration 2.5 to 120 ms, in steps of 2.5 ms
+     * @return the sound; empty when {@code next} cannot be decoded
+     * @throws IllegalArgumentException for any other duration, or if the packet is empty
+     * @throws IllegalStateException if this decoder is closed or in use
+     */
+    public Optional<Pcm> decodeLost(byte[] next, Duration duration) {
+        return decodeLost(next, samples(duration));
+    }
+
+    private Optional<Pcm> decodeLost(byte[] next, int samples) {
+        if (next.length == 0) {
+            throw new IllegalArgumentException("the packet is empty; conceal() stands in for lost ones");
+        }
+        long handle = engine.enter("decodeLost");
+        try {
+            return pcm(NOpusDecoder.decodeLost(samples, next, output, handle));
+        } finally {
+            engine.exit();
+        }
+    }
+
+    /**
+     * Whether a packet has a copy of the sound before it, for {@link #decodeLost}.
+     *
+     * @param packet one packet
+     * @return whether it has; false for what is no packet of Opus
+     */
+    public static boolean carriesFec(byte[] packet) {
+        Objects.requireNonNull(packet, "packet");
+        Natives.load();
+        return NOpusDecoder.carriesFec(packet);
     }
 
     private Optional<Pcm> conceal(int samples) {

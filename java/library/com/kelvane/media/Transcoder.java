@@ -87,8 +87,8 @@ public final class Transcoder implements AutoCloseable {
      * renditions made of it, on the calling thread, in the order of the renditions; a rendition whose encoder skipped the
      * picture or failed at it is left out.
      *
-     * <p>When the receiver throws, the other renditions' pictures are delivered all the same, and the first exception is
-     * thrown when that is done.
+     * <p>When the receiver throws, or a rendition's picture finds no Java memory, the other renditions' pictures are
+     * delivered all the same, and the first exception or error is thrown when that is done.
      *
      * @param accessUnit one access unit in byte-stream form, see {@link AccessUnit}; not changed and not kept
      * @param time presentation time of its picture, in milliseconds or {@linkplain Builder#timescale other ticks}

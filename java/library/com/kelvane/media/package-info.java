@@ -20,6 +20,7 @@
  *     of it
  * <tr><th scope="row">{@link com.kelvane.media.Mp3Decoder}<td>MP3 to sound
  * <tr><th scope="row">{@link com.kelvane.media.OpusDecoder}, {@link com.kelvane.media.OpusEncoder}<td>Opus to sound and back
+ * <tr><th scope="row">{@link com.kelvane.media.Resampler}<td>sound of another rate and other channels
  * <tr><th scope="row">{@link com.kelvane.media.ContainerWriter}<td>access units into MP4, fragments for HLS and DASH, MPEG-TS,
  *     FLV, Matroska and more
  * </tbody>

@@ -11,6 +11,11 @@ public final class Places {
         System.out.println(NativeLibrary.unsupported("Linux", "amd64", Stream.of(glibc)));
         System.out.println(NativeLibrary.unsupported("Linux", "amd64", Stream.of(glibc, musl)));
         System.out.println(NativeLibrary.unsupported("Mac OS X", "x86_64", Stream.of()));
+        System.out.println(NativeLibrary.unsupported("Linux", "riscv64", Stream.of()));
+        for (String banner : List.of("x\0GNU C Library (Debian GLIBC 2.36-9+deb12u10) stable release version 2.36.\nCopyright",
+                "GNU C Library (GNU libc) stable release version 2.17, by Roland McGrath et al.\n", "musl libc")) {
+            System.out.println(NativeLibrary.glibcVersion(banner));
+        }
         System.out.println(NativeLibrary.directory());
         System.out.println(String.join("\n", NativeLibrary.openH264Places()));
         for (Throwable failure : List.of(new NotThere("not set"), new IllegalCallerException("Illegal native access"),

@@ -15,9 +15,11 @@ import com.kelvane.media.Picture;
 import com.kelvane.media.Pipeline;
 import com.kelvane.media.ProcessingModule;
 import com.kelvane.media.Rendition;
+import com.kelvane.media.Resampler;
 import com.kelvane.media.Transcoder;
 import com.kelvane.media.VideoDecoder;
 import com.kelvane.media.VideoEncoder;
+import com.kelvane.media.transform.codec.NOpusEncoder;
 import java.nio.BufferOverflowException;
 import java.nio.ByteBuffer;
 import java.nio.file.Path;
@@ -100,6 +102,97 @@ final class CodecsTest {
             }
         }
         assertEquals(List.of(960, 120, 120, 1920, 0, 120, 480, 480, 1920, 0, 480, 2880, 2880, 1920, 0, 2880), samples);
+    }
+
+    /** AAC at 44.1 kHz to Opus of any frame length: as long, as loud and in step, whatever the lengths of the pieces. */
+    @Test
+    void resamplesAacForOpus() {
+        for (int milliseconds : new int[] {5, 20, 60}) {
+            byte[] tone = tone(44_100, 44_100 * 3);
+            List<byte[]> packets = new ArrayList<>();
+            List<Pcm> sound = new ArrayList<>();
+            OpusEncoder.Builder settings = OpusEncoder.builder().frameDuration(Duration.ofMillis(milliseconds));
+            try (AacEncoder aac = AacEncoder.builder().sampleRate(44_100).bitrate(160_000).open(); OpusEncoder opus = settings.open();
+                    AacDecoder decoder = AacDecoder.open(new byte[] {0x12, 0x10}); OpusDecoder back = OpusDecoder.open(2);
+                    Resampler resampler = Resampler.builder().from(44_100, 2).frame(opus.samplesPerFrame()).open()) {
+                Consumer<Pcm> send = frame -> packets.add(opus.encode(frame.bytes()));
+                Consumer<byte[]> unit = bytes -> decoder.decode(bytes).ifPresent(pcm -> resampler.convert(pcm, send));
+                for (int at = 0; at + aac.blockSize() <= tone.length; at += aac.blockSize()) {
+                    aac.encode(Arrays.copyOfRange(tone, at, at + aac.blockSize())).ifPresent(unit);
+                }
+                resampler.drain(send);
+                packets.forEach(packet -> back.decode(packet).ifPresent(sound::add));
+                assertEquals(opus.samplesPerFrame(), sound.get(0).samples());
+                long expected = (tone.length / aac.blockSize() - 1) * 1024L * 48_000 / 44_100;
+                assertEquals((expected + opus.samplesPerFrame()) / opus.samplesPerFrame(), packets.size());
+                assertTrue(gain(tone(48_000, 48_000 * 3), sound, opus.leadIn() + AacEncoder.LEAD_IN * 480 / 441) > 0.97);
+            }
+        }
+    }
+
+    private static byte[] tone(int rate, int samples) {
+        java.nio.ByteBuffer tone = java.nio.ByteBuffer.allocate(4 * samples).order(java.nio.ByteOrder.LITTLE_ENDIAN);
+        for (int i = 0; i < samples; i++) {
+            double t = 2 * Math.PI * i / rate;
+            tone.putShort((short) (9000 * Math.sin(700 * t) * Math.sin(3 * t))).putShort((short) (9000 * Math.sin(450 * t)));
+        }
+        return tone.array();
+    }
+
+    /** The part of the original that is in the sound, which lags behind. */
+    private static double gain(byte[] original, List<Pcm> sound, int lag) {
+        java.io.ByteArrayOutputStream all = new java.io.ByteArrayOutputStream();
+        sound.forEach(pcm -> all.writeBytes(pcm.bytes()));
+        java.nio.ShortBuffer decoded = java.nio.ByteBuffer.wrap(all.toByteArray()).order(java.nio.ByteOrder.LITTLE_ENDIAN).asShortBuffer();
+        java.nio.ShortBuffer expected = java.nio.ByteBuffer.wrap(original).order(java.nio.ByteOrder.LITTLE_ENDIAN).asShortBuffer();
+        double product = 0;
+        double squares = 0;
+        for (int i = 9600; i + 2 * lag + 9600 < decoded.limit(); i++) {
+            product += (double) expected.get(i) * decoded.get(i + 2 * lag);
+            squares += (double) expected.get(i) * expected.get(i);
+        }
+        return product / squares;
+    }
+
+    /** Settings from another thread come with the next packet; without any the packets are those of the plain engine. */
+    @Test
+    void changesOpusSettingsWhileItRuns() throws InterruptedException {
+        byte[] tone = tone(48_000, 48_000 * 2);
+        List<Integer> sizes = new ArrayList<>();
+        List<Integer> copies = new ArrayList<>();
+        try (OpusEncoder steered = OpusEncoder.builder().application(OpusEncoder.Application.VOIP).bitrate(64_000).open();
+                OpusEncoder low = OpusEncoder.builder().bitrate(64_000).application(OpusEncoder.Application.LOW_DELAY).open();
+                OpusEncoder plain = OpusEncoder.builder().bitrate(64_000).open();
+                OpusEncoder quiet = OpusEncoder.builder().dtx(true).application(OpusEncoder.Application.VOIP).open()) {
+            long bare = NOpusEncoder.open(2, 64_000, 20);
+            byte[] packet = new byte[3828];
+            for (int i = 0; i < 100; i++) {
+                byte[] frame = Arrays.copyOfRange(tone, 3840 * i, 3840 * (i + 1));
+                if (i == 50) {
+                    Thread other = new Thread(() -> {
+                        steered.bitrate(40_000);
+                        steered.packetLoss(30);
+                        steered.fec(true);
+                    });
+                    other.start();
+                    other.join();
+                }
+                byte[] sent = steered.encode(frame);
+                sizes.add(sent.length);
+                copies.add(OpusDecoder.carriesFec(sent) ? 1 : 0);
+                assertTrue(Arrays.equals(Arrays.copyOf(packet, NOpusEncoder.encode(frame, packet, bare)), plain.encode(frame)));
+            }
+            NOpusEncoder.close(bare);
+            assertEquals(List.of(160, 100), List.of(sizes.get(49), sizes.get(50)));
+            assertEquals(0, Collections.max(copies.subList(0, 50)));
+            assertTrue(copies.subList(55, 100).stream().mapToInt(copy -> copy).sum() > 30, copies::toString);
+            int silent = 0;
+            for (int i = 0; i < 100; i++) {
+                silent += quiet.encode(new byte[3840]).length == 1 ? 1 : 0;
+            }
+            assertTrue(silent > 50, "packets over silence: " + silent);
+            assertEquals(192, plain.leadIn() - low.leadIn());
+        }
     }
 
     private static int same(Optional<Pcm> plain, Optional<Pcm> thrifty, Consumer<Pcm> recycle) {

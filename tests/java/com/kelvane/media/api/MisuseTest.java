@@ -19,6 +19,7 @@ import com.kelvane.media.PicturePlan;
 import com.kelvane.media.Pipeline;
 import com.kelvane.media.ProcessingModule;
 import com.kelvane.media.Rendition;
+import com.kelvane.media.Resampler;
 import com.kelvane.media.Tarnwick;
 import com.kelvane.media.Transcoder;
 import com.kelvane.media.VideoDecoder;
@@ -35,6 +36,7 @@ import com.kelvane.media.transform.codec.Muxer;
 import com.kelvane.media.transform.codec.NOpusDecoder;
 import com.kelvane.media.transform.codec.NOpusEncoder;
 import com.kelvane.media.transform.codec.OpenH264Encoder;
+import com.kelvane.media.transform.codec.PcmResampler;
 import java.lang.ref.WeakReference;
 import java.lang.reflect.Method;
 import java.lang.reflect.Modifier;
@@ -226,6 +228,21 @@ final class MisuseTest {
                 new Case(() -> AacEncoder.builder().sampleRate(44_000), "sampleRate is 44000, allowed are "
                         + AacEncoder.SAMPLE_RATES + " Hz"),
                 new Case(() -> OpusEncoder.builder().bitrate(5999), "bitrate is 5999, allowed are 6000 to 510000 bits per second"),
+                new Case(() -> AacEncoder.builder().channels(1).sampleRate(44_100).bitrate(300_000).open(),
+                        "bitrate is 300000, allowed are 8000 to 264600 bits per second at 44100 Hz with 1 channel"),
+                new Case(() -> AacEncoder.builder().bitrate(0), "bitrate is 0, allowed are 8000 to 1152000 bits per second"),
+                new Case(() -> OpusEncoder.builder().packetLoss(101), "packetLoss is 101, allowed are 0 to 100 per cent"),
+                new Case(() -> OpusEncoder.builder().complexity(11), "complexity is 11, allowed are 0 to 10 steps"),
+                new Case(() -> OpusEncoder.builder().frameDuration(Duration.ofMillis(30)),
+                        "frameDuration is PT0.03S, allowed are 2.5, 5, 10, 20, 40 and 60 ms"),
+                new Case(() -> OpusEncoder.builder().fec(true).frameDuration(Duration.ofMillis(5)).open(),
+                        "there are no copies in packets shorter than 10 ms"),
+                new Case(() -> losing(new byte[0], Duration.ofMillis(20)), "the packet is empty; conceal() stands in for lost ones"),
+                new Case(() -> losing(new byte[1], Duration.ofMillis(121)),
+                        "duration is PT0.121S, allowed are 2.5 to 120 ms in steps of 2.5 ms"),
+                new Case(() -> Resampler.builder().from(7349, 1), "sampleRate is 7349, allowed are 7350 to 192000 Hz"),
+                new Case(() -> Resampler.builder().to(48_000, 0), "channels is 0, allowed are 1 to 2 channels"),
+                new Case(() -> Resampler.builder().frame(0), "frame is 0, allowed are 1 to 192000 samples"),
                 new Case(() -> concealing(Duration.ofMillis(11)),
                         "duration is PT0.011S, allowed are 2.5 to 120 ms in steps of 2.5 ms"),
                 new Case(() -> concealing(Duration.ofDays(400_000)),
@@ -236,7 +253,13 @@ final class MisuseTest {
             assertEquals(wrong.message, messageOf(IllegalArgumentException.class, wrong.call));
         }
         try (VideoDecoder decoder = VideoDecoder.open(); OpusEncoder encoder = OpusEncoder.builder().open();
-                AacDecoder aac = AacDecoder.open(AAC_LC_STEREO); Mp3Decoder mp3 = Mp3Decoder.open()) {
+                AacDecoder aac = AacDecoder.open(AAC_LC_STEREO); Mp3Decoder mp3 = Mp3Decoder.open();
+                Resampler resampler = Resampler.builder().from(44_100, 2).open()) {
+            assertEquals("the sound is 48000 Hz with 1 channel, this resampler takes 44100 Hz with 2 channels", messageOf(
+                    IllegalArgumentException.class, () -> resampler.convert(new Pcm(1, 48_000, new byte[2]), pcm -> { })));
+            assertEquals("Resampler.close: called from a callback of the same Resampler, which is still at work; do it when the call"
+                    + " that makes the callbacks has returned", messageOf(IllegalStateException.class,
+                    () -> resampler.convert(new Pcm(2, 44_100, new byte[8192]), pcm -> resampler.close())));
             assertEquals("an access unit begins with the start code 00 00 00 01 or 00 00 01; this one begins with 00 00 02 3f."
                     + " MP4, MKV and FLV put lengths there instead: replace each by a start code",
                     messageOf(IllegalArgumentException.class, () -> decoder.decode(new byte[] {0, 0, 2, 0x3f, 0x65}, 0)));
@@ -269,6 +292,7 @@ final class MisuseTest {
         Pipeline passing = Pipeline.builder().passThrough().open();
         Transcoder closed = transcoder();
         closed.close();
+        OpusEncoder opus = OpusEncoder.builder().application(OpusEncoder.Application.LOW_DELAY).open();
         ladder.remove(1);
         List<Case> cases = List.of(
                 new Case(bounds, () -> ladder.bitrate(2, 100_000), "Transcoder.bitrate: there is no rendition 2, indices are 0 to 1"),
@@ -286,17 +310,27 @@ final class MisuseTest {
                 new Case(state, () -> closed.add(Rendition.of(64, 48).bitrate(1000)), "Transcoder.add: this Transcoder is closed"),
                 new Case(() -> encoder.bitrate(999), "bitrate is 999, allowed are 1000 to 288000000 bits per second"),
                 new Case(() -> pipeline.bitrate(0), "bitrate is 0, allowed are 1000 to 288000000 bits per second"),
+                new Case(() -> opus.bitrate(510_001), "bitrate is 510001, allowed are 6000 to 510000 bits per second"),
+                new Case(() -> opus.packetLoss(-1), "packetLoss is -1, allowed are 0 to 100 per cent"),
+                new Case(state, () -> opus.fec(true), "OpusEncoder.fec: there are no copies with LOW_DELAY, which never codes as speech"),
                 new Case(state, passing::requestKey, "Pipeline.requestKey: nothing is encoded in pass-through mode"));
         for (Case wrong : cases) {
             String message = messageOf(wrong.type, wrong.call);
             assertTrue(wrong.message == null || wrong.message.equals(message), message);
         }
         assertEquals(100_000, ladder.renditions().get(0).bitrate());
-        for (AutoCloseable engine : List.of(ladder, encoder, pipeline, passing)) {
+        for (AutoCloseable engine : List.of(ladder, encoder, pipeline, passing, opus)) {
             assertDoesNotThrow(engine::close);
         }
         assertEquals("VideoEncoder.requestKey: this VideoEncoder is closed", messageOf(state, encoder::requestKey));
+        assertEquals("OpusEncoder.packetLoss: this OpusEncoder is closed", messageOf(state, () -> opus.packetLoss(5)));
         assertEquals("Pipeline.bitrate: this Pipeline is closed", messageOf(state, () -> pipeline.bitrate(5000)));
+    }
+
+    private static void losing(byte[] next, Duration duration) {
+        try (OpusDecoder decoder = OpusDecoder.open(1)) {
+            decoder.decodeLost(next, duration);
+        }
     }
 
     private static void concealing(Duration duration) {
@@ -464,8 +498,9 @@ final class MisuseTest {
                 new Bare(AACDecoder.class, AAC_LC_STEREO, "decode 0: 0 0 0 0, open 0", AAC_LC_STEREO),
                 new Bare(AACEncoder.class, sound, "encode 0: 0 0 0 -1", 2, 48_000),
                 new Bare(MPADecoder.class, sound, "decode 0: 0 0 0 0"),
-                new Bare(NOpusDecoder.class, new byte[] {-4}, "conceal 0: 0 0, decode 960: 0 0 -1, limitFailureLines null: null", 2, 0),
-                new Bare(NOpusEncoder.class, sound, "encode 160: 0 0 -1", 2, 64_000, 20),
+                new Bare(NOpusDecoder.class, new byte[] {-4}, "carriesFec false: false, conceal 0: 0 0, decode 960: 0 0 -1, decodeLost 0: 0 0 0, limitFailureLines null: null", 2, 0),
+                new Bare(NOpusEncoder.class, sound, "encode 160: 0 0 -1, packetSize 160: 0, set 0: 0", 2, 64_000, 20),
+                new Bare(PcmResampler.class, sound, "convert 925: 0 0 0, drain 16: 0 0", 2, 48_000, 2, 44_100),
                 new Bare(Muxer.class, UNIT, "addPictures -2001: -2001 -2001 -2001, addSound -2001: -2001 -2001, begin -2001: -2001, "
                         + "cut -2001: -2001, describe 7: 0, finish -2001: -2001, label -2001: -2001 -2001 -2001, next 0: 0 0, open 0, "
                         + "run -2001: -2001 -2001, take 0: 0 0, write -2002: -2001 -2001", "matroska", 0));

@@ -53,14 +53,14 @@ final class PackagePagesTest {
 
     /** What the ladder's playlists name plays on from segment to segment, and no picture and no sound is missing. */
     @Test
-    void exampleOfAContainerWriterMakesALadder() throws Exception {
+    void exampleOfALadderPlaysOn() throws Exception {
         Path stream = folder.resolve("stream.h264");
         for (int i = 0; i < 4; i++) { // 120 pictures, 4.8 s
             Files.write(stream, Files.readAllBytes(Path.of(System.getProperty("test.data"), Vectors.PLAIN)),
                     StandardOpenOption.CREATE, StandardOpenOption.APPEND);
         }
         Path pcm = Files.write(folder.resolve("sound.pcm"), new byte[4 * 48_000 * 48 / 10]);
-        run("com/kelvane/media/ContainerWriter.java", stream, pcm);
+        run(Path.of(System.getProperty("test.library.sources"), "../../examples/hls/HlsLadder.java"), stream, pcm);
         String master = Files.readString(folder.resolve("master.m3u8"));
         assertTrue(master.contains("CODECS=\"avc1.42c0") && master.contains(",mp4a.40.2\""), master);
         for (String name : List.of("320x180", "160x90", "sound")) {
@@ -91,6 +91,10 @@ final class PackagePagesTest {
         assertTrue(example.find());
         Path program = folder.resolve(example.group(2) + ".java");
         Files.writeString(program, example.group(1).replaceAll("(?m)^ \\* ?", ""));
+        return run(program, arguments);
+    }
+
+    private String run(Path program, Path... arguments) throws Exception {
         List<String> command = new ArrayList<>(List.of(System.getProperty("java.home") + "/bin/java", "-Xcheck:jni",
                 "-Dkelvane.library=" + System.getProperty("kelvane.library"),
                 "-Dkelvane.openh264=" + System.getProperty("kelvane.openh264"), "-cp", libraryJar(), program.toString()));

@@ -7,9 +7,11 @@ import com.kelvane.media.MediaTrack;
 import com.kelvane.media.Mp3Decoder;
 import com.kelvane.media.OpusDecoder;
 import com.kelvane.media.OpusEncoder;
+import com.kelvane.media.Pcm;
 import com.kelvane.media.Picture;
 import com.kelvane.media.Pipeline;
 import com.kelvane.media.Rendition;
+import com.kelvane.media.Resampler;
 import com.kelvane.media.Transcoder;
 import com.kelvane.media.VideoDecoder;
 import com.kelvane.media.VideoEncoder;
@@ -41,6 +43,8 @@ public record EngineKind(String name, Supplier<AutoCloseable> open, Consumer<Aut
                 new EngineKind("OpusDecoder", () -> OpusDecoder.open(2), e -> ((OpusDecoder) e).conceal()),
                 new EngineKind("ContainerWriter", () -> ContainerWriter.builder(ContainerWriter.Format.FRAGMENTED_MP4)
                         .track(MediaTrack.h264(640, 480)).open(), e -> ((ContainerWriter) e).write(0, new byte[1 << 20], 0)), // looks for parameter sets
+                new EngineKind("Resampler", () -> Resampler.builder().to(44_100, 1).open(),
+                        e -> ((Resampler) e).convert(new Pcm(2, 48_000, new byte[8192]), pcm -> { })),
                 new EngineKind("OpusEncoder", () -> OpusEncoder.builder().open(),
                         e -> ((OpusEncoder) e).encode(new byte[3840])));
     }

@@ -6,11 +6,9 @@ import com.kelvane.media.Rendition;
 import com.kelvane.media.Transcoder;
 import com.kelvane.media.VideoDecoder;
 import com.kelvane.media.transform.codec.AVCDecoder;
-import com.kelvane.media.transform.codec.MIRVProcessor;
 import java.io.ByteArrayOutputStream;
 import java.io.File;
 import java.io.IOException;
-import java.nio.ByteBuffer;
 import java.nio.file.Files;
 import java.nio.file.Path;
 import java.util.ArrayList;
@@ -20,7 +18,7 @@ import java.util.concurrent.CountDownLatch;
 import java.util.function.Consumer;
 import java.util.function.IntConsumer;
 
-/** What a server does to the library: "ending", "throwing", "callbacks", "lines", "peaks" and "soak", see each method. */
+/** What a server does to the library: "ending", "shortage", "lines", "peaks" and "soak", see each method. */
 public final class Life {
     private static List<byte[]> units;
 
@@ -29,8 +27,7 @@ public final class Life {
         int[] numbers = Arrays.stream(arguments).skip(2).mapToInt(Integer::parseInt).toArray();
         switch (arguments[0]) {
             case "ending" -> ending(numbers[0], numbers[1]);
-            case "throwing" -> throwing();
-            case "callbacks" -> callbacks(numbers[0], numbers[1]);
+            case "shortage" -> shortage();
             case "lines" -> lines(numbers[0]);
             case "peaks" -> peaks(numbers[0], numbers[1]);
             default -> soak(numbers[0], numbers[1]);
@@ -80,66 +77,31 @@ public final class Life {
         new ProcessBuilder("kill", "-" + signal, Long.toString(ProcessHandle.current().pid())).start();
     }
 
-    /** A receiver that throws at each call of each output in turn; nobody else loses a byte. */
-    private static void throwing() {
-        byte[] expected;
-        try (Transcoder transcoder = threeRungs()) {
-            expected = transcode(transcoder, units.size());
-        }
-        int thrown = 0;
-        for (int output = 0; output < 3; output++) {
-            ByteArrayOutputStream bytes = new ByteArrayOutputStream();
-            try (Transcoder transcoder = threeRungs()) {
-                int thrower = output;
-                Consumer<EncodedPicture> receiver = picture -> {
-                    bytes.writeBytes(picture.copy());
-                    if (picture.index() == thrower) {
-                        throw new ArithmeticException("of the receiver");
-                    }
-                };
-                for (int i = 0; i <= units.size(); i++) {
-                    try {
-                        if (i < units.size()) {
-                            transcoder.write(units.get(i), i, receiver);
-                        } else {
-                            transcoder.drain(receiver);
-                        }
-                    } catch (ArithmeticException ours) {
-                        thrown++;
-                    }
+    /** No Java memory for the second rendition's first picture; the others' pictures need little. */
+    private static void shortage() {
+        List<Integer> delivered = new ArrayList<>();
+        byte[][] ballast = new byte[8192][];
+        try (Transcoder transcoder = Transcoder.builder().rendition(Rendition.of(64, 48).bitrate(80_000))
+                .rendition(Rendition.of(1920, 1080).bitrate(50_000_000).quantisers(1, 10))
+                .rendition(Rendition.of(96, 80).bitrate(150_000)).open()) {
+            transcoder.pause(1);
+            for (int i = 0; i < 5; i++) {
+                transcoder.write(units.get(i), i, picture -> delivered.add(picture.index()));
+            }
+            transcoder.resume(1);
+            int filled = 0;
+            try {
+                while (true) {
+                    ballast[filled++] = new byte[1 << 14];
                 }
+            } catch (OutOfMemoryError full) {
+                Arrays.fill(ballast, filled - 4, filled, null);
             }
-            check(Arrays.equals(bytes.toByteArray(), expected), "the same bytes");
+            transcoder.write(units.get(5), 5, picture -> delivered.add(picture.index()));
+        } catch (OutOfMemoryError missing) {
+            ballast = null;
+            tell("delivered %s, then an error", delivered.subList(10, delivered.size()));
         }
-        check(thrown == 3 * units.size(), "an exception from each call, not " + thrown);
-        tell("%d exceptions, every output delivered", thrown);
-    }
-
-    /** Callbacks of so many outputs in so many calls; -Xcheck:jni tells of local references that pile up. */
-    private static void callbacks(int outputs, int calls) {
-        threeRungs().close(); // finds the libraries
-        long transcoder = MIRVProcessor.open(outputs);
-        for (int id = 1; id <= outputs; id++) {
-            for (String key : List.of("videoWidth", "videoHeight")) {
-                MIRVProcessor.apply(id, key, "16", transcoder);
-            }
-            MIRVProcessor.apply(id, "videoBR", "100000", transcoder);
-        }
-        MIRVProcessor.start(transcoder);
-        int[] received = new int[2];
-        Object listener = new Object() {
-            /** Called by the library. */
-            @SuppressWarnings("unused")
-            public void receiveVideo(int index, int timestamp, ByteBuffer data) {
-                received[data == null ? 0 : 1]++;
-            }
-        };
-        for (int i = 0; i < calls; i++) {
-            MIRVProcessor.write(listener, i, units.get(i % units.size()), transcoder);
-        }
-        MIRVProcessor.close(transcoder);
-        check(received[1] == outputs * calls, received[1] + " callbacks with data");
-        tell("%d callbacks", received[1]);
     }
 
     /** So many lines of diagnostics, which bad input provokes. */

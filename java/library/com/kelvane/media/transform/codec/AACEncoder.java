@@ -3,7 +3,8 @@ package com.kelvane.media.transform.codec;
 import com.kelvane.media.NativeLibrary;
 
 /**
- * Encodes PCM, mono or stereo, to raw AAC-LC access units (no ADTS header) at 64000 bits per second.
+ * Encodes PCM, mono or stereo, to raw AAC-LC access units (no ADTS header) at 64000 bits per second, or
+ * at another rate ({@code openAt}).
  *
  * <p>{@code open}, then {@code encode} with one block of 1024 samples per channel after the other, {@code close}. The
  * encoder looks ahead: its first calls yield nothing, and what it still holds at {@code close} is lost.
@@ -38,6 +39,16 @@ public final class AACEncoder {
      *         set up, because of its sampling rate for instance, has a handle too: its {@code encode} always returns 0
      */
     public static native long open(int channels, int sampleRate);
+
+    /**
+     * Makes an encoder of another bit rate.
+     *
+     * @param channels as for {@code open}
+     * @param sampleRate as for {@code open}
+     * @param bitrate bits per second: 8000 to 6 times the sampling rate for each channel, the largest that a frame holds
+     * @return as {@code open}; 0 also for any other bit rate
+     */
+    public static native long openAt(int channels, int sampleRate, int bitrate);
 
     /**
      * Encodes one block of 1024 samples per channel.

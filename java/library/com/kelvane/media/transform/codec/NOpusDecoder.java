@@ -63,6 +63,26 @@ public final class NOpusDecoder {
     public static native int conceal(int samples, byte[] output, long handle);
 
     /**
+     * Makes lost sound of the copy that the packet behind it carries; to be called before that packet is decoded. What is
+     * longer than the copy, and all where there is none, is concealed as by {@code conceal}.
+     *
+     * @param samples per channel, as for {@code conceal}
+     * @param next the packet behind the lost one; an empty one has no copy
+     * @param output as for {@code decode}
+     * @param handle the decoder, or 0
+     * @return as {@code conceal}; 0 also when {@code next} cannot be decoded
+     */
+    public static native int decodeLost(int samples, byte[] next, byte[] output, long handle);
+
+    /**
+     * Whether a packet carries a copy of the sound before it.
+     *
+     * @param packet one Opus packet
+     * @return whether it does; false for null and for what is no packet
+     */
+    public static native boolean carriesFec(byte[] packet);
+
+    /**
      * Limits what the decoder writes to standard error: a line for each packet that cannot be decoded, which is a line for
      * whoever sends packets.
      *

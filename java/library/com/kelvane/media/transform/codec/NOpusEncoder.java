@@ -4,7 +4,7 @@ import com.kelvane.media.NativeLibrary;
 
 /**
  * Encodes PCM at 48000 Hz to Opus packets of 20 ms: music, full bandwidth, highest complexity, constant bit rate, no
- * discontinuous transmission.
+ * discontinuous transmission; {@code set} has it otherwise.
  *
  * <p>{@code open}, {@code encode} once for each 20 ms of sound, {@code close}:
  * <pre>{@code
@@ -20,6 +20,42 @@ import com.kelvane.media.NativeLibrary;
  * <p>Handles, threads, arrays and exceptions: see the {@linkplain com.kelvane.media.transform.codec package}.
  */
 public final class NOpusEncoder {
+    /** Setting: what it is for. 2048 for speech, 2049 at first, 2051 for low delay, without speech coding; until the first frame. */
+    public static final int APPLICATION = 4000;
+
+    /** Setting: bits per second. */
+    public static final int BITRATE = 4002;
+
+    /** Setting: 1 for a variable bit rate. */
+    public static final int VBR = 4006;
+
+    /** Setting: 1101 (narrow) to 1105 (full), or -1000 for libopus's choice. */
+    public static final int BANDWIDTH = 4008;
+
+    /** Setting: 0 to 10. */
+    public static final int COMPLEXITY = 4010;
+
+    /** Setting: 1 to put copies of earlier sound into packets, for losses. */
+    public static final int INBAND_FEC = 4012;
+
+    /** Setting: the percentage of packets that are expected to be lost; with 0 there are no copies. */
+    public static final int PACKET_LOSS = 4014;
+
+    /** Setting: 1 for discontinuous transmission. */
+    public static final int DTX = 4016;
+
+    /** Setting: 1 to have a variable bit rate hold to the target over short times. */
+    public static final int VBR_CONSTRAINT = 4020;
+
+    /** Setting: coded channels, 1 or 2, or -1000 for libopus's choice. */
+    public static final int FORCE_CHANNELS = 4022;
+
+    /** Setting: 3001 for voice, 3002 for music, or -1000 for libopus's choice. */
+    public static final int SIGNAL = 4024;
+
+    /** Setting: 5001 to 5006 for packets, and frames of PCM, of 2.5, 5, 10, 20, 40 or 60 ms. */
+    public static final int FRAME_DURATION = 4040;
+
     static {
         NativeLibrary.load();
     }
@@ -53,6 +89,24 @@ public final class NOpusEncoder {
      * @throws ArrayIndexOutOfBoundsException if {@code output} is shorter than the packet, which is then lost
      */
     public static native int encode(byte[] input, byte[] output, long handle);
+
+    /**
+     * Changes a setting, from the next frame on. Their numbers, and those of their values, are libopus's.
+     *
+     * @param setting one of this class's constants
+     * @param value the setting's value
+     * @param handle the encoder, or 0
+     * @return 1 when libopus took it; 0 when it refused it, for any other setting and for a handle of 0
+     */
+    public static native int set(int setting, int value, long handle);
+
+    /**
+     * Tells a packet of one byte, which discontinuous transmission makes, from a failure.
+     *
+     * @param handle the encoder, or 0
+     * @return the bytes of the last packet, or libopus's error, which is negative; 0 before the first and for a handle of 0
+     */
+    public static native int packetSize(long handle);
 
     /**
      * Frees the encoder. The handle is dead afterwards.

@@ -23,13 +23,13 @@ import java.util.function.Consumer;
 /**
  * FFmpeg's programs, which do the container work; the library handles none. They lie in the folder that the system property
  * {@code kelvane.programs} names, as the launcher does with that of the installed tree; or in the tool's artifact of classifier
- * {@code linux-x86_64} on the class path, from which they are unpacked at the first use of one of them.
+ * {@code linux-x86_64} or {@code linux-aarch64} on the class path, from which they are unpacked at the first use of one of them.
  */
 public enum MediaProgram {
     FFMPEG("ffmpeg", "-nostats", "-y"),
     FFPROBE("ffprobe");
 
-    private static final String INDEX = "/META-INF/programs/linux-x86_64/SHA256SUMS";
+    private static final String INDEX = "/META-INF/programs/" + platform() + "/SHA256SUMS";
     private static final Set<Process> RUNNING = ConcurrentHashMap.newKeySet();
     private static volatile boolean noMore;
     private static Path programs; // their folder
@@ -50,13 +50,18 @@ public enum MediaProgram {
         this.options = List.of(options);
     }
 
+    private static String platform() {
+        String architecture = System.getProperty("os.arch");
+        return "linux-" + ("amd64".equals(architecture) ? "x86_64" : architecture);
+    }
+
     private static synchronized Path programs() {
         if (programs == null) {
             String named = System.getProperty("kelvane.programs");
             URL index = MediaProgram.class.getResource(INDEX);
             if (named == null && index == null) {
                 throw new Failure("FFmpeg's programs are missing; add the artifact com.kelvane:kelvane-tool of classifier"
-                        + " linux-x86_64 to the class path, or set -Dkelvane.programs=FOLDER");
+                        + " " + platform() + " to the class path, or set -Dkelvane.programs=FOLDER");
             }
             try {
                 programs = named != null ? Path.of(named).toAbsolutePath() : new PackedFiles(index).unpack();
