@@ -20,6 +20,12 @@ TEST_F(InstalledTool, MakesPlayableRenditionsInDisplayOrder) {
         EXPECT_EQ(probe("'out put/" + size + ".mp4'", "stream=width,height,duration,nb_read_frames"), shape);
     }
     EXPECT_EQ(probe("'out put/320x180.mp4'", "packet=pts_time,flags"), evenPackets(30, 25));
+    for (const std::string threads : {"1", "5"}) {
+        kelvane("transcode in.h264 -r 320x180@900k,key=10 -r 160x90@300k,cabac -o again --threads " + threads);
+        for (const std::string file : {"/320x180.mp4", "/160x90.mp4"})
+            EXPECT_EQ(contents(path("again" + file)), contents(path("out put" + file))) << threads;
+    }
+    expectFailure("transcode in.h264 --threads 0", 2, "--threads takes 1 to 64");
 }
 
 TEST_F(InstalledTool, KeepsTimesOfVariableFrameRateAndCutsToThePicture) {

@@ -558,3 +558,67 @@ TEST(EngineRendition, EncodesWhatScalingAndPackingGive) {
         EXPECT_GT(compared, 2 * static_cast<int>(std::size(renditions))) << stream;
     }
 }
+
+// Decoding goes on while kept pictures are encoded; what comes out is what a picture at a time gives.
+TEST(EngineRendition, KeptPicturesAreEncodedWhileOthersAreDecoded) {
+    constexpr size_t count = 2, ahead = 3;
+    const std::vector<Bytes> units = accessUnits("size_change.h264");
+    const auto decode = [&](MIRVProcessor& processor, size_t i) {
+        Bytes unit = units[i];
+        EXPECT_EQ(processor.decoder->decode(reinterpret_cast<signed char*>(unit.data()),
+                                            static_cast<int>(unit.size()), static_cast<uint32_t>(40 * i)),
+                  1);
+    };
+    const auto opened = [&] {
+        auto* processor = new MIRVProcessor;
+        processor->open(count);
+        processor->decoder.reset(avc_dec_ctx.NewCodec());
+        processor->decoder->open();
+        for (size_t i = 0; i < count; ++i) {
+            processor->outputs[i].bitrate = 200'000;
+            processor->outputs[i].width = processor->outputs[i].height = i == 0 ? 96 : 64;
+        }
+        return processor;
+    };
+    const auto encoded = [](CoderOut& output, AVFrame* picture) {
+        return output.encode(picture)
+                   ? Bytes(output.coder->output.get(), output.coder->output.get() + output.coder->outputSize)
+                   : Bytes();
+    };
+    printedBy([&] {
+        std::vector<Bytes> expected[count], got[count];
+        MIRVProcessor *plain = opened(), *keeping = opened();
+        EXPECT_FALSE(keeping->keep(0));
+        EXPECT_FALSE(keeping->makePlaces(MIRVProcessor::maxPlaces + 1));
+        EXPECT_TRUE(keeping->makePlaces(2 * ahead));
+        for (size_t i = 0; i < units.size(); ++i) {
+            decode(*plain, i);
+            for (size_t k = 0; k < count; ++k)
+                expected[k].push_back(encoded(plain->outputs[k], plain->decoder->frame.get()));
+        }
+        std::vector<std::thread> threads;
+        for (size_t from = 0; from < units.size(); from += ahead) {
+            for (size_t i = from; i < from + ahead; ++i) {
+                decode(*keeping, i);
+                EXPECT_TRUE(keeping->keep(static_cast<uint32_t>(i % (2 * ahead))));
+            }
+            for (std::thread& thread : threads)
+                thread.join();
+            threads.clear();
+            for (size_t k = 0; k < count; ++k)
+                threads.emplace_back([&, k, from] {
+                    for (size_t i = from; i < from + ahead; ++i)
+                        got[k].push_back(encoded(keeping->outputs[k],
+                                                 keeping->kept(static_cast<uint32_t>(i % (2 * ahead)))));
+                });
+        }
+        for (std::thread& thread : threads)
+            thread.join();
+        for (size_t k = 0; k < count; ++k)
+            EXPECT_EQ(got[k], expected[k]);
+        EXPECT_EQ(keeping->kept(2 * ahead), nullptr);
+        EXPECT_FALSE(keeping->keep(2 * ahead));
+        plain->close(nullptr);
+        keeping->close(nullptr);
+    });
+}

@@ -23,6 +23,8 @@ constexpr Setting settings[] = {
     {"debug", &CoderOut::debug},
 };
 
+constexpr int rowAlignment = 64; // bytes
+
 MIRVProcessor* processorOf(jlong handle) { return reinterpret_cast<MIRVProcessor*>(handle); }
 
 // The processor of a call with callbacks; null for handle 0.
@@ -193,6 +195,43 @@ bool MIRVProcessor::encode(CoderOut& output) const {
     return decoder->pictureReady && output.encode(decoder->frame.get());
 }
 
+bool MIRVProcessor::makePlaces(uint32_t wanted) {
+    places.reset(wanted <= maxPlaces ? new (std::nothrow) FrameOwner[wanted] : nullptr);
+    placeCount = places ? wanted : 0;
+    return places != nullptr;
+}
+
+bool MIRVProcessor::keep(uint32_t place) {
+    if (place >= placeCount || !decoder->pictureReady) return false;
+    const AVFrame& picture = *decoder->frame;
+    FrameOwner& copy = places[place];
+    if (!copy || copy->width != picture.width || copy->height != picture.height ||
+        copy->format != picture.format) {
+        copy.reset(av_frame_alloc());
+        if (!copy) return false;
+        copy->width = picture.width;
+        copy->height = picture.height;
+        copy->format = picture.format;
+        if (av_frame_get_buffer(copy.get(), rowAlignment) < 0) {
+            copy.reset();
+            return false;
+        }
+    }
+    if (av_frame_copy(copy.get(), &picture) < 0) {
+        copy.reset();
+        return false;
+    }
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wdeprecated-declarations"
+    copy->pkt_pts = picture.pkt_pts;
+#pragma GCC diagnostic pop
+    return true;
+}
+
+AVFrame* MIRVProcessor::kept(uint32_t place) const {
+    return place < placeCount ? places[place].get() : nullptr;
+}
+
 int MIRVProcessor::encode(JavaCall& java, jobject listener, uint32_t position) const {
     if (position >= count || !listener) return 0;
     CoderOut& output = outputs[position];
@@ -217,7 +256,7 @@ void MIRVProcessor::findReceiveVideo(JavaCall& java, jobject listener) {
 }
 
 void MIRVProcessor::forgetListener(JNIEnv* env) {
-    env->DeleteGlobalRef(listenerClass);
+    if (listenerClass) env->DeleteGlobalRef(listenerClass);
     listenerClass = nullptr;
     receiveVideoMethod = nullptr;
 }
@@ -299,6 +338,30 @@ JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_MIRVProcessor_enco
                                                                                        jlong handle) {
     CoderOut* rendition = renditionAt(output, handle);
     if (!rendition || !data || !processorOf(handle)->encode(*rendition)) return 0;
+    return copyEncoded(env, *rendition, data);
+}
+
+JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_MIRVProcessor_makePlaces(JNIEnv*, jclass,
+                                                                                       jint places,
+                                                                                       jlong handle) {
+    MIRVProcessor* processor = processorOf(handle);
+    return processor && processor->makePlaces(static_cast<uint32_t>(places));
+}
+
+JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_MIRVProcessor_keep(JNIEnv*, jclass, jint place,
+                                                                                 jlong handle) {
+    MIRVProcessor* processor = processorOf(handle);
+    return processor && processor->keep(static_cast<uint32_t>(place));
+}
+
+JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_MIRVProcessor_encodeKept(JNIEnv* env, jclass,
+                                                                                       jint output,
+                                                                                       jint place,
+                                                                                       jbyteArray data,
+                                                                                       jlong handle) {
+    CoderOut* rendition = renditionAt(output, handle);
+    AVFrame* picture = rendition ? processorOf(handle)->kept(static_cast<uint32_t>(place)) : nullptr;
+    if (!picture || !data || !rendition->encode(picture)) return 0;
     return copyEncoded(env, *rendition, data);
 }
 

@@ -14,6 +14,7 @@
 class MIRVProcessor {
 public:
     static constexpr uint32_t maxOutputs = 65536;
+    static constexpr uint32_t maxPlaces = 1024;
 
     uint32_t count = 0;
     std::unique_ptr<CoderOut[]> outputs; // in the order in which their ids were first applied
@@ -62,6 +63,17 @@ public:
     // The same without a listener.
     bool encode(CoderOut& output) const;
 
+    // Makes places that keep() copies pictures to, in place of those that there were. Returns whether there
+    // is memory for them; that of a picture comes with the first one.
+    bool makePlaces(uint32_t places);
+
+    // Copies the decoder's picture to a place, for encoders to take while decoding goes on: FFmpeg owns the
+    // planes of its own, and the next call may write into them.
+    bool keep(uint32_t place);
+
+    // The picture that lies there; null when none does.
+    AVFrame* kept(uint32_t place) const;
+
 private:
     ~MIRVProcessor();
 
@@ -75,4 +87,7 @@ private:
     // The class that receiveVideoMethod belongs to, held so that the id stays valid: a call with an id of
     // some other class would end the virtual machine.
     jclass listenerClass = nullptr;
+
+    uint32_t placeCount = 0;
+    std::unique_ptr<FrameOwner[]> places;
 };

@@ -14,7 +14,7 @@ public final class EncodedPicture {
     private final Rendition rendition;
     private final int index;
     private final long time;
-    // Belongs to the rendition's output, which writes the next picture over it.
+    // Belongs to the encoding, which a later picture is written over.
     private byte[] bytes;
     private final int size;
     private final int encodedAs;
@@ -24,23 +24,20 @@ public final class EncodedPicture {
     private final ParameterSets newSets;
 
     /**
-     * @param encodedAs what the native transcoder tells by that name
-     * @param keyOwed whether a key picture was asked for
-     * @param encodeTime in nanoseconds, as the latency
+     * @param latency in nanoseconds
      * @param newSets null where those of the picture before still hold
      */
-    EncodedPicture(Rendition rendition, int index, long time, byte[] bytes, int size, int encodedAs, boolean keyOwed,
-                   long encodeTime, long latency, ParameterSets newSets) {
-        this.rendition = rendition;
+    EncodedPicture(Encoding encoding, int index, long time, long latency, ParameterSets newSets) {
         this.index = index;
         this.time = time;
-        this.bytes = bytes;
-        this.size = size;
-        this.encodedAs = encodedAs;
-        askedFor = keyOwed && type() == Type.IDR;
-        this.encodeTime = encodeTime;
         this.latency = latency;
         this.newSets = newSets;
+        rendition = encoding.rendition;
+        bytes = encoding.bytes;
+        size = encoding.size;
+        encodedAs = encoding.encodedAs;
+        askedFor = encoding.askedFor;
+        encodeTime = encoding.nanoseconds;
     }
 
     /** How a picture is coded. */

@@ -23,7 +23,7 @@ public final class PicturePlan {
     private static final long INTERLACED = 1L << 32;
     private static final long KEY = 1L << 33;
 
-    private RenditionOutput[] outputs; // null outside of the call
+    private Encoding[] encodings; // null outside of the call
     private long time;
     private long about;
 
@@ -31,14 +31,14 @@ public final class PicturePlan {
     }
 
     /** @param about what the native transcoder tells of the picture */
-    void begin(RenditionOutput[] present, long pictureTime, long pictureInfo) {
-        outputs = present;
-        time = pictureTime;
+    void begin(PictureAtWork picture, long pictureInfo) {
+        encodings = picture.encodings();
+        time = picture.time();
         about = pictureInfo;
     }
 
     void end() {
-        outputs = null;
+        encodings = null;
     }
 
     /** {@return the picture's own presentation time, in the transcoder's ticks} */
@@ -79,7 +79,7 @@ public final class PicturePlan {
      * @param wanted without effect where the rendition is paused or was removed
      */
     public void select(int index, boolean wanted) {
-        output(index).choose(wanted);
+        encoding(index).choose(wanted);
     }
 
     /**
@@ -88,8 +88,8 @@ public final class PicturePlan {
      * @param wanted as for {@link #select}
      */
     public void selectAll(boolean wanted) {
-        for (RenditionOutput output : valid()) {
-            output.choose(wanted);
+        for (Encoding encoding : valid()) {
+            encoding.choose(wanted);
         }
     }
 
@@ -99,7 +99,7 @@ public final class PicturePlan {
      * @param index the rendition's position
      */
     public boolean isSelected(int index) {
-        return output(index).isWanted();
+        return encoding(index).isWanted();
     }
 
     /**
@@ -109,25 +109,25 @@ public final class PicturePlan {
      * @param index the rendition's position
      */
     public void key(int index) {
-        output(index).makeKey();
+        encoding(index).key = true;
     }
 
     /** Has every rendition that gets the picture make a key picture of it. */
     public void keyAll() {
-        for (RenditionOutput output : valid()) {
-            output.makeKey();
+        for (Encoding encoding : valid()) {
+            encoding.key = true;
         }
     }
 
-    private RenditionOutput output(int index) {
-        RenditionOutput[] present = valid();
+    private Encoding encoding(int index) {
+        Encoding[] present = valid();
         return present[Objects.checkIndex(index, present.length)];
     }
 
-    private RenditionOutput[] valid() {
-        if (outputs == null) {
+    private Encoding[] valid() {
+        if (encodings == null) {
             throw new IllegalStateException("a PicturePlan is valid during its call only");
         }
-        return outputs;
+        return encodings;
     }
 }

@@ -5,7 +5,7 @@ import java.util.function.Consumer;
 import java.util.function.IntSupplier;
 
 /**
- * Brings one encoder back after pictures that it failed at. One thread uses it at a time.
+ * Brings one encoder back after pictures that it failed at. One thread uses it at a time, but to tell what was taken.
  *
  * <p>Making an encoder costs about as much as encoding a picture. One that has done nothing yet would fail at the same
  * picture again; so a picture is tried twice only when it ended a row of good ones, and one that fails whatever it is
@@ -66,11 +66,23 @@ final class Recovery {
 
     /** Tells of the failure at hand, if there is one. */
     void tell(long handle, long time, long milliseconds) {
+        EncoderFailure failure = take(time);
+        if (failure != null) {
+            tell(failure, handle, milliseconds);
+        }
+    }
+
+    /** {@return the failure at hand, to be told later; null when there is none} */
+    EncoderFailure take(long time) {
         if (!pending) {
-            return;
+            return null;
         }
         pending = false;
-        EncoderFailure failure = new EncoderFailure(index, time, lost > 0, reason(code));
+        return new EncoderFailure(index, time, lost > 0, reason(code));
+    }
+
+    /** Tells of a failure, on any thread. */
+    void tell(EncoderFailure failure, long handle, long milliseconds) {
         PictureFailed event = new PictureFailed();
         if (event.shouldCommit()) {
             event.engine = engine;

@@ -8,8 +8,8 @@ import java.util.function.Consumer;
 import java.util.function.UnaryOperator;
 
 /**
- * One rendition of a transcoder at work. One thread, the transcoder's, uses it at a time; any other may ask for changes,
- * which that one makes at its next picture, and read the figures.
+ * One rendition of a transcoder at work. One thread encodes at a time; the transcoder's hands out the pictures; any other may
+ * ask for changes, which are made at the next picture, and read the figures.
  */
 final class RenditionOutput {
     private static final int NOT_OPENED = 2;
@@ -26,16 +26,10 @@ final class RenditionOutput {
 
     private Rendition rendition; // as the encoder has it
     private PictureRate rate = new PictureRate(FIRST_RATE);
-    private boolean keyOwed; // asked for, and not yet delivered
-    // The access unit of the picture at hand: out of the encoder's own memory, which a buffer kept too long must not
-    // reach into.
-    private byte[] bytes = new byte[0];
-    private int size;
-    private boolean available; // for the picture at hand
-    private boolean wanted;
-    private boolean key;       // whether that must be a key picture, whatever was asked for
-    private long nanoseconds;
-    private RuntimeException refused;
+    private boolean keyOwed; // asked for, and not yet encoded
+
+    boolean busy; // some thread encodes; ParallelEncoding's
+
     private volatile ParameterSets parameterSets; // null before the first picture
     private volatile long pictures;
     private volatile long skipped;
@@ -85,10 +79,7 @@ final class RenditionOutput {
     /** Frees the encoder, for good. */
     void remove(long transcoder) {
         removed = true;
-        wanted = false;
         MIRVProcessor.releaseOutput(index, transcoder);
-        size = 0;
-        bytes = new byte[0];
     }
 
     /** Opens the encoder of a rendition that came later. */
@@ -124,36 +115,25 @@ final class RenditionOutput {
         }
     }
 
-    /** A picture has come, and is to be encoded if nobody minds. */
-    void begin() {
-        available = !paused && !removed;
-        wanted = available;
-        key = false;
+    boolean isAtWork() {
+        return !paused && !removed;
     }
 
-    /** Says whether the picture at hand is to be encoded, if that can be. */
-    void choose(boolean isWanted) {
-        wanted = isWanted && available;
+    /** {@return pixels of a picture} The source's size is taken for the largest. */
+    long area() {
+        Rendition size = rendition();
+        return size.isSourceSize() ? Long.MAX_VALUE : (long) size.width() * size.height();
     }
 
-    boolean isWanted() {
-        return wanted;
+    /** Takes over what was asked for up to now, for a picture. */
+    void steer(Encoding encoding) {
+        encoding.asked = asked.get();
+        encoding.key |= keyAsked.get() && keyAsked.getAndSet(false);
     }
 
-    void makeKey() {
-        key = true;
-    }
-
-    /**
-     * Makes the changes that were asked for, at the picture at hand, if it is wanted; the encoder must not be at work.
-     *
-     * @param time of the picture in milliseconds
-     */
-    void steer(long transcoder, long time) {
-        if (!wanted) {
-            return;
-        }
-        Rendition changed = asked.get();
+    // The encoder is not at work.
+    private void apply(Encoding encoding, long milliseconds, long transcoder) {
+        Rendition changed = encoding.asked;
         if (changed != rendition) {
             if (changed.bitrate() != rendition.bitrate()
                     && MIRVProcessor.setBitrate(index, changed.bitrate(), transcoder) == 0) {
@@ -166,39 +146,45 @@ final class RenditionOutput {
             }
             rendition = changed;
         }
-        float measured = rendition.frameRate() > 0 ? 0 : rate.next(time);
+        float measured = rendition.frameRate() > 0 ? 0 : rate.next(milliseconds);
         if (measured > 0) {
             MIRVProcessor.setFrameRate(index, measured, transcoder);
         }
-        if (key || keyAsked.get() && keyAsked.getAndSet(false)) {
+        if (encoding.key) {
             keyOwed = true;
             // A rendition of the source's size opens its encoder at its first picture, a key picture anyway.
             MIRVProcessor.requestKey(index, transcoder);
         }
+        encoding.rendition = rendition;
     }
 
-    /** Scales and encodes the transcoder's picture at hand, if it is wanted. */
-    void encode(long transcoder) {
-        size = 0;
-        nanoseconds = 0;
-        if (!wanted) {
-            return;
-        }
+    /**
+     * Scales and encodes a picture.
+     *
+     * @param place where the native transcoder keeps it; negative when it is the one at hand
+     */
+    void encode(Encoding encoding, int place, long time, long milliseconds, long transcoder) {
+        apply(encoding, milliseconds, transcoder);
         long begin = System.nanoTime();
-        int failure = tryEncoding(transcoder);
+        int failure = tryEncoding(encoding, place, transcoder);
         if (failure == 0) {
             recovery.succeeded();
         } else {
-            checkSize(failure, transcoder);
-            if (recovery.recover(failure, () -> MIRVProcessor.renew(index, transcoder) == 1, () -> tryEncoding(transcoder))) {
+            encoding.thrown = refusedSize(failure, transcoder);
+            if (recovery.recover(failure, () -> MIRVProcessor.renew(index, transcoder) == 1,
+                    () -> tryEncoding(encoding, place, transcoder))) {
                 failure = 0;
             }
+            encoding.failure = recovery.take(time);
         }
-        nanoseconds = System.nanoTime() - begin;
-        totalNanoseconds += nanoseconds;
-        if (size > 0) {
+        encoding.nanoseconds = System.nanoTime() - begin;
+        totalNanoseconds += encoding.nanoseconds;
+        if (encoding.size > 0) {
             pictures++;
-            totalBytes += size;
+            totalBytes += encoding.size;
+            encoding.encodedAs = MIRVProcessor.encodedAs(index, transcoder);
+            encoding.askedFor = keyOwed && EncodedPicture.type(encoding.encodedAs) == EncodedPicture.Type.IDR;
+            keyOwed &= !encoding.askedFor;
         } else if (failure == 0) {
             skipped++;
         } else {
@@ -207,63 +193,53 @@ final class RenditionOutput {
     }
 
     // Returns 0 when the encoder took the picture, whether or not it skipped it.
-    private int tryEncoding(long transcoder) {
-        int encoded = MIRVProcessor.encodeInto(index, bytes, transcoder);
+    private int tryEncoding(Encoding encoding, int place, long transcoder) {
+        byte[] bytes = encoding.bytes;
+        int encoded = place < 0 ? MIRVProcessor.encodeInto(index, bytes, transcoder)
+                : MIRVProcessor.encodeKept(index, place, bytes, transcoder);
         if (encoded > bytes.length) {
-            bytes = new byte[encoded + encoded / 4];
-            MIRVProcessor.copyEncoded(index, bytes, transcoder);
+            encoding.bytes = new byte[encoded + encoded / 4];
+            MIRVProcessor.copyEncoded(index, encoding.bytes, transcoder);
         }
-        size = encoded;
+        encoding.size = encoded;
         return encoded > 0 ? 0 : MIRVProcessor.failure(index, transcoder);
     }
 
     // OpenH264 takes settings for sizes that it then fails to encode.
-    private void checkSize(int failure, long transcoder) {
-        if (rendition.isSourceSize() && pictures + skipped + failed == 0
-                && (failure == SIZE_REFUSED || MIRVProcessor.status(index, transcoder) != 0)) {
-            refused = new MediaException("OpenH264 does not encode pictures of the source's size, which rendition "
-                    + (index + 1) + " is to have; sides of 16 pixels and more are encoded");
-        }
+    private MediaException refusedSize(int failure, long transcoder) {
+        boolean refused = rendition.isSourceSize() && pictures + skipped + failed == 0
+                && (failure == SIZE_REFUSED || MIRVProcessor.status(index, transcoder) != 0);
+        return refused ? new MediaException("OpenH264 does not encode pictures of the source's size, which rendition "
+                + (index + 1) + " is to have; sides of 16 pixels and more are encoded") : null;
     }
 
-    /** Tells of the picture at hand if the encoder failed at it. */
-    void tellFailure(long transcoder, long time, long milliseconds) {
-        recovery.tell(transcoder, time, milliseconds);
+    /** Tells of a picture that the encoder failed at. */
+    void tellFailure(Encoding encoding, long transcoder, long milliseconds) {
+        if (encoding.failure != null) {
+            recovery.tell(encoding.failure, transcoder, milliseconds);
+        }
     }
 
     /**
-     * Hands the encoded picture, if there is one, to a receiver.
+     * Hands an encoded picture, if there is one, to a receiver.
      *
      * @param written when its access unit was written, of {@link System#nanoTime}
      */
-    void deliver(long transcoder, long time, long written, Consumer<? super EncodedPicture> receiver) {
-        if (size > 0) {
-            int encodedAs = MIRVProcessor.encodedAs(index, transcoder);
-            ParameterSets before = parameterSets;
-            if (EncodedPicture.type(encodedAs) == EncodedPicture.Type.IDR) {
-                parameterSets = ParameterSets.from(before, bytes, size);
-            }
-            EncodedPicture picture = new EncodedPicture(rendition, index, time, bytes, size, encodedAs, keyOwed, nanoseconds,
-                    System.nanoTime() - written, parameterSets == before ? null : parameterSets);
-            keyOwed &= !picture.isAskedFor();
-            try {
-                receiver.accept(picture);
-            } finally {
-                picture.invalidate();
-            }
-        } else if (refused != null) {
-            RuntimeException told = refused;
-            refused = null;
-            throw told;
+    void deliver(Encoding encoding, long time, long written, Consumer<? super EncodedPicture> receiver) {
+        if (encoding.size == 0) {
+            return;
         }
-    }
-
-    long lastNanoseconds() {
-        return nanoseconds;
-    }
-
-    int lastSize() {
-        return size;
+        ParameterSets before = parameterSets;
+        if (EncodedPicture.type(encoding.encodedAs) == EncodedPicture.Type.IDR) {
+            parameterSets = ParameterSets.from(before, encoding.bytes, encoding.size);
+        }
+        EncodedPicture picture = new EncodedPicture(encoding, index, time, System.nanoTime() - written,
+                parameterSets == before ? null : parameterSets);
+        try {
+            receiver.accept(picture);
+        } finally {
+            picture.invalidate();
+        }
     }
 
     Transcoder.RenditionStatistics statistics() {

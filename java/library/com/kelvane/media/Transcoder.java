@@ -44,32 +44,29 @@ public final class Transcoder implements AutoCloseable {
     private static final int NEEDS_KEY = 256; // of the native transcoder
 
     private final Engine engine;
-    private final Executor executor;
+    private ParallelEncoding parallel; // null when the calling thread does it all
+    private final PictureAtWork alone = new PictureAtWork(0);
     private final Consumer<? super PicturePlan> planner;
     private final PicturePlan plan = new PicturePlan();
     private final Consumer<? super EncoderFailure> failureListener;
     // Replaced by the thread that is inside, read by any: the array itself does not change.
     private volatile RenditionOutput[] outputs;
-    private ParallelEncoding parallel;
     private volatile boolean needsKey;
     private volatile long pictures;
     private volatile long decodeNanoseconds;
     private final Times times;
 
-    private Transcoder(Builder settings) {
+    private Transcoder(Builder settings, ParallelEncoding.Gate gate) {
         List<Rendition> renditions = settings.renditions;
-        engine = Engine.open("Transcoder", () -> MIRVProcessor.open(renditions.size()), MIRVProcessor::close);
-        executor = settings.executor;
+        engine = Engine.open("Transcoder", () -> MIRVProcessor.open(renditions.size()), handle -> {
+            gate.close();
+            MIRVProcessor.close(handle);
+        });
         planner = settings.planner;
         times = new Times(settings.ticksPerSecond);
         failureListener = settings.failureListener;
-        use(IntStream.range(0, renditions.size()).mapToObj(i -> new RenditionOutput(i, renditions.get(i), failureListener))
-                .toArray(RenditionOutput[]::new));
-    }
-
-    private void use(RenditionOutput[] changed) {
-        outputs = changed;
-        parallel = executor == null || changed.length == 1 ? null : new ParallelEncoding(executor, changed);
+        outputs = IntStream.range(0, renditions.size()).mapToObj(i -> new RenditionOutput(i, renditions.get(i), failureListener))
+                .toArray(RenditionOutput[]::new);
     }
 
     /** {@return a builder without renditions} */
@@ -148,9 +145,12 @@ public final class Transcoder implements AutoCloseable {
             boolean decoded = decoded(event, () -> MIRVProcessor.decodePart(carried, unit.array, unit.direct, unit.from, unit.size, handle));
             int outcome = MIRVProcessor.outcome(handle);
             needsKey = outcome >= NEEDS_KEY;
+            Failures failures = new Failures();
             if (decoded) {
-                encode(handle, event, receiver);
+                encode(handle, event, receiver, failures);
             }
+            deliverEnded(handle, receiver, failures);
+            failures.rethrow();
             return WriteResult.of(outcome);
         } finally {
             engine.exit();
@@ -177,10 +177,13 @@ public final class Transcoder implements AutoCloseable {
                 event.begin();
                 if (!decoded(event, () -> MIRVProcessor.drain(null, handle))) {
                     needsKey = false; // which the next stream begins with
+                    settle();
+                    deliverEnded(handle, receiver, failures);
                     failures.rethrow();
                     return drained;
                 }
-                failures.of(() -> encode(handle, event, receiver));
+                encode(handle, event, receiver, failures);
+                deliverEnded(handle, receiver, failures);
                 drained++;
             }
         } finally {
@@ -196,48 +199,54 @@ public final class Transcoder implements AutoCloseable {
         return decoded;
     }
 
-    private void encode(long handle, PictureTranscoded event, Consumer<? super EncodedPicture> receiver) {
+    private void encode(long handle, PictureTranscoded event, Consumer<? super EncodedPicture> receiver, Failures failures) {
         pictures++;
-        long carried = MIRVProcessor.pictureTime(handle);
-        long time = times.of(carried);
-        long milliseconds = times.milliseconds(time);
-        long written = times.writtenAt(carried);
-        Failures failures = new Failures();
-        RenditionOutput[] outputs = this.outputs;
-        for (RenditionOutput output : outputs) {
-            output.begin();
+        while (parallel != null && parallel.isFull()) {
+            parallel.awaitOldest();
+            deliverEnded(handle, receiver, failures);
         }
+        PictureAtWork picture = parallel == null ? alone : parallel.next();
+        try {
+            picture.begin(outputs, event, times, MIRVProcessor.pictureTime(handle));
+            plan(picture, handle);
+        } catch (Throwable thrown) {
+            failures.add(thrown);
+            return;
+        }
+        picture.steer();
+        if (parallel != null) {
+            parallel.handOver(failures);
+            return;
+        }
+        for (Encoding encoding : picture.encodings()) {
+            picture.encode(encoding, handle);
+            picture.deliver(encoding, handle, receiver, failures);
+        }
+        picture.end(handle);
+    }
+
+    // Of the pictures under way, those that have ended, in their order.
+    private void deliverEnded(long handle, Consumer<? super EncodedPicture> receiver, Failures failures) {
+        if (parallel == null) {
+            return;
+        }
+        for (PictureAtWork picture = parallel.ended(); picture != null; picture = parallel.ended()) {
+            for (Encoding encoding : picture.encodings()) {
+                picture.deliver(encoding, handle, receiver, failures);
+            }
+            picture.end(handle);
+        }
+    }
+
+    private void plan(PictureAtWork picture, long handle) {
         if (planner != null) {
-            plan.begin(outputs, time, MIRVProcessor.pictureInfo(handle));
+            plan.begin(picture, MIRVProcessor.pictureInfo(handle));
             try {
                 planner.accept(plan);
             } finally {
                 plan.end();
             }
         }
-        for (RenditionOutput output : outputs) {
-            output.steer(handle, milliseconds);
-        }
-        if (parallel != null) {
-            parallel.encode(handle, failures);
-        }
-        for (RenditionOutput output : outputs) {
-            if (parallel == null) {
-                failures.of(() -> output.encode(handle)); // which needs Java memory for an access unit
-            }
-            failures.of(() -> output.tellFailure(handle, time, milliseconds));
-            failures.of(() -> output.deliver(handle, time, written, receiver));
-        }
-        if (event.shouldCommit()) {
-            event.handle = handle;
-            event.time = milliseconds;
-            for (RenditionOutput output : outputs) {
-                event.encodeTime += output.lastNanoseconds();
-                event.bytes += output.lastSize();
-            }
-            event.commit();
-        }
-        failures.rethrow();
     }
 
     /**
@@ -332,6 +341,7 @@ public final class Transcoder implements AutoCloseable {
         }
         long handle = engine.enter("add");
         try {
+            settle();
             RenditionOutput[] before = outputs;
             int index = 0;
             while (index < before.length && !before[index].isRemoved()) {
@@ -352,7 +362,7 @@ public final class Transcoder implements AutoCloseable {
                 output.remove(handle);
                 throw failed;
             } finally {
-                use(after);
+                outputs = after;
             }
             return index;
         } finally {
@@ -370,8 +380,9 @@ public final class Transcoder implements AutoCloseable {
     public void remove(int index) {
         long handle = engine.enter("remove");
         try {
-            atWork("remove", index).remove(handle);
-            use(outputs);
+            RenditionOutput removed = atWork("remove", index);
+            settle();
+            removed.remove(handle);
         } finally {
             engine.exit();
         }
@@ -387,6 +398,12 @@ public final class Transcoder implements AutoCloseable {
      */
     public Optional<ParameterSets> parameterSets(int index) {
         return Optional.ofNullable(atWork("parameterSets", index).parameterSets());
+    }
+
+    private void settle() {
+        if (parallel != null) {
+            parallel.settle();
+        }
     }
 
     private RenditionOutput atWork(String operation, int index) {
@@ -449,9 +466,11 @@ public final class Transcoder implements AutoCloseable {
     /** Collects a transcoder's settings. */
     public static final class Builder {
         private static final int MOST_RENDITIONS = 65_536;
+        private static final int MOST_AHEAD = 64;
 
         private final List<Rendition> renditions = new ArrayList<>();
         private Executor executor;
+        private int lookahead;
         private Consumer<? super PicturePlan> planner;
         private int ticksPerSecond = Times.MILLISECONDS;
         private Consumer<? super EncoderFailure> failureListener;
@@ -521,14 +540,34 @@ public final class Transcoder implements AutoCloseable {
         /**
          * Encodes a picture's renditions at the same time. The calling thread takes part, so that a busy executor, or one
          * that refuses tasks, only makes a call slower. Anything else that it throws, {@code OutOfMemoryError} over a thread
-         * for instance, is thrown by the call when every rendition has had its picture. The result is the same, byte by
-         * byte, and the receiver is still called on the calling thread alone.
+         * for instance, is thrown by the call when every rendition has had its picture, or has it under way. The result is the
+         * same, byte by byte, and the receiver is still called on the calling thread alone.
          *
-         * @param tasks runs at most one task less than there are renditions for each picture
+         * @param tasks runs at most as many tasks at a time as there are renditions; one less without {@link #lookahead}
          * @return this builder
          */
         public Builder parallel(Executor tasks) {
             executor = Objects.requireNonNull(tasks, "tasks");
+            return this;
+        }
+
+        /**
+         * Lets decoding run ahead of the encoders: {@link #write} returns when its picture is decoded, and waits only where
+         * this many pictures are under way; it encodes then. Renditions get to different pictures, so that the cores have work
+         * while the largest one is still at the first. The bytes are the same.
+         *
+         * <p>Pictures come out in their order still, each in the first call that finds all its renditions done, which is up to
+         * this many pictures later, or {@link #drain}; what the receiver throws, and a {@link MediaException} over a picture, come
+         * in that call. A {@link WriteResult} and {@link #plan} are about the access unit that is being written, as ever. What is
+         * asked of a rendition takes effect with the next picture that is decoded. {@link #add} and {@link #remove} wait for the
+         * pictures under way, which come out in the next call; {@link #close} waits for those that are being encoded at the moment.
+         *
+         * @param pictures 0 to 64; each takes the memory of a decoded one, 3 MB at 1920x1080. With 0, which holds unless it is
+         *        set here, each call encodes what it has decoded. Two for each thread fill the cores
+         * @return this builder
+         */
+        public Builder lookahead(int pictures) {
+            lookahead = Settings.check("lookahead", pictures, 0, MOST_AHEAD, "pictures");
             return this;
         }
 
@@ -545,9 +584,10 @@ public final class Transcoder implements AutoCloseable {
             check();
             Natives.load();
             OpenH264.load();
-            Transcoder transcoder = new Transcoder(this);
+            ParallelEncoding.Gate gate = new ParallelEncoding.Gate();
+            Transcoder transcoder = new Transcoder(this, gate);
             try {
-                transcoder.start();
+                transcoder.start(this, gate);
                 return transcoder;
             } catch (Throwable failed) {
                 transcoder.close();
@@ -566,15 +606,24 @@ public final class Transcoder implements AutoCloseable {
                     wrong.add("rendition " + (i + 1) + " (" + renditions.get(i).size() + "): " + missing);
                 }
             }
+            if (lookahead > 0 && executor == null) {
+                wrong.add("lookahead is " + lookahead + ", which takes threads: parallel has to name them");
+            }
             if (wrong.length() > 0) {
                 throw new IllegalArgumentException(wrong.toString());
             }
         }
     }
 
-    private void start() {
+    private void start(Builder settings, ParallelEncoding.Gate gate) {
         long handle = engine.enter("open");
         try {
+            if (settings.executor != null) {
+                if (MIRVProcessor.makePlaces(settings.lookahead, handle) == 0) {
+                    throw new MediaException("there is no memory to decode ahead");
+                }
+                parallel = new ParallelEncoding(settings.executor, settings.lookahead, handle, gate);
+            }
             for (RenditionOutput output : outputs) {
                 output.apply(handle);
             }

@@ -39,6 +39,7 @@ final class TranscodeRun {
     private final Timeline timeline;
     private final List<Rendition> wanted;
     private final List<RenditionOutput> outputs;
+    private final int threads;
     private final ResultOptions made;
     private final Products products;
     private final Workspace workspace;
@@ -50,15 +51,17 @@ final class TranscodeRun {
      * @param start seconds from the source's beginning
      * @param length seconds, infinite up to the source's end
      * @param wanted the renditions with all their settings
+     * @param threads that decode and encode
      * @param outputs their files
      */
-    TranscodeRun(VideoTrack track, AudioTrack audio, double start, double length, List<Rendition> wanted,
+    TranscodeRun(VideoTrack track, AudioTrack audio, double start, double length, List<Rendition> wanted, int threads,
                  List<RenditionOutput> outputs, ResultOptions made, Workspace workspace) throws IOException {
         this.track = track;
         this.audio = audio;
         this.start = start;
         this.length = length;
         this.wanted = wanted;
+        this.threads = threads;
         this.outputs = outputs;
         this.made = made;
         this.workspace = workspace;
@@ -79,7 +82,7 @@ final class TranscodeRun {
             transcoding = new Transcoding(track, timeline, outputs.stream().map(RenditionOutput::frameRate).toList(),
                     products.hls() ? new SegmentKeys(products.segmentSeconds(), 0) : null, files);
             double left = Math.max(0, track.seconds() - start);
-            transcoding.run(wanted, source, left > 0 || Double.isInfinite(length) ? Math.min(left, length) : length);
+            transcoding.run(wanted, threads, source, left > 0 || Double.isInfinite(length) ? Math.min(left, length) : length);
             checkProduced();
             Progress.stage("writing the files");
             files.finish(transcoding.shown().last() + 1000 / track.frameRate());
@@ -175,7 +178,8 @@ final class TranscodeRun {
         Summary.table(transcoding.statistics(), seconds, comparison);
         int pictures = transcoding.shown().count();
         Summary.line("%d pictures, %.1f s of video, in %.2f s: %.0f pictures a second, %.1f times real time; %.2f s of CPU in"
-                + " the transcoding thread", pictures, seconds, transcoding.seconds(), pictures / transcoding.seconds(),
-                seconds / transcoding.seconds(), transcoding.cpuSeconds());
+                + " %s", pictures, seconds, transcoding.seconds(), pictures / transcoding.seconds(),
+                seconds / transcoding.seconds(), transcoding.cpuSeconds(),
+                threads == 1 ? "the transcoding thread" : "the " + threads + " transcoding threads");
     }
 }

@@ -17,12 +17,14 @@ import com.kelvane.media.tool.output.SegmentKeys;
 import com.kelvane.media.tool.shell.Progress;
 import java.io.IOException;
 import java.io.UncheckedIOException;
-import java.lang.management.ManagementFactory;
-import java.lang.management.ThreadMXBean;
 import java.util.List;
 
 /** Runs a source's access units through the library's transcoder. */
 final class Transcoding {
+    // Pictures decoded ahead for each thread, and whatever the machine; one of 1920x1080 is 3 MB.
+    private static final int AHEAD = 2;
+    private static final int MOST_AHEAD = 16;
+
     private final Timeline timeline;
     private final RateReducer[] reducers;
     private final PictureTimes times = new PictureTimes();
@@ -31,7 +33,8 @@ final class Transcoding {
     private final List<PictureFigures> figures;
     private final PictureTimes shown = new PictureTimes();
     private final LostPictures lost = new LostPictures();
-    private int taken; // renditions that have the picture at hand
+    private long takenTime = Long.MIN_VALUE;
+    private int taken; // renditions that have the picture of that time
     private long last = Long.MIN_VALUE;
     private Transcoder.Statistics statistics;
     private double cpuSeconds;
@@ -50,12 +53,13 @@ final class Transcoding {
         figures = rates.stream().map(rate -> new PictureFigures()).toList();
     }
 
-    void run(List<Rendition> renditions, VideoSource source, double expectedSeconds) throws IOException {
-        ThreadMXBean threads = ManagementFactory.getThreadMXBean();
-        long cpuBegin = threads.getCurrentThreadCpuTime();
+    /** @param threads that decode and encode, the calling one among them */
+    void run(List<Rendition> renditions, int threads, VideoSource source, double expectedSeconds) throws IOException {
         long begin = System.nanoTime();
-        try (Transcoder transcoder = Transcoder.builder().renditions(renditions).plan(this::plan).onFailure(lost)
-                        .open();
+        Transcoder.Builder settings = Transcoder.builder().renditions(renditions).plan(this::plan).onFailure(lost);
+        try (Cores cores = new Cores(threads - 1);
+                Transcoder transcoder = (threads == 1 ? settings
+                        : settings.parallel(cores).lookahead(Math.min(AHEAD * threads, MOST_AHEAD))).open();
                 Progress progress = new Progress(Math.round(1000 * expectedSeconds))) {
             for (AccessUnit unit = source.next(); unit != null && last < timeline.length(); unit = source.next()) {
                 transcoder.write(unit.bytes(), unit.time(), this::take);
@@ -63,15 +67,14 @@ final class Transcoding {
             }
             transcoder.drain(this::take);
             statistics = transcoder.statistics();
+            cpuSeconds = cores.cpuSeconds();
         } catch (UncheckedIOException fromCallback) {
             throw fromCallback.getCause();
         }
         seconds = (System.nanoTime() - begin) / 1e9;
-        cpuSeconds = (threads.getCurrentThreadCpuTime() - cpuBegin) / 1e9;
     }
 
     private void plan(PicturePlan picture) {
-        taken = 0;
         last = picture.time();
         if (!timeline.shows(last)) {
             picture.selectAll(false);
@@ -85,7 +88,8 @@ final class Transcoding {
 
     private void take(EncodedPicture picture) {
         long time = picture.time();
-        taken++;
+        taken = time == takenTime ? taken + 1 : 1;
+        takenTime = time;
         if (taken == reducers.length) {
             times.add(time);
         }
@@ -126,7 +130,7 @@ final class Transcoding {
         return statistics;
     }
 
-    /** CPU time of the transcoding thread. */
+    /** CPU time of the transcoding threads. */
     double cpuSeconds() {
         return cpuSeconds;
     }

@@ -483,7 +483,7 @@ final class MisuseTest {
                         + "avpacket_set_data null: null, avpicture_fill -22:, sws_freeContext null: null, "
                         + "sws_getCachedContext 0:, sws_scale -1: -1, sws_scale -1: -1 -1"),
                 new Bare(MIRVProcessor.class, UNIT, "addOutput 1: -1, apply 0: 0 0 0, copyEncoded 0: 0 0, decode 1: 0 0, decodePart -1: -1 -1 0, drain 0: 0 0, "
-                        + "encode 0: 0 0, encodeInto 0: 0 0, encodedAs 0: 0, failure 0: 0, outcome 3: 3, pictureInfo 0: 0, pictureTime 0: 0, releaseOutput 1: 0, "
+                        + "encode 0: 0 0, encodeInto 0: 0 0, encodeKept 0: 0 0, encodedAs 0: 0, failure 0: 0, keep 0: 0, makePlaces 1: 0, outcome 3: 3, pictureInfo 0: 0, pictureTime 0: 0, releaseOutput 1: 0, "
                         + "renew 0: 0, requestKey 0: 0, setBitrate 1: 0, setFrameRate 1: 0, start 1: 1, startOutput 1: 0, "
                         + "status 2: 2, write 1: 1 0 0", 1),
                 new Bare(AVCDecoder.class, UNIT, "decode 1: 0 0 0 0, decodeAt 1: 0 0 0 0, decodePart -1: -1 -1 0 0 0, drain 0: 0 0 0, "

@@ -200,7 +200,41 @@ public final class MIRVProcessor {
     public static native int encodeInto(int output, byte[] data, long handle);
 
     /**
-     * Copies the access unit of the picture that {@link #encodeInto} has just encoded once more. To be called while no other
+     * Makes places for decoded pictures, so that decoding can go on while earlier pictures are encoded; those that there were
+     * are freed with their pictures. To be called while no other thread encodes.
+     *
+     * @param places 0 to 1024; each takes the memory of a picture once {@link #keep} has used it, 3 MB at 1920x1080
+     * @param handle the transcoder, or 0
+     * @return 1; 0 for any other number, when there is no memory and for a handle of 0
+     */
+    public static native int makePlaces(int places, long handle);
+
+    /**
+     * Copies the picture at hand to a place, over the one that lies there; no thread must encode that at the time.
+     *
+     * @param place from 0
+     * @param handle the transcoder, or 0
+     * @return 1 when it lies there; 0 when no picture is at hand, for a place that there is not, when there is no memory and
+     *         for a handle of 0
+     */
+    public static native int keep(int place, long handle);
+
+    /**
+     * Encodes a picture that was kept, as {@link #encodeInto} does the one at hand, with the same bytes. The renditions may do
+     * so on a thread each, while another one decodes and keeps pictures in other places; a rendition takes pictures in the order
+     * in which they were decoded.
+     *
+     * @param output the rendition's position, from 0, in the order in which the ids were first applied
+     * @param place where the picture lies
+     * @param data as for {@code encodeInto}
+     * @param handle the transcoder, or 0
+     * @return as {@code encodeInto}; 0 also for a place where no picture lies
+     */
+    public static native int encodeKept(int output, int place, byte[] data, long handle);
+
+    /**
+     * Copies the access unit of the picture that {@link #encodeInto} or {@link #encodeKept} has just encoded
+     * once more. To be called while no other
      * thread encodes this rendition.
      *
      * @param output the rendition's position, from 0, in the order in which the ids were first applied

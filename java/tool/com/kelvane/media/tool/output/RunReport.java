@@ -31,7 +31,7 @@ import java.util.function.IntToDoubleFunction;
  * @param comparison null when there was none
  * @param playlists of the renditions and then of the sound; empty without HLS
  * @param transcodingSeconds by the clock
- * @param cpuSeconds of the transcoding thread
+ * @param cpuSeconds of the transcoding threads
  * @param accessUnits that were read
  * @param damage what is wrong with the source, or null
  * @param files names in the directory
