@@ -2,6 +2,7 @@
 
 #include "audio/FirstFrame.h"
 #include "bridge/JavaCall.h"
+#include "bridge/Log.h"
 #include "bridge/Registries.h"
 #include "com_kelvane_media_transform_codec_AACDecoder.h"
 
@@ -10,13 +11,14 @@ extern "C" {
 }
 
 #include <algorithm>
-#include <cstdio>
 #include <iterator>
 
 // The FFmpeg 4 functions and fields that are meant here are deprecated there.
 #pragma GCC diagnostic ignored "-Wdeprecated-declarations"
 
 namespace {
+
+constexpr Log say("AacDecoder");
 
 constexpr uint32_t samplingFrequencies[] = {96000, 88200, 64000, 48000, 44100, 32000, 24000,
                                             22050, 16000, 12000, 11025, 8000,  7350};
@@ -46,7 +48,7 @@ void AudioDecoder::open() {
     codec = avcodec_find_decoder(AV_CODEC_ID_AAC);
     if (!codec) {
         status = -1;
-        std::fputs("Could not find an AAC decoder.\n", stderr);
+        say.error("Could not find an AAC decoder.\n");
         return;
     }
     profile = config[0] >> 3;
@@ -59,8 +61,8 @@ void AudioDecoder::open() {
     resampler.reset(swr_alloc_set_opts(nullptr, layout, AV_SAMPLE_FMT_S16, rate, layout, AV_SAMPLE_FMT_FLTP,
                                        rate, 0, nullptr));
     status = static_cast<int8_t>(resampler ? swr_init(resampler.get()) : AVERROR(ENOMEM));
-    std::printf("resampler init, %d\n", static_cast<uint8_t>(status));
-    std::printf("profile, %d\nhz_index, %d\nchannels, %d\n", static_cast<int>(profile), rateIndex,
+    say.debug("resampler init, %d\n", static_cast<uint8_t>(status));
+    say.debug("profile, %d\nhz_index, %d\nchannels, %d\n", static_cast<int>(profile), rateIndex,
                 static_cast<int>(channels));
 
     frame = audioFrame(layout, AV_SAMPLE_FMT_FLTP, sampleRate);
@@ -72,9 +74,9 @@ void AudioDecoder::open() {
     openContext();
     if (!context) return;
     if (context->codec) {
-        std::puts("codec opened");
+        say.debug("codec opened\n");
     } else {
-        std::puts("setting codec");
+        say.warning("setting codec\n");
         context->codec = codec;
     }
 }
@@ -158,18 +160,18 @@ JNIEXPORT jlong JNICALL Java_com_kelvane_media_transform_codec_AACDecoder_open(J
     if (!config) return 0;
     const jsize length = env->GetArrayLength(config);
     if (length <= 1) {
-        std::printf("AACDecoder warning, specific config too small  %d\n", length);
+        say.warning("AACDecoder warning, specific config too small  %d\n", length);
         return -1;
     }
     if (length > static_cast<jsize>(sizeof AudioDecoder::config)) {
-        std::fprintf(stderr, "AAC decoder: a configuration of %d bytes is too long\n", length);
+        say.complaint("AAC decoder: a configuration of %d bytes is too long\n", length);
         return -1;
     }
     const ArrayCopy copy = JavaCall(env).copyIn(config);
     if (!copy) return 0;
     const int index = samplingFrequencyIndex(copy.as<uint8_t>());
     if (index >= static_cast<int>(std::size(samplingFrequencies))) {
-        std::fprintf(stderr, "AAC decoder: sampling frequency index %d is not supported\n", index);
+        say.complaint("AAC decoder: sampling frequency index %d is not supported\n", index);
         return -1;
     }
     AudioDecoder* decoder = aac_dec_ctx.NewCodec();
@@ -195,11 +197,11 @@ JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_AACDecoder_decode(
 
     const int required = static_cast<int>(decoder->channels << 11);
     if (outputLength != required) {
-        std::printf("AACDecoder warning, output buffer is too small. required= %d\n", required);
+        say.warning("AACDecoder warning, output buffer is too small. required= %d\n", required);
         return -required;
     }
     if (decoder->outputSize != required) {
-        std::printf("error, expected sample size did not match %d \n", decoder->outputSize);
+        say.warning("error, expected sample size did not match %d \n", decoder->outputSize);
         return 0;
     }
     java.copyWithin(output, decoder->output, decoder->outputSize);
@@ -211,5 +213,5 @@ JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_AACDecoder_decode(
 
 JNIEXPORT void JNICALL Java_com_kelvane_media_transform_codec_AACDecoder_close(JNIEnv*, jclass,
                                                                                jlong handle) {
-    closeCodec(aac_dec_ctx, handle, "AAC decoder codec closed");
+    if (closeCodec(aac_dec_ctx, handle)) say.debug("AAC decoder codec closed\n");
 }

@@ -1,6 +1,7 @@
 #include "audio/AACEncoder.h"
 
 #include "bridge/JavaCall.h"
+#include "bridge/Log.h"
 #include "bridge/Registries.h"
 #include "com_kelvane_media_transform_codec_AACEncoder.h"
 
@@ -9,13 +10,14 @@ extern "C" {
 }
 
 #include <algorithm>
-#include <cstdio>
 #include <cstring>
 
 // The encoding call of FFmpeg 4 that is meant here is deprecated there.
 #pragma GCC diagnostic ignored "-Wdeprecated-declarations"
 
 namespace {
+
+constexpr Log say("AacEncoder");
 
 constexpr int blockSamples = 1024; // per channel
 
@@ -32,7 +34,7 @@ constexpr int blockBytes(int channels) { return channels * blockSamples * 2; }
 void AudioEncoder::open() {
     codec = avcodec_find_encoder(AV_CODEC_ID_AAC);
     if (!codec) {
-        std::fputs("Could not find an AAC encoder.\n", stderr);
+        say.error("Could not find an AAC encoder.\n");
         return;
     }
     channelLayout = channels > 1 ? AV_CH_LAYOUT_STEREO : AV_CH_LAYOUT_MONO;
@@ -43,7 +45,7 @@ void AudioEncoder::open() {
     context.reset(avcodec_alloc_context3(codec));
     frame.reset(av_frame_alloc());
     if (!context || !frame) {
-        std::puts("codec not opened");
+        say.warning("codec not opened\n");
         return;
     }
     frame->nb_samples = blockSamples;
@@ -63,11 +65,11 @@ void AudioEncoder::open() {
     // FFmpeg has counted its AAC encoder among the experimental ones.
     context->strict_std_compliance = FF_COMPLIANCE_EXPERIMENTAL;
     if (openCodec(context, codec) < 0) {
-        std::puts("codec not opened");
+        say.warning("codec not opened\n");
     } else if (context->codec) {
-        std::puts("codec opened");
+        say.debug("codec opened\n");
     } else {
-        std::puts("setting codec");
+        say.warning("setting codec\n");
         context->codec = codec;
     }
 }
@@ -76,7 +78,7 @@ int AudioEncoder::encode(const short* pcm) {
     const int capacity = blockBytes(channels);
     if (!output) {
         output = mallocBuffer(static_cast<size_t>(capacity));
-        std::printf("malloc %d init\n", capacity);
+        say.debug("malloc %d init\n", capacity);
     }
     outputSize = 0;
     // FFmpeg reads through null in a context that failed to open.
@@ -84,7 +86,7 @@ int AudioEncoder::encode(const short* pcm) {
     const auto* block = reinterpret_cast<const uint8_t*>(pcm);
     result = swr_convert(resampler.get(), frame->extended_data, blockSamples, &block, blockSamples);
     if (result != blockSamples) {
-        std::printf("error %d \n", result);
+        say.warning("error %d \n", result);
         return 0;
     }
     AVPacket packet{};
@@ -112,13 +114,13 @@ jlong open(int channels, int sampleRate, int bitrate) {
     av_register_all();
     AudioEncoder* encoder = aac_enc_ctx.NewCodec();
     if (!encoder) return -1;
-    std::puts("Codec init");
+    say.debug("Codec init\n");
     encoder->channels = std::clamp(channels, 1, 2);
     encoder->sampleRate = sampleRate;
     if (bitrate != 0) encoder->bitrate = bitrate;
     encoder->open();
     if (encoder->codec) {
-        std::puts("AAC encoder codec opened");
+        say.debug("AAC encoder codec opened\n");
         return encoder->handle;
     }
     aac_enc_ctx.RemoveCodec(encoder->handle);
@@ -160,5 +162,5 @@ JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_AACEncoder_encode(
 
 JNIEXPORT void JNICALL Java_com_kelvane_media_transform_codec_AACEncoder_close(JNIEnv*, jclass,
                                                                                jlong handle) {
-    closeCodec(aac_enc_ctx, handle, "AAC encoder codec closed");
+    if (closeCodec(aac_enc_ctx, handle)) say.debug("AAC encoder codec closed\n");
 }

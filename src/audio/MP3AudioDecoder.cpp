@@ -2,6 +2,7 @@
 
 #include "audio/FirstFrame.h"
 #include "bridge/JavaCall.h"
+#include "bridge/Log.h"
 #include "bridge/Registries.h"
 #include "com_kelvane_media_transform_codec_MPADecoder.h"
 
@@ -9,7 +10,6 @@ extern "C" {
 #include <libavformat/avformat.h>
 }
 
-#include <cstdio>
 #include <cstring>
 #include <initializer_list>
 
@@ -17,6 +17,8 @@ extern "C" {
 #pragma GCC diagnostic ignored "-Wdeprecated-declarations"
 
 namespace {
+
+constexpr Log say("Mp3Decoder");
 
 // The first of the decoders that delivers 16-bit samples; null when none does. Candidates may be null.
 const AVCodec* firstWith16BitSamples(std::initializer_list<const AVCodec*> candidates) {
@@ -35,7 +37,7 @@ void MP3AudioDecoder::open() {
         firstWith16BitSamples({avcodec_find_decoder(AV_CODEC_ID_MP3), avcodec_find_decoder_by_name("mp3")});
     if (!codec) {
         status = -1;
-        std::fputs("Could not find or open an MP3 decoder\n", stderr);
+        say.error("Could not find or open an MP3 decoder\n");
         return;
     }
     context.reset(avcodec_alloc_context3(codec));
@@ -44,9 +46,9 @@ void MP3AudioDecoder::open() {
     context->refcounted_frames = 1;
     status = static_cast<int8_t>(openCodec(context, codec));
     if (context->codec) {
-        std::puts("codec opened");
+        say.debug("codec opened\n");
     } else {
-        std::puts("setting codec");
+        say.warning("setting codec\n");
         context->codec = codec;
     }
 }
@@ -112,7 +114,7 @@ JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_MPADecoder_decode(
     const int samples = decoder->decode(mp3Frame.as<unsigned char>(), mp3Frame.size);
     if (samples <= 0) return 0;
     if (outputLength < decoder->outputSize) {
-        std::printf("error, expected sample size did not match %d \n", decoder->outputSize);
+        say.warning("error, expected sample size did not match %d \n", decoder->outputSize);
         return -decoder->outputSize;
     }
     java.copyWithin(output, decoder->output.get(), decoder->outputSize);
@@ -124,5 +126,5 @@ JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_MPADecoder_decode(
 
 JNIEXPORT void JNICALL Java_com_kelvane_media_transform_codec_MPADecoder_close(JNIEnv*, jclass,
                                                                                jlong handle) {
-    closeCodec(mp3_dec_ctx, handle, "MP3 decoder codec closed");
+    if (closeCodec(mp3_dec_ctx, handle)) say.debug("MP3 decoder codec closed\n");
 }

@@ -2,13 +2,15 @@
 
 #include "audio/OpusRegistries.h"
 #include "bridge/JavaCall.h"
+#include "bridge/Log.h"
 #include "com_kelvane_media_transform_codec_NOpusDecoder.h"
 
 #include <algorithm>
-#include <cstdio>
 #include <cstring>
 
 namespace {
+
+constexpr Log say("OpusDecoder");
 
 constexpr int sampleRate = 48000;
 constexpr int codedChannels = 2;
@@ -19,14 +21,14 @@ constexpr int pcmBytes(int channels, int samples) { return channels * samples * 
 } // namespace
 
 void NOpusDecoder::open() {
-    std::printf("Opus decoder - channels in: %d out: %d\n", codedChannels, channels);
+    say.debug("Opus decoder - channels in: %d out: %d\n", codedChannels, channels);
     int error = OPUS_OK;
     decoder.reset(opus_decoder_create(sampleRate, codedChannels, &error));
     if (error < 0) {
-        std::fprintf(stderr, "failed to create an decoder: %s\n", opus_strerror(error));
+        say.error("failed to create an decoder: %s\n", opus_strerror(error));
         close();
     } else {
-        std::puts("Opus decoder opened");
+        say.debug("Opus decoder opened\n");
     }
 }
 
@@ -64,7 +66,7 @@ bool NOpusDecoder::carriesFec(const unsigned char* packet, int length) {
 // `samples`: libopus's result.
 int NOpusDecoder::deliver(int samples, const int16_t* pcm) {
     if (samples <= 0) {
-        if (failureLines != 0) std::fprintf(stderr, "decoder failed: %s\n", opus_strerror(samples));
+        if (failureLines != 0) say.complaint("decoder failed: %s\n", opus_strerror(samples));
         if (failureLines > 0) --failureLines;
         return samples;
     }
@@ -72,7 +74,7 @@ int NOpusDecoder::deliver(int samples, const int16_t* pcm) {
         // A lost packet may take the longest frame later on.
         output = mallocBuffer(static_cast<size_t>(pcmBytes(channels, longestFrame)));
         if (!output) return 0;
-        std::printf("malloc %d init\n", pcmBytes(channels, samples));
+        say.debug("malloc %d init\n", pcmBytes(channels, samples));
     }
     auto* out = reinterpret_cast<int16_t*>(output.get());
     if (channels == codedChannels) {
@@ -95,7 +97,7 @@ jint copyOut(const JavaCall& java, const NOpusDecoder& engine, int samples, jbyt
     if (samples <= 0) return 0;
     const int size = pcmBytes(engine.channels, samples);
     if (size > java.env->GetArrayLength(output)) {
-        std::printf("error, expected sample size did not match %d\n", size);
+        say.warning("error, expected sample size did not match %d\n", size);
         return -size;
     }
     java.copyWithin(output, engine.output.get(), size);
@@ -113,7 +115,7 @@ JNIEXPORT jlong JNICALL Java_com_kelvane_media_transform_codec_NOpusDecoder_open
     engine->fec = fec;
     engine->open();
     if (engine->decoder) {
-        std::puts("Opus decoder codec opened");
+        say.debug("Opus decoder codec opened\n");
         return engine->handle;
     }
     opus_dec_ctx.RemoveCodec(engine->handle);
@@ -126,7 +128,7 @@ JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_NOpusDecoder_decod
                                                                                   jlong handle) {
     NOpusDecoder* engine = opus_dec_ctx.GetCoder(handle);
     if (!engine) {
-        std::fputs("decoder null\n", stderr);
+        say.error("decoder null\n");
         return -1;
     }
     if (!input || !output) return 0;
@@ -171,5 +173,5 @@ JNIEXPORT void JNICALL Java_com_kelvane_media_transform_codec_NOpusDecoder_limit
 
 JNIEXPORT void JNICALL Java_com_kelvane_media_transform_codec_NOpusDecoder_close(JNIEnv*, jclass,
                                                                                  jlong handle) {
-    closeCodec(opus_dec_ctx, handle, "Opus decoder codec closed");
+    if (closeCodec(opus_dec_ctx, handle)) say.debug("Opus decoder codec closed\n");
 }

@@ -2,14 +2,16 @@
 
 #include "audio/OpusRegistries.h"
 #include "bridge/JavaCall.h"
+#include "bridge/Log.h"
 #include "com_kelvane_media_transform_codec_NOpusEncoder.h"
 
 #include <algorithm>
-#include <cstdio>
 #include <iterator>
 #include <limits>
 
 namespace {
+
+constexpr Log say("OpusEncoder");
 
 constexpr int sampleRate = 48000;
 constexpr int codedChannels = 2;
@@ -26,19 +28,19 @@ constexpr struct Duration {
 } // namespace
 
 void NOpusEncoder::open() {
-    std::printf("Opus encoder - channels in: %d out: %d sample rate: %d bitrate: %d\n", channels,
+    say.debug("Opus encoder - channels in: %d out: %d sample rate: %d bitrate: %d\n", channels,
                 codedChannels, sampleRate, bitrate);
     int error = OPUS_OK;
     encoder.reset(opus_encoder_create(sampleRate, channels, OPUS_APPLICATION_AUDIO, &error));
     if (error < 0) {
-        std::fprintf(stderr, "failed to create an encoder: %s\n", opus_strerror(error));
+        say.error("failed to create an encoder: %s\n", opus_strerror(error));
         close();
         return;
     }
-    std::puts("Opus encoder opened");
+    say.debug("Opus encoder opened\n");
     error = opus_encoder_ctl(encoder.get(), OPUS_SET_BITRATE(bitrate));
     if (error < 0) {
-        std::fprintf(stderr, "failed to set bitrate: %s\n", opus_strerror(error));
+        say.error("failed to set bitrate: %s\n", opus_strerror(error));
         return;
     }
     const struct {
@@ -56,7 +58,7 @@ void NOpusEncoder::open() {
     };
     for (const auto& [request, value, name] : settings) {
         error = opus_encoder_ctl(encoder.get(), request, value);
-        if (error != OPUS_OK) std::fprintf(stderr, "failed to set %s: %s\n", name, opus_strerror(error));
+        if (error != OPUS_OK) say.error("failed to set %s: %s\n", name, opus_strerror(error));
     }
 }
 
@@ -64,11 +66,11 @@ int NOpusEncoder::encode(const short* pcm) {
     if (!packet) {
         packet = zeroedBuffer(packetCapacity); // Java may see the first byte of a packet that never was
         if (!packet) return 0;
-        std::printf("malloc %d init\n", packetCapacity);
+        say.debug("malloc %d init\n", packetCapacity);
     }
     packetSize = opus_encode(encoder.get(), pcm, frameSize, packet.get(), largestPacket);
     if (packetSize >= 0) return packetSize;
-    std::fprintf(stderr, "encode failed: %s\n", opus_strerror(packetSize));
+    say.error("encode failed: %s\n", opus_strerror(packetSize));
     return 1;
 }
 
@@ -114,7 +116,7 @@ JNIEXPORT jlong JNICALL Java_com_kelvane_media_transform_codec_NOpusEncoder_open
         std::clamp<int64_t>(int64_t{frameDuration} * sampleRate / 1000, Limits::min(), Limits::max()));
     engine->open();
     if (engine->encoder) {
-        std::puts("Opus encoder codec opened");
+        say.debug("Opus encoder codec opened\n");
         return engine->handle;
     }
     opus_enc_ctx.RemoveCodec(engine->handle);
@@ -127,7 +129,7 @@ JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_NOpusEncoder_encod
                                                                                   jlong handle) {
     NOpusEncoder* engine = opus_enc_ctx.GetCoder(handle);
     if (!engine) {
-        std::fputs("encoder null\n", stderr);
+        say.error("encoder null\n");
         return -1;
     }
     if (!input || !output) return 0;
@@ -154,5 +156,5 @@ JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_NOpusEncoder_packe
 
 JNIEXPORT void JNICALL Java_com_kelvane_media_transform_codec_NOpusEncoder_close(JNIEnv*, jclass,
                                                                                  jlong handle) {
-    closeCodec(opus_enc_ctx, handle, "Opus encoder codec closed");
+    if (closeCodec(opus_enc_ctx, handle)) say.debug("Opus encoder codec closed\n");
 }

@@ -4,7 +4,6 @@
 // no table, so a look-up costs nothing on the media path, and a handle that was closed is not detected.
 
 #include <cstdint>
-#include <cstdio>
 #include <memory>
 #include <new>
 
@@ -72,12 +71,12 @@ public:
 [[maybe_unused]] static VideoProcessorContext proc_ctx;
 [[maybe_unused]] static NativeOpenH264EncoderContext avc_opn_enc_ctx;
 
-// What the Java classes' close does: frees the engine and says so; nothing for handle 0.
+// What the Java classes' close does: frees the engine; false for handle 0.
 template <class Engine>
-void closeCodec(const CodecRegistry<Engine>& registry, int64_t handle, const char* message) {
-    if (!registry.GetCoder(handle)) return;
+bool closeCodec(const CodecRegistry<Engine>& registry, int64_t handle) {
+    if (!registry.GetCoder(handle)) return false;
     registry.RemoveCodec(handle);
-    std::puts(message);
+    return true;
 }
 
 // Owns an engine that another engine made through a registry.

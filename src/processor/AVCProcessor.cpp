@@ -1,6 +1,7 @@
 #include "processor/AVCProcessor.h"
 
 #include "bridge/JavaCall.h"
+#include "bridge/Log.h"
 #include "com_kelvane_media_transform_codec_AVCProcessor.h"
 #include "video/I420.h"
 
@@ -8,7 +9,6 @@ extern "C" {
 #include <libavformat/avformat.h>
 }
 
-#include <cstdio>
 #include <cstring>
 
 // FFmpeg 4 has deprecated av_register_all.
@@ -17,6 +17,8 @@ extern "C" {
 static CLibLoaderImpl loader;
 
 namespace {
+
+constexpr Log say("Pipeline");
 
 void copyOutSize(JavaCall& java, jbyteArray sizeInfo, int newOutput) {
     if (newOutput < 0) return;
@@ -67,7 +69,7 @@ void VideoProcessor::brew(unsigned int guid) {
     ProcessorFunctionPointers module;
     loader.GetLibFunctions(guid, &module);
     if (!module.create_video_processor || !module.destroy_video_processor) {
-        std::printf("Module not found. %d  Did you forget to preload it? \n", static_cast<int>(guid));
+        say.warning("Module not found. %d  Did you forget to preload it? \n", static_cast<int>(guid));
         return;
     }
     callModule.finish(reinterpret_cast<const void*>(module.create_video_processor));
@@ -75,7 +77,7 @@ void VideoProcessor::brew(unsigned int guid) {
     if (processor)
         ++loader.liveProcessors;
     else if (!callModule.thrown)
-        std::fprintf(stderr, "module %s made no processor: CreateVideoProcessor returned null\n",
+        say.error("module %s made no processor: CreateVideoProcessor returned null\n",
                      callModule.name());
 }
 
@@ -105,20 +107,20 @@ void VideoProcessor::fitEncoder(const AVFrame& picture) {
     const auto width = static_cast<uint16_t>(picture.width);
     const auto height = static_cast<uint16_t>(picture.height);
     if (!encoder) {
-        std::printf("AVCProcessor_create_encoder  %d  %d\n", picture.width, picture.height);
+        say.debug("AVCProcessor_create_encoder  %d  %d\n", picture.width, picture.height);
         makeEncoder(picture);
         if (!processor) return;
-        std::puts("AVCProcessor_open_module");
+        say.debug("AVCProcessor_open_module\n");
         uint8_t configuration[] = {mode, option1, option2, option3};
         callModule("Open", [&] {
             return processor->Open(width, height, configuration, configuration + 1, configuration + 2,
                                    configuration + 3);
         });
     } else if (picture.width != encoder->width || picture.height != encoder->height) {
-        std::puts("AVCProcessor_reinit_encodere");
+        say.debug("AVCProcessor_reinit_encodere\n");
         makeEncoder(picture);
         if (!processor) return;
-        std::puts("AVCProcessor_reinit_module");
+        say.debug("AVCProcessor_reinit_module\n");
         callModule("Reinit", [&] { return processor->Reinit(width, height); });
     }
 }
@@ -126,7 +128,7 @@ void VideoProcessor::fitEncoder(const AVFrame& picture) {
 int VideoProcessor::process(signed char* data, int size, uint32_t timestamp, int& newOutput) {
     forgetPicture();
     const int decoded = decoder->decode(data, size, timestamp);
-    if (decoded == -1) std::puts("warning, corrupt input stream");
+    if (decoded == -1) say.warning("warning, corrupt input stream\n");
     return decoded == 1 ? processPicture(timestamp, newOutput) : decoded;
 }
 
@@ -219,9 +221,9 @@ JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_AVCProcessor_loadL
     JavaCall java(env);
     const JavaPath file(java, path);
     if (!file.get()) return 0;
-    std::printf("loading %s\n", file.get());
+    say.info("loading %s\n", file.get());
     const int guid = loader.LoadLib(file.get());
-    std::printf("found %d\n", guid);
+    say.info("found %d\n", guid);
     return guid;
 }
 

@@ -1,16 +1,19 @@
 #include "processor/ModuleLoader.h"
 
+#include "bridge/Log.h"
+
 #include <cstdio>
 #include <cstring>
-#include <iostream>
 #include <utility>
 
 namespace {
 
+constexpr Log say("Pipeline");
+
 template <class Function>
 void resolve(void* library, const char* symbol, const char* name, Function& function) {
     function = reinterpret_cast<Function>(dlsym(library, symbol));
-    if (!function) std::cout << "failed to linked " << name << " \n";
+    if (!function) say.warning("failed to linked %s \n", name);
 }
 
 template <class Function>
@@ -24,7 +27,7 @@ bool interfaceIsKnown(void* library) {
     if (!getInterface) return true;
     const unsigned int number = call("GetModuleInterface", getInterface);
     if (number == KELVANE_MODULE_INTERFACE) return true;
-    std::fprintf(stderr, "module %s refused: built for interface %u, not %u\n",
+    say.error("module %s refused: built for interface %u, not %u\n",
                  ModuleCaller(reinterpret_cast<const void*>(getInterface)).name(), number,
                  KELVANE_MODULE_INTERFACE);
     return false;
@@ -40,11 +43,11 @@ const char* ModuleCaller::name() const {
 void ModuleCaller::caught(const char* operationName, const char* text) {
     if (thrown++) return;
     const auto firstLine = static_cast<int>(std::strcspn(text, "\r\n"));
-    std::fprintf(stderr, "module %s threw in %s: %.*s\n", name(), operationName, firstLine, text);
+    say.error("module %s threw in %s: %.*s\n", name(), operationName, firstLine, text);
 }
 
 void ModuleCaller::finish(const void* entryPoint) {
-    if (thrown > 1) std::fprintf(stderr, "module %s threw %d times in this pipeline\n", name(), thrown);
+    if (thrown > 1) say.error("module %s threw %d times in this pipeline\n", name(), thrown);
     thrown = 0;
     place = entryPoint;
 }
@@ -73,12 +76,14 @@ int CLibLoaderImpl::LoadLib(const char* path) {
     if (!path) return 0;
     const std::lock_guard lock(loading);
     if (moduleCount == capacity) {
-        std::cout << "module refused, " << capacity << " are loaded \n";
+        say.warning("module refused, %u are loaded \n", capacity);
         return 0;
     }
+    // Where the library prints nothing, standard output is the modules': their last words are not to be lost.
+    if (Log::destination() != Log::Destination::standard) std::setvbuf(stdout, nullptr, _IOLBF, 0);
     LibraryOwner library(dlopen(path, RTLD_LAZY));
     if (!library) {
-        std::cout << "module not found \n";
+        say.warning("module not found \n");
         return 0;
     }
     ProcessorFunctionPointers found;
@@ -86,7 +91,7 @@ int CLibLoaderImpl::LoadLib(const char* path) {
     resolve(library.get(), "CreateVideoProcessor", "create_video_processor", found.create_video_processor);
     resolve(library.get(), "DestroyVideoProcessor", "destroy_video_processor", found.destroy_video_processor);
     if (!found.get_guid || !found.destroy_video_processor || !interfaceIsKnown(library.get())) return 0;
-    std::cout << "linked module \n";
+    say.info("linked module \n");
     const unsigned int guid = call("GetGuid", found.get_guid);
     modules[moduleCount].functions = found;
     modules[moduleCount].libHandle = std::move(library);

@@ -1,16 +1,22 @@
 #include "transcoder/CoderOut.h"
 
+#include "bridge/Log.h"
 #include "video/I420.h"
 
 extern "C" {
 #include <libavutil/imgutils.h>
 }
 
-#include <cstdio>
 #include <cstring>
 
+namespace {
+
+constexpr Log say("Transcoder");
+
+} // namespace
+
 void CoderOut::open() {
-    std::printf("CoderOut::open index %d  w %d, h %d\n", index, width, height);
+    say.debug("CoderOut::open index %d  w %d, h %d\n", index, width, height);
     // A scaler of an earlier open() would write pictures of another size into the new frame.
     scaler.reset();
     coder.reset(avc_opn_enc_ctx.NewCodec());
@@ -28,7 +34,7 @@ void CoderOut::open() {
     coder->debug = debug;
     coder->steeredRate = pictureRate;
     coder->open();
-    if (coder->debug) std::printf("opened %d\n", coder->status);
+    if (coder->debug) say.debug("opened %d\n", coder->status);
 
     int allocated = -1;
     frame.reset(av_frame_alloc());
@@ -38,7 +44,7 @@ void CoderOut::open() {
         frame->height = height;
         allocated = av_image_alloc(frame->data, frame->linesize, width, height, AV_PIX_FMT_YUV420P, 32);
     }
-    if (coder->debug) std::printf("coder opened, error=%d  %d\n", coder->status, allocated);
+    if (coder->debug) say.debug("coder opened, error=%d  %d\n", coder->status, allocated);
 }
 
 void CoderOut::makeScaler(const AVFrame& in) {
@@ -66,17 +72,17 @@ bool CoderOut::encode(AVFrame* in) {
                 height = in->height;
             }
             if (!coder) open();
-            std::printf("sws_context init %d  %d \n", in->width, in->height);
+            say.debug("sws_context init %d  %d \n", in->width, in->height);
             makeScaler(*in);
         } else if (in->width != srcWidth || in->height != srcHeight) {
-            std::puts("sws_context reinit ");
+            say.debug("sws_context reinit \n");
             makeScaler(*in);
         }
     }
     if (!coder) return false;
     const bool debugging = coder->debug != 0;
     if (!scaler || coder->status != 0) {
-        if (debugging) std::printf("fail2context %d \n", coder->status);
+        if (debugging) say.warning("fail2context %d \n", coder->status);
         return false;
     }
     const AVFrame* picture = frame.get();
@@ -85,7 +91,7 @@ bool CoderOut::encode(AVFrame* in) {
     } else if (!frame->data[0] || sws_scale(scaler.get(), in->data, in->linesize, 0, in->height, frame->data,
                                             frame->linesize) != frame->height) {
         // (A frame without planes, for which there was no memory, is never scaled into.)
-        if (debugging) std::puts("fail2sws_scale ");
+        if (debugging) say.warning("fail2sws_scale \n");
         return false;
     }
 #pragma GCC diagnostic push
@@ -99,12 +105,12 @@ bool CoderOut::encode(AVFrame* in) {
     } else if (const MallocBuffer packed = packPicture(*picture)) {
         encoded = coder->encode(packed.get(), packedPictureSize(picture->width, picture->height), time);
     } else {
-        if (debugging) std::puts("could not alloc frame buffer ");
+        if (debugging) say.warning("could not alloc frame buffer \n");
         return false;
     }
     failure = coder->failure;
     if (encoded == 1 && coder->outputSize != 0) return true;
-    if (debugging) std::printf("fail2 code %d \n", encoded);
+    if (debugging) say.debug("fail2 code %d \n", encoded);
     return false;
 }
 
@@ -114,7 +120,7 @@ int CoderOut::write(AVFrame* in, AVPacket* packet) {
     const auto size = static_cast<size_t>(coder->outputSize);
     MallocBuffer copy = mallocBuffer(size);
     if (!copy) {
-        if (coder->debug) std::puts("fail2 code 1 ");
+        if (coder->debug) say.warning("fail2 code 1 \n");
         return 0;
     }
     std::memcpy(copy.get(), coder->output.get(), size);
@@ -142,7 +148,7 @@ void CoderOut::release() {
 }
 
 void CoderOut::close() {
-    std::printf("CoderOut::close index %d  w %d, h %d\n", index, width, height);
+    say.debug("CoderOut::close index %d  w %d, h %d\n", index, width, height);
     frame.reset();
     scaler.reset();
     coder.reset();

@@ -1,13 +1,15 @@
 #include "transcoder/MIRVProcessor.h"
 
+#include "bridge/Log.h"
 #include "com_kelvane_media_transform_codec_MIRVProcessor.h"
 
 #include <algorithm>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
 namespace {
+
+constexpr Log say("Transcoder");
 
 struct Setting {
     const char* key;
@@ -112,7 +114,7 @@ void MIRVProcessor::leave(JNIEnv* env) {
 }
 
 int64_t MIRVProcessor::open(uint32_t outputCount) {
-    std::printf("opening %d\n", static_cast<int>(outputCount));
+    say.debug("opening %d\n", static_cast<int>(outputCount));
     if (outputCount > maxOutputs) return 0;
     outputs.reset(new (std::nothrow) CoderOut[outputCount]);
     if (!outputs) return 0;
@@ -133,10 +135,10 @@ void MIRVProcessor::apply(uint32_t index, const char* key, const char* value) {
     const auto id = static_cast<int32_t>(index);
     CoderOut* output = claim(id);
     if (!output) {
-        std::printf("apply fail index %d key %s val %s\n", id, key, value);
+        say.warning("apply fail index %d key %s val %s\n", id, key, value);
         return;
     }
-    std::printf("apply index %d key %s val %s\n", id, key, value);
+    say.debug("apply index %d key %s val %s\n", id, key, value);
     for (const Setting& setting : settings) {
         if (std::strcmp(key, setting.key) == 0) {
             output->*setting.field = std::atoi(value);
@@ -146,11 +148,11 @@ void MIRVProcessor::apply(uint32_t index, const char* key, const char* value) {
 }
 
 void MIRVProcessor::start() {
-    std::printf("start %d\n", static_cast<int>(count));
+    say.debug("start %d\n", static_cast<int>(count));
     for (uint32_t i = 0; i < count; ++i) {
         CoderOut& output = outputs[i];
         if (output.height != 0 && output.width != 0) {
-            std::printf("opening %d\n", output.index);
+            say.debug("opening %d\n", output.index);
             output.open();
         }
     }
@@ -263,7 +265,7 @@ void MIRVProcessor::forgetListener(JNIEnv* env) {
 
 JNIEXPORT jlong JNICALL Java_com_kelvane_media_transform_codec_MIRVProcessor_open(JNIEnv* env, jclass,
                                                                                   jint outputs) {
-    std::printf("MIRVProcessor_open outputs:%d\n", outputs);
+    say.debug("MIRVProcessor_open outputs:%d\n", outputs);
     auto* processor = new (std::nothrow) MIRVProcessor;
     if (!processor) return 0;
     if (processor->open(static_cast<uint32_t>(outputs)) != 0)
@@ -489,7 +491,7 @@ JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_MIRVProcessor_appl
                                                                                   jint index, jstring key,
                                                                                   jstring value,
                                                                                   jlong handle) {
-    std::puts("MIRVProcessor_apply ");
+    say.debug("MIRVProcessor_apply \n");
     MIRVProcessor* processor = processorOf(handle);
     if (!processor || !key || !value) return 0;
     JavaCall java(env);
@@ -502,7 +504,7 @@ JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_MIRVProcessor_appl
 
 JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_MIRVProcessor_close(JNIEnv* env, jclass,
                                                                                   jlong handle) {
-    std::puts("MIRVProcessor_close ");
+    say.debug("MIRVProcessor_close \n");
     if (MIRVProcessor* processor = processorOf(handle)) processor->close(env);
     return 0;
 }

@@ -2,6 +2,7 @@
 
 #include "bridge/Exceptions.h"
 #include "bridge/JavaCall.h"
+#include "bridge/Log.h"
 #include "bridge/Registries.h"
 #include "bridge/StartCodes.h"
 #include "com_kelvane_media_transform_codec_AVCDecoder.h"
@@ -13,7 +14,6 @@ extern "C" {
 }
 
 #include <algorithm>
-#include <cstdio>
 #include <cstring>
 #include <utility>
 
@@ -21,6 +21,8 @@ extern "C" {
 #pragma GCC diagnostic ignored "-Wdeprecated-declarations"
 
 namespace {
+
+constexpr Log say("VideoDecoder");
 
 enum NalUnitType { otherSlice = 1, idrSlice = 5 };
 
@@ -77,11 +79,11 @@ void VideoDecoder::open() {
     }
     frame.reset(av_frame_alloc());
     if (!context || openCodec(context, codec) < 0) {
-        std::puts("AVC decoder codec not opened");
+        say.warning("AVC decoder codec not opened\n");
     } else if (context->codec) {
-        std::printf("AVC decoder codec opened %d\n", context->refcounted_frames);
+        say.debug("AVC decoder codec opened %d\n", context->refcounted_frames);
     } else {
-        std::puts("AVC decoder setting codec");
+        say.warning("AVC decoder setting codec\n");
         context->codec = codec;
     }
 }
@@ -207,7 +209,7 @@ int VideoDecoder::decode(signed char* data, int size, unsigned int time) {
     if (size < 4 || std::memcmp(data, startCode, sizeof startCode) != 0) {
         signed char first[4] = {};
         std::copy_n(data, std::clamp(size, 0, 4), first);
-        std::printf("bad input to decoder %d  %d  %d  %d  %d\n   ", size, first[0], first[1], first[2],
+        say.warning("bad input to decoder %d  %d  %d  %d  %d\n   ", size, first[0], first[1], first[2],
                     first[3]);
         return -1;
     }
@@ -220,7 +222,7 @@ int VideoDecoder::decode(signed char* data, int size, unsigned int time) {
 
 // Behind an exception: over what it had done by half, FFmpeg would end the process in the next call.
 void VideoDecoder::beginAnew() {
-    std::puts("Exception in decode");
+    say.warning("Exception in decode\n");
     av_packet_unref(&packet);
     close();
     open();
@@ -255,7 +257,7 @@ int VideoDecoder::receive(bool got) {
     if (frame->width != width || frame->height != height) {
         width = frame->width;
         height = frame->height;
-        std::printf("set/update w:%d  h:%d\n", width, height);
+        say.debug("set/update w:%d  h:%d\n", width, height);
     }
     pictureTime = static_cast<uint32_t>(frame->pkt_pts / 1000);
     pictureReady = 1;
@@ -326,7 +328,7 @@ jint deliver(VideoDecoder& decoder, JavaCall& java, jbyteArray info, jbyteArray 
     const int pictureSize = packedPictureSize(picture.width, picture.height);
     decoder.pictureWaiting = pictureSize != java.env->GetArrayLength(output);
     if (decoder.pictureWaiting) {
-        std::printf("AVC decoder warning, picSize  != outLeng  %d\n", pictureSize);
+        say.warning("AVC decoder warning, picSize  != outLeng  %d\n", pictureSize);
         return -pictureSize;
     }
     ImageFrameOwner converted;
@@ -430,5 +432,5 @@ JNIEXPORT jlong JNICALL Java_com_kelvane_media_transform_codec_AVCDecoder_pictur
 
 JNIEXPORT void JNICALL Java_com_kelvane_media_transform_codec_AVCDecoder_close(JNIEnv*, jclass,
                                                                                jlong handle) {
-    closeCodec(avc_dec_ctx, handle, "AVC decoder codec closed");
+    if (closeCodec(avc_dec_ctx, handle)) say.debug("AVC decoder codec closed\n");
 }

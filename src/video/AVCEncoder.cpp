@@ -2,6 +2,7 @@
 
 #include "bridge/Exceptions.h"
 #include "bridge/JavaCall.h"
+#include "bridge/Log.h"
 #include "bridge/Registries.h"
 #include "com_kelvane_media_transform_codec_AVCEncoder.h"
 #include "video/BitstreamRoom.h"
@@ -9,12 +10,13 @@
 
 #include <algorithm>
 #include <cmath>
-#include <cstdio>
 #include <cstring>
 
 static COpenLoaderImpl loader;
 
 namespace {
+
+constexpr Log say("OpenH264");
 
 uint32_t picturesInFourSeconds(float rate) { return static_cast<uint32_t>(std::lround(4 * rate)); }
 
@@ -38,19 +40,14 @@ void NativeOpenH264Encoder::open() {
     ISVCEncoder* created = nullptr;
     if (!completes([&] { library.createEncoder(&created); }) || !created) {
         status = 1;
-        if (!renewed) std::puts("could not open noh264");
+        if (!renewed) say.warning("could not open noh264\n");
         return;
     }
     ++loader.liveEncoders;
     encoder.reset(created);
     layout = library.layout;
     status = 0;
-    if (renewed) {
-        // OpenH264 warns of its settings at each opening and reports each picture that fails, on standard
-        // error.
-        int level = WELS_LOG_QUIET;
-        completes([&] { encoder->SetOption(ENCODER_OPTION_TRACE_LEVEL, &level); });
-    }
+    chooseTrace();
 
     if (fps == 0 || fps > 60) fps = 30;
     if (steeredRate > 0) steeredRate = allowedRate(steeredRate);
@@ -63,7 +60,7 @@ void NativeOpenH264Encoder::open() {
     const bool hasDefaults = completes([&] { encoder->GetDefaultParams(&param); });
     if (maxQp == 0) maxQp = param.iMaxQp;
     if (minQp == 0) minQp = param.iMinQp;
-    if (debug) std::printf("qp  %d -%d \n", minQp, maxQp);
+    if (debug) say.debug("qp  %d -%d \n", minQp, maxQp);
 
     param.iUsageType = CAMERA_VIDEO_REAL_TIME;
     param.fMaxFrameRate = steeredRate > 0 ? steeredRate : static_cast<float>(fps);
@@ -111,8 +108,22 @@ void NativeOpenH264Encoder::open() {
             encoder.reset();
         }
     }
-    if (debug)
-        std::puts(status == 0 ? "opened and configured h264 encoder." : "could not configure noh264 codec.");
+    if (debug && status == 0) say.debug("opened and configured h264 encoder.\n");
+    if (debug && status != 0) say.warning("could not configure noh264 codec.\n");
+}
+
+// OpenH264 warns of its settings at each opening and reports each picture that fails; on standard error, unless
+// something else was chosen.
+void NativeOpenH264Encoder::chooseTrace() {
+    if (renewed || Log::destination() == Log::Destination::discarded) {
+        int level = WELS_LOG_QUIET;
+        set(ENCODER_OPTION_TRACE_LEVEL, &level);
+    } else if (Log::destination() == Log::Destination::kept) {
+        WelsTraceCallback callback = [](void*, int level, const char* text) {
+            (level == WELS_LOG_ERROR ? say.error : say.complaint)("%s\n", text);
+        };
+        set(ENCODER_OPTION_TRACE_CALLBACK, &callback);
+    }
 }
 
 int NativeOpenH264Encoder::encode(unsigned char* picture, int size, unsigned int timestamp) {
@@ -120,7 +131,7 @@ int NativeOpenH264Encoder::encode(unsigned char* picture, int size, unsigned int
     const uint32_t lumaSize = width * height;
     const uint32_t expectedSize = lumaSize * 3 / 2;
     if (debug && expectedSize != static_cast<uint32_t>(size))
-        std::printf("err size_in %d  %d\n", static_cast<int>(expectedSize), size);
+        say.warning("err size_in %d  %d\n", static_cast<int>(expectedSize), size);
     output.reset();
     outputSize = 0;
     // In 64 bits: the 32-bit size of an absurd picture wraps to a small one.
@@ -152,11 +163,11 @@ int NativeOpenH264Encoder::encodeInto(const OpenH264Picture& source) {
     Frame encoded{};
     failure = resultOr(-1, [&] { return encoder->EncodeFrame(&source, encoded.record()); });
     if (failure != 0) {
-        if (debug) std::puts("error ");
+        if (debug) say.warning("error \n");
         return 0;
     }
     if (encoded.eFrameType == videoFrameTypeSkip || encoded.iFrameSizeInBytes <= 0) {
-        if (debug) std::puts("skip");
+        if (debug) say.debug("skip\n");
         return 0;
     }
 
@@ -170,7 +181,7 @@ int NativeOpenH264Encoder::encodeInto(const OpenH264Picture& source) {
         total += layerSizes[i];
     }
     if (total <= 0) {
-        if (debug) std::puts("nosize ");
+        if (debug) say.warning("nosize \n");
         return 0;
     }
     output = mallocBuffer(static_cast<size_t>(total));
@@ -181,7 +192,7 @@ int NativeOpenH264Encoder::encodeInto(const OpenH264Picture& source) {
     ++frameCount;
     pictureType = encoded.eFrameType;
     outputSize = total;
-    if (debug) std::printf("output_size: %d count: %d\n", outputSize, static_cast<int>(frameCount));
+    if (debug) say.debug("output_size: %d count: %d\n", outputSize, static_cast<int>(frameCount));
     uint8_t* out = output.get();
     for (int i = 0; i < layers; ++i) {
         std::memcpy(out, encoded.sLayerInfo[i].pBsBuf, static_cast<size_t>(layerSizes[i]));
@@ -291,5 +302,5 @@ JNIEXPORT jstring JNICALL Java_com_kelvane_media_transform_codec_AVCEncoder_prob
 
 JNIEXPORT void JNICALL Java_com_kelvane_media_transform_codec_AVCEncoder_close(JNIEnv*, jclass,
                                                                                jlong handle) {
-    closeCodec(avc_opn_enc_ctx, handle, "AVC encoder codec closed");
+    if (closeCodec(avc_opn_enc_ctx, handle)) say.debug("AVC encoder codec closed\n");
 }

@@ -73,6 +73,7 @@ private:
     int encodeInto(const OpenH264Picture& source);
     bool isOpen() const { return encoder && status == 0; }
     bool set(ENCODER_OPTION option, void* value);
+    void chooseTrace();
 
     OpenH264Layout layout = OpenH264Layout::upTo25; // of the library's records
 };

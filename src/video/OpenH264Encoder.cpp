@@ -2,6 +2,7 @@
 
 #include "bridge/Exceptions.h"
 #include "bridge/JavaCall.h"
+#include "bridge/Log.h"
 #include "bridge/Registries.h"
 #include "com_kelvane_media_transform_codec_OpenH264Encoder.h"
 #include "video/I420.h"
@@ -13,7 +14,6 @@ extern "C" {
 }
 
 #include <algorithm>
-#include <cstdio>
 #include <cstring>
 #include <utility>
 
@@ -21,6 +21,8 @@ extern "C" {
 #pragma GCC diagnostic ignored "-Wdeprecated-declarations"
 
 namespace {
+
+constexpr Log say("VideoEncoder");
 
 // FFmpeg's OpenH264 encoder refuses this profile and knows none of the other options; those of another build
 // may, so that their results are not checked.
@@ -37,7 +39,7 @@ jint encodeCopy(VideoEncoder& encoder, JavaCall& java, const ArrayCopy& picture,
     if (result != 1) return result;
     constexpr uint8_t startCode[] = {0, 0, 0, 1};
     if (encoder.encodedSize < 4 || std::memcmp(picture.bytes.get(), startCode, sizeof startCode) != 0)
-        std::puts("AVC encoder nal code not found");
+        say.warning("AVC encoder nal code not found\n");
     java.copyOut(output, picture.bytes.get(), encoder.encodedSize);
 
     uint8_t about[7] = {static_cast<uint8_t>(encoder.frame->key_frame)};
@@ -52,26 +54,26 @@ jint encodeCopy(VideoEncoder& encoder, JavaCall& java, const ArrayCopy& picture,
 void VideoEncoder::open() {
     codec = avcodec_find_encoder_by_name("libopenh264");
     if (!codec) {
-        std::puts("AVC encoder codec not found");
+        say.warning("AVC encoder codec not found\n");
         return;
     }
     if (frameRate == 0) frameRate = 15;
     context = makeContext();
     if (!context) return;
-    std::printf("avcodec_open2: %d  : %d : %d : %d\n", width, height, frameRate, bitRate);
+    say.debug("avcodec_open2: %d  : %d : %d : %d\n", width, height, frameRate, bitRate);
     const int result = openCodec(context, codec);
     if (result < 0) {
-        std::printf("AVC encoder codec not opened %d\n", result);
+        say.warning("AVC encoder codec not opened %d\n", result);
         return;
     }
     if (context->codec) {
-        std::puts("AVC encoder codec opened");
+        say.debug("AVC encoder codec opened\n");
     } else {
-        std::puts("AVC encoder setting codec");
+        say.warning("AVC encoder setting codec\n");
         context->codec = codec;
     }
     if (!makePictures()) return;
-    std::printf("AVC encoder Y: %d  U: %d V: %d \n", frame->linesize[0], frame->linesize[1],
+    say.debug("AVC encoder Y: %d  U: %d V: %d \n", frame->linesize[0], frame->linesize[1],
                 frame->linesize[2]);
     status = 0;
 }
@@ -95,7 +97,7 @@ CodecContextOwner VideoEncoder::makeContext() const {
 bool VideoEncoder::makePictures() {
     frame.reset(av_frame_alloc());
     if (!frame) {
-        std::puts("AVC encoder could not allocate video frame");
+        say.warning("AVC encoder could not allocate video frame\n");
         return false;
     }
     frame->format = context->pix_fmt;
@@ -104,7 +106,7 @@ bool VideoEncoder::makePictures() {
     const int size =
         av_image_alloc(frame->data, frame->linesize, frame->width, frame->height, context->pix_fmt, 32);
     if (size < 0) {
-        std::puts("AVC encoder could not allocate raw picture buffer");
+        say.warning("AVC encoder could not allocate raw picture buffer\n");
         return false;
     }
     if (hasWholeChroma(*frame)) {
@@ -127,7 +129,7 @@ int VideoEncoder::encode(signed char* data, int length, unsigned int timestamp) 
     const int64_t chromaSize = int64_t{frame->width / 2} * (frame->height / 2);
     if (length < int64_t{frame->width} * frame->height + 2 * chromaSize) return 0;
     int got = 0;
-    if (!completes([&] { got = encodeChecked(data, length, timestamp); })) std::puts("Exception in encode");
+    if (!completes([&] { got = encodeChecked(data, length, timestamp); })) say.warning("Exception in encode\n");
     av_packet_unref(&packet);
     return got;
 }
@@ -149,7 +151,7 @@ int VideoEncoder::encodeChecked(signed char* data, int length, unsigned int time
     failure = std::min(avcodec_encode_video2(context.get(), &packet, picture, &got), 0);
     if (packet.size > length) failure = -1;
     if (failure != 0) {
-        if (!renewed) std::puts("AVC encoder failed to encode frame");
+        if (!renewed) say.warning("AVC encoder failed to encode frame\n");
         got = 0;
     }
     if (got) {
@@ -206,7 +208,7 @@ JNIEXPORT jlong JNICALL Java_com_kelvane_media_transform_codec_OpenH264Encoder_o
     av_log_set_level(AV_LOG_QUIET);
     VideoEncoder* encoder = avc_enc_ctx.NewCodec();
     if (!encoder) return -1;
-    std::puts("Codec init");
+    say.debug("Codec init\n");
     encoder->width = width;
     encoder->height = height;
     encoder->frameRate = std::max(frameRate, 1);
@@ -271,5 +273,5 @@ JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_OpenH264Encoder_re
 
 JNIEXPORT void JNICALL Java_com_kelvane_media_transform_codec_OpenH264Encoder_close(JNIEnv*, jclass,
                                                                                     jlong handle) {
-    closeCodec(avc_enc_ctx, handle, "AVC encoder codec closed");
+    if (closeCodec(avc_enc_ctx, handle)) say.debug("AVC encoder codec closed\n");
 }

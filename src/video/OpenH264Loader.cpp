@@ -1,16 +1,18 @@
 #include "video/OpenH264Loader.h"
 
 #include "bridge/Exceptions.h"
+#include "bridge/Log.h"
 
 #include <dlfcn.h>
 #include <link.h>
 
 #include <cstdio>
-#include <iostream>
 #include <optional>
 #include <utility>
 
 namespace {
+
+constexpr Log say("OpenH264");
 
 // False when the library itself has no such symbol. dlsym also finds those of the libraries that it needs.
 template <class Function>
@@ -71,7 +73,7 @@ int COpenLoaderImpl::LoadLib() { return LoadLibFrom(libraryPath); }
 int COpenLoaderImpl::LoadLibFrom(const char* path) {
     const std::lock_guard lock(loading);
     if (state != 0) {
-        std::cout << "pointers pre loaded\n";
+        say.debug("pointers pre loaded\n");
         return state;
     }
     state = 1;
@@ -79,9 +81,12 @@ int COpenLoaderImpl::LoadLibFrom(const char* path) {
     libHandle.reset();
     char problem[128];
     const Outcome outcome = open(path, libHandle, functions, problem, sizeof problem);
-    if (outcome == Outcome::unknownVersion) std::fprintf(stderr, "%s is refused: %s\n", path, problem);
+    if (outcome == Outcome::unknownVersion) say.error("%s is refused: %s\n", path, problem);
     state = libHandle ? 2 : 0;
-    std::cout << (libHandle ? "loaded pointers\n" : "could not load pointers\n");
+    if (libHandle)
+        say.info("loaded pointers\n");
+    else
+        say.warning("could not load pointers\n");
     return state;
 }
 

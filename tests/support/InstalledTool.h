@@ -188,7 +188,7 @@ protected:
         SCOPED_TRACE(arguments);
         const std::set<std::string> before = names(directory);
         EXPECT_EQ(run("kelvane", arguments), exitCode);
-        // The library's own words of a module come through a filter, sooner or later than the tool's.
+        // The library's own words of a module come before the tool's.
         const std::string said = std::regex_replace(errors, std::regex("module [^\n]*\n"), "");
         EXPECT_TRUE(std::regex_match(said, std::regex("kelvane[^\n]*" + reason + "[^\n]*\n"))) << errors;
         EXPECT_EQ(names(directory), before);

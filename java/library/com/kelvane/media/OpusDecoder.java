@@ -23,7 +23,7 @@ public final class OpusDecoder implements AutoCloseable {
     private static final int USUAL_PACKET = 960; // 20 ms
     private static final Duration SHORTEST = Duration.ofNanos(2_500_000); // every length is a multiple of it
     private static final Duration LONGEST = Duration.ofMillis(120);
-    // A decoder tells once on standard error what is wrong with its packets: strangers send them.
+    // A decoder tells once what is wrong with its packets: strangers send them.
     private static final int FAILURES_TOLD = 1;
 
     private final Engine engine;

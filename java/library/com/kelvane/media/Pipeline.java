@@ -27,7 +27,7 @@ import java.util.function.IntSupplier;
  *
  * <p>Pictures come out in display order. After a picture that it failed at the encoder is made anew, see
  * {@link EncoderFailure}. One thread may use a pipeline at a time: anything else is refused with an
- * {@link IllegalStateException}. A module runs on the calling thread; what it throws is reported on standard error, and the
+ * {@link IllegalStateException}. A module runs on the calling thread; what it throws is reported to {@link NativeLog}, and the
  * picture counts as dropped.
  */
 public final class Pipeline implements AutoCloseable {

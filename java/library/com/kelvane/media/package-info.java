@@ -95,9 +95,9 @@
  *
  * <h2>Native library</h2>
  *
- * <p>The first engine loads it; {@link com.kelvane.media.NativeLibrary} tells from where. It prints lines about what it does
- * on standard output; FFmpeg's own log, which would have a line for each damage in a stream, is silenced. The H.264 encoder of a transcoder is the OpenH264 library, which is looked for beside it and where
- * the system property {@code kelvane.openh264} says.
+ * <p>The first engine loads it; {@link com.kelvane.media.NativeLibrary} tells from where. What it tells of itself, and what FFmpeg
+ * and OpenH264 say, goes nowhere unless {@link com.kelvane.media.NativeLog} sends it somewhere. The H.264 encoder of a transcoder
+ * is the OpenH264 library, which is looked for beside it and where the system property {@code kelvane.openh264} says.
  *
  * <h2>Flight Recorder</h2>
  *

@@ -4,6 +4,7 @@ import com.kelvane.media.MediaException;
 import com.kelvane.media.tool.output.LostPictures;
 import com.kelvane.media.tool.output.Workspace;
 import com.kelvane.media.tool.shell.Caller;
+import com.kelvane.media.tool.shell.Diagnostics;
 import com.kelvane.media.tool.shell.Failure;
 import java.io.IOException;
 import java.io.PrintWriter;
@@ -35,10 +36,14 @@ public final class Kelvane {
                         report(command.getCommandSpec().qualifiedName(), explain(failure), CommandLine.ExitCode.SOFTWARE));
         int exitCode;
         try {
+            Diagnostics.begin();
             exitCode = tool.execute(arguments);
+        } catch (IOException | MediaException noDiagnostics) {
+            exitCode = report("kelvane", explain(noDiagnostics), CommandLine.ExitCode.SOFTWARE);
         } catch (LinkageError | OutOfMemoryError beyondPicocli) {
             exitCode = report("kelvane", beyondPicocli.getMessage(), CommandLine.ExitCode.SOFTWARE);
         }
+        Diagnostics.end();
         if ((exitCode == 0 || exitCode == LostPictures.EXIT_CODE) && Caller.OUTPUT.checkError()) {
             exitCode = report("kelvane", "standard output cannot be written to", CommandLine.ExitCode.SOFTWARE);
         }

@@ -17,6 +17,7 @@ import com.kelvane.media.tool.output.Results;
 import com.kelvane.media.tool.output.Summary;
 import com.kelvane.media.tool.output.Workspace;
 import com.kelvane.media.tool.shell.Caller;
+import com.kelvane.media.tool.shell.Diagnostics;
 import com.kelvane.media.tool.shell.Failure;
 import com.kelvane.media.tool.shell.Progress;
 import com.kelvane.media.tool.shell.Text;
@@ -123,6 +124,7 @@ final class ProcessCommand implements Callable<Integer> {
                     List.of(name + ".h264", name + ".mp4", name + ".png")),
                     source + " would be overwritten by its own result; name another with -o");
         }
+        Diagnostics.tellOfModules();
         ProcessingModule module = ProcessingModule.load(Caller.path(library));
         int pictures = rate != null ? rate : (int) Math.max(1, Math.min(LARGEST_RATE, Math.round(track.frameRate())));
         int bits = bitrate != null ? bitrate

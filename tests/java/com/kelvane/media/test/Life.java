@@ -1,6 +1,7 @@
 package com.kelvane.media.test;
 
 import com.kelvane.media.AccessUnit;
+import com.kelvane.media.NativeLog;
 import com.kelvane.media.EncodedPicture;
 import com.kelvane.media.Rendition;
 import com.kelvane.media.Transcoder;
@@ -28,13 +29,15 @@ public final class Life {
         switch (arguments[0]) {
             case "ending" -> ending(numbers[0], numbers[1]);
             case "shortage" -> shortage();
-            case "lines" -> lines(numbers[0]);
+            case "lines" -> {
+                NativeLog.toStandardStreams();
+                lines(numbers[0]);
+            }
             case "peaks" -> peaks(numbers[0], numbers[1]);
             default -> soak(numbers[0], numbers[1]);
         }
     }
 
-    // Standard output has what the codecs print, too.
     private static void tell(String format, Object... arguments) {
         System.err.printf(format + "%n", arguments);
     }

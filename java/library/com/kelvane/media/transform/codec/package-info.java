@@ -93,7 +93,8 @@
  *
  * <h2>Diagnostics</h2>
  *
- * <p>Engines report events as plain lines on standard output, failures of FFmpeg's codec look-up and of libopus on
+ * <p>While no {@link com.kelvane.media.NativeLog} was chosen, and none is until a class of {@code com.kelvane.media} opens an
+ * engine, engines report events as plain lines on standard output, failures of FFmpeg's codec look-up and of libopus on
  * standard error. {@link com.kelvane.media.transform.codec.AVCDecoder#open} and
  * {@link com.kelvane.media.transform.codec.OpenH264Encoder#open} silence FFmpeg's own log for the whole process.
  */

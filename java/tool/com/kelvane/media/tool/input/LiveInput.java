@@ -111,7 +111,7 @@ public final class LiveInput {
                     playFile();
                 } else {
                     do {
-                        try (InputStream stream = path == null ? Caller.input() : new FileInputStream(path.toFile())) {
+                        try (InputStream stream = path == null ? System.in : new FileInputStream(path.toFile())) {
                             readStream(stream);
                         }
                         put(new Ended(null, !isFifo));

@@ -1,11 +1,8 @@
 package com.kelvane.media.tool.shell;
 
 import java.io.FileDescriptor;
-import java.io.FileInputStream;
-import java.io.FileNotFoundException;
 import java.io.FileOutputStream;
 import java.io.IOException;
-import java.io.InputStream;
 import java.io.PrintStream;
 import java.nio.charset.StandardCharsets;
 import java.nio.file.Path;
@@ -13,26 +10,15 @@ import java.util.stream.StreamSupport;
 
 /** What the launcher hands on from its caller; the working directory is the installed tree. */
 public final class Caller {
-    // Without the launcher, in somebody else's process, those descriptors may be anything.
-    private static final boolean LAUNCHED = System.getProperty("kelvane.caller.directory") != null;
-
     /** Where the caller stands: paths he gives are relative to it. */
     public static final Path DIRECTORY = Path.of(System.getProperty("kelvane.caller.directory", "")).toAbsolutePath();
 
-    /** The caller's standard output, which the launcher moved to descriptor 0; the library writes to descriptor 1. */
-    public static final PrintStream OUTPUT = !LAUNCHED ? System.out
-            : new PrintStream(new FileOutputStream(FileDescriptor.in), true, StandardCharsets.UTF_8);
-
-    /** The caller's standard error; what others write there passes the launcher's filter. */
-    public static final PrintStream ERRORS = errors();
+    /** The caller's standard output and error, in UTF-8 whatever the machine's locale. */
+    public static final PrintStream OUTPUT = printer(FileDescriptor.out);
+    public static final PrintStream ERRORS = printer(FileDescriptor.err);
 
     /** Whether {@link #OUTPUT} is a terminal. */
     public static final boolean TERMINAL = Boolean.getBoolean("kelvane.terminal");
-
-    /** The caller's standard input, which the launcher moved to descriptor 4. */
-    public static InputStream input() throws IOException {
-        return LAUNCHED ? new FileInputStream("/proc/self/fd/4") : System.in;
-    }
 
     /**
      * A path as the caller's shell would take it, absolute. What is there already is found through its symbolic links, as
@@ -53,12 +39,8 @@ public final class Caller {
         return absolute;
     }
 
-    private static PrintStream errors() {
-        try {
-            return !LAUNCHED ? System.err : new PrintStream(new FileOutputStream("/proc/self/fd/3", true), true, StandardCharsets.UTF_8);
-        } catch (FileNotFoundException socketOrNone) {
-            return System.err;
-        }
+    private static PrintStream printer(FileDescriptor descriptor) {
+        return new PrintStream(new FileOutputStream(descriptor), true, StandardCharsets.UTF_8);
     }
 
     private Caller() {
