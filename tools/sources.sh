@@ -31,7 +31,8 @@ debian_archive() {
 # A source package of one of Debian's releases, from the machine's own archive through a source list of our own, so that its apt
 # configuration stays as it is.
 fetch_from_debian() { # fetch_from_debian RELEASE PACKAGE VERSION FOLDER
-  local archive apt=$4.apt
+  local archive apt
+  apt=$(realpath -m "$4").apt # apt takes other paths for its own folder's
   archive=$(debian_archive)
   [ -n "$archive" ] || { apt-get -qq update && archive=$(debian_archive); }
   [ -n "$archive" ] || { say "no Debian archive is configured"; return 1; }
