@@ -21,7 +21,8 @@ TEST_F(InstalledTool, MakesPlayableRenditionsInDisplayOrder) {
     }
     EXPECT_EQ(probe("'out put/320x180.mp4'", "packet=pts_time,flags"), evenPackets(30, 25));
     for (const std::string threads : {"1", "5"}) {
-        kelvane("transcode in.h264 -r 320x180@900k,key=10 -r 160x90@300k,cabac -o again --threads " + threads);
+        kelvane("transcode in.h264 -r 320x180@900k,key=10 -r 160x90@300k,cabac -o again --threads " +
+                threads);
         for (const std::string file : {"/320x180.mp4", "/160x90.mp4"})
             EXPECT_EQ(contents(path("again" + file)), contents(path("out put" + file))) << threads;
     }
@@ -61,8 +62,8 @@ TEST_F(InstalledTool, KeepsTimesOfVariableFrameRateAndCutsToThePicture) {
 
 // 50 grey pictures, 3 of noise that OpenH264 fails at, and 50 grey ones, 40 ms apart.
 TEST_F(InstalledTool, TellsOfPicturesThatAnEncoderFailedAt) {
-    ASSERT_EQ(std::system(("java -cp '" + tree.string() + "/lib/kelvane-media.jar:" TEST_JAR
-                           "' com.kelvane.media.test.Uncompressed '" +
+    ASSERT_EQ(std::system(("java -cp '" + tree.string() +
+                           "/lib/kelvane-media.jar:" TEST_JAR "' com.kelvane.media.test.Uncompressed '" +
                            path("noise.h264").string() + "'")
                               .c_str()),
               0);
@@ -70,8 +71,8 @@ TEST_F(InstalledTool, TellsOfPicturesThatAnEncoderFailedAt) {
     EXPECT_EQ(run("kelvane", "transcode noise.h264 -r 64x48@100k -r 32x32@100k -o out"), 3) << errors;
     EXPECT_EQ(errors, "");
     EXPECT_GT(quality("32x32", "103 +0 +0"), 40);
-    EXPECT_TRUE(std::regex_search(output, std::regex("\n64x48 +100 +0 +3 [^\n]*(\n[^6].*)*\n64x48" + lacks +
-                                                     "OpenH264 has no room")))
+    EXPECT_TRUE(std::regex_search(
+        output, std::regex("\n64x48 +100 +0 +3 [^\n]*(\n[^6].*)*\n64x48" + lacks + "OpenH264 has no room")))
         << output;
     EXPECT_EQ(output.find("32x32 lacks"), std::string::npos) << output;
     EXPECT_NE(contents(path("out/result.json")).find("\"failed\":3,\"failure\":\"OpenH264 has no room"),
@@ -190,8 +191,9 @@ TEST_F(InstalledTool, CutsAllRenditionsAtTheSameTimes) {
 }
 
 TEST_F(InstalledTool, LaddersTellWhatPlayersGoBy) { // their boxes are looked at in the end
-    ffmpeg("-f lavfi -i testsrc2=size=320x180:rate=25 -f lavfi -i sine=r=48000 -t 5 -c:v libopenh264 -b:v 300k"
-           " -c:a aac -ac 6 plain.mp4");
+    ffmpeg(
+        "-f lavfi -i testsrc2=size=320x180:rate=25 -f lavfi -i sine=r=48000 -t 5 -c:v libopenh264 -b:v 300k"
+        " -c:a aac -ac 6 plain.mp4");
     ffmpeg("-i plain.mp4 -map 0:a -c copy -t 1 sound.mp4");
     ffmpeg("-i plain.mp4 -itsoffset 1.107 -i sound.mp4 -map 0:v -map 1:a -c copy amid.mkv");
     ffmpeg("-itsoffset 4.3 -i plain.mp4 -i plain.mp4 -map 0:v -map 1:a -c copy behind.mkv");
@@ -209,7 +211,8 @@ TEST_F(InstalledTool, LaddersTellWhatPlayersGoBy) { // their boxes are looked at
     for (const auto& [source, line, seconds] : cases) {
         SCOPED_TRACE(source);
         const std::string out = std::string("out-") + source;
-        kelvane(std::string("transcode --no-compare --no-mp4 -r 360x288@200k --segment 2 -o ") + out + " " + source);
+        kelvane(std::string("transcode --no-compare --no-mp4 -r 360x288@200k --segment 2 -o ") + out + " " +
+                source);
         EXPECT_NE(contents(path(out + "/master.m3u8")).find(line), std::string::npos);
         if (seconds == 0) continue;
         ffmpeg("-i " + out + "/sound/media.m3u8 -f null -"); // silence decodes as well
@@ -250,8 +253,9 @@ TEST_F(InstalledTool, KeepsWhatDecodesOfADamagedFile) {
         std::smatch row;
         ASSERT_TRUE(std::regex_search(output, row, std::regex("\n160x90 +(1[1-9]|2[0-9]) .* dB "))) << output;
         EXPECT_NE(output.find("\ndamaged source: "), std::string::npos) << output;
-        // Pictures behind lost ones must keep their own times, by which they are compared. (Those between the damage
-        // and the next key picture are what FFmpeg makes of them, here and in the comparison, in ways of their own.)
+        // Pictures behind lost ones must keep their own times, by which they are compared. (Those between the
+        // damage and the next key picture are what FFmpeg makes of them, here and in the comparison, in ways
+        // of their own.)
         const std::string result = contents(path(file + "/result.json"));
         const std::regex good(R"("psnrYOfPictures":\[[^\]]*(,(3[5-9]|[4-9][0-9])\.[0-9]+){5}\])");
         EXPECT_TRUE(std::regex_search(result, good)) << result;
@@ -270,9 +274,12 @@ TEST_F(InstalledTool, PrintsLinesOfJsonForPrograms) {
     for (const auto& [arguments, message, result] : cases) {
         ASSERT_EQ(run("kelvane", std::string(arguments) + " --json"), 0) << errors;
         const std::regex lines(R"x((\{"event":"(message|stage|progress|live)",.*\}\n)*)x"
-                               R"x(\{"event":"message",.*)x" + std::string(message) + R"x(.*\}\n)x"
+                               R"x(\{"event":"message",.*)x" +
+                               std::string(message) +
+                               R"x(.*\}\n)x"
                                R"x((\{"event":"(message|stage|progress|live)",.*\}\n)*)x"
-                               R"x(\{"event":"result",.*)x" + result + R"x(.*\}\n)x");
+                               R"x(\{"event":"result",.*)x" +
+                               result + R"x(.*\}\n)x");
         EXPECT_TRUE(std::regex_match(output, lines)) << output;
     }
 }
@@ -334,11 +341,11 @@ TEST_F(InstalledTool, ProcessesPicturesAtTheirOwnTimes) {
     kelvane("process in.h264 --module " + modules +
             "every_other.so --set delay=10 --rate 5 -o 'sub dir/out'");
     const std::string summary = output;
-    EXPECT_TRUE(
-        std::regex_search(summary, std::regex("\npictures in +30\nkept +15\ndropped by the module +15\n"
-                                              "encoded bytes +" +
-                                              std::to_string(fs::file_size(path("sub dir/out.h264"))) +
-                                              " [^\n]*\n(.*\n)*through the pipeline +[0-9.]+ ms a picture\n")))
+    EXPECT_TRUE(std::regex_search(summary,
+                                  std::regex("\npictures in +30\nkept +15\ndropped by the module +15\n"
+                                             "encoded bytes +" +
+                                             std::to_string(fs::file_size(path("sub dir/out.h264"))) +
+                                             " [^\n]*\n(.*\n)*through the pipeline +[0-9.]+ ms a picture\n")))
         << summary;
     EXPECT_EQ(names(path("sub dir")), (std::set<std::string>{"out.h264", "out.mp4", "out.png"}));
     // Every other picture of a stream that reorders, 20 ms further from one another, and a key frame

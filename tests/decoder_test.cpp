@@ -220,10 +220,10 @@ TEST(Decoder, DeliversOrKeepsPicturesEqualToFFmpegsOwn) {
                     EXPECT_EQ(take(output), 0) << "nothing waits at first, or any more";
                 }
                 jbyteArray given = waits ? small : output;
-                const int result =
-                    call < units.size() ? AVCDecoder(decodeAt)(env, nullptr, static_cast<jlong>(call) - 5,
-                                                               javaArray(units[call]), info, given, handle)
-                                        : AVCDecoder(drain)(env, nullptr, info, given, handle);
+                const int result = call < units.size()
+                                       ? AVCDecoder(decodeAt)(env, nullptr, static_cast<jlong>(call) - 5,
+                                                              javaArray(units[call]), info, given, handle)
+                                       : AVCDecoder(drain)(env, nullptr, info, given, handle);
                 if (result == 0) {
                     EXPECT_EQ(take(output), 0) << "a new call ends the waiting";
                     ASSERT_LE(call, units.size());

@@ -19,9 +19,9 @@ protected:
     CommandResult java(const std::string& life, const std::string& numbers, const std::string& options = "",
                        const std::string& output = "/dev/null") const {
         return run("cd '" + directory.string() + "' && timeout -k 1 600 java " + options +
-                " -Xms64m -Xmx64m -XX:+UseSerialGC -XX:TieredStopAtLevel=1 -cp '" + tree.string() +
-                "/lib/kelvane-media.jar:" TEST_JAR "' com.kelvane.media.test.Life " + life +
-                " " TEST_DATA "/baseline.h264 " + numbers + " 2>&1 >" + output);
+                   " -Xms64m -Xmx64m -XX:+UseSerialGC -XX:TieredStopAtLevel=1 -cp '" + tree.string() +
+                   "/lib/kelvane-media.jar:" TEST_JAR "' com.kelvane.media.test.Life " + life +
+                   " " TEST_DATA "/baseline.h264 " + numbers + " 2>&1 >" + output);
     }
     void expectTold(const CommandResult& result, const std::string& told) const {
         EXPECT_EQ(result.exitCode, 0);

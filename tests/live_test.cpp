@@ -63,8 +63,10 @@ TEST_F(InstalledTool, GoesOnThroughWhatALiveSourceDoes) {
         entries(request(port, "HEAD /320x180/0.m4s"), "Etag: ").at(0); // with its carriage return
     for (const auto& [line, headers, expected] : std::vector<std::array<std::string, 3>>{
              {"GET /", home, "200[\\s\\S]*text/html"},
-             {"GET /live.json", "Host: 127.0.0.1:80\r\n", "200(?![\\s\\S]*llow-origin)[\\s\\S]*application/json"},
-             {"GET /live.json", elsewhere, "421(?![\\s\\S]*llow-origin)"}, // a page there must not read the figures
+             {"GET /live.json", "Host: 127.0.0.1:80\r\n",
+              "200(?![\\s\\S]*llow-origin)[\\s\\S]*application/json"},
+             {"GET /live.json", elsewhere,
+              "421(?![\\s\\S]*llow-origin)"}, // a page there must not read the figures
              {"GET /live.json", "", "421"},
              {"GET /", elsewhere, "421"},
              {"HEAD /master.m3u8", elsewhere, "200[\\s\\S]*application/vnd.apple.mpegurl"},
@@ -79,7 +81,8 @@ TEST_F(InstalledTool, GoesOnThroughWhatALiveSourceDoes) {
              {"POST /", home, "405"}}) {
         const std::string answer = request(port, line, headers).substr(0, 500);
         const std::regex begin("HTTP/1.1 " + expected);
-        EXPECT_TRUE(std::regex_search(answer, begin, std::regex_constants::match_continuous)) << line << answer;
+        EXPECT_TRUE(std::regex_search(answer, begin, std::regex_constants::match_continuous))
+            << line << answer;
     }
     kill(child, SIGINT);
     EXPECT_TRUE(within(6, [&] { // players have yet to read the end

@@ -311,7 +311,9 @@ TEST_F(Transcoder, AnEncoderThatFailedIsMadeAnew) {
         const auto decode = [&](size_t i) { EXPECT_EQ(transcoder.decode(0, units[i]), 1); };
         const auto encode = [&](int position) { // what comes out of it, and the failure
             const Bytes unit = transcoder.encodeInto(position, 100'000);
-            return (unit.empty() ? "none " : (unit.at(4) & 31) == 7 ? "key " : "P ") +
+            return (unit.empty()             ? "none "
+                    : (unit.at(4) & 31) == 7 ? "key "
+                                             : "P ") +
                    std::to_string(transcoder.failure(position));
         };
         decode(0);
@@ -416,8 +418,7 @@ TEST_F(Transcoder, ListenersMayThrowLackTheMethodOrChange) {
             EXPECT_EQ(twin.write(quiet.object(), 0, unit), result);
             const auto calls = called.take(), expected = quiet.take();
             EXPECT_EQ(calls.back().hasData, result == 1);
-            EXPECT_TRUE(
-                std::ranges::equal(calls, expected, {}, &Listener::Call::data, &Listener::Call::data))
+            EXPECT_TRUE(std::ranges::equal(calls, expected, {}, &Listener::Call::data, &Listener::Call::data))
                 << "an exception costs no output its call, nor a byte";
         };
         for (JavaTranscoder* each : {&transcoder, &twin}) {

@@ -63,7 +63,7 @@ void AudioDecoder::open() {
     status = static_cast<int8_t>(resampler ? swr_init(resampler.get()) : AVERROR(ENOMEM));
     say.debug("resampler init, %d\n", static_cast<uint8_t>(status));
     say.debug("profile, %d\nhz_index, %d\nchannels, %d\n", static_cast<int>(profile), rateIndex,
-                static_cast<int>(channels));
+              static_cast<int>(channels));
 
     frame = audioFrame(layout, AV_SAMPLE_FMT_FLTP, sampleRate);
     converted = audioFrame(layout, AV_SAMPLE_FMT_S16, sampleRate);
@@ -119,7 +119,8 @@ int AudioDecoder::decode(unsigned char* data, int size) {
 }
 
 void AudioDecoder::startAfresh() {
-    // The profile is that of the unit itself: it tells band replication that is there from what FFmpeg believes.
+    // The profile is that of the unit itself: it tells band replication that is there from what FFmpeg
+    // believes.
     const Kind kind{frame->channels, frame->sample_rate, frame->nb_samples, context->profile};
     if (kind != misfit) freshStarts = 0;
     misfit = kind;

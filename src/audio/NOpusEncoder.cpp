@@ -28,8 +28,8 @@ constexpr struct Duration {
 } // namespace
 
 void NOpusEncoder::open() {
-    say.debug("Opus encoder - channels in: %d out: %d sample rate: %d bitrate: %d\n", channels,
-                codedChannels, sampleRate, bitrate);
+    say.debug("Opus encoder - channels in: %d out: %d sample rate: %d bitrate: %d\n", channels, codedChannels,
+              sampleRate, bitrate);
     int error = OPUS_OK;
     encoder.reset(opus_encoder_create(sampleRate, channels, OPUS_APPLICATION_AUDIO, &error));
     if (error < 0) {

@@ -75,8 +75,8 @@ void JavaCall::deferException() {
 
 namespace {
 
-// Of a character beyond 16 bits modified UTF-8 has the two surrogates, 1101 10vv vvww wwww and 1101 11yy yyzz zzzz,
-// in three bytes each.
+// Of a character beyond 16 bits modified UTF-8 has the two surrogates, 1101 10vv vvww wwww and 1101 11yy yyzz
+// zzzz, in three bytes each.
 bool isSurrogate(const uint8_t* bytes, int top) { return bytes[0] == 0xED && bytes[1] >> 4 == top; }
 
 } // namespace

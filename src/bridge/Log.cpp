@@ -19,8 +19,9 @@ namespace {
 
 constexpr uint64_t room = 512; // lines
 
-// The lines that are kept lie in a ring. A slot's turn tells what it is ready for: in round r, to be written at 2r
-// and to be read at 2r + 1. Threads may still write while the process exits, so that nothing here is ever destroyed.
+// The lines that are kept lie in a ring. A slot's turn tells what it is ready for: in round r, to be written
+// at 2r and to be read at 2r + 1. Threads may still write while the process exits, so that nothing here is
+// ever destroyed.
 struct Slot {
     std::atomic<uint64_t> turn;
     size_t size;
@@ -73,11 +74,13 @@ void keepFFmpegLine(void* context, int level, const char* format, va_list argume
     char text[Log::longestLine];
     int withPrefix = 1;
     av_log_format_line(context, level, format, arguments, text, sizeof text, &withPrefix);
-    (level <= AV_LOG_ERROR ? ffmpeg.error : level <= AV_LOG_WARNING ? ffmpeg.complaint : ffmpeg.info)("%s", text);
+    (level <= AV_LOG_ERROR     ? ffmpeg.error
+     : level <= AV_LOG_WARNING ? ffmpeg.complaint
+                               : ffmpeg.info)("%s", text);
 }
 
-// FFmpeg is the process's, whereas this library goes with its class loader, unless somebody has it open. Whoever is
-// on the way into a callback cannot be waited for.
+// FFmpeg is the process's, whereas this library goes with its class loader, unless somebody has it open.
+// Whoever is on the way into a callback cannot be waited for.
 bool staysLoaded() {
     static void* const opened = [] {
         Dl_info self;

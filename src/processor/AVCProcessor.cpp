@@ -77,8 +77,7 @@ void VideoProcessor::brew(unsigned int guid) {
     if (processor)
         ++loader.liveProcessors;
     else if (!callModule.thrown)
-        say.error("module %s made no processor: CreateVideoProcessor returned null\n",
-                     callModule.name());
+        say.error("module %s made no processor: CreateVideoProcessor returned null\n", callModule.name());
 }
 
 void VideoProcessor::unbrew() {

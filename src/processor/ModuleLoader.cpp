@@ -28,8 +28,8 @@ bool interfaceIsKnown(void* library) {
     const unsigned int number = call("GetModuleInterface", getInterface);
     if (number == KELVANE_MODULE_INTERFACE) return true;
     say.error("module %s refused: built for interface %u, not %u\n",
-                 ModuleCaller(reinterpret_cast<const void*>(getInterface)).name(), number,
-                 KELVANE_MODULE_INTERFACE);
+              ModuleCaller(reinterpret_cast<const void*>(getInterface)).name(), number,
+              KELVANE_MODULE_INTERFACE);
     return false;
 }
 

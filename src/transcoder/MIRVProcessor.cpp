@@ -356,11 +356,8 @@ JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_MIRVProcessor_keep
     return processor && processor->keep(static_cast<uint32_t>(place));
 }
 
-JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_MIRVProcessor_encodeKept(JNIEnv* env, jclass,
-                                                                                       jint output,
-                                                                                       jint place,
-                                                                                       jbyteArray data,
-                                                                                       jlong handle) {
+JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_MIRVProcessor_encodeKept(
+    JNIEnv* env, jclass, jint output, jint place, jbyteArray data, jlong handle) {
     CoderOut* rendition = renditionAt(output, handle);
     AVFrame* picture = rendition ? processorOf(handle)->kept(static_cast<uint32_t>(place)) : nullptr;
     if (!picture || !data || !rendition->encode(picture)) return 0;
@@ -481,8 +478,7 @@ JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_MIRVProcessor_fail
 }
 
 JNIEXPORT jint JNICALL Java_com_kelvane_media_transform_codec_MIRVProcessor_renew(JNIEnv*, jclass,
-                                                                                  jint output,
-                                                                                  jlong handle) {
+                                                                                  jint output, jlong handle) {
     const CoderOut* rendition = renditionAt(output, handle);
     return rendition && rendition->coder && rendition->coder->renew();
 }

@@ -241,8 +241,7 @@ int VideoDecoder::decodeChecked(const signed char* data, int size, unsigned int 
     if (contents.slices > 0 && contents.pictureStart == 0) progress.inPieces = true;
     if (contents.pictureStart == idrSlice) progress.unseen |= 1;
     bool got = pictureOf(*context, *frame, packet);
-    if (!got && contents.pictureStart != 0 &&
-        clearTheWay(contents.pictureStart, fieldsBefore, unseenBefore))
+    if (!got && contents.pictureStart != 0 && clearTheWay(contents.pictureStart, fieldsBefore, unseenBefore))
         got = pictureOf(*context, *frame, packet);
     if (progress.slices == 0) progress.slices = contents.slices; // of the frame that was begun in this call
     if (got) progress.unseen = 0;

@@ -112,8 +112,8 @@ void NativeOpenH264Encoder::open() {
     if (debug && status != 0) say.warning("could not configure noh264 codec.\n");
 }
 
-// OpenH264 warns of its settings at each opening and reports each picture that fails; on standard error, unless
-// something else was chosen.
+// OpenH264 warns of its settings at each opening and reports each picture that fails; on standard error,
+// unless something else was chosen.
 void NativeOpenH264Encoder::chooseTrace() {
     if (renewed || Log::destination() == Log::Destination::discarded) {
         int level = WELS_LOG_QUIET;

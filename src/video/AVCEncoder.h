@@ -26,18 +26,18 @@ public:
     int32_t profile = 0;      // entropy coding: 0 CAVLC, 1 CABAC
     int32_t maxQp = 0;        // largest and smallest quantiser; 0 takes the library's
     int32_t minQp = 0;
-    uint32_t keyInterval = 60; // GOP length in pictures; open() turns 0 into 4 s and more than 480 into 8 s
-    float steeredRate = 0;     // pictures per second; 0 while `fps` holds
+    uint32_t keyInterval = 60;  // GOP length in pictures; open() turns 0 into 4 s and more than 480 into 8 s
+    float steeredRate = 0;      // pictures per second; 0 while `fps` holds
     bool keysBySeconds = false; // the GOP length is to be 4 s at any rate
-    int32_t status = 1;        // 0 configured, 1 no library encoder, -1 parameters refused
-    int32_t failure = 0;       // 0 when the last picture was encoded or the encoder skipped it; otherwise what the
-                               // library answered, or -1 when it threw or memory was missing
-    bool renewed = false;      // reports nothing more on the process's output, debug lines aside
-    uint64_t frameCount = 0;   // pictures that produced output
-    int32_t pictureType = 0;   // of the last of them, in OpenH264's numbers (EVideoFrameType)
-    int32_t debug = 0;         // non-zero prints diagnostics
-    MallocBuffer output;       // NAL units of the last picture, until the next encode() or close()
-    int32_t outputSize = 0;    // bytes
+    int32_t status = 1;         // 0 configured, 1 no library encoder, -1 parameters refused
+    int32_t failure = 0;  // 0 when the last picture was encoded or the encoder skipped it; otherwise what the
+                          // library answered, or -1 when it threw or memory was missing
+    bool renewed = false; // reports nothing more on the process's output, debug lines aside
+    uint64_t frameCount = 0; // pictures that produced output
+    int32_t pictureType = 0; // of the last of them, in OpenH264's numbers (EVideoFrameType)
+    int32_t debug = 0;       // non-zero prints diagnostics
+    MallocBuffer output;     // NAL units of the last picture, until the next encode() or close()
+    int32_t outputSize = 0;  // bytes
 
     // Leaves its outcome in `status`.
     void open();
@@ -62,8 +62,8 @@ public:
     // The average over the last picture's macroblocks; 0 when the library does not tell.
     int averageQuantiser() const;
 
-    // Makes the library's encoder anew, with the same settings: OpenH264 encodes nothing more after a picture that
-    // failed. Its first picture is a key frame. Returns whether there is one that encodes.
+    // Makes the library's encoder anew, with the same settings: OpenH264 encodes nothing more after a picture
+    // that failed. Its first picture is a key frame. Returns whether there is one that encodes.
     bool renew();
 
     void close();

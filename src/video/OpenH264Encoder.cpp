@@ -74,7 +74,7 @@ void VideoEncoder::open() {
     }
     if (!makePictures()) return;
     say.debug("AVC encoder Y: %d  U: %d V: %d \n", frame->linesize[0], frame->linesize[1],
-                frame->linesize[2]);
+              frame->linesize[2]);
     status = 0;
 }
 
@@ -129,7 +129,8 @@ int VideoEncoder::encode(signed char* data, int length, unsigned int timestamp) 
     const int64_t chromaSize = int64_t{frame->width / 2} * (frame->height / 2);
     if (length < int64_t{frame->width} * frame->height + 2 * chromaSize) return 0;
     int got = 0;
-    if (!completes([&] { got = encodeChecked(data, length, timestamp); })) say.warning("Exception in encode\n");
+    if (!completes([&] { got = encodeChecked(data, length, timestamp); }))
+        say.warning("Exception in encode\n");
     av_packet_unref(&packet);
     return got;
 }
@@ -202,8 +203,10 @@ JNIEXPORT jlong JNICALL Java_com_kelvane_media_transform_codec_OpenH264Encoder_o
         env, type, width, height, frameRate <= 0 ? 15 : std::min(frameRate, 30), std::max(bitRate, 256000));
 }
 
-JNIEXPORT jlong JNICALL Java_com_kelvane_media_transform_codec_OpenH264Encoder_openAt(
-    JNIEnv*, jclass, jint width, jint height, jint frameRate, jint bitRate) {
+JNIEXPORT jlong JNICALL Java_com_kelvane_media_transform_codec_OpenH264Encoder_openAt(JNIEnv*, jclass,
+                                                                                      jint width, jint height,
+                                                                                      jint frameRate,
+                                                                                      jint bitRate) {
     av_register_all();
     av_log_set_level(AV_LOG_QUIET);
     VideoEncoder* encoder = avc_enc_ctx.NewCodec();

@@ -1,6 +1,7 @@
-/* Included ahead of every source of a portable artifact. Debian 11's glibc is 2.31, and some of its functions came with later
-   versions of their symbols than systems have that are older: the same functions but for how they report errors of range, which
-   nobody here asks for. The linker is told to take the first versions, those of the C library's whole life on a processor. */
+/* Included ahead of every source of a portable artifact. Debian 11's glibc is 2.31, and some of its functions
+   came with later versions of their symbols than systems have that are older: the same functions but for how
+   they report errors of range, which nobody here asks for. The linker is told to take the first versions,
+   those of the C library's whole life on a processor. */
 #ifndef __ASSEMBLER__
 #ifdef __x86_64__
 #define FIRST_GLIBC "GLIBC_2.2.5"
