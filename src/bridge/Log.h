@@ -1,7 +1,7 @@
 #pragma once
 
-// Where the engines' lines go. While nobody has chosen, each is printed on the spot, as printf does it. A choice
-// holds for every engine of this library in the process; no line then makes an engine's thread wait.
+// Where the engines' lines go. While nobody has chosen, each is printed on the spot, as printf does it. A
+// choice holds for every engine of this library in the process; no line then makes an engine's thread wait.
 
 #include <cstddef>
 #include <cstdint>
@@ -20,11 +20,10 @@ public:
         bool onStandardError; // while nobody has chosen
     };
 
-    // `engine` as the Java API calls it.
-    constexpr explicit Log(const char* engine)
-        : debug{engine, Level::debug, false}, info{engine, Level::info, false},
-          warning{engine, Level::warning, false}, complaint{engine, Level::warning, true},
-          error{engine, Level::error, true} {}
+    // `of`: the engine, as the Java API calls it.
+    constexpr explicit Log(const char* of)
+        : debug{of, Level::debug, false}, info{of, Level::info, false}, error{of, Level::error, true},
+          warning{of, Level::warning, false}, complaint{of, Level::warning, true} {}
 
     static Destination destination();
     // FFmpeg's log, which is one for the process, follows. To be called by one thread at a time.
@@ -32,11 +31,11 @@ public:
 
     // Bytes of a line that is kept; what is longer is cut.
     static constexpr size_t longestLine = 480;
-    // The oldest line that is kept: its engine, a line's end, its text; 0 when there is none. To be called by one
-    // thread at a time.
+    // The oldest line that is kept: its engine, a line's end, its text; 0 when there is none. To be called by
+    // one thread at a time.
     static size_t take(char (&line)[longestLine], Level& level);
     // Lines for which there was no room, since the library was loaded.
     static uint64_t dropped();
 
-    const Line debug, info, warning, complaint, error;
+    const Line debug, info, error, warning, complaint;
 };

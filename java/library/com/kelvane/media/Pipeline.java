@@ -460,7 +460,7 @@ public final class Pipeline implements AutoCloseable {
         try {
             AVCProcessor.brew(module.guid(), handle);
             if (AVCProcessor.attached(handle) != 1) {
-                throw new MediaException(module + " made no object for this pipeline; what it printed may tell why");
+                throw new MediaException(module + " made no object for this pipeline; what it printed, or NativeLog, may tell why");
             }
         } finally {
             engine.exit();

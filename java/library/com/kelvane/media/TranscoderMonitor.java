@@ -59,12 +59,11 @@ public final class TranscoderMonitor implements AutoCloseable {
         }
     }
 
-    // Somebody else may have done that.
     private static void unregister(MBeanServer server, ObjectName name) {
         try {
             server.unregisterMBean(name);
         } catch (JMException gone) {
-            return;
+            // Somebody else has done it.
         }
     }
 
